@@ -1,0 +1,44 @@
+# How every target of the project is built: one set of warnings, one set of hardening flags, and the
+# functions pm_library, pm_program, pm_unit_test and pm_fuzz_target.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+add_library(pm_flags INTERFACE)
+target_include_directories(pm_flags INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_definitions(pm_flags INTERFACE _GNU_SOURCE)
+target_compile_options(pm_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(pm_flags INTERFACE -Wthread-safety -Wthread-safety-beta)
+endif()
+
+if(PM_SANITIZE)
+  target_compile_options(pm_flags INTERFACE -fsanitize=${PM_SANITIZE} -fno-omit-frame-pointer -O1)
+  target_link_options(pm_flags INTERFACE -fsanitize=${PM_SANITIZE})
+  if(PM_SANITIZE MATCHES "undefined")
+    target_compile_options(pm_flags INTERFACE -fno-sanitize-recover=all)
+  endif()
+elseif(PM_FUZZ)
+  target_compile_options(pm_flags INTERFACE -fsanitize=address,undefined,fuzzer-no-link
+                                            -fno-sanitize-recover=all -O1)
+  target_link_options(pm_flags INTERFACE -fsanitize=address,undefined)
+elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+  target_compile_options(pm_flags INTERFACE -fstack-protector-strong -D_FORTIFY_SOURCE=2)
+endif()
+target_link_options(pm_flags INTERFACE -pie -Wl,-z,relro -Wl,-z,now)
+
+# pm_library(NAME SOURCES... LINK targets...): a static library of one folder.
+function(pm_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_link_libraries(${name} PUBLIC pm_flags ${ARG_LINK})
+endfunction()
+
+# pm_program(NAME SOURCES... LINK targets...): a program in bin/ of the build folder.
+function(pm_program name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE pm_flags ${ARG_LINK})
+endfunction()

@@ -1,0 +1,10 @@
+#include "core/host_context.h"
+
+namespace ProcMgr {
+
+HostContext& HostContext::Instance() {
+  static HostContext context;
+  return context;
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,32 @@
+// The one place from which log lines leave.
+//
+// A plain call writes to syslog under the ident "PROCMGR". A routed call (the ...Routed functions)
+// belongs to a fixed set of boot call sites: during a quick start its line goes to the kernel log
+// "/dev/kmsg" instead, or nowhere if that can't be opened. The level is fixed by the function's
+// name: error 3, warning 4, information 6, debug 7. The text stands whole at its call site.
+//
+// Any thread may call. syslog's own lock is taken only inside this unit, under a lock that is held
+// over every fork (core/fork_locks.h), so a child never finds it taken.
+#ifndef CORE_LOG_H
+#define CORE_LOG_H
+
+#define PM_PRINTF __attribute__((format(printf, 1, 2)))
+
+namespace ProcMgr {
+
+// Opens syslog with the ident "PROCMGR", LOG_PID and LOG_USER.
+void OpenLog();
+void CloseLog();
+
+PM_PRINTF void LogError(const char* format, ...);
+PM_PRINTF void LogWarning(const char* format, ...);
+PM_PRINTF void LogInfo(const char* format, ...);
+PM_PRINTF void LogDebug(const char* format, ...);
+
+PM_PRINTF void LogErrorRouted(const char* format, ...);
+PM_PRINTF void LogWarningRouted(const char* format, ...);
+PM_PRINTF void LogInfoRouted(const char* format, ...);
+
+}  // namespace ProcMgr
+
+#endif  // CORE_LOG_H

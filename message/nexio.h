@@ -1,0 +1,100 @@
+// The interface of the messaging library.
+//
+// platform/nexio holds the implementation that this project ships; a platform with a library of its
+// own implements this header instead. docs/nexio.md describes the wire.
+//
+// Results are ints: 0 or more is success, a negative value is the failure. Callbacks of one
+// descriptor come one at a time and in the order of arrival; those of different descriptors run
+// beside each other, on threads of the library. A callback must not let an exception out. Every
+// function may be called from any thread, and from inside a callback.
+#ifndef MESSAGE_NEXIO_H
+#define MESSAGE_NEXIO_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+
+namespace ProcMgr {
+
+inline constexpr int kNexioBusy = -11;      // The peer's queue is full just now.
+inline constexpr int kNexioBadFd = -9;      // No such descriptor.
+inline constexpr int kNexioDenied = -13;    // The peer runs under another group.
+inline constexpr int kNexioCallback = -16;  // A callback of the descriptor runs on another thread.
+inline constexpr int kNexioBadName = -22;   // Not a name of a server.
+inline constexpr int kNexioBroken = -32;    // The connection has broken.
+inline constexpr int kNexioTooLong = -90;   // More data than fits.
+inline constexpr int kNexioTimeout = -110;  // The time is up.
+
+// What one packet may carry, in bytes.
+inline constexpr std::uint32_t kNexioMaxData = 65536;
+
+// A message that asks. In a callback the record and its data are the library's and valid for the
+// call; a sender sets `data` and `size` only, and the data is copied before the call returns.
+struct NexioRequest {
+  std::uint32_t seq = 0;
+  const void* data = nullptr;
+  std::uint32_t size = 0;
+};
+
+// A message that answers. A sender copies `seq` from the request. The two RPC calls take it as the
+// caller's buffer, of `size` bytes at `data`, and leave the response's own length in `size`.
+struct NexioResponse {
+  std::uint32_t seq = 0;
+  void* data = nullptr;
+  std::uint32_t size = 0;
+};
+
+// A null request tells, once and after everything that had arrived, that the connection has broken.
+using NexioRequestCallback = std::function<void(int fd, const NexioRequest* request)>;
+using NexioConnectCallback =
+    std::function<void(int fd, const char* clientName, std::uint32_t length)>;
+
+struct NexioOpenParam {
+  const char* peerName = nullptr;  // Borrowed for the call.
+  NexioRequestCallback requestCallback;
+  std::uint32_t timeout = 0;  // Milliseconds to wait for the peer to come.
+  std::uint32_t constant1 = 1;
+  gid_t gid = 0;  // The peer's group id must be this one.
+  std::uint32_t constant2 = 1;
+  std::uint64_t constant3 = 0;
+  std::int32_t constant4 = -1;
+  std::uint8_t constant5 = 0;
+  std::uint32_t constant6 = 0;
+  std::uint64_t constant7 = 0;
+};
+
+struct NexioServerParam {
+  NexioConnectCallback connectCallback;
+  NexioRequestCallback requestCallback;
+  std::uint32_t maxClients = 1000;
+  std::uint32_t constant1 = 1;
+  // The server's own name, borrowed for the call; null: the PROC_NAME of the environment.
+  const char* serverName = nullptr;
+};
+
+// Opens a channel to the named server. Yields its descriptor, 1 or more and never used a second
+// time in the life of the process. Blocks until the peer is there, at most `timeout`.
+[[nodiscard]] int NexioOpen(const NexioOpenParam& param);
+
+// Serves `param.serverName`: the callbacks then serve every client. Yields 0 or more.
+[[nodiscard]] int NexioCreateServer(const NexioServerParam& param);
+
+// Neither blocks: a peer that doesn't read costs its sender nothing but kNexioBusy.
+[[nodiscard]] int NexioSendRequest(int fd, const NexioRequest& request);
+[[nodiscard]] int NexioSendResponse(int fd, const NexioResponse& response);
+
+// Sends a request and waits for its response. The form with a limit gives up after `timeoutMs`. Not
+// to be called inside a callback of the same descriptor, whose response could then not come in.
+[[nodiscard]] int NexioRPCSync(int fd, const NexioRequest& request, NexioResponse& response);
+[[nodiscard]] int NexioTimedRPCSync(int fd, const NexioRequest& request, NexioResponse& response,
+                                    std::uint32_t timeoutMs);
+
+// Closes a channel or a server. No callback of the descriptor runs after a result of 0 or more, but
+// for the one that called. kNexioCallback: a callback of it runs on another thread; the descriptor
+// stays open, try again.
+[[nodiscard]] int NexioClosePipe(int fd);
+
+}  // namespace ProcMgr
+
+#endif  // MESSAGE_NEXIO_H
