@@ -5,6 +5,7 @@ set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+include(CheckPIESupported)
 
 add_library(pm_flags INTERFACE)
 target_include_directories(pm_flags INTERFACE ${PROJECT_SOURCE_DIR})
@@ -25,9 +26,17 @@ elseif(PM_FUZZ)
                                             -fno-sanitize-recover=all -O1)
   target_link_options(pm_flags INTERFACE -fsanitize=address,undefined)
 elseif(NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
-  target_compile_options(pm_flags INTERFACE -fstack-protector-strong -D_FORTIFY_SOURCE=2)
+  target_compile_options(pm_flags INTERFACE -fstack-protector-strong -fstack-clash-protection
+                                            -D_FORTIFY_SOURCE=2 -D_GLIBCXX_ASSERTIONS)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
+    target_compile_options(pm_flags INTERFACE -mbranch-protection=standard)
+  elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+    target_compile_options(pm_flags INTERFACE -fcf-protection)
+  endif()
 endif()
-target_link_options(pm_flags INTERFACE -pie -Wl,-z,relro -Wl,-z,now)
+# With the position independent code above, CMake links every program as a PIE.
+check_pie_supported()
+target_link_options(pm_flags INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
 
 # pm_library(NAME SOURCES... LINK targets...): a static library of one folder.
 function(pm_library name)

@@ -1,0 +1,20 @@
+# Configuring and building a preset of CMakePresets.json. Sourced by ./dev.
+
+# A compiler takes up to a gigabyte for the largest sources, so that many cores on a small board
+# must not all compile at once.
+build_jobs() {
+  local cores memory_gib
+  cores=$(nproc)
+  memory_gib=$(awk '/^MemAvailable:/ {print int($2 / 1048576)}' /proc/meminfo)
+  echo $((memory_gib < 1 ? 1 : cores < memory_gib ? cores : memory_gib))
+}
+
+# Most of a scenario's time is spent waiting, so two run well on one core.
+test_jobs() {
+  echo $((2 * $(nproc)))
+}
+
+build_preset() {
+  cmake --preset "$1"
+  cmake --build --preset "$1" --parallel "$(build_jobs)"
+}

@@ -1,0 +1,18 @@
+#!/bin/bash
+# check_tidy.sh BUILD_FOLDER: clang-tidy over every source that the build compiles, one process a core.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+build=$1
+echo "check: clang-tidy"
+# Prints what is wrong without the "N warnings generated" of every single run.
+tidy_one() {
+  local output
+  output=$(clang-tidy --quiet -p "$1" "$2" 2>&1) || {
+    printf '%s\n' "$output" | grep -v ' warnings\? generated\.$'
+    return 1
+  }
+}
+export -f tidy_one
+sed -n 's/^ *"file": "\(.*\)",\{0,1\}$/\1/p' "$build/compile_commands.json" | sort -u |
+  xargs -P "$(nproc)" -I '{}' bash -c 'tidy_one "$@"' _ "$build" '{}'

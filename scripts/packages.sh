@@ -1,0 +1,37 @@
+# The Debian packages that building, checking and fuzzing need, and how they come onto the machine.
+# Sourced by ./dev.
+
+BUILD_PACKAGES=(
+  g++ cmake ninja-build pkg-config
+  libyaml-cpp-dev libre2-dev nlohmann-json3-dev libcli11-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  libnuma1 # loaded at run time by children that have a memory policy
+)
+CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-dev python3)
+
+fail() {
+  echo "./dev: $*" >&2
+  exit 1
+}
+
+require_root() {
+  [[ $EUID -eq 0 ]] || fail "this needs root: $1"
+}
+
+# Installs those of the given packages that are missing. With all of them there it calls apt not at
+# all, so that it works without a network and without root.
+require_packages() {
+  local missing=() package
+  for package in "$@"; do
+    if [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) != installed ]]; then
+      missing+=("$package")
+    fi
+  done
+  [[ ${#missing[@]} -gt 0 ]] || return 0
+  require_root "it must install ${missing[*]} (or: apt-get install ${missing[*]})"
+  echo "installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -q </dev/null || fail "apt-get update failed"
+  apt-get install -q -y --no-install-recommends "${missing[@]}" </dev/null ||
+    fail "could not install ${missing[*]}"
+}
