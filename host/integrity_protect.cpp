@@ -1,0 +1,134 @@
+#include "host/integrity_protect.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <optional>
+
+#include "core/log.h"
+#include "core/sleep.h"
+#include "core/small_file.h"
+#include "host/text_lines.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr std::size_t kMaxLine = 255;
+constexpr std::size_t kDigestLength = 64;
+constexpr int kMaxAttempts = 5;
+constexpr std::int64_t kPauseNs = 1'000'000;
+
+// The name at the end of a path, trailing slashes left aside; none for a path without a directory.
+std::optional<std::string> FileName(const std::string& path) {
+  const std::size_t last = path.find_last_not_of('/');
+  if (last == std::string::npos || last == 0) {
+    return std::nullopt;
+  }
+  const std::size_t slash = path.rfind('/', last);
+  if (slash == std::string::npos) {
+    return std::nullopt;
+  }
+  return path.substr(slash + 1, last - slash);
+}
+
+// True if a shell takes `path` as one word that stands for itself. Everything that isn't known to
+// be harmless counts as dangerous, and a leading '-' would be an option.
+bool IsPlainWord(std::string_view path) {
+  return !path.starts_with('-') && std::all_of(path.begin(), path.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           std::string_view("/._-+@%:,=").find(c) != std::string_view::npos;
+  });
+}
+
+// Runs the command and takes the first line of its output, of 64 characters at most. None if it
+// can't be run or says nothing.
+std::optional<std::string> RunDigest(const std::string& command, const std::string& binPath) {
+  // "e": another thread that forks at this moment must not hand the stream to an application.
+  std::FILE* const stream = popen(command.c_str(), "re");
+  if (stream == nullptr) {
+    LogError("PROCMGR: IntegrityProtect popen for appPath=%s failed, errno=%d", binPath.c_str(),
+             errno);
+    SleepNs(kPauseNs);
+    return std::nullopt;
+  }
+  std::array<char, kDigestLength + 1> digest{};
+  const bool hasOutput =
+      std::fgets(digest.data(), static_cast<int>(digest.size()), stream) != nullptr;
+  // The manager's reaper may have taken the child before pclose could, so its result says nothing.
+  (void)pclose(stream);
+  return hasOutput ? std::optional<std::string>(digest.data()) : std::nullopt;
+}
+
+}  // namespace
+
+IntegrityProtect& IntegrityProtect::Instance() {
+  static IntegrityProtect protect;
+  return protect;
+}
+
+void IntegrityProtect::LoadHashCfg(const std::string& path) {
+  if (access(path.c_str(), R_OK) != 0) {
+    LogWarning("PROCMGR: IntegrityProtect hash config file=%s is not exist", path.c_str());
+    return;
+  }
+  std::string text;
+  if (ReadSmallFile(path, kConfigFileLimit, text) != 0) {
+    LogError("PROCMGR: IntegrityProtect hash config file=%s open failed", path.c_str());
+    return;
+  }
+  ParseHashCfg(text);
+}
+
+void IntegrityProtect::ParseHashCfg(std::string_view text) {
+  while (!text.empty()) {
+    const std::string line(TakeLine(text));
+    if (line.empty()) {
+      continue;
+    }
+    if (line.size() > kMaxLine) {
+      LogWarning("PROCMGR: hash config line of %zu characters is too long, begins with=%s",
+                 line.size(), line.substr(0, kMaxLine).c_str());
+      continue;
+    }
+    const std::size_t equals = line.find('=');
+    if (equals == std::string::npos || equals == 0 || equals == line.size() - 1) {
+      LogWarning("PROCMGR: hash config string=%s format is false", line.c_str());
+      continue;
+    }
+    binHashMap_.insert_or_assign(line.substr(0, equals), line.substr(equals + 1));
+  }
+}
+
+bool IntegrityProtect::Check(const std::string& binPath) const {
+  if (binPath.empty()) {
+    LogError("PROCMGR: IntegrityProtect appName is empty");
+    return false;
+  }
+  const std::optional<std::string> name = FileName(binPath);
+  if (!name) {
+    LogError("PROCMGR: IntegrityProtect appPath=%s is illegal", binPath.c_str());
+    return false;
+  }
+  const auto entry = binHashMap_.find(*name);
+  if (entry == binHashMap_.end()) {
+    return true;
+  }
+  if (!IsPlainWord(binPath)) {
+    LogError("PROCMGR: IntegrityProtect appPath=%s has characters that a shell interprets",
+             binPath.c_str());
+    return false;
+  }
+  const std::string command = "sha256sum " + binPath + "|cut -d' ' -f1";
+  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    if (const std::optional<std::string> digest = RunDigest(command, binPath)) {
+      return entry->second == *digest;
+    }
+  }
+  LogError("PROCMGR: IntegrityProtect sha256sum failed for app=%s", binPath.c_str());
+  return false;
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,84 @@
+// Share pool groups: which the platform has, which an application gets, and with what right.
+//
+// docs/config-sharepool.md describes the files. The object is filled once on the boot thread,
+// before the first child is forked, and only read afterwards: no lock.
+#ifndef HOST_SHAREPOOL_CFG_H
+#define HOST_SHAREPOOL_CFG_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/manifest/kvs_type_yaml.h"
+#include "platform/manifest/sharepool_groups_info.h"
+
+namespace ProcMgr {
+
+inline constexpr const char* kSharepoolDir = "/etc/sharepool";
+inline constexpr const char* kDefaultSharepoolGroup = "DEFAULT_MEM_GROUP";
+
+struct SharepoolGroupCfg {
+  std::string groupName;
+  std::uint64_t memSize = 0;  // KB
+};
+
+class SharepoolCfg {
+ public:
+  static SharepoolCfg& Instance();
+
+  // Reads every regular file of the directory, adds the default group, and has the platform create
+  // all groups. No failure stops the boot. Boot thread.
+  void InitSharepool(const std::string& directory = kSharepoolDir);
+
+  // The groups that an application gets: every group with "admin" for an admin application, else
+  // the manifest's, else the default group with "alloc". Any thread, and a forked child.
+  [[nodiscard]] std::vector<SharepoolGroupsInfo> GetAppSharepoolGroups(
+      const std::string& appName, const std::vector<SharepoolGroupsInfo>& manifestGroups) const;
+
+  // Has the platform admit the process to each of the groups that is legal. Failures are logged and
+  // don't touch the process. Any thread.
+  void AddSharepoolGroup(const std::string& appName, pid_t pid,
+                         const std::vector<SharepoolGroupsInfo>& groups) const;
+
+  // Sets the variables that tell an application its groups. Failures append their reasons to `err`.
+  // For a forked child: setenv, no lock of the manager.
+  void SetSharepoolGroupEnv(const std::string& appName,
+                            const std::vector<SharepoolGroupsInfo>& manifestGroups,
+                            std::string& err) const;
+
+  // True if the group is known and the permission one of the four words or empty; else the reason
+  // is appended to `err`. Any thread, and a forked child.
+  [[nodiscard]] bool CheckSharepoolGroupCfg(const SharepoolGroupsInfo& group,
+                                            std::string& err) const;
+
+  // The groups in the order of their first appearance, the default group last.
+  [[nodiscard]] const std::vector<SharepoolGroupCfg>& Groups() const { return groups_; }
+  [[nodiscard]] const std::vector<std::string>& AdminProLists() const { return adminProLists_; }
+  // The binary paths of self-reported processes that get all groups.
+  [[nodiscard]] const std::vector<std::string>& WhiteLists() const { return whiteLists_; }
+  // The names of Groups(), in its order.
+  [[nodiscard]] const std::vector<std::string>& GroupNames() const { return groupNames_; }
+
+  // The steps of InitSharepool.
+  void LoadSharepoolCfg(const std::string& directory);
+  void LoadCfgFile(const std::string& path);
+  void FinishSharepoolCfg();
+  void CreateSharepoolGroup() const;
+
+ private:
+  void LoadSharepoolGroupCfg(const KvsTypeYaml& root, const std::string& path);
+  void LoadAdminProLists(const KvsTypeYaml& root, const std::string& path);
+  void LoadWhiteLists(const KvsTypeYaml& root, const std::string& path);
+  [[nodiscard]] bool HasGroup(const std::string& name) const;
+
+  std::vector<SharepoolGroupCfg> groups_;
+  std::vector<std::string> adminProLists_;
+  std::vector<std::string> whiteLists_;
+  std::vector<std::string> groupNames_;
+};
+
+}  // namespace ProcMgr
+
+#endif  // HOST_SHAREPOOL_CFG_H
