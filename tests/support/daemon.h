@@ -1,0 +1,43 @@
+// The real process-manager in a sandbox.
+#ifndef TESTS_SUPPORT_DAEMON_H
+#define TESTS_SUPPORT_DAEMON_H
+
+#include <string>
+#include <vector>
+
+#include "tests/support/process.h"
+#include "tests/support/sandbox.h"
+
+namespace PmTest {
+
+class Daemon : public Process {
+ public:
+  // Starts the build's process-manager with the given arguments, the path of a service file first.
+  Daemon(const Sandbox& sandbox, const std::vector<std::string>& arguments,
+         Process::Options options = {{}, "process-manager"})
+      : Process(sandbox, ProgramPath("process-manager"), arguments, options), sandbox_(sandbox) {}
+
+  // Ends the manager first, so that it brings nothing back, and then all that it had started.
+  ~Daemon() { KillAll(); }
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  void KillAll() {
+    if (IsRunning()) {
+      (void)KillAndAwait(Pid());
+    }
+    sandbox_.KillAll();
+  }
+
+  [[nodiscard]] std::vector<std::string> Descriptors() const { return OpenDescriptors(Pid()); }
+  [[nodiscard]] std::size_t ThreadCount() const { return Threads(Pid()).size(); }
+  [[nodiscard]] std::vector<pid_t> Services() const { return LiveChildren(Pid()); }
+  [[nodiscard]] std::vector<pid_t> Zombies() const { return ZombieChildren(Pid()); }
+
+ private:
+  const Sandbox& sandbox_;
+};
+
+}  // namespace PmTest
+
+#endif  // TESTS_SUPPORT_DAEMON_H

@@ -1,0 +1,110 @@
+#include "tests/support/log_reader.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "core/host_context.h"
+#include "core/log.h"
+
+namespace PmTest {
+namespace {
+
+TEST(ParseSyslog, TakesPriorityIdentPidAndText) {
+  struct Case {
+    const char* datagram;
+    int level;
+    int facility;
+    const char* ident;
+    pid_t pid;
+    const char* text;
+  };
+  const Case cases[] = {
+      {"<11>Jan  1 00:00:00 PROCMGR[42]: text: more", 3, 1, "PROCMGR", 42, "text: more"},
+      {"<15>Dec 31 23:59:59 a b[c]: d", 7, 1, "a b", 0, "d"},
+      {"<14>Jan  1 00:00:00 plain: text\n", 6, 1, "plain", 0, "text"},
+      {"no priority", -1, -1, "", 0, "no priority"},
+      {"<14>short", -1, -1, "", 0, "short"},
+      {"", -1, -1, "", 0, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.datagram);
+    const LogLine line = ParseSyslog(c.datagram);
+    EXPECT_EQ(line.level, c.level);
+    EXPECT_EQ(line.facility, c.facility);
+    EXPECT_EQ(line.ident, c.ident);
+    EXPECT_EQ(line.pid, c.pid);
+    EXPECT_EQ(line.text, c.text);
+  }
+}
+
+TEST(Mask, HidesPidsAndTracesOnly) {
+  EXPECT_EQ(Mask("[12.500000s][BOOT_TRACE][PM], pid=12,child_pid=3, tid:-4 uid=5 fd=6"),
+            "[TRACE], pid=#,child_pid=#, tid:# uid=5 fd=6");
+}
+
+TEST(LogReader, LosesNothingOfManySendersAndKeepsTheOrderOfEach) {
+  constexpr int kSenders = 4;
+  constexpr int kLines = 5000;
+  const Sandbox sandbox;
+  const LogReader log(sandbox);
+  {
+    const Sandbox::Inside inside(sandbox);
+    ProcMgr::OpenLog();
+    std::vector<std::thread> senders;
+    for (int sender = 0; sender < kSenders; ++sender) {
+      senders.emplace_back([sender] {
+        for (int i = 0; i < kLines; ++i) {
+          ProcMgr::LogWarning("sender %d line %d", sender, i);
+        }
+      });
+    }
+    for (std::thread& sender : senders) {
+      sender.join();
+    }
+  }
+  ASSERT_TRUE(log.WaitForCount("sender", kSenders * kLines));
+  std::array<int, kSenders> next{};
+  for (const LogLine& line : log.Lines()) {
+    int sender = -1;
+    int number = -1;
+    ASSERT_EQ(sscanf(line.text.c_str(), "sender %d line %d", &sender, &number), 2) << line.text;
+    EXPECT_EQ(number, next.at(static_cast<std::size_t>(sender))++);
+    EXPECT_EQ(line.level, 4);
+    EXPECT_EQ(line.ident, "PROCMGR");
+    EXPECT_EQ(line.pid, getpid());
+  }
+}
+
+TEST(LogReader, WaitFindsTheNextLineOrGivesUp) {
+  const Sandbox sandbox;
+  const LogReader log(sandbox);
+  const Sandbox::Inside inside(sandbox);
+  ProcMgr::OpenLog();
+  ProcMgr::LogInfo("one");
+  ProcMgr::LogInfo("two");
+  EXPECT_EQ(log.WaitFor("one"), 0U);
+  EXPECT_EQ(log.WaitFor("o"), 0U);
+  EXPECT_EQ(log.WaitFor("o", 1), 1U);
+  EXPECT_EQ(log.WaitFor("one", 1, std::chrono::milliseconds(1)), std::nullopt);
+  EXPECT_FALSE(log.WaitForCount("o", 3, std::chrono::milliseconds(1)));
+}
+
+TEST(KernelLog, SplitsLinesThatCarryNoNewline) {
+  const Sandbox sandbox;
+  const Sandbox::Inside inside(sandbox);
+  ProcMgr::HostContext::Instance().pid_ = 77;
+  ProcMgr::HostContext::Instance().isQuickStart_ = true;
+  ProcMgr::LogErrorRouted("first %d", 1);
+  ProcMgr::LogInfoRouted("second <3> of PROCMGR[8]");
+  ProcMgr::HostContext::Instance().isQuickStart_ = false;
+  const std::vector<LogLine> lines = KernelLog(sandbox);
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_EQ(MaskLine(lines[0]), "3 first 1");
+  EXPECT_EQ(MaskLine(lines[1]), "6 second <3> of PROCMGR[8]");
+  EXPECT_EQ(lines[1].pid, 77);
+}
+
+}  // namespace
+}  // namespace PmTest
