@@ -119,7 +119,7 @@ class DependGraph {
 
   // The names with no open dependency. When only circles are left, each circle is logged once at
   // error level ("a -> b -> c -> a") and all of their vertices are handed out, so a walk that pops
-  // what it gets always ends.
+  // what it gets always ends. What hangs on a circle without being part of it comes up behind it.
   [[nodiscard]] std::set<std::string> GetNoDependVertices();
 
   // Removes a name, and with it the dependency of others on it. Unknown names do nothing.
@@ -128,8 +128,15 @@ class DependGraph {
   [[nodiscard]] bool IsEmpty() const { return open_.empty(); }
 
  private:
-  // Name to its open dependencies, themselves all in the graph.
+  // Logs the circles and takes their vertices' dependencies away.
+  void BreakCircles();
+
+  // Name to its open dependencies.
   std::map<std::string, std::set<std::string>> open_;
+  // Name to those that depend on it, so that a pop needn't search.
+  std::map<std::string, std::set<std::string>> dependants_;
+  // The names in `open_` that have no open dependency.
+  std::set<std::string> free_;
 };
 
 // The parser. One process-wide instance; every operation may be called from any thread at any time.

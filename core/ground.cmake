@@ -5,6 +5,7 @@ set(ground_sources
     fork_locks.cpp
     host_context.cpp
     log.cpp
+    printable.cpp
     sleep.cpp
     small_file.cpp
     standard_path.cpp

@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
+#include <string>
 
 #include "core/fork_locks.h"
 #include "core/host_context.h"
@@ -15,8 +16,35 @@ namespace {
 
 constexpr const char* kKernelLog = "/dev/kmsg";
 
+// The sink of a tool or a test; null in the daemon.
+LogSink& Sink() REQUIRES(LogLock()) {
+  static LogSink sink = nullptr;
+  return sink;
+}
+
+// False if there is no sink.
+__attribute__((format(printf, 2, 0))) bool WriteToSink(int level, const char* format, va_list args)
+    REQUIRES(LogLock()) {
+  if (Sink() == nullptr) {
+    return false;
+  }
+  va_list again;
+  va_copy(again, args);
+  const int length = std::vsnprintf(nullptr, 0, format, args);
+  if (length >= 0) {
+    std::string text(static_cast<std::size_t>(length) + 1, '\0');
+    (void)std::vsnprintf(text.data(), text.size(), format, again);
+    Sink()(level, text.c_str());
+  }
+  va_end(again);
+  return true;
+}
+
 __attribute__((format(printf, 2, 0))) void ToSyslog(int level, const char* format, va_list args) {
   const MutexLock lock(LogLock());
+  if (WriteToSink(level, format, args)) {
+    return;
+  }
   vsyslog(level, format, args);
 }
 
@@ -24,6 +52,12 @@ __attribute__((format(printf, 2, 0))) void ToSyslog(int level, const char* forma
 // of several threads don't mix.
 __attribute__((format(printf, 2, 0))) void ToKernelLog(int level, const char* format,
                                                        va_list args) {
+  {
+    const MutexLock lock(LogLock());
+    if (WriteToSink(level, format, args)) {
+      return;
+    }
+  }
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(kKernelLog, "a+e"),
                                                                &std::fclose);
   if (stream == nullptr) {
@@ -55,6 +89,11 @@ void OpenLog() {
 void CloseLog() {
   const MutexLock lock(LogLock());
   closelog();
+}
+
+void SetLogSink(LogSink sink) {
+  const MutexLock lock(LogLock());
+  Sink() = sink;
 }
 
 // The seven public functions differ in level and sink and in nothing else; a variable argument list

@@ -18,6 +18,14 @@ namespace ProcMgr {
 void OpenLog();
 void CloseLog();
 
+// Takes a line without a line break, and its level as a syslog priority. Called one line at a time
+// under the log's lock: it must not log itself.
+using LogSink = void (*)(int level, const char* text);
+
+// Sends every line, routed or not, to `sink` instead of the logs; null brings the logs back. For
+// the operator's tools and for tests: the daemon never calls it.
+void SetLogSink(LogSink sink);
+
 PM_PRINTF void LogError(const char* format, ...);
 PM_PRINTF void LogWarning(const char* format, ...);
 PM_PRINTF void LogInfo(const char* format, ...);

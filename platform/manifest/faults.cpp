@@ -1,0 +1,35 @@
+#include "platform/manifest/faults.h"
+
+#include "core/log.h"
+#include "core/printable.h"
+
+namespace ProcMgr::Manifest {
+
+std::string PlaceText(const std::string& file, const Place& place) {
+  return Printable(file, kShownPathBytes) + ':' + std::to_string(place.line) + ':' +
+         std::to_string(place.column);
+}
+
+void Faults::Error(const std::string& file, const Place& place, const std::string& text) {
+  ++errors_;
+  if (!IsFull()) {
+    LogError("%s: %s", PlaceText(file, place).c_str(), text.c_str());
+  }
+  ++lines_;
+}
+
+void Faults::Warning(const std::string& file, const Place& place, const std::string& text) {
+  if (!IsFull()) {
+    LogWarning("%s: %s", PlaceText(file, place).c_str(), text.c_str());
+  }
+  ++lines_;
+}
+
+void Faults::Finish() const {
+  if (lines_ > kMaxFaultLines) {
+    LogError("%zu more faults of these files aren't told; correct the first ones",
+             lines_ - kMaxFaultLines);
+  }
+}
+
+}  // namespace ProcMgr::Manifest

@@ -1,0 +1,322 @@
+#include "platform/manifest/manifest_keys.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+#include <system_error>
+#include <utility>
+
+#include "core/printable.h"
+#include "core/user_lookup.h"
+#include "platform/manifest/pattern.h"
+
+namespace ProcMgr::Manifest {
+namespace {
+
+using Fields = ApplicationManifest::Fields;
+
+constexpr std::int64_t kUint32Max = std::numeric_limits<std::uint32_t>::max();
+constexpr std::int64_t kInt32Min = std::numeric_limits<std::int32_t>::min();
+constexpr std::int64_t kInt32Max = std::numeric_limits<std::int32_t>::max();
+constexpr std::size_t kMaxNameBytes = 255;
+
+// A key's reader: reads the value of the key `name` into its field. False after telling the fault.
+using KeyReader = bool (*)(ValueReader& reader, const YamlNode& node, std::string_view name,
+                           ReadApplication& out);
+
+template <auto kField>
+bool TextKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+             ReadApplication& out) {
+  return reader.Text(node, name, out.fields.*kField);
+}
+
+template <auto kField>
+bool FlagKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+             ReadApplication& out) {
+  return reader.Boolean(node, name, out.fields.*kField);
+}
+
+template <auto kField, std::int64_t kLow, std::int64_t kHigh>
+bool IntegerKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+                ReadApplication& out) {
+  std::int64_t value = 0;
+  if (!reader.Integer(node, name, kLow, kHigh, value)) {
+    return false;
+  }
+  auto& field = out.fields.*kField;
+  field = static_cast<std::remove_reference_t<decltype(field)>>(value);
+  return true;
+}
+
+// A number, or a name that `kFind` knows.
+template <auto kField, auto kFind>
+bool IdKey(ValueReader& reader, const YamlNode& node, std::string_view name, ReadApplication& out) {
+  if (node.IsCollection() || TypeOf(node) != ScalarType::kText) {
+    return IntegerKey<kField, 0, kUint32Max>(reader, node, name, out);
+  }
+  std::string word;
+  if (!reader.Text(node, name, word)) {
+    return false;
+  }
+  const auto id = kFind(word);
+  if (!id) {
+    reader.Wrong(node, name, "a number, or a name that the user database of this machine knows");
+    return false;
+  }
+  out.fields.*kField = *id;
+  return true;
+}
+
+// Tells about a broken expression, and about an opening that was hardly meant literally.
+bool CheckPattern(ValueReader& reader, const YamlNode& node, std::string_view name,
+                  const std::string& text) {
+  if (const auto broken = FindBrokenExpression(text)) {
+    reader.Error(node.place, std::string(name) + ": " + *broken +
+                                 "; it must be a regular expression in RE2 syntax, with a "
+                                 "backslash before a brace that has no partner");
+    return false;
+  }
+  const std::vector<PatternPiece> pieces = SplitPattern(text);
+  if (std::any_of(pieces.begin(), pieces.end(), [](const PatternPiece& piece) {
+        return !piece.isExpression && piece.text.find("${") != std::string_view::npos;
+      })) {
+    reader.Warning(node.place, std::string(name) +
+                                   ": no \"}\" matches a \"${\", so it is literal text; close it "
+                                   "if a pattern is meant");
+  }
+  return true;
+}
+
+bool AppNameKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+                ReadApplication& out) {
+  std::string text;
+  if (!reader.Text(node, name, text)) {
+    return false;
+  }
+  // An expression may well use both signs, to exclude them.
+  const std::vector<PatternPiece> pieces = SplitPattern(text);
+  const bool hasSeparator = std::any_of(pieces.begin(), pieces.end(), [](const auto& piece) {
+    return !piece.isExpression && piece.text.find_first_of("#/") != std::string_view::npos;
+  });
+  if (text.empty() || text.size() > kMaxNameBytes || hasSeparator) {
+    reader.Wrong(node, name, R"(a name of 1 to 255 bytes without "#" and "/")");
+    return false;
+  }
+  if (!CheckPattern(reader, node, name, text)) {
+    return false;
+  }
+  out.fields.appName = std::move(text);
+  return true;
+}
+
+bool BinPathKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+                ReadApplication& out) {
+  std::string text;
+  if (!reader.Text(node, name, text)) {
+    return false;
+  }
+  if (!text.starts_with('/') && !HasExpression(text)) {
+    reader.Wrong(node, name, "an absolute path or a pattern");
+    return false;
+  }
+  if (!CheckPattern(reader, node, name, text)) {
+    return false;
+  }
+  out.fields.binPath = std::move(text);
+  return true;
+}
+
+bool ArgumentsKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+                  ReadApplication& out) {
+  if (!reader.ScalarTexts(node, name, out.fields.arguments)) {
+    return false;
+  }
+  bool isGood = true;
+  for (const YamlNode::Child& child : node.children) {
+    isGood = CheckPattern(reader, *child.value, name, child.value->text) && isGood;
+  }
+  return isGood;
+}
+
+bool EnvArgvKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+                ReadApplication& out) {
+  if (!reader.TextMap(node, name, out.fields.envArgv)) {
+    return false;
+  }
+  bool isGood = true;
+  for (const auto& [key, value] : node.children) {
+    if (key->text.empty() || key->text.find('=') != std::string::npos) {
+      reader.Wrong(*key, "a key of envArgv", R"(a variable's name, not empty and without "=")");
+      isGood = false;
+    }
+    isGood = CheckPattern(reader, *value, name, value->text) && isGood;
+  }
+  return isGood;
+}
+
+bool DependListKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+                   ReadApplication& out) {
+  return reader.Names(node, name, out.fields.dependList);
+}
+
+bool CoreAffinityKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+                     ReadApplication& out) {
+  return reader.Cores(node, name, out.fields.coreAffinity);
+}
+
+bool SharepoolGroupsKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+                        ReadApplication& out) {
+  return reader.Groups(node, name, out.fields.sharepoolGroups);
+}
+
+bool MatchKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+              ReadApplication& out) {
+  return reader.TextMap(node, name, out.match);
+}
+
+bool RestartKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+                ReadApplication& out) {
+  static constexpr std::array<std::string_view, 4> kWords = {"on-failure", "on-forever",
+                                                             "on-until-succeed", "no"};
+  if (node.IsCollection() || std::find(kWords.begin(), kWords.end(), node.text) == kWords.end()) {
+    reader.Wrong(node, name, "on-failure, on-forever, on-until-succeed or no");
+    return false;
+  }
+  out.fields.restart = node.text;
+  return true;
+}
+
+bool VfIdKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+             ReadApplication& out) {
+  if (node.IsCollection() || TypeOf(node) != ScalarType::kText) {
+    return IntegerKey<&Fields::vfId, kInt32Min, kInt32Max>(reader, node, name, out);
+  }
+  std::string text;
+  if (!reader.Text(node, name, text)) {
+    return false;
+  }
+  if (!HasExpression(text)) {
+    reader.Wrong(node, name, "a whole number or a pattern");
+    return false;
+  }
+  if (!CheckPattern(reader, node, name, text)) {
+    return false;
+  }
+  out.fields.vfIdPattern = std::move(text);
+  return true;
+}
+
+bool StartupEntryPathKey(ValueReader& reader, const YamlNode& node, std::string_view name,
+                         ReadApplication& out) {
+  std::string text;
+  if (!reader.Text(node, name, text)) {
+    return false;
+  }
+  if (text.empty()) {
+    out.fields.startupEntryPath.clear();
+    return true;
+  }
+  const std::filesystem::path joined =
+      std::filesystem::path(reader.File().resolvedPath).parent_path() / text;
+  // The entry file may come later than this one, so what doesn't exist yet is no fault.
+  std::error_code error;
+  const std::filesystem::path resolved = std::filesystem::weakly_canonical(joined, error);
+  out.fields.startupEntryPath = (error ? joined.lexically_normal() : resolved).string();
+  return true;
+}
+
+struct KeyRule {
+  std::string_view name;
+  KeyReader read;
+};
+
+constexpr std::array kRules = {
+    KeyRule{"appName", &AppNameKey},
+    KeyRule{"binPath", &BinPathKey},
+    KeyRule{"uid", &IdKey<&Fields::uid, &FindUserId>},
+    KeyRule{"gid", &IdKey<&Fields::gid, &FindGroupId>},
+    KeyRule{"arguments", &ArgumentsKey},
+    KeyRule{"envArgv", &EnvArgvKey},
+    KeyRule{"dependList", &DependListKey},
+    KeyRule{"coreAffinity", &CoreAffinityKey},
+    KeyRule{"resGroupName", &TextKey<&Fields::resGroupName>},
+    KeyRule{"cpuset", &TextKey<&Fields::cpuset>},
+    KeyRule{"restart", &RestartKey},
+    KeyRule{"termTimeOut", &IntegerKey<&Fields::termTimeOut, 0, kUint32Max>},
+    KeyRule{"nice", &IntegerKey<&Fields::nice, -20, 19>},
+    KeyRule{"nodeType", &IntegerKey<&Fields::nodeType, kInt32Min, kInt32Max>},
+    KeyRule{"startupPriority", &IntegerKey<&Fields::startupPriority, -1, kInt32Max>},
+    KeyRule{"vfId", &VfIdKey},
+    KeyRule{"startupEntryPath", &StartupEntryPathKey},
+    KeyRule{"securityCon", &TextKey<&Fields::securityCon>},
+    KeyRule{"soName", &TextKey<&Fields::soName>},
+    KeyRule{"soPath", &TextKey<&Fields::soPath>},
+    KeyRule{"processBindPath", &TextKey<&Fields::processBindPath>},
+    KeyRule{"sharepoolGroups", &SharepoolGroupsKey},
+    KeyRule{"isReporting", &FlagKey<&Fields::isReporting>},
+    KeyRule{"isForceTerm", &FlagKey<&Fields::isForceTerm>},
+    KeyRule{"isSetRtPrio", &FlagKey<&Fields::isSetRtPrio>},
+    KeyRule{"isDelayCoreAffinity", &FlagKey<&Fields::isDelayCoreAffinity>},
+    KeyRule{"isSo", &FlagKey<&Fields::isSo>},
+    KeyRule{"heartBeatSwitch", &FlagKey<&Fields::heartBeatSwitch>},
+    KeyRule{"isDynamicPara", &FlagKey<&Fields::isDynamicPara>},
+    KeyRule{"match", &MatchKey},
+};
+
+constexpr std::array<std::string_view, 4> kRequired = {"appName", "binPath", "uid", "gid"};
+
+constexpr std::array<std::string_view, kRules.size()> KeyNames() {
+  std::array<std::string_view, kRules.size()> names;
+  std::transform(kRules.begin(), kRules.end(), names.begin(), [](auto& rule) { return rule.name; });
+  return names;
+}
+constexpr std::array<std::string_view, kRules.size()> kKeyNames = KeyNames();
+
+bool CheckRequired(ValueReader& reader, const YamlNode& mapping) {
+  bool isGood = true;
+  for (const std::string_view name : kRequired) {
+    if (mapping.Find(name) == nullptr) {
+      reader.Error(mapping.place, "the application has no " + std::string(name) +
+                                      "; appName, binPath, uid and gid are required");
+      isGood = false;
+    }
+  }
+  return isGood;
+}
+
+bool HasPatterns(const Fields& fields) {
+  return HasExpression(fields.appName) || HasExpression(fields.binPath) ||
+         HasExpression(fields.vfIdPattern) ||
+         std::any_of(fields.arguments.begin(), fields.arguments.end(), &HasExpression) ||
+         std::any_of(fields.envArgv.begin(), fields.envArgv.end(),
+                     [](const auto& entry) { return HasExpression(entry.second); });
+}
+
+}  // namespace
+
+bool IsApplicationKey(std::string_view key) {
+  return std::find(kKeyNames.begin(), kKeyNames.end(), key) != kKeyNames.end();
+}
+
+bool ReadApplicationMapping(ValueReader& reader, const YamlNode& mapping, ReadApplication& out) {
+  bool isGood = CheckRequired(reader, mapping);
+  for (const auto& [key, value] : mapping.children) {
+    const auto* const rule =
+        std::find_if(kRules.begin(), kRules.end(),
+                     [key = key](const KeyRule& candidate) { return candidate.name == key->text; });
+    if (rule == kRules.end()) {
+      reader.UnknownKey(*key, kKeyNames);
+    } else {
+      isGood = rule->read(reader, *value, rule->name, out) && isGood;
+    }
+  }
+  if (mapping.Find("isDynamicPara") == nullptr) {
+    out.fields.isDynamicPara = HasPatterns(out.fields);
+  }
+  out.fields.cfgPath = reader.File().resolvedPath;
+  return isGood;
+}
+
+}  // namespace ProcMgr::Manifest
