@@ -1,0 +1,115 @@
+// The checks that can still refuse a start, before anything is forked.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <string>
+#include <string_view>
+
+#include "app/app_info.h"
+#include "app/user_groups.h"
+#include "core/host_context.h"
+#include "core/log.h"
+#include "core/standard_path.h"
+#include "host/core_affinity_mgr.h"
+#include "host/integrity_protect.h"
+
+namespace ProcMgr::App {
+namespace {
+
+constexpr mode_t kAnyExecute = S_IXUSR | S_IXGRP | S_IXOTH;
+
+// Nothing is passed through a shell; an argument that looks as if somebody tried is refused.
+bool HasIllegalStr(std::string_view text) {
+  static constexpr std::array<std::string_view, 12> kTokens = {"|",  ";",  ">", "<", ">>", "`",
+                                                               "||", "&&", "&", "(", ")",  "$"};
+  return std::any_of(kTokens.begin(), kTokens.end(), [text](std::string_view token) {
+    return text.find(token) != std::string_view::npos;
+  });
+}
+
+// Judges the execute permission by mode, owner and group of the file. The bit for others alone is
+// good enough for root only.
+bool HasExecutePermission(const std::string& appName, const std::string& binPath, uid_t uid,
+                          const struct stat& file) {
+  if (uid == 0) {
+    if ((file.st_mode & kAnyExecute) == 0) {
+      LogError(
+          "PROCMGR : Start App=%s failed, cfg uid is root, but binPath=%s uid=%u not have x "
+          "permission !!",
+          appName.c_str(), binPath.c_str(), file.st_uid);
+      return false;
+    }
+    return true;
+  }
+  if (uid == file.st_uid) {
+    if ((file.st_mode & S_IXUSR) == 0) {
+      LogError(
+          "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s uid=%u not have x permission "
+          "!!",
+          appName.c_str(), uid, binPath.c_str(), file.st_uid);
+      return false;
+    }
+    return true;
+  }
+  if (!IsUserInGroup(uid, file.st_gid)) {
+    LogError(
+        "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s uid=%u, gid=%u not have x "
+        "permission !!",
+        appName.c_str(), uid, binPath.c_str(), file.st_uid, file.st_gid);
+    return false;
+  }
+  if ((file.st_mode & S_IXGRP) == 0) {
+    LogError(
+        "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s gid=%u not have x permission !!",
+        appName.c_str(), uid, binPath.c_str(), file.st_gid);
+    return false;
+  }
+  return true;
+}
+
+bool CheckChildProParas(const std::string& appName, const std::string& execPath, uid_t uid,
+                        const std::vector<std::string>& arguments) {
+  if (std::any_of(arguments.begin(), arguments.end(), HasIllegalStr)) {
+    LogError("PROCMGR : CheckChildProParas App=%s arguments include illegal str", appName.c_str());
+    return false;
+  }
+  if (access(execPath.c_str(), F_OK) != 0) {
+    LogError("PROCMGR : Start App=%s failed, binPath=%s is not existed !!!", appName.c_str(),
+             execPath.c_str());
+    return false;
+  }
+  std::string resolved;
+  if (!StandardizationPath(execPath, resolved)) {
+    return false;
+  }
+  struct stat file {};
+  if (stat(resolved.c_str(), &file) != 0) {
+    const int error = errno;
+    LogError("PROCMGR : Start App=%s failed, stat binPath=%s failed, error=%d", appName.c_str(),
+             resolved.c_str(), error);
+    return false;
+  }
+  return HasExecutePermission(appName, resolved, uid, file);
+}
+
+}  // namespace
+
+bool AppInfo::PrepareStart() const {
+  if (!CheckChildProParas(appName_, execPath_, uid_, arguments_)) {
+    return false;
+  }
+  if (!IntegrityProtect::Instance().Check(execPath_)) {
+    LogError("PROCMGR : IntegrityProtect app=%s or sha256sum has been modified", execPath_.c_str());
+    return false;
+  }
+  // The core lists are read at the end of a quick start; a priority application is checked then.
+  if (startupPriority_ != -1 && HostContext::Instance().isQuickStart_.load()) {
+    return true;
+  }
+  return CoreAffinityMgr::Instance().CheckIsCtrlCpu(appName_, coreAffinity_);
+}
+
+}  // namespace ProcMgr::App

@@ -1,0 +1,29 @@
+#include "app/share_groups.h"
+
+#include "host/sharepool_cfg.h"
+
+namespace ProcMgr::App {
+namespace {
+
+bool HasShareGroups(const std::string& name, const std::string& owner) {
+  return owner == "ventrix" || name == "ventrix" || name == "EM";
+}
+
+}  // namespace
+
+void AddShareGroups(const std::string& name, const std::string& owner, pid_t pid,
+                    const std::vector<SharepoolGroupsInfo>& groups) {
+  if (HasShareGroups(name, owner)) {
+    const SharepoolCfg& cfg = SharepoolCfg::Instance();
+    cfg.AddSharepoolGroup(name, pid, cfg.GetAppSharepoolGroups(name, groups));
+  }
+}
+
+void SetShareGroupEnv(const std::string& name, const std::string& owner,
+                      const std::vector<SharepoolGroupsInfo>& groups, std::string& err) {
+  if (HasShareGroups(name, owner)) {
+    SharepoolCfg::Instance().SetSharepoolGroupEnv(name, groups, err);
+  }
+}
+
+}  // namespace ProcMgr::App

@@ -1,0 +1,25 @@
+// Which applications take part in the share pool groups.
+#ifndef APP_SHARE_GROUPS_H
+#define APP_SHARE_GROUPS_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/manifest/sharepool_groups_info.h"
+
+namespace ProcMgr::App {
+
+// Admits a new process to its groups, if the application is one of those that have any. Parent,
+// right after the fork.
+void AddShareGroups(const std::string& name, const std::string& owner, pid_t pid,
+                    const std::vector<SharepoolGroupsInfo>& groups);
+
+// Tells a child its groups through its environment, under the same condition. Forked child.
+void SetShareGroupEnv(const std::string& name, const std::string& owner,
+                      const std::vector<SharepoolGroupsInfo>& groups, std::string& err);
+
+}  // namespace ProcMgr::App
+
+#endif  // APP_SHARE_GROUPS_H
