@@ -1,0 +1,128 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "message/serialization.h"
+#include "tests/support/captured_log.h"
+#include "tests/unit/message/frames.h"
+
+namespace ProcMgr::Serialization {
+namespace {
+
+using Message::RequestType;
+using Test::Body;
+using Test::Frame;
+using Test::TakeLog;
+using ::testing::IsEmpty;
+using Names = std::vector<std::string>;
+using namespace std::string_literals;
+
+const std::string kQueryFailed = "error PROCMGR: DeserializeMessage QUERY_APP_STATE fail.";
+
+TEST(HeartMsg, IsTwoWords) {
+  Message::RequestMsg frame;
+  ProcMgrPackHeartMsg({0x0102030405060708, 0x1112131415161718}, frame);
+  EXPECT_EQ(frame.type, RequestType::HEART_MSG);
+  EXPECT_EQ(Body(frame), "\x08\x07\x06\x05\x04\x03\x02\x01\x18\x17\x16\x15\x14\x13\x12\x11");
+  frame.size = 0;  // Not looked at.
+  Message::HeartMsg info;
+  ProcMgrUnpackHeartMsg(&frame, info);
+  EXPECT_EQ(info.index, 0x0102030405060708U);
+  EXPECT_EQ(info.sendTimeMs, 0x1112131415161718U);
+}
+
+TEST(QueryAppState, WritesTheseBytes) {
+  Message::RequestMsg frame;
+  ASSERT_TRUE(ProcMgrPackQueryAppState({"ab", ""}, frame));
+  EXPECT_EQ(frame.type, RequestType::QUERY_APP_STATE);
+  EXPECT_EQ(Body(frame), "\2\0\0\0\2\0\0\0ab\0\0\0\0"s);
+}
+
+TEST(QueryAppState, FillsAFrameToItsLastByte) {
+  Message::RequestMsg frame;
+  EXPECT_TRUE(ProcMgrPackQueryAppState({std::string(3956, 'n')}, frame));
+  EXPECT_EQ(frame.size, 3964U);
+  Names names;
+  ProcMgrUnpackQueryAppState(&frame, names);
+  EXPECT_EQ(names, Names{std::string(3956, 'n')});
+  EXPECT_FALSE(ProcMgrPackQueryAppState({std::string(3957, 'n')}, frame));
+  EXPECT_FALSE(ProcMgrPackQueryAppState({std::string(100000, 'n')}, frame));
+}
+
+struct QueryCase {
+  const char* name;
+  std::string body;
+  Names names;
+  bool parses;
+};
+
+TEST(QueryAppState, ReadsTheseBodies) {
+  const QueryCase cases[] = {
+      {"no name", "\0\0\0\0"s, {}, true},
+      {"two names", "\2\0\0\0\1\0\0\0a\2\0\0\0bc"s, {"a", "bc"}, true},
+      {"an empty name", "\1\0\0\0\0\0\0\0"s, {""}, true},
+      {"bytes behind the last name", "\1\0\0\0\1\0\0\0abc"s, {"a"}, true},
+      {"more names than bytes", "\5\0\0\0\0\0\0\0"s, {}, false},
+      {"a huge count", "\xff\xff\xff\xff\0\0\0\0"s, {}, false},
+      {"a huge length", "\1\0\0\0\xff\xff\xff\xff"s, {}, false},
+      {"no length behind a whole name", "\2\0\0\0\1\0\0\0a"s, {}, false},
+      {"no body", "", {}, false},
+  };
+  for (const QueryCase& test : cases) {
+    SCOPED_TRACE(test.name);
+    const Message::RequestMsg frame = Frame(RequestType::QUERY_APP_STATE, test.body);
+    Names names{"before"};
+    ProcMgrUnpackQueryAppState(&frame, names);
+    EXPECT_EQ(names, test.names);
+    EXPECT_EQ(TakeLog(), test.parses ? Names{} : Names{kQueryFailed});
+  }
+}
+
+TEST(QueryAppState, EveryShorterBodyIsRefused) {
+  const std::string body = "\2\0\0\0\1\0\0\0a\2\0\0\0bc"s;
+  for (std::size_t size = 0; size < body.size(); ++size) {
+    SCOPED_TRACE(size);
+    const Message::RequestMsg frame = Frame(RequestType::QUERY_APP_STATE, body.substr(0, size));
+    Names names{"before"};
+    ProcMgrUnpackQueryAppState(&frame, names);
+    EXPECT_THAT(names, IsEmpty());
+    EXPECT_EQ(TakeLog(), Names{kQueryFailed});
+  }
+}
+
+TEST(QueryAppState, RefusesAFrameThatClaimsMoreThanItHas) {
+  Message::RequestMsg frame = Frame(RequestType::QUERY_APP_STATE, "\0\0\0\0"s);
+  frame.size = 3965;
+  Names names{"before"};
+  ProcMgrUnpackQueryAppState(&frame, names);
+  EXPECT_THAT(names, IsEmpty());
+  EXPECT_EQ(TakeLog().back(), kQueryFailed);
+}
+
+TEST(AppDetailStatus, WritesAndReadsTheseBytes) {
+  const std::string body = "\2\0\0\0\1\0\0\0a\1\0\0\0\2\0\0\0bc\xff\xff\xff\xff"s;
+  const std::map<std::string, int> status{{"bc", -1}, {"a", 1}};
+  Message::RequestMsg frame;
+  ASSERT_TRUE(ProcMgrPackAppDetailStatus(status, frame));
+  EXPECT_EQ(frame.type, RequestType::APP_DETAIL_STATUS_REPORT);
+  EXPECT_EQ(Body(frame), body);
+
+  std::map<std::string, int> read;
+  EXPECT_TRUE(ProcMgrUnpackAppDetailStatus(&frame, read));
+  EXPECT_EQ(read, status);
+  for (std::size_t size = 0; size < body.size(); ++size) {
+    SCOPED_TRACE(size);
+    frame = Frame(RequestType::APP_DETAIL_STATUS_REPORT, body.substr(0, size));
+    EXPECT_FALSE(ProcMgrUnpackAppDetailStatus(&frame, read));
+    EXPECT_EQ(read, status);
+  }
+}
+
+TEST(AppDetailStatus, RefusesWhatDoesNotFitOneFrame) {
+  Message::RequestMsg frame;
+  EXPECT_TRUE(ProcMgrPackAppDetailStatus({{std::string(3952, 'n'), 0}}, frame));
+  EXPECT_EQ(frame.size, 3964U);
+  EXPECT_FALSE(ProcMgrPackAppDetailStatus({{std::string(3953, 'n'), 0}}, frame));
+}
+
+}  // namespace
+}  // namespace ProcMgr::Serialization
