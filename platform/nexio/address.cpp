@@ -1,0 +1,203 @@
+#include "platform/nexio/address.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "core/log.h"
+#include "core/sleep.h"
+#include "platform/nexio/arrival_watch.h"
+
+namespace ProcMgr::Nexio {
+namespace {
+
+constexpr std::size_t kMaxServerName = 64;
+constexpr mode_t kDirectoryMode = 01777;
+constexpr mode_t kSocketMode = 0666;
+
+// A claim holds the lock for microseconds; whoever holds it longer isn't claiming a name.
+constexpr auto kLockPatience = std::chrono::seconds(1);
+constexpr std::int64_t kLockPauseNs = 1'000'000;
+
+bool IsNameByte(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
+         c == '_' || c == '-';
+}
+
+// The lock under which names are claimed and released, on the directory itself: it needs no file of
+// its own and goes with its holder. Any user can take it and keep it, so its wait is bounded: then
+// we go on without it, because a platform that doesn't boot is worse than two servers that race for
+// one name.
+class DirectoryLock {
+ public:
+  DirectoryLock() : fd_(open(kSocketDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    const SteadyTime deadline = SteadyNow() + kLockPatience;
+    while (fd_.IsOpen() && flock(fd_.Get(), LOCK_EX | LOCK_NB) != 0) {
+      if (SteadyNow() >= deadline) {
+        LogWarning("NEXIO : somebody keeps %s locked, going on without", kSocketDirectory);
+        return;
+      }
+      SleepNs(kLockPauseNs);
+    }
+  }
+
+ private:
+  UniqueFd fd_;
+};
+
+// True if a process listens at `address`. Connecting is the one way to know; a server takes a
+// connection that closes without a word for what it is.
+bool IsServed(const sockaddr_un& address) {
+  const UniqueFd probe(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+    return true;
+  }
+  return errno != ECONNREFUSED && errno != ENOENT;
+}
+
+// Removes the socket file at `address` if nobody serves it. The caller holds the directory's lock.
+int RemoveStale(const sockaddr_un& address) {
+  struct stat status {};
+  if (lstat(address.sun_path, &status) != 0) {
+    return errno == ENOENT ? 0 : -errno;
+  }
+  if (!S_ISSOCK(status.st_mode) || IsServed(address)) {
+    return -EADDRINUSE;
+  }
+  if (unlink(address.sun_path) != 0 && errno != ENOENT) {
+    return errno == EPERM ? -EACCES : -errno;
+  }
+  return 0;
+}
+
+int BindReplacingStale(int fd, const sockaddr_un& address) {
+  // The second and third try are for servers of other makes, which don't know our lock.
+  int result = -EADDRINUSE;
+  for (int tries = 0; tries < 3 && result == -EADDRINUSE; ++tries) {
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+      return 0;
+    }
+    result = -errno;
+    if (result == -EADDRINUSE) {
+      if (const int removed = RemoveStale(address); removed < 0) {
+        return removed;
+      }
+    }
+  }
+  return result;
+}
+
+int Listen(int fd, const sockaddr_un& address, Claim& out) {
+  struct stat status {};
+  if (listen(fd, SOMAXCONN) != 0 || lstat(address.sun_path, &status) != 0) {
+    return -errno;
+  }
+  // Last, because the change of attributes is what wakes a client that came between bind and
+  // listen and was refused.
+  if (chmod(address.sun_path, kSocketMode) != 0) {
+    return -errno;
+  }
+  out.device = status.st_dev;
+  out.inode = status.st_ino;
+  return 0;
+}
+
+int WaitForSocketDirectory(SteadyTime deadline) {
+  int result = MakeSocketDirectory();
+  if (result != -EACCES) {
+    return result;
+  }
+  // Only root can make it. The manager does at its first channel, which it opens once this process
+  // runs; so a service that is quicker waits here.
+  ArrivalWatch watch;
+  while (result == -EACCES && SteadyNow() < deadline) {
+    watch.Refresh();
+    result = MakeSocketDirectory();
+    if (result == -EACCES) {
+      watch.Wait(deadline);
+    }
+  }
+  return result;
+}
+
+}  // namespace
+
+bool IsServerName(std::string_view name) {
+  return !name.empty() && name.size() <= kMaxServerName && name.front() != '.' &&
+         std::all_of(name.begin(), name.end(), IsNameByte);
+}
+
+std::string SocketPath(std::string_view name) {
+  return std::string(kSocketDirectory) + "/" + std::string(name) + ".sock";
+}
+
+sockaddr_un SocketAddress(std::string_view name) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = SocketPath(name);
+  static_assert(sizeof("/run/nexio/.sock") + kMaxServerName <= sizeof(address.sun_path));
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  return address;
+}
+
+int MakeSocketDirectory() {
+  if (access(kSocketDirectory, F_OK) == 0) {
+    return 0;
+  }
+  // Made under another name and moved into place, so that nobody meets it before it has its mode,
+  // which mkdir would cut by the umask.
+  const std::string draft = std::string(kSocketDirectory) + "." + std::to_string(gettid());
+  if (mkdir(draft.c_str(), 0700) != 0 && errno != EEXIST) {
+    return -errno;
+  }
+  int result = 0;
+  if (chmod(draft.c_str(), kDirectoryMode) != 0 ||
+      renameat2(AT_FDCWD, draft.c_str(), AT_FDCWD, kSocketDirectory, RENAME_NOREPLACE) != 0) {
+    result = errno == EEXIST ? 0 : -errno;
+    (void)rmdir(draft.c_str());
+  }
+  return result;
+}
+
+int ClaimName(std::string_view name, SteadyTime deadline, Claim& out) {
+  if (const int result = WaitForSocketDirectory(deadline); result < 0) {
+    return result;
+  }
+  const sockaddr_un address = SocketAddress(name);
+  UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!fd.IsOpen()) {
+    return -errno;
+  }
+  const DirectoryLock lock;
+  if (const int result = BindReplacingStale(fd.Get(), address); result < 0) {
+    return result;
+  }
+  if (const int result = Listen(fd.Get(), address, out); result < 0) {
+    (void)unlink(address.sun_path);
+    return result;
+  }
+  out.listener = std::move(fd);
+  return 0;
+}
+
+void ReleaseName(std::string_view name, Claim& claim) {
+  const sockaddr_un address = SocketAddress(name);
+  const DirectoryLock lock;
+  // Removed while it is still served, so that no other server meets it stale in between.
+  struct stat status {};
+  if (lstat(address.sun_path, &status) == 0 && status.st_dev == claim.device &&
+      status.st_ino == claim.inode) {
+    (void)unlink(address.sun_path);
+  }
+  claim.listener.Reset();
+}
+
+}  // namespace ProcMgr::Nexio

@@ -1,0 +1,85 @@
+#include "platform/nexio/arrival_watch.h"
+
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+#include "platform/nexio/address.h"
+
+namespace ProcMgr::Nexio {
+namespace {
+
+// Half of the 10 ms within which an arrival is to be noticed.
+constexpr auto kTick = std::chrono::milliseconds(5);
+
+// Attributes, because our servers change them once they listen.
+constexpr std::uint32_t kSocketEvents = IN_CREATE | IN_MOVED_TO | IN_ATTRIB | IN_MOVE_SELF;
+constexpr std::uint32_t kParentEvents = IN_CREATE | IN_MOVED_TO;
+
+}  // namespace
+
+ArrivalWatch::ArrivalWatch() : inotify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {}
+
+void ArrivalWatch::Refresh() {
+  if (!inotify_.IsOpen() || directoryWatch_ >= 0) {
+    return;
+  }
+  directoryWatch_ = inotify_add_watch(inotify_.Get(), kSocketDirectory, kSocketEvents | IN_ONLYDIR);
+  if (directoryWatch_ < 0 && parentWatch_ < 0) {
+    parentWatch_ = inotify_add_watch(inotify_.Get(), kRunDirectory, kParentEvents | IN_ONLYDIR);
+    // It may have come before the parent was watched.
+    directoryWatch_ =
+        inotify_add_watch(inotify_.Get(), kSocketDirectory, kSocketEvents | IN_ONLYDIR);
+  }
+  if (directoryWatch_ >= 0 && parentWatch_ >= 0) {
+    (void)inotify_rm_watch(inotify_.Get(), parentWatch_);
+    parentWatch_ = -1;
+  }
+}
+
+void ArrivalWatch::Wait(SteadyTime deadline) {
+  if (directoryWatch_ < 0 && parentWatch_ < 0) {
+    WaitTick(deadline);
+  } else {
+    Poll(deadline);
+  }
+}
+
+void ArrivalWatch::WaitTick(SteadyTime deadline) {
+  Poll(std::min(deadline, SteadyNow() + kTick));
+}
+
+void ArrivalWatch::Poll(SteadyTime until) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - SteadyNow());
+  constexpr std::chrono::milliseconds kLongest = std::chrono::hours(1);
+  const auto wait = std::clamp(left, std::chrono::milliseconds(0), kLongest);
+  pollfd entry{inotify_.Get(), POLLIN, 0};
+  if (poll(&entry, 1, static_cast<int>(wait.count())) > 0) {
+    Drain();
+  }
+}
+
+void ArrivalWatch::Drain() {
+  alignas(inotify_event) char events[4096];
+  ssize_t length = 0;
+  while ((length = read(inotify_.Get(), events, sizeof(events))) > 0) {
+    for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
+      inotify_event event{};
+      std::memcpy(&event, events + at, sizeof(event));
+      at += sizeof(event) + event.len;
+      if (event.wd == directoryWatch_ && (event.mask & IN_MOVE_SELF) != 0) {
+        // The watch follows the directory to its new place; we want what is at the old one.
+        (void)inotify_rm_watch(inotify_.Get(), directoryWatch_);
+        directoryWatch_ = -1;
+      } else if (event.wd == directoryWatch_ && (event.mask & IN_IGNORED) != 0) {
+        directoryWatch_ = -1;
+      }
+    }
+  }
+}
+
+}  // namespace ProcMgr::Nexio

@@ -1,0 +1,38 @@
+// Noticing that something has changed in the socket directory, which may itself not be there yet.
+#ifndef PLATFORM_NEXIO_ARRIVAL_WATCH_H
+#define PLATFORM_NEXIO_ARRIVAL_WATCH_H
+
+#include "core/steady_time.h"
+#include "core/unique_fd.h"
+
+namespace ProcMgr::Nexio {
+
+// Use: Refresh, look for the thing, and if it isn't there Wait and begin again. What comes between
+// the look and the wait is not missed, because the watch stood before the look. For one thread.
+class ArrivalWatch {
+ public:
+  ArrivalWatch();
+
+  // Puts the watch where it belongs: on the socket directory, or on its parent until that is there.
+  void Refresh();
+
+  // Waits for a change, at most until `deadline`. Without inotify (its instances are limited for
+  // each user) it waits one tick of a few milliseconds instead.
+  void Wait(SteadyTime deadline);
+
+  // The same for a thing that can arrive without a change in the directory: a socket file that is
+  // bound already and begins to listen. Waits for a change, at most one tick.
+  void WaitTick(SteadyTime deadline);
+
+ private:
+  void Poll(SteadyTime until);
+  void Drain();
+
+  UniqueFd inotify_;
+  int directoryWatch_ = -1;
+  int parentWatch_ = -1;
+};
+
+}  // namespace ProcMgr::Nexio
+
+#endif  // PLATFORM_NEXIO_ARRIVAL_WATCH_H

@@ -1,0 +1,27 @@
+// Getting to a server that may not be there yet.
+#ifndef PLATFORM_NEXIO_CONNECTOR_H
+#define PLATFORM_NEXIO_CONNECTOR_H
+
+#include <string_view>
+
+#include "core/steady_time.h"
+#include "core/unique_fd.h"
+#include "platform/nexio/nexio_peer.h"
+
+namespace ProcMgr::Nexio {
+
+// Connects to the server `name`, checks that it runs under the group `gid`, and says hello as
+// `ownName`. Waits for the server until `deadline`, tries once in any case. Yields 0, or a negative
+// errno as NexioOpen does. Blocks; any thread.
+[[nodiscard]] int ConnectToServer(std::string_view name, gid_t gid, std::string_view ownName,
+                                  SteadyTime deadline, UniqueFd& out, NexioPeer& peer);
+
+// Reads who is at the other end of a connected socket. Yields 0 or a negative errno.
+[[nodiscard]] int ReadPeer(int fd, NexioPeer& out);
+
+// Sees to it that the send queue holds a few packets of the greatest size.
+void WidenQueue(int fd);
+
+}  // namespace ProcMgr::Nexio
+
+#endif  // PLATFORM_NEXIO_CONNECTOR_H

@@ -1,0 +1,168 @@
+#include "message/nexio.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "core/log.h"
+#include "platform/nexio/channel.h"
+#include "platform/nexio/connector.h"
+#include "platform/nexio/handle_table.h"
+#include "platform/nexio/nexio_peer.h"
+#include "platform/nexio/packet.h"
+#include "platform/nexio/reactor.h"
+#include "platform/nexio/server.h"
+
+namespace ProcMgr {
+namespace {
+
+using Nexio::HandleTable;
+
+// How long a server of an ordinary user waits for root to make the socket directory.
+constexpr auto kDirectoryPatience = std::chrono::seconds(10);
+
+void OnWake(Nexio::Token token, Nexio::Wake why) {
+  if (token.kind == Nexio::TokenKind::kServer) {
+    if (const auto server = HandleTable::Instance().FindServer(token.handle)) {
+      server->Accept();
+    }
+  } else if (const auto channel = HandleTable::Instance().FindChannel(token.handle)) {
+    if (why == Nexio::Wake::kAlarm) {
+      channel->HelloIsDue();
+    } else {
+      channel->Serve();
+    }
+  }
+}
+
+// The name under which this process says hello: its PROC_NAME, else that of its program.
+std::string OwnName() {
+  const char* const name = secure_getenv("PROC_NAME");
+  std::string result = name != nullptr ? name : "";
+  if (!Nexio::IsClientName(result)) {
+    result = program_invocation_short_name;
+  }
+  return Nexio::IsClientName(result) ? result : "unnamed";
+}
+
+}  // namespace
+
+int NexioOpen(const NexioOpenParam& param) {
+  if (param.peerName == nullptr || !Nexio::IsServerName(param.peerName)) {
+    return kNexioBadName;
+  }
+  const SteadyTime deadline = SteadyNow() + std::chrono::milliseconds(param.timeout);
+  if (const int result = Nexio::Reactor::Instance().Start(&OnWake); result < 0) {
+    return result;
+  }
+  // Best effort: a server that comes before us and isn't root waits for it.
+  (void)Nexio::MakeSocketDirectory();
+  UniqueFd fd;
+  NexioPeer peer;
+  const int connected =
+      Nexio::ConnectToServer(param.peerName, param.gid, OwnName(), deadline, fd, peer);
+  if (connected < 0) {
+    return connected;
+  }
+  const int handle = HandleTable::Instance().NewHandle();
+  if (handle == 0) {
+    return -EMFILE;
+  }
+  auto callbacks = std::make_shared<Nexio::Callbacks>();
+  callbacks->onRequest = param.requestCallback;
+  const auto channel = std::make_shared<Nexio::Channel>(handle, std::move(fd), peer, param.peerName,
+                                                        std::move(callbacks));
+  HandleTable::Instance().Add(handle, channel);
+  if (const int started = channel->Start(); started < 0) {
+    (void)channel->Close();
+    return started;
+  }
+  return handle;
+}
+
+int NexioCreateServer(const NexioServerParam& param) {
+  return NexioCreateFilteredServer(param, nullptr);
+}
+
+int NexioCreateFilteredServer(const NexioServerParam& param, NexioPeerFilter filter) {
+  const char* const given =
+      param.serverName != nullptr ? param.serverName : secure_getenv("PROC_NAME");
+  if (given == nullptr || !Nexio::IsServerName(given)) {
+    return kNexioBadName;
+  }
+  const std::string name = given;
+  if (const int result = Nexio::Reactor::Instance().Start(&OnWake); result < 0) {
+    return result;
+  }
+  Nexio::Claim claim;
+  if (const int result = Nexio::ClaimName(name, SteadyNow() + kDirectoryPatience, claim);
+      result < 0) {
+    LogError("NEXIO : can't serve %s, errno=%d", name.c_str(), -result);
+    return result;
+  }
+  const int handle = HandleTable::Instance().NewHandle();
+  if (handle == 0) {
+    Nexio::ReleaseName(name, claim);
+    return -EMFILE;
+  }
+  auto callbacks = std::make_shared<Nexio::Callbacks>();
+  callbacks->onConnect = param.connectCallback;
+  callbacks->onRequest = param.requestCallback;
+  const auto server = std::make_shared<Nexio::Server>(
+      handle, name, std::move(claim), param.maxClients, std::move(callbacks), std::move(filter));
+  HandleTable::Instance().Add(handle, server);
+  if (const int started = server->Start(); started < 0) {
+    (void)server->Close();
+    return started;
+  }
+  return handle;
+}
+
+int NexioSendRequest(int fd, const NexioRequest& request) {
+  const auto channel = HandleTable::Instance().FindChannel(fd);
+  return channel == nullptr ? kNexioBadFd : channel->SendRequest(request);
+}
+
+int NexioSendResponse(int fd, const NexioResponse& response) {
+  const auto channel = HandleTable::Instance().FindChannel(fd);
+  return channel == nullptr ? kNexioBadFd : channel->SendResponse(response);
+}
+
+int NexioRPCSync(int fd, const NexioRequest& request, NexioResponse& response) {
+  const auto channel = HandleTable::Instance().FindChannel(fd);
+  return channel == nullptr ? kNexioBadFd : channel->Call(request, response, std::nullopt);
+}
+
+int NexioTimedRPCSync(int fd, const NexioRequest& request, NexioResponse& response,
+                      std::uint32_t timeoutMs) {
+  const SteadyTime deadline = SteadyNow() + std::chrono::milliseconds(timeoutMs);
+  const auto channel = HandleTable::Instance().FindChannel(fd);
+  return channel == nullptr ? kNexioBadFd : channel->Call(request, response, deadline);
+}
+
+int NexioClosePipe(int fd) {
+  HandleTable& handles = HandleTable::Instance();
+  if (const auto channel = handles.FindChannel(fd)) {
+    return channel->Close();
+  }
+  if (const auto server = handles.FindServer(fd)) {
+    return server->Close();
+  }
+  return handles.TakeLate(fd) ? 0 : kNexioBadFd;
+}
+
+int NexioGetPeer(int fd, NexioPeer& out) {
+  const auto channel = HandleTable::Instance().FindChannel(fd);
+  if (channel == nullptr) {
+    return kNexioBadFd;
+  }
+  out = channel->Peer();
+  return 0;
+}
+
+}  // namespace ProcMgr

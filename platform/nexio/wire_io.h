@@ -1,0 +1,29 @@
+// One packet to a socket, one packet from it. Neither call blocks.
+#ifndef PLATFORM_NEXIO_WIRE_IO_H
+#define PLATFORM_NEXIO_WIRE_IO_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "platform/nexio/packet.h"
+
+namespace ProcMgr::Nexio {
+
+// Yields 0, kNexioBusy, kNexioTooLong, kNexioBroken, or another negative errno. Any thread;
+// packets of several threads don't mix.
+[[nodiscard]] int SendPacket(int fd, PacketKind kind, std::uint32_t seq, const void* data,
+                             std::uint32_t size);
+
+enum class Receipt {
+  kPacket,  // `length` bytes have come; more than the buffer holds if the packet was cut.
+  kNothing,
+  kEnd,    // The peer has closed, or the socket is broken.
+  kError,  // The peer has gone without reading everything. What it had sent is still to be read.
+};
+
+[[nodiscard]] Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length);
+
+}  // namespace ProcMgr::Nexio
+
+#endif  // PLATFORM_NEXIO_WIRE_IO_H
