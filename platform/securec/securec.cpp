@@ -49,7 +49,7 @@ int strcpy_s(char* dest, std::size_t destMax, const char* source) {
     return EINVAL;
   }
   const std::size_t length = source == nullptr ? destMax : strnlen(source, destMax);
-  if (length == destMax || Overlaps(dest, destMax, source, length + 1)) {
+  if (length == destMax || Overlaps(dest, length + 1, source, length + 1)) {
     dest[0] = '\0';
     return source == nullptr ? EINVAL : ERANGE;
   }
