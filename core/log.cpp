@@ -1,31 +1,36 @@
 #include "core/log.h"
 
+#include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
-#include <memory>
+#include <cstring>
 #include <string>
 
 #include "core/fork_locks.h"
 #include "core/host_context.h"
 #include "core/mutex.h"
+#include "core/unique_fd.h"
 
 namespace ProcMgr {
 namespace {
 
 constexpr const char* kKernelLog = "/dev/kmsg";
+// The longest record that every kernel takes from user space; a longer one is refused whole, so the
+// end of a long line is cut off rather than the line lost.
+constexpr std::size_t kKernelRecord = 976;
 
-// The sink of a tool or a test; null in the daemon.
-LogSink& Sink() REQUIRES(LogLock()) {
-  static LogSink sink = nullptr;
-  return sink;
-}
+// The sink of a tool or a test; null in the daemon. Called under the log's lock, read without it:
+// the kernel log must not wait for a syslog daemon that is slow.
+std::atomic<LogSink> logSink = nullptr;
 
-// False if there is no sink.
-__attribute__((format(printf, 2, 0))) bool WriteToSink(int level, const char* format, va_list args)
-    REQUIRES(LogLock()) {
-  if (Sink() == nullptr) {
+// Yields false, with `args` unused, if there is no sink.
+__attribute__((format(printf, 2, 0))) bool ToSink(int level, const char* format, va_list args) {
+  if (logSink.load() == nullptr) {
     return false;
   }
   va_list again;
@@ -34,41 +39,44 @@ __attribute__((format(printf, 2, 0))) bool WriteToSink(int level, const char* fo
   if (length >= 0) {
     std::string text(static_cast<std::size_t>(length) + 1, '\0');
     (void)std::vsnprintf(text.data(), text.size(), format, again);
-    Sink()(level, text.c_str());
+    const MutexLock lock(LogLock());
+    if (const LogSink current = logSink.load()) {
+      current(level, text.c_str());
+    }
   }
   va_end(again);
   return true;
 }
 
 __attribute__((format(printf, 2, 0))) void ToSyslog(int level, const char* format, va_list args) {
-  const MutexLock lock(LogLock());
-  if (WriteToSink(level, format, args)) {
+  if (ToSink(level, format, args)) {
     return;
   }
+  const MutexLock lock(LogLock());
   vsyslog(level, format, args);
 }
 
-// One line costs one open and one close. The whole line reaches the device in one write, so lines
-// of several threads don't mix.
+// One line costs one open, one write and one close: lines of several threads don't mix, and nothing
+// stays open. Without the device the line is lost; it must not be made as a file, which would fill
+// the memory behind /dev, so nothing here creates it.
 __attribute__((format(printf, 2, 0))) void ToKernelLog(int level, const char* format,
                                                        va_list args) {
-  {
-    const MutexLock lock(LogLock());
-    if (WriteToSink(level, format, args)) {
-      return;
-    }
-  }
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(kKernelLog, "a+e"),
-                                                               &std::fclose);
-  if (stream == nullptr) {
+  if (ToSink(level, format, args)) {
     return;
   }
-  char text[2048];
-  if (std::vsnprintf(text, sizeof(text), format, args) < 0) {
+  const UniqueFd device(open(kKernelLog, O_RDWR | O_APPEND | O_CLOEXEC | O_NOCTTY));
+  if (!device.IsOpen()) {
     return;
   }
-  (void)std::fprintf(stream.get(), "<%d> PROCMGR[%d] %s", level, HostContext::Instance().pid_,
-                     text);
+  std::array<char, kKernelRecord> line{};
+  const auto prefix = static_cast<std::size_t>(std::snprintf(
+      line.data(), line.size(), "<%d> PROCMGR[%d] ", level, HostContext::Instance().pid_));
+  if (std::vsnprintf(line.data() + prefix, line.size() - prefix, format, args) < 0) {
+    return;
+  }
+  // A log that can't be written has nobody to be told to.
+  [[maybe_unused]] const ssize_t ignored =
+      write(device.Get(), line.data(), std::strlen(line.data()));
 }
 
 __attribute__((format(printf, 2, 0))) void Route(int level, const char* format, va_list args) {
@@ -92,8 +100,9 @@ void CloseLog() {
 }
 
 void SetLogSink(LogSink sink) {
+  // Under the lock, so that nobody is in the old sink any more when this returns.
   const MutexLock lock(LogLock());
-  Sink() = sink;
+  logSink = sink;
 }
 
 // The seven public functions differ in level and sink and in nothing else; a variable argument list

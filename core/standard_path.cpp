@@ -8,7 +8,8 @@ namespace ProcMgr {
 
 bool StandardizationPath(const std::string& input, std::string& output) {
   static_assert(PATH_MAX == 4096);
-  if (input.size() > PATH_MAX) {
+  // A zero byte would cut the path short for the kernel, but not for who compares the text.
+  if (input.size() > PATH_MAX || input.find('\0') != std::string::npos) {
     return false;
   }
   std::array<char, PATH_MAX + 1> resolved{};
