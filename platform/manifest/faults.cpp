@@ -27,7 +27,7 @@ void Faults::Warning(const std::string& file, const Place& place, const std::str
 
 void Faults::Finish() const {
   if (lines_ > kMaxFaultLines) {
-    LogError("%zu more faults of these files aren't told; correct the first ones",
+    LogError("%zu more lines about these files are left out; correct what the first ones tell",
              lines_ - kMaxFaultLines);
   }
 }

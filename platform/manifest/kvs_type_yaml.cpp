@@ -13,32 +13,13 @@ namespace ProcMgr {
 using Manifest::YamlDocument;
 using Manifest::YamlNode;
 
-struct KvsTypeYaml::Node {
-  std::shared_ptr<const YamlDocument> document;
-  // Of the document; null before InitYamlNode.
-  const YamlNode* value = nullptr;
-  std::string key;
+namespace {
 
-  [[nodiscard]] bool Is(YamlNode::Kind kind) const {
-    return value != nullptr && value->kind == kind;
-  }
-};
+bool Is(const std::shared_ptr<const YamlNode>& node, YamlNode::Kind kind) {
+  return node != nullptr && node->kind == kind;
+}
 
-KvsTypeYaml::KvsTypeYaml() : node_(std::make_unique<Node>()) {}
-KvsTypeYaml::~KvsTypeYaml() = default;
-KvsTypeYaml::KvsTypeYaml(const KvsTypeYaml& other) : node_(std::make_unique<Node>(*other.node_)) {}
-KvsTypeYaml& KvsTypeYaml::operator=(const KvsTypeYaml& other) {
-  *node_ = *other.node_;
-  return *this;
-}
-// A moved-from reader stays usable: it swaps instead of giving its node away.
-KvsTypeYaml::KvsTypeYaml(KvsTypeYaml&& other) noexcept : KvsTypeYaml() {
-  node_.swap(other.node_);
-}
-KvsTypeYaml& KvsTypeYaml::operator=(KvsTypeYaml&& other) noexcept {
-  node_.swap(other.node_);
-  return *this;
-}
+}  // namespace
 
 bool KvsTypeYaml::InitYamlNode(const std::string& path) {
   try {
@@ -48,7 +29,8 @@ bool KvsTypeYaml::InitYamlNode(const std::string& path) {
         Manifest::ParseYamlText(text, *document)) {
       return false;
     }
-    *node_ = {document, &document->Root(), {}};
+    node_ = std::shared_ptr<const YamlNode>(document, &document->Root());
+    key_.clear();
     return true;
   } catch (const std::exception&) {
     return false;
@@ -56,56 +38,57 @@ bool KvsTypeYaml::InitYamlNode(const std::string& path) {
 }
 
 bool KvsTypeYaml::GetSubKvs(const std::string& key, KvsTypeYaml& out) const {
-  if (!node_->Is(YamlNode::Kind::kMapping)) {
+  if (!Is(node_, YamlNode::Kind::kMapping)) {
     return false;
   }
-  const YamlNode* const value = node_->value->Find(key);
+  const YamlNode* const value = node_->Find(key);
   if (value == nullptr) {
     return false;
   }
-  // `out` may be this very reader.
-  Node found{node_->document, value, key};
-  *out.node_ = std::move(found);
+  // `out` may be this very reader, and `key` its key.
+  std::string found = key;
+  out.node_ = std::shared_ptr<const YamlNode>(node_, value);
+  out.key_ = std::move(found);
   return true;
 }
 
 bool KvsTypeYaml::GetArray(std::vector<KvsTypeYaml>& out) const {
-  if (node_->value == nullptr || !node_->value->IsCollection()) {
+  if (node_ == nullptr || !node_->IsCollection()) {
     return false;
   }
-  std::vector<KvsTypeYaml> list(node_->value->children.size());
+  std::vector<KvsTypeYaml> list(node_->children.size());
   for (std::size_t i = 0; i < list.size(); ++i) {
-    YamlNode::Child child = node_->value->children[i];
+    YamlNode::Child child = node_->children[i];
     // A sequence of one-key mappings lists named things in a fixed order, as a mapping does.
     if (child.key == nullptr && child.value->kind == YamlNode::Kind::kMapping &&
         child.value->children.size() == 1) {
       child = child.value->children.front();
     }
-    *list[i].node_ = {node_->document, child.value,
-                      child.key == nullptr ? std::string() : child.key->text};
+    list[i].node_ = std::shared_ptr<const YamlNode>(node_, child.value);
+    list[i].key_ = child.key == nullptr ? std::string() : child.key->text;
   }
   out = std::move(list);
   return true;
 }
 
 const std::string& KvsTypeYaml::GetKey() const {
-  return node_->key;
+  return key_;
 }
 
 bool KvsTypeYaml::GetString(std::string& out) const {
-  if (!node_->Is(YamlNode::Kind::kScalar)) {
+  if (!Is(node_, YamlNode::Kind::kScalar)) {
     return false;
   }
-  out = node_->value->text;
+  out = node_->text;
   return true;
 }
 
 bool KvsTypeYaml::GetSequenceString(std::vector<std::string>& out) const {
-  if (!node_->Is(YamlNode::Kind::kSequence)) {
+  if (!Is(node_, YamlNode::Kind::kSequence)) {
     return false;
   }
   std::vector<std::string> texts;
-  for (const YamlNode::Child& child : node_->value->children) {
+  for (const YamlNode::Child& child : node_->children) {
     if (child.value->kind != YamlNode::Kind::kScalar) {
       return false;
     }
@@ -116,7 +99,7 @@ bool KvsTypeYaml::GetSequenceString(std::vector<std::string>& out) const {
 }
 
 bool KvsTypeYaml::GetBool(bool& out) const {
-  const auto value = node_->value == nullptr ? std::nullopt : Manifest::BooleanOf(*node_->value);
+  const auto value = node_ == nullptr ? std::nullopt : Manifest::BooleanOf(*node_);
   if (!value) {
     return false;
   }
@@ -125,9 +108,8 @@ bool KvsTypeYaml::GetBool(bool& out) const {
 }
 
 bool KvsTypeYaml::GetUint64(std::uint64_t& out) const {
-  const auto number = node_->Is(YamlNode::Kind::kScalar)
-                          ? ParseNumber<std::uint64_t>(node_->value->text)
-                          : std::nullopt;
+  const auto number =
+      Is(node_, YamlNode::Kind::kScalar) ? ParseNumber<std::uint64_t>(node_->text) : std::nullopt;
   if (!number) {
     return false;
   }

@@ -9,18 +9,16 @@
 
 namespace ProcMgr {
 
-// One node of a YAML file, copied by reference to the shared file. Outputs stay untouched on
-// failure, no exception leaves, and a failure is not logged: the caller knows what it means. One
-// thread at a time per file.
+namespace Manifest {
+struct YamlNode;
+}
+
+// One node of a YAML file, copied by reference to the shared file, which never changes. Outputs
+// stay untouched on failure, no exception leaves, and a failure is not logged: the caller knows
+// what it means. Readers of one file may be used by several threads; one reader by one thread at a
+// time.
 class KvsTypeYaml {
  public:
-  KvsTypeYaml();
-  ~KvsTypeYaml();
-  KvsTypeYaml(const KvsTypeYaml&);
-  KvsTypeYaml& operator=(const KvsTypeYaml&);
-  KvsTypeYaml(KvsTypeYaml&&) noexcept;
-  KvsTypeYaml& operator=(KvsTypeYaml&&) noexcept;
-
   // Loads the file at `path` and stands on its root. False if it can't be read (a file above
   // kConfigFileLimit included) or isn't YAML.
   [[nodiscard]] bool InitYamlNode(const std::string& path);
@@ -49,8 +47,9 @@ class KvsTypeYaml {
   [[nodiscard]] bool GetUint64(std::uint64_t& out) const;
 
  private:
-  struct Node;
-  std::unique_ptr<Node> node_;
+  // Keeps the whole file alive; null before InitYamlNode.
+  std::shared_ptr<const Manifest::YamlNode> node_;
+  std::string key_;
 };
 
 }  // namespace ProcMgr

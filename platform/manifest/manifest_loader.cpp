@@ -43,6 +43,7 @@ void ManifestLoader::Load(const std::string& path) {
 
 void ManifestLoader::LoadFile(const std::string& shownPath, const Origin& origin) {
   SourceFile file{shownPath, {}};
+  errno = 0;  // Stays so for a path that is too long to be tried.
   if (!StandardizationPath(shownPath, file.resolvedPath)) {
     faults_.Error(origin.file, origin.place,
                   Quoted(shownPath) + ' ' + ReadFailure(errno == 0 ? ENAMETOOLONG : errno));
@@ -100,9 +101,7 @@ bool ManifestLoader::Read(const SourceFile& file, const Origin& origin, YamlDocu
     return false;
   }
   if (const auto fault = ParseYamlText(text, document)) {
-    faults_.Error(
-        file.shownPath, fault->place,
-        "this isn't a YAML file: " + fault->text + "; correct what stands here or before");
+    faults_.Error(file.shownPath, fault->place, fault->text);
     return false;
   }
   return true;

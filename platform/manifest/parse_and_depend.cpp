@@ -64,8 +64,8 @@ void ParseAndDepend::GetStartGraph(const std::vector<std::string>& names, Depend
     std::set<std::string> among;
     const auto known = state_->dependencies.find(name);
     if (known != state_->dependencies.end()) {
-      std::set_intersection(known->second.begin(), known->second.end(), vertices.begin(),
-                            vertices.end(), std::inserter(among, among.end()));
+      std::copy_if(known->second.begin(), known->second.end(), std::inserter(among, among.end()),
+                   [&vertices](const std::string& other) { return vertices.contains(other); });
     }
     graph.AddVertex(name, among);
   }

@@ -46,6 +46,10 @@ std::vector<std::size_t> MatchBraces(std::string_view text) {
   return closing;
 }
 
+bool HasExpression(const std::vector<PatternPiece>& pieces) {
+  return std::any_of(pieces.begin(), pieces.end(), [](const auto& p) { return p.isExpression; });
+}
+
 // Null if an expression is broken, or if all of them together are too large.
 std::shared_ptr<const RE2> Compile(const std::vector<PatternPiece>& pieces) {
   std::string whole;
@@ -92,8 +96,7 @@ std::vector<PatternPiece> SplitPattern(std::string_view pattern) {
 }
 
 bool HasExpression(std::string_view text) {
-  const std::vector<PatternPiece> pieces = SplitPattern(text);
-  return std::any_of(pieces.begin(), pieces.end(), [](const auto& p) { return p.isExpression; });
+  return HasExpression(SplitPattern(text));
 }
 
 std::optional<std::string> FindBrokenExpression(std::string_view pattern) {
@@ -107,7 +110,7 @@ std::optional<std::string> FindBrokenExpression(std::string_view pattern) {
       return "the expression " + Quoted(piece.text) + " is broken: " + Printable(alone.error());
     }
   }
-  if (Compile(pieces) == nullptr) {
+  if (HasExpression(pieces) && Compile(pieces) == nullptr) {
     return "the expressions of " + Quoted(pattern) + " are too large together";
   }
   return std::nullopt;
@@ -115,7 +118,7 @@ std::optional<std::string> FindBrokenExpression(std::string_view pattern) {
 
 bool PatternCache::Matches(const std::string& pattern, std::string_view value) {
   const std::vector<PatternPiece> pieces = SplitPattern(pattern);
-  if (std::none_of(pieces.begin(), pieces.end(), [](const auto& p) { return p.isExpression; })) {
+  if (!HasExpression(pieces)) {
     return pattern == value;
   }
   // Who looks for a name tries many patterns: most fall out here, and need never be compiled.

@@ -28,6 +28,13 @@ std::string_view NullWordAt(std::string_view text) {
   return word == kWords.end() ? std::string_view() : *word;
 }
 
+// A fault that the tree builder finds, told in its own words. A throw is the only way to stop
+// yaml-cpp's parser.
+class BuilderFault : public YAML::ParserException {
+ public:
+  using YAML::ParserException::ParserException;
+};
+
 }  // namespace
 
 const YamlNode* YamlNode::Find(std::string_view name) const {
@@ -39,32 +46,37 @@ const YamlNode* YamlNode::Find(std::string_view name) const {
   return nullptr;
 }
 
-// Receives the events of one document. A throw is the only way to stop the parser; it has the
-// parser's own type so that both kinds of fault take one road.
+// Receives the events of one document.
 class TreeBuilder : public YAML::EventHandler {
  public:
   TreeBuilder(std::string_view text, YamlDocument& out) : text_(text), out_(out) {}
 
   void OnDocumentStart(const YAML::Mark& mark) override {
     if (out_.root_ != nullptr) {
-      throw YAML::ParserException(mark, "a second document begins; one file holds one document");
+      throw BuilderFault(mark, "a second document begins; one file holds one document");
     }
   }
   void OnDocumentEnd() override {}
 
+  // An empty value has the place of whatever follows it, which helps nobody; its key's is better.
+  // If what follows is the word "null", only the next event tells whose word it is.
   void OnNull(const YAML::Mark& mark, YAML::anchor_t anchor) override {
+    const YamlNode* const key = levels_.empty() ? nullptr : levels_.back().key;
     YamlNode& node = AddLeaf(mark, YamlNode::Kind::kNull, anchor);
     if (mark.pos >= 0 && static_cast<std::size_t>(mark.pos) < text_.size()) {
       node.text = NullWordAt(text_.substr(static_cast<std::size_t>(mark.pos)));
-      lastNull_ = &node;
-      lastNullPos_ = mark.pos;
+    }
+    if (node.text.empty()) {
+      MakeEmpty(node, key);
+    } else {
+      lastNull_ = {&node, key, mark.pos};
     }
   }
 
   void OnAlias(const YAML::Mark& mark, YAML::anchor_t anchor) override {
     const YamlNode* const target = anchor < anchors_.size() ? anchors_[anchor] : nullptr;
     if (target == nullptr || target->weight == 0) {
-      throw YAML::ParserException(mark, "an alias stands inside of the value that it refers to");
+      throw BuilderFault(mark, "an alias stands inside of the value that it refers to");
     }
     Grow(mark, target->weight);
     Attach(mark, target);
@@ -101,6 +113,20 @@ class TreeBuilder : public YAML::EventHandler {
     std::size_t expandedBefore;
   };
 
+  // A null that seems to be a word, until the next event.
+  struct NullWord {
+    YamlNode* node = nullptr;
+    const YamlNode* key = nullptr;
+    int pos = 0;
+  };
+
+  static void MakeEmpty(YamlNode& node, const YamlNode* key) {
+    node.text.clear();
+    if (key != nullptr) {
+      node.place = key->place;
+    }
+  }
+
   YamlNode& Add(const YAML::Mark& mark, YamlNode::Kind kind, YAML::anchor_t anchor) {
     YamlNode& node = out_.nodes_.emplace_back();
     node.kind = kind;
@@ -121,12 +147,10 @@ class TreeBuilder : public YAML::EventHandler {
   }
 
   void Attach(const YAML::Mark& mark, const YamlNode* node) {
-    // An empty value has the place of whatever follows it. If what follows is the word "null", the
-    // word isn't the empty value's.
-    if (lastNull_ != nullptr && lastNullPos_ == mark.pos) {
-      lastNull_->text.clear();
+    if (lastNull_.node != nullptr && lastNull_.pos == mark.pos) {
+      MakeEmpty(*lastNull_.node, lastNull_.key);
     }
-    lastNull_ = nullptr;
+    lastNull_ = {};
     if (levels_.empty()) {
       out_.root_ = node;
       return;
@@ -145,17 +169,15 @@ class TreeBuilder : public YAML::EventHandler {
   void Grow(const YAML::Mark& mark, std::size_t weight) {
     expanded_ += weight;
     if (expanded_ > kMaxYamlExpansion) {
-      throw YAML::ParserException(mark, "the aliases of this file write out to more than " +
-                                            std::to_string(kMaxYamlExpansion) +
-                                            " bytes; use fewer of them");
+      throw BuilderFault(mark, "the aliases of this file write out to more than " +
+                                   std::to_string(kMaxYamlExpansion) + " bytes; use fewer of them");
     }
   }
 
   void Open(const YAML::Mark& mark, YamlNode::Kind kind, YAML::anchor_t anchor) {
     if (levels_.size() == kMaxYamlDepth) {
-      throw YAML::ParserException(mark, "collections nest deeper than " +
-                                            std::to_string(kMaxYamlDepth) +
-                                            " levels; a service file needs four");
+      throw BuilderFault(mark, "collections nest deeper than " + std::to_string(kMaxYamlDepth) +
+                                   " levels; a service file needs four");
     }
     const std::size_t before = expanded_;
     levels_.push_back({&Add(mark, kind, anchor), nullptr, before});
@@ -173,8 +195,7 @@ class TreeBuilder : public YAML::EventHandler {
   // By the parser's number of the anchor.
   std::vector<const YamlNode*> anchors_;
   std::size_t expanded_ = 0;
-  YamlNode* lastNull_ = nullptr;
-  int lastNullPos_ = 0;
+  NullWord lastNull_;
 };
 
 std::optional<YamlFault> ParseYamlText(std::string_view text, YamlDocument& out) {
@@ -200,8 +221,11 @@ std::optional<YamlFault> ParseYamlText(std::string_view text, YamlDocument& out)
     }
     (void)parser.HandleNextDocument(builder);  // Throws if there is a second one.
     return std::nullopt;
+  } catch (const BuilderFault& fault) {
+    return YamlFault{PlaceOf(fault.mark), fault.msg};
   } catch (const YAML::Exception& fault) {
-    return YamlFault{PlaceOf(fault.mark), Printable(fault.msg, 2 * kShownValueBytes)};
+    return YamlFault{PlaceOf(fault.mark), "this isn't YAML: " + Printable(fault.msg) +
+                                              "; correct what stands here or just before"};
   }
 }
 

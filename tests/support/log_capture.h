@@ -1,0 +1,53 @@
+// The log lines of code that runs in the test itself.
+#ifndef TESTS_SUPPORT_LOG_CAPTURE_H
+#define TESTS_SUPPORT_LOG_CAPTURE_H
+
+#include <syslog.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/fork_locks.h"
+#include "core/log.h"
+#include "core/mutex.h"
+
+namespace PmTest {
+
+// Takes every log line from its construction to its end; one at a time. Any thread may log.
+class LogCapture {
+ public:
+  LogCapture() {
+    Take();
+    ProcMgr::SetLogSink(&Add);
+  }
+  ~LogCapture() { ProcMgr::SetLogSink(nullptr); }
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  // The lines since the last call, in order: "E " or another first letter of the level, and the
+  // text.
+  std::vector<std::string> Take() {
+    const ProcMgr::MutexLock lock(ProcMgr::LogLock());
+    return std::exchange(Lines(), {});
+  }
+
+ private:
+  // The log calls it under its lock.
+  static void Add(int level, const char* text) NO_THREAD_SAFETY_ANALYSIS {
+    const char letter = level == LOG_ERR       ? 'E'
+                        : level == LOG_WARNING ? 'W'
+                        : level == LOG_INFO    ? 'I'
+                                               : 'D';
+    Lines().push_back(std::string(1, letter) + ' ' + text);
+  }
+
+  static std::vector<std::string>& Lines() REQUIRES(ProcMgr::LogLock()) {
+    static std::vector<std::string> lines;
+    return lines;
+  }
+};
+
+}  // namespace PmTest
+
+#endif  // TESTS_SUPPORT_LOG_CAPTURE_H
