@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstring>
 
@@ -22,7 +23,8 @@ constexpr std::uint32_t kParentEvents = IN_CREATE | IN_MOVED_TO;
 
 }  // namespace
 
-ArrivalWatch::ArrivalWatch() : inotify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {}
+ArrivalWatch::ArrivalWatch(int cancelFd)
+    : cancelFd_(cancelFd), inotify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {}
 
 void ArrivalWatch::Refresh() {
   if (!inotify_.IsOpen() || directoryWatch_ >= 0) {
@@ -57,8 +59,9 @@ void ArrivalWatch::Poll(SteadyTime until) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - SteadyNow());
   constexpr std::chrono::milliseconds kLongest = std::chrono::hours(1);
   const auto wait = std::clamp(left, std::chrono::milliseconds(0), kLongest);
-  pollfd entry{inotify_.Get(), POLLIN, 0};
-  if (poll(&entry, 1, static_cast<int>(wait.count())) > 0) {
+  // poll passes over a negative descriptor.
+  std::array<pollfd, 2> entries{{{inotify_.Get(), POLLIN, 0}, {cancelFd_, POLLIN, 0}}};
+  if (poll(entries.data(), entries.size(), static_cast<int>(wait.count())) > 0) {
     Drain();
   }
 }

@@ -11,7 +11,8 @@ namespace ProcMgr::Nexio {
 // the look and the wait is not missed, because the watch stood before the look. For one thread.
 class ArrivalWatch {
  public:
-  ArrivalWatch();
+  // Every wait also ends when `cancelFd` (-1 for none, borrowed) becomes readable.
+  explicit ArrivalWatch(int cancelFd = -1);
 
   // Puts the watch where it belongs: on the socket directory, or on its parent until that is there.
   void Refresh();
@@ -28,6 +29,7 @@ class ArrivalWatch {
   void Poll(SteadyTime until);
   void Drain();
 
+  const int cancelFd_;
   UniqueFd inotify_;
   int directoryWatch_ = -1;
   int parentWatch_ = -1;

@@ -1,5 +1,6 @@
 #include "platform/nexio/connector.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -60,10 +61,15 @@ int Greet(int fd, gid_t gid, std::string_view ownName, NexioPeer& peer) {
                     static_cast<std::uint32_t>(ownName.size()));
 }
 
+bool IsReadable(int fd) {
+  pollfd entry{fd, POLLIN, 0};
+  return fd >= 0 && poll(&entry, 1, 0) > 0;
+}
+
 }  // namespace
 
 int ConnectToServer(std::string_view name, gid_t gid, std::string_view ownName, SteadyTime deadline,
-                    UniqueFd& out, NexioPeer& peer) {
+                    int cancelFd, UniqueFd& out, NexioPeer& peer) {
   const sockaddr_un address = SocketAddress(name);
   // Only a server that isn't there at once is worth an inotify instance.
   std::optional<ArrivalWatch> watch;
@@ -84,11 +90,14 @@ int ConnectToServer(std::string_view name, gid_t gid, std::string_view ownName, 
     if (SteadyNow() >= deadline) {
       return kNexioTimeout;
     }
+    if (IsReadable(cancelFd)) {
+      return kNexioBroken;
+    }
     if (again) {
       continue;
     }
     if (!watch) {
-      watch.emplace();
+      watch.emplace(cancelFd);
       watch->Refresh();
       continue;  // What came before the watch stood is found by another try.
     }

@@ -64,8 +64,8 @@ int NexioOpen(const NexioOpenParam& param) {
   (void)Nexio::MakeSocketDirectory();
   UniqueFd fd;
   NexioPeer peer;
-  const int connected =
-      Nexio::ConnectToServer(param.peerName, param.gid, OwnName(), deadline, fd, peer);
+  const int connected = Nexio::ConnectToServer(param.peerName, param.gid, OwnName(), deadline,
+                                               param.cancelFd, fd, peer);
   if (connected < 0) {
     return connected;
   }
