@@ -74,7 +74,7 @@ bool CheckFile(const std::string& path, const std::map<std::string, std::string>
   for (const ApplicationManifest& manifest : manifests) {
     names.push_back(manifest.GetAppName());
   }
-  std::printf("%s: %zu applications\n", path.c_str(), names.size());
+  std::printf("%s: %zu application%s\n", path.c_str(), names.size(), names.size() == 1 ? "" : "s");
   PrintRounds(names);
   PrintUnmet(manifests, {names.begin(), names.end()});
   return !hasLoggedError;

@@ -1,83 +1,19 @@
-// Service files: values and defaults, the place and text of every kind of fault, includes, match.
-#include "app/manifest.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <atomic>
-#include <map>
+// The values of service files: defaults, getters, and the place and text of each fault of a value.
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "core/small_file.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/temp_folder.h"
+#include "tests/unit/platform/manifest_fixture.h"
 
 namespace ProcMgr {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Pair;
 using ::testing::SizeIs;
-using ::testing::UnorderedElementsAre;
+using ManifestValues = ManifestTest;
 
-using Manifests = std::vector<ApplicationManifest>;
-using MatchData = std::map<std::string, std::string>;
-
-// The four required keys, each on a line of its own: lines 2 to 5 behind "applications:".
-constexpr const char* kBasics = R"(applications:
-  - appName: cam
-    binPath: /bin/cam
-    uid: 7
-    gid: 8
-)";
-
-class ManifestTest : public ::testing::Test {
- protected:
-  // Parses the file `name` of the folder. The log lines are in lines_, without the folder.
-  int Parse(const std::string& name, const MatchData& match = {}) {
-    return ParsePath(folder_.Path(name), match);
-  }
-
-  int ParsePath(const std::string& path, const MatchData& match = {}) {
-    manifests_.clear();
-    const int result =
-        ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, path, manifests_, match);
-    lines_ = log_.Take();
-    const std::string prefix = folder_.Path("");
-    for (std::string& line : lines_) {
-      for (std::size_t at = line.find(prefix); at != std::string::npos; at = line.find(prefix)) {
-        line.erase(at, prefix.size());
-      }
-    }
-    return result;
-  }
-
-  // The same for a file of this text, "m.yaml".
-  int ParseText(const std::string& text, const MatchData& match = {}) {
-    folder_.Write("m.yaml", text);
-    return Parse("m.yaml", match);
-  }
-
-  [[nodiscard]] std::vector<std::string> Names() const {
-    std::vector<std::string> names;
-    for (const ApplicationManifest& manifest : manifests_) {
-      names.push_back(manifest.GetAppName());
-    }
-    return names;
-  }
-
-  PmTest::TempFolder folder_;
-  PmTest::LogCapture log_;
-  Manifests manifests_;
-  std::vector<std::string> lines_;
-};
-
-TEST_F(ManifestTest, KeysLeftOutHaveTheirDefaults) {
+TEST_F(ManifestValues, KeysLeftOutHaveTheirDefaults) {
   ASSERT_EQ(ParseText(kBasics), 0);
   ASSERT_THAT(lines_, IsEmpty());
   ASSERT_THAT(manifests_, SizeIs(1));
@@ -110,7 +46,7 @@ TEST_F(ManifestTest, KeysLeftOutHaveTheirDefaults) {
   }
 }
 
-TEST_F(ManifestTest, EveryKeyReachesItsGetter) {
+TEST_F(ManifestValues, EveryKeyReachesItsGetter) {
   ASSERT_EQ(ParseText(R"(applications:
   - appName: "7"
     binPath: /b
@@ -176,7 +112,7 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetter) {
   }
 }
 
-TEST_F(ManifestTest, PatternMakesAnApplicationDynamic) {
+TEST_F(ManifestValues, PatternMakesAnApplicationDynamic) {
   const struct {
     const char* line;
     bool isDynamic;
@@ -203,7 +139,7 @@ TEST_F(ManifestTest, PatternMakesAnApplicationDynamic) {
 }
 
 // One line behind kBasics, hence line 6, and the one fault that it gives.
-TEST_F(ManifestTest, FaultOfOneValueNamesPlaceAndRemedy) {
+TEST_F(ManifestValues, FaultOfOneValueNamesPlaceAndRemedy) {
   const struct {
     const char* line;
     int column;
@@ -276,7 +212,7 @@ TEST_F(ManifestTest, FaultOfOneValueNamesPlaceAndRemedy) {
   }
 }
 
-TEST_F(ManifestTest, FaultOfARequiredValueNamesPlaceAndRemedy) {
+TEST_F(ManifestValues, FaultOfARequiredValueNamesPlaceAndRemedy) {
   const struct {
     const char* entry;
     int column;
@@ -314,7 +250,7 @@ TEST_F(ManifestTest, FaultOfARequiredValueNamesPlaceAndRemedy) {
   }
 }
 
-TEST_F(ManifestTest, NameMayHave255Bytes) {
+TEST_F(ManifestValues, NameMayHave255Bytes) {
   const auto entry = [](std::size_t length) {
     return "applications:\n- {appName: " + std::string(length, 'n') +
            ", binPath: /b, uid: 1, gid: 1}\n";
@@ -323,51 +259,7 @@ TEST_F(ManifestTest, NameMayHave255Bytes) {
   EXPECT_NE(ParseText(entry(256)), 0);
 }
 
-TEST_F(ManifestTest, AllFaultsOfAllFilesAreTold) {
-  folder_.Write("bad.yaml",
-                "- {appName: x}\n- {appName: y, binPath: /b, uid: 1, gid: 1, nice: q}\n");
-  manifests_.clear();
-  EXPECT_NE(ParseText(R"(applications:
-  - appName: a
-    binPath: b
-    uid: -3
-  - include: bad.yaml
-  - include: missing.yaml
-  - {appName: c, binPath: /b, uid: 1, gid: 1}
-  - {appName: c, binPath: /b, uid: 1, gid: 1}
-)"),
-            0);
-  EXPECT_THAT(lines_, ElementsAre(HasSubstr("m.yaml:2:5: the application has no gid"),
-                                  HasSubstr("m.yaml:3:14: binPath is \"b\""),
-                                  HasSubstr("m.yaml:4:10: uid is the number -3"),
-                                  HasSubstr("bad.yaml:1:3: the application has no binPath"),
-                                  HasSubstr("bad.yaml:1:3: the application has no uid"),
-                                  HasSubstr("bad.yaml:1:3: the application has no gid"),
-                                  HasSubstr("bad.yaml:2:51: nice is \"q\""),
-                                  "E m.yaml:6:14: \"missing.yaml\" can't be read (No such file or "
-                                  "directory); it must be a readable file",
-                                  "E m.yaml:8:15: the application \"c\" is already described at "
-                                  "m.yaml:7:15; each application must be described once"));
-  EXPECT_THAT(manifests_, IsEmpty());
-}
-
-TEST_F(ManifestTest, FailureLeavesTheListAlone) {
-  ASSERT_EQ(ParseText(kBasics), 0);
-  Manifests list = manifests_;
-  folder_.Write("m.yaml", std::string(kBasics) + "  - {appName: b}\n");
-  EXPECT_NE(
-      ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, folder_.Path("m.yaml"), list, {}),
-      0);
-  ASSERT_THAT(list, SizeIs(1));
-  folder_.Write("m.yaml", "applications: [{appName: z, binPath: /b, uid: 1, gid: 1}]");
-  EXPECT_EQ(
-      ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, folder_.Path("m.yaml"), list, {}),
-      0);
-  ASSERT_THAT(list, SizeIs(2));
-  EXPECT_EQ(list[1].GetAppName(), "z");
-}
-
-TEST_F(ManifestTest, UnknownKeysAreOnlyWarnings) {
+TEST_F(ManifestValues, UnknownKeysAreOnlyWarnings) {
   EXPECT_EQ(ParseText(R"(version: 3
 applications:
   - {appName: a, binPath: /b, uid: 1, gid: 1, restrat: no, sharepoolGroups: [{groupName: g, perm: x}]}
@@ -389,75 +281,7 @@ applications:
   EXPECT_THAT(Names(), ElementsAre("a"));
 }
 
-TEST_F(ManifestTest, IncludedApplicationsStandInTheirPlace) {
-  folder_.Write("sub/one.yaml",
-                "appName: one\nbinPath: /1\nuid: 1\ngid: 1\n"
-                "startupEntryPath: e.yaml\n");
-  folder_.Write("sub/list.yaml", R"(applications:
-  - {appName: two, binPath: /2, uid: 1, gid: 1}
-  - include: ../three.yaml
-)");
-  folder_.Write("three.yaml", "- {appName: three, binPath: /3, uid: 1, gid: 1}\n");
-  ASSERT_EQ(ParseText("applications:\n  - include: sub/one.yaml\n  - include: " +
-                      folder_.Path("sub/list.yaml") +
-                      "\n  - {appName: four, binPath: /4, uid: 1, gid: 1}\n"),
-            0);
-  EXPECT_THAT(Names(), ElementsAre("one", "two", "three", "four"));
-  EXPECT_EQ(manifests_[0].GetCfgPath(), folder_.Path("sub/one.yaml"));
-  EXPECT_EQ(manifests_[0].GetStartupEntryPath(), folder_.Path("sub/e.yaml"));
-  EXPECT_EQ(manifests_[2].GetCfgPath(), folder_.Path("three.yaml"));
-  EXPECT_EQ(manifests_[3].GetCfgPath(), folder_.Path("m.yaml"));
-}
-
-TEST_F(ManifestTest, PathsGoFromTheFileThatALinkLeadsTo) {
-  folder_.Write("real/m.yaml", "applications: [include: i.yaml]\n");
-  folder_.Write("real/i.yaml", "appName: i\nbinPath: /1\nuid: 1\ngid: 1\n");
-  ASSERT_EQ(symlink("real/m.yaml", folder_.Path("link.yaml").c_str()), 0);
-  ASSERT_EQ(Parse("link.yaml"), 0);
-  EXPECT_EQ(manifests_[0].GetCfgPath(), folder_.Path("real/i.yaml"));
-}
-
-TEST_F(ManifestTest, OneApplicationAloneIsNoFirstFile) {
-  EXPECT_NE(ParseText("appName: one\nbinPath: /1\nuid: 1\ngid: 1\n"), 0);
-  EXPECT_THAT(lines_, ElementsAre("E m.yaml:1:1: the file has no list of applications; it must "
-                                  "begin with \"applications:\""));
-}
-
-TEST_F(ManifestTest, IncludesNestEightDeep) {
-  folder_.Write("f9.yaml", "applications: []\n");
-  for (int i = 8; i >= 0; --i) {
-    folder_.Write("f" + std::to_string(i) + ".yaml",
-                  "applications:\n  - include: f" + std::to_string(i + 1) + ".yaml\n");
-  }
-  EXPECT_EQ(Parse("f1.yaml"), 0);
-  EXPECT_NE(Parse("f0.yaml"), 0);
-  EXPECT_THAT(lines_, ElementsAre("E f8.yaml:2:14: this include is the ninth in a row; includes "
-                                  "may nest 8 deep"));
-}
-
-TEST_F(ManifestTest, CircleOfIncludesIsNamed) {
-  folder_.Write("a.yaml", "applications:\n  - include: b.yaml\n");
-  folder_.Write("b.yaml", "applications:\n  - include: ./a.yaml\n");
-  EXPECT_NE(Parse("a.yaml"), 0);
-  EXPECT_THAT(lines_, ElementsAre("E b.yaml:2:14: the includes go in a circle: a.yaml -> b.yaml "
-                                  "-> a.yaml; take one of them out"));
-}
-
-// Nine files that each include the next one many times over: 50 to the power of 8 loads.
-TEST_F(ManifestTest, TreeOfIncludesIsCutOff) {
-  folder_.Write("f8.yaml", "applications: []\n");
-  for (int i = 7; i >= 0; --i) {
-    std::string text = "applications:\n";
-    for (int k = 0; k < 50; ++k) {
-      text += "- include: f" + std::to_string(i + 1) + ".yaml\n";
-    }
-    folder_.Write("f" + std::to_string(i) + ".yaml", text);
-  }
-  EXPECT_NE(Parse("f0.yaml"), 0);
-  EXPECT_THAT(lines_[0], HasSubstr("too many"));
-}
-
-TEST_F(ManifestTest, MatchTakesAnApplicationOnlyIfEveryPairIsGiven) {
+TEST_F(ManifestValues, MatchTakesAnApplicationOnlyIfEveryPairIsGiven) {
   const char* const text = R"(applications:
   - {appName: cam, binPath: /small, uid: 1, gid: 1, match: {board: "1"}}
   - {appName: cam, binPath: /large, uid: 1, gid: 1, match: {board: 2, mode: fast}}
@@ -483,134 +307,6 @@ TEST_F(ManifestTest, MatchTakesAnApplicationOnlyIfEveryPairIsGiven) {
   }
   // What isn't taken is checked all the same.
   EXPECT_NE(ParseText("applications: [{appName: a, match: {x: y}}]"), 0);
-}
-
-TEST_F(ManifestTest, FileThatIsNoServiceFileIsOneFault) {
-  std::string bomb = "a0: &a0 [x, x, x, x, x, x, x, x, x, x]\n";
-  for (int i = 1; i < 10; ++i) {
-    const std::string before = "*a" + std::to_string(i - 1);
-    bomb += "a" + std::to_string(i) + ": &a" + std::to_string(i) + " [" + before;
-    for (int k = 1; k < 10; ++k) {
-      bomb += ", " + before;
-    }
-    bomb += "]\n";
-  }
-  const struct {
-    const char* name;
-    std::string text;
-    const char* fault;
-  } cases[] = {
-      {"empty", "", "1:1: the file holds nothing; it must hold a YAML mapping"},
-      {"list", "- a\n", "1:1: the file is a list; it must be a mapping"},
-      {"other mapping", "a: b\n",
-       "1:1: the file has no list of applications; it must begin with \"applications:\""},
-      {"no list", "applications:\n  a: b\n", "2:3: applications is a mapping; it must be a list"},
-      {"two documents", "applications: []\n---\nx: y\n",
-       "2:1: a second document begins; one file holds one document"},
-      {"syntax", "applications:\n  - {appName: a\n  - b\n", "this isn't YAML: "},
-      {"tab", "applications:\n\t- a\n", "this isn't YAML: "},
-      {"unknown alias", "applications: *a\n", "this isn't YAML: "},
-      {"zero byte", std::string("applications: []\n#\0", 19), "2:2: the byte \"\\x00\""},
-      {"escape", "a: \"\x1b[2J\"\n", "1:5: the byte \"\\x1b\""},
-      {"latin 1", "a: caf\xe9\n", "1:7: the byte \"\\xe9\""},
-      {"overlong", "# \xc0\xaf\n", "1:3: the byte \"\\xc0\""},
-      {"surrogate", "# \xed\xa0\x80\n", "1:3: the byte \"\\xed\""},
-      {"cut off", "# \xe2\x82", "1:3: the byte \"\\xe2\""},
-      {"mapping as key", "applications: []\n? {a: b}\n: c\n",
-       "2:3: a key is a mapping; it must be a single word"},
-      {"deep list", std::string(500000, '['), "collections nest deeper than 64 levels"},
-      {"deep block",
-       [] {
-         std::string text;
-         for (int i = 0; i < 500; ++i) {
-           text += std::string(static_cast<std::size_t>(i), ' ') + "a:\n";
-         }
-         return text;
-       }(),
-       "collections nest deeper than 64 levels"},
-      {"alias bomb", bomb, "the aliases of this file write out to more than"},
-      {"alias of itself", "a: &a [*a]\n",
-       "1:8: an alias stands inside of the value that it refers to"},
-      {"too large", std::string(kConfigFileLimit + 1, '#'),
-       "1:1: \"m.yaml\" is larger than 1048576 bytes; divide it into files that it includes"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_NE(ParseText(c.text), 0) << c.name;
-    ASSERT_THAT(lines_, SizeIs(1)) << c.name;
-    EXPECT_THAT(lines_[0], ::testing::StartsWith("E m.yaml:")) << c.name;
-    EXPECT_THAT(lines_[0], HasSubstr(c.fault)) << c.name;
-    EXPECT_LT(lines_[0].size(), 600U) << c.name;
-  }
-}
-
-TEST_F(ManifestTest, PathThatIsNoFileIsOneFault) {
-  ASSERT_EQ(mkfifo(folder_.Path("fifo").c_str(), 0600), 0);
-  const struct {
-    std::string path;
-    const char* fault;
-  } cases[] = {
-      {folder_.Path("none.yaml"), "none.yaml:1:1: \"none.yaml\" can't be read (No such file"},
-      {folder_.Path("fifo"), "fifo:1:1: the file holds nothing"},
-      {"/proc", "/proc:1:1: \"/proc\" can't be read (Is a directory)"},
-      {"/dev/zero", "/dev/zero:1:1: \"/dev/zero\" is larger than 1048576 bytes"},
-      {std::string(5000, 'x'), "can't be read (File name too long)"},
-      {"", "can't be read (No such file"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_NE(ParsePath(c.path), 0) << c.path;
-    EXPECT_THAT(lines_, ElementsAre(HasSubstr(c.fault))) << c.path;
-  }
-}
-
-TEST_F(ManifestTest, HostileTextsStayOutOfTheLog) {
-  EXPECT_NE(ParseText(R"(applications:
-  - {appName: "a\e[31m\n\u202E", binPath: ")" +
-                      std::string(100000, 'x') + R"(", uid: "\x07", gid: 1, "k\ny": 1}
-)"),
-            0);
-  ASSERT_THAT(lines_, SizeIs(3));
-  for (const std::string& line : lines_) {
-    EXPECT_LT(line.size(), 600U);
-    EXPECT_EQ(line.find_first_of("\x1b\n\x07\xe2"), std::string::npos) << line;
-  }
-}
-
-TEST_F(ManifestTest, LinesOfOneLoadAreBounded) {
-  std::string text = "applications:\n";
-  for (int i = 0; i < 5000; ++i) {
-    text += "- 1\n";
-  }
-  EXPECT_NE(ParseText(text), 0);
-  ASSERT_THAT(lines_, SizeIs(1001));
-  EXPECT_EQ(lines_.back(),
-            "E 4000 more lines about these files are left out; correct what the first ones tell");
-}
-
-TEST_F(ManifestTest, ThreadsParseAndAskAtOnce) {
-  folder_.Write("m.yaml", std::string(kBasics) + "    dependList: [other]\n" +
-                              "  - {appName: other, binPath: /b, uid: 1, gid: 1}\n");
-  std::atomic<int> failures = 0;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([this, t, &failures] {
-      ParseAndDepend& library = ParseAndDepend::Instance();
-      for (int i = 0; i < 100; ++i) {
-        Manifests list;
-        DependGraph graph;
-        const int parsed = library.ParseYaml(ParamType::kDefault, folder_.Path("m.yaml"), list, {});
-        library.GetStartGraph({"cam", "other"}, graph);
-        const std::string id = std::to_string(t) + "-" + std::to_string(i % 7);
-        if (parsed != 0 || graph.GetNoDependVertices() != std::set<std::string>{"other"} ||
-            !library.IsDynamicParaMatch(id + "${[a-z]+}", id + "x")) {
-          ++failures;
-        }
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  EXPECT_EQ(failures, 0);
 }
 
 }  // namespace

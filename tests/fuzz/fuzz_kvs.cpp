@@ -1,0 +1,51 @@
+// Any bytes as a configuration file, walked as deep as it goes.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "platform/manifest/kvs_type_yaml.h"
+#include "tests/fuzz/fuzz_file.h"
+
+namespace {
+
+// With aliases a short file can be a long walk.
+constexpr int kMaxSteps = 2000;
+
+void Check(bool holds) {
+  if (!holds) {
+    std::abort();
+  }
+}
+
+void Walk(const ProcMgr::KvsTypeYaml& node, int& steps) {
+  if (++steps > kMaxSteps) {
+    return;
+  }
+  std::string text;
+  bool flag = false;
+  std::uint64_t number = 0;
+  std::vector<ProcMgr::KvsTypeYaml> children;
+  std::vector<std::string> texts;
+  const bool isScalar = node.GetString(text);
+  const bool isCollection = node.GetArray(children);
+  Check(!(isScalar && isCollection));
+  Check(isScalar || !(node.GetBool(flag) || node.GetUint64(number)));
+  Check(!node.GetSequenceString(texts) || texts.size() == children.size());
+  for (const ProcMgr::KvsTypeYaml& child : children) {
+    ProcMgr::KvsTypeYaml sub;
+    (void)node.GetSubKvs(child.GetKey(), sub);
+    Walk(child, steps);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  ProcMgr::KvsTypeYaml root;
+  if (root.InitYamlNode(PmTest::FuzzFile(data, size))) {
+    int steps = 0;
+    Walk(root, steps);
+  }
+  return 0;
+}
