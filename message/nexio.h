@@ -62,8 +62,8 @@ struct NexioOpenParam {
   std::uint8_t constant5 = 0;
   std::uint32_t constant6 = 0;
   std::uint64_t constant7 = 0;
-  // A descriptor that becomes readable when the wait for the peer is to be given up (an eventfd, say);
-  // borrowed for the call, -1 for none. The open then yields kNexioBroken.
+  // A descriptor that becomes readable when the wait for the peer is to be given up (an eventfd,
+  // say); borrowed for the call, -1 for none. The open then yields kNexioBroken.
   int cancelFd = -1;
 };
 

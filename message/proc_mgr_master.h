@@ -50,8 +50,9 @@ class ProcMgrMaster {
   void Detach();
 
   // Opens the channel to `procName`, which must run under `gid`. Blocks until the peer is there: up
-  // to 3 minutes, or 30 with "VENTRIX_RUN_MODE" at "1".
-  [[nodiscard]] bool RegServiceCallBack(const std::string& procName, gid_t gid);
+  // to 3 minutes, or 30 with "VENTRIX_RUN_MODE" at "1". `cancelFd`, borrowed for the call, gives
+  // the wait up when it becomes readable; -1 stands for none.
+  [[nodiscard]] bool RegServiceCallBack(const std::string& procName, gid_t gid, int cancelFd = -1);
 
   // Closes it; the name stays in the table without a descriptor. May block for 2 seconds if a
   // callback of the channel is running. If that isn't enough it yields false, and the channel

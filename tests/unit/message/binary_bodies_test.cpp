@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "message/serialization.h"
-#include "tests/support/captured_log.h"
 #include "tests/unit/message/frames.h"
+#include "tests/unit/message/taken_log.h"
 
 namespace ProcMgr::Serialization {
 namespace {
@@ -16,7 +16,7 @@ using ::testing::IsEmpty;
 using Names = std::vector<std::string>;
 using namespace std::string_literals;
 
-const std::string kQueryFailed = "error PROCMGR: DeserializeMessage QUERY_APP_STATE fail.";
+const std::string kQueryFailed = "E PROCMGR: DeserializeMessage QUERY_APP_STATE fail.";
 
 TEST(HeartMsg, IsTwoWords) {
   Message::RequestMsg frame;

@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "message/serialization.h"
-#include "tests/support/captured_log.h"
 #include "tests/unit/message/frames.h"
+#include "tests/unit/message/taken_log.h"
 
 namespace ProcMgr::Serialization {
 namespace {
@@ -66,7 +66,7 @@ TEST(ProcMgrCombinePiecesMsg, NamesTheOversizeItem) {
   std::vector<PackedItem> packed{Item(3958)};
   PieceList pieces;
   EXPECT_TRUE(ProcMgrCombinePiecesMsg(RequestType::START_APP, packed, pieces));
-  EXPECT_THAT(TakeLog(), ElementsAre("warning ProcMgrAgent : packedRequest=3958 bytes beyond the "
+  EXPECT_THAT(TakeLog(), ElementsAre("W ProcMgrAgent : packedRequest=3958 bytes beyond the "
                                      "PM_PIPE_BUF_MAX!"));
 }
 
@@ -75,7 +75,7 @@ TEST(ProcMgrCombinePiecesMsg, RefusesNothingToSend) {
   PieceList pieces;
   EXPECT_FALSE(ProcMgrCombinePiecesMsg(RequestType::START_APP, packed, pieces));
   EXPECT_THAT(pieces, IsEmpty());
-  EXPECT_THAT(TakeLog(), ElementsAre("error CombinePiecesMsg failed: packedRequest is empty!!"));
+  EXPECT_THAT(TakeLog(), ElementsAre("E CombinePiecesMsg failed: packedRequest is empty!!"));
 }
 
 TEST(ProcMgrCombinePiecesMsg, OrdersByLengthThenText) {
@@ -102,7 +102,7 @@ TEST(ProcMgrCombineMsg, AppendsTheFrameThatDoesNotFit) {
   ProcMgrCombineMsg(RequestType::TERM_APP, 1, std::string(3963, 'x'), pieces);
   ASSERT_EQ(pieces.size(), 1U);
   EXPECT_EQ(pieces[0].size, 3965U);
-  EXPECT_THAT(TakeLog(), ElementsAre("error ProcMgrCombineMsg failed memcpy_s failed: "
+  EXPECT_THAT(TakeLog(), ElementsAre("E ProcMgrCombineMsg failed memcpy_s failed: "
                                      "strSize=3965 bytes, ret=34"));
 }
 

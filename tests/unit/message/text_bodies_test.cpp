@@ -5,8 +5,8 @@
 
 #include "message/serialization.h"
 #include "message/text_fields.h"
-#include "tests/support/captured_log.h"
 #include "tests/unit/message/frames.h"
+#include "tests/unit/message/taken_log.h"
 
 namespace ProcMgr::Message {
 
@@ -116,10 +116,10 @@ TEST(TextPackers, WriteTheseBytes) {
   std::vector<PackedItem> packed;
   EXPECT_TRUE(ProcMgrPackBaseServiceStateRequest({2}, packed));
   EXPECT_EQ(packed.at(0).second, "2#");
-  EXPECT_THAT(TakeLog(), ElementsAre("info ProcMgrAgent : PackStartRequest app name: a",
-                                     "info ProcMgrAgent : PackStartRequest app name: name",
-                                     "info ProcMgrAgent : PackrestartRequest app name: a",
-                                     "info ProcMgrAgent : PackTermRequest app name="));
+  EXPECT_THAT(TakeLog(), ElementsAre("I ProcMgrAgent : PackStartRequest app name: a",
+                                     "I ProcMgrAgent : PackStartRequest app name: name",
+                                     "I ProcMgrAgent : PackrestartRequest app name: a",
+                                     "I ProcMgrAgent : PackTermRequest app name="));
 }
 
 // A name so long that the item's text has `size` bytes; `rest` is what stands behind the name.
@@ -145,7 +145,7 @@ TEST(TextPackers, RefuseWhatIsTooLong) {
     EXPECT_EQ(ProcMgrPackMatchDataAndPathRequest({{}, NameFor(size, "#0#")}, packed), fits);
     Texts errors;
     for (const std::string& line : TakeLog()) {
-      if (line.starts_with("error ")) {
+      if (line.starts_with("E ")) {
         errors.push_back(line);
       }
     }
@@ -154,17 +154,17 @@ TEST(TextPackers, RefuseWhatIsTooLong) {
       continue;
     }
     EXPECT_THAT(errors,
-                ElementsAre("error ProcMgrAgent : PackStartRequest failed: appName=" + start +
+                ElementsAre("E ProcMgrAgent : PackStartRequest failed: appName=" + start +
                                 " size=3960 exceeds the PM_PIPE_BUF_MAX!!",
-                            "error ProcMgrAgent : PackRestartRequest failed: appName=" + start +
+                            "E ProcMgrAgent : PackRestartRequest failed: appName=" + start +
                                 " size=3960 exceeds the PM_PIPE_BUF_MAX!!",
-                            "error ProcMgrAgent : PackTermRequest failed: appName=" + term +
+                            "E ProcMgrAgent : PackTermRequest failed: appName=" + term +
                                 " size=3960 exceeds the PM_PIPE_BUF_MAX!!",
-                            "error ProcMgrAgent : PackAppStateRequest failed=" + state +
+                            "E ProcMgrAgent : PackAppStateRequest failed=" + state +
                                 ", size=3960 bytes beyond the PM_PIPE_BUF_MAX!!",
-                            "error ProcMgrAgent : PackExecStateRequest failed: beyond the "
+                            "E ProcMgrAgent : PackExecStateRequest failed: beyond the "
                             "PM_PIPE_BUF_MAX!!",
-                            "error ProcMgrAgent : PackMatchDataAndPathRequest failed: beyond the "
+                            "E ProcMgrAgent : PackMatchDataAndPathRequest failed: beyond the "
                             "PM_PIPE_BUF_MAX!!"));
   }
 }
@@ -199,8 +199,8 @@ struct StartCase {
   const char* sender = "camera_service";
 };
 
-const std::string kBroken = "warning PROCMGR : frame body breaks off: type=0, size=";
-const std::string kDynamic = "error ProcMgr : ProcMgrMaster unpack request failed, dynamicPara";
+const std::string kBroken = "W PROCMGR : frame body breaks off: type=0, size=";
+const std::string kDynamic = "E ProcMgr : ProcMgrMaster unpack request failed, dynamicPara";
 
 const StartCase kStartCases[] = {
     {"the example", "1#a#2#x#y#1#1#1#v#", {"a(x,y,)1=v,"}, {}},
@@ -217,7 +217,7 @@ const StartCase kStartCases[] = {
     {"1025 arguments: the record keeps its name alone, the next begins right there",
      "2#a#1025#b#0#0#",
      {"a()", "b()"},
-     {"error ProcMgr : ProcMgrMaster : UnpackStartRequest err, argvSize=1025"}},
+     {"E ProcMgr : ProcMgrMaster : UnpackStartRequest err, argvSize=1025"}},
     {"a dynamic key of 3 stops; the records behind stay empty",
      "3#a#1#x#2#1#1#v#3#1#w#b#0#0#c#1#y#0#",
      {"a(x,)1=v,", "()", "()"},
@@ -251,11 +251,11 @@ const StartCase kStartCases[] = {
     {"2000 records are refused",
      "2000#a#0#0#",
      {"before()"},
-     {"error ProcMgr : ProcMgrMaster UnpackStartRequest err: big startAppListSize=2000"}},
+     {"E ProcMgr : ProcMgrMaster UnpackStartRequest err: big startAppListSize=2000"}},
     {"a negative count is a huge one",
      "-1#a#0#0#",
      {"before()"},
-     {"error ProcMgr : ProcMgrMaster UnpackStartRequest err: big startAppListSize=4294967295"}},
+     {"E ProcMgr : ProcMgrMaster UnpackStartRequest err: big startAppListSize=4294967295"}},
     {"no count", "x#a#0#0#", {}, {kBroken + "8 bytes, whole records=0"}},
     {"an empty body", "", {}, {kBroken + "0 bytes, whole records=0"}},
     {"a count that doesn't fit", "99999999999#a#0#0#", {}, {kBroken + "18 bytes, whole records=0"}},
@@ -290,11 +290,10 @@ TEST(ProcMgrUnpackRestartRequest, ReadsTheSame) {
   }
   (void)UnpackRestart("2000#", "x");
   (void)UnpackRestart("1#a#1025#", "x");
-  EXPECT_THAT(
-      TakeLog(),
-      ElementsAre("error ProcMgr : ProcMgrMaster UnpackRestartRequest err: big "
-                  "restartAppListSize=2000",
-                  "error ProcMgr : ProcMgrMaster : UnpackRestartRequest err, argvSize=1025"));
+  EXPECT_THAT(TakeLog(),
+              ElementsAre("E ProcMgr : ProcMgrMaster UnpackRestartRequest err: big "
+                          "restartAppListSize=2000",
+                          "E ProcMgr : ProcMgrMaster : UnpackRestartRequest err, argvSize=1025"));
 }
 
 TEST(ProcMgrUnpackTermRequest, ReadsTheseBodies) {
@@ -313,7 +312,7 @@ TEST(ProcMgrUnpackTermRequest, ReadsTheseBodies) {
     ProcMgrUnpackTermRequest(&frame, list);
     EXPECT_EQ(Show(list), names);
   }
-  EXPECT_THAT(TakeLog(), ::testing::Contains("error ProcMgr : ProcMgrMaster UnpackTermRequest err: "
+  EXPECT_THAT(TakeLog(), ::testing::Contains("E ProcMgr : ProcMgrMaster UnpackTermRequest err: "
                                              "big AppListSize=2000"));
 }
 
@@ -331,9 +330,9 @@ TEST(ProcMgrUnpackedAppStateRequest, ReadsTheseBodies) {
     ProcMgrUnpackedAppStateRequest(&frame, list);
     EXPECT_EQ(Show(list), records);
   }
-  EXPECT_THAT(TakeLog(), ElementsAre("warning PROCMGR : frame body breaks off: type=4, size=13 "
+  EXPECT_THAT(TakeLog(), ElementsAre("W PROCMGR : frame body breaks off: type=4, size=13 "
                                      "bytes, whole records=0",
-                                     "error ProcMgr : ProcMgrMaster UnpackedAppStateRequest err: "
+                                     "E ProcMgr : ProcMgrMaster UnpackedAppStateRequest err: "
                                      "big AppListSize=2000"));
 }
 
@@ -396,8 +395,8 @@ TEST(TextUnpackers, RefuseAFrameThatClaimsMoreThanItHas) {
   EXPECT_FALSE(ProcMgrUnpackedBaseServiceStateRequest(&frame, state));
   EXPECT_EQ(state.state, 9U);
   EXPECT_THAT(TakeLog(),
-              ElementsAre("error PROCMGR : frame refused: type=2, size=3965 bytes > 3964",
-                          "error PROCMGR : frame refused: type=2, size=18446744073709551615 bytes "
+              ElementsAre("E PROCMGR : frame refused: type=2, size=3965 bytes > 3964",
+                          "E PROCMGR : frame refused: type=2, size=18446744073709551615 bytes "
                           "> 3964"));
   frame = Frame(RequestType::TERM_APP, "1#" + std::string(3961, 'n') + '#');
   ProcMgrUnpackTermRequest(&frame, list);

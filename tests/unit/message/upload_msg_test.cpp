@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "tests/support/captured_log.h"
+#include "tests/unit/message/taken_log.h"
 
 namespace PmUpload {
 namespace {
@@ -52,21 +52,21 @@ TEST(UploadRequest, EveryShorterTextIsRefused) {
     const UploadMsg msg = Request(std::string_view(text).substr(0, size));
     LoadAppInfo info;
     EXPECT_FALSE(UnPackInfoRequest(&msg, info));
-    EXPECT_THAT(TakeLog(), ElementsAre("error UnPackInfoRequest: request breaks off, size=" +
+    EXPECT_THAT(TakeLog(), ElementsAre("E UnPackInfoRequest: request breaks off, size=" +
                                        std::to_string(size) + " bytes"));
   }
 }
 
 TEST(UploadRequest, RefusesThese) {
   const std::pair<const char*, const char*> cases[] = {
-      {"a#/b#1#2#1025#", "error UnPackInfoRequest: rwGroupsSize=1025 is bigger than 1024"},
-      {"a#/b#1#2#0#1025#", "error UnPackInfoRequest: allocGroupsSize=1025 is bigger than 1024"},
+      {"a#/b#1#2#1025#", "E UnPackInfoRequest: rwGroupsSize=1025 is bigger than 1024"},
+      {"a#/b#1#2#0#1025#", "E UnPackInfoRequest: allocGroupsSize=1025 is bigger than 1024"},
       {"a#/b#1#2#0#-1#",
-       "error UnPackInfoRequest: allocGroupsSize=18446744073709551615 is bigger "
+       "E UnPackInfoRequest: allocGroupsSize=18446744073709551615 is bigger "
        "than 1024"},
-      {"a#/b#1#2#1024#g#", "error UnPackInfoRequest: request breaks off, size=16 bytes"},
-      {"a#/b#x#2#0#0#0#0#", "error UnPackInfoRequest: request breaks off, size=17 bytes"},
-      {"a#/b#1#2#0#0#2#0#", "error UnPackInfoRequest: request breaks off, size=17 bytes"},
+      {"a#/b#1#2#1024#g#", "E UnPackInfoRequest: request breaks off, size=16 bytes"},
+      {"a#/b#x#2#0#0#0#0#", "E UnPackInfoRequest: request breaks off, size=17 bytes"},
+      {"a#/b#1#2#0#0#2#0#", "E UnPackInfoRequest: request breaks off, size=17 bytes"},
   };
   for (const auto& [text, line] : cases) {
     SCOPED_TRACE(text);
@@ -123,9 +123,9 @@ TEST(UploadResponse, IsThisText) {
   PackResponseToPmupload(false, true, {"ab"}, 0, text);
   PackResponseToPmupload(false, true, {"ab"}, 2, text);
   EXPECT_THAT(TakeLog(),
-              ElementsAre("info PackResponseToPmupload size=11 bytes, receivedMemGroupsNum=0, "
+              ElementsAre("I PackResponseToPmupload size=11 bytes, receivedMemGroupsNum=0, "
                           "sentMemGroups=1, pack info=0#1#1#ab#0#",
-                          "error sharepool mem group size=1 is invalid, should be at [2, 1024]"));
+                          "E sharepool mem group size=1 is invalid, should be at [2, 1024]"));
 }
 
 // A peer that asks until nothing is still to come has every name, in order.

@@ -1,0 +1,113 @@
+#include "message/upload_service.h"
+
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "core/log.h"
+#include "core/printable.h"
+#include "core/sleep.h"
+#include "message/nexio_wrappers.h"
+
+namespace PmUpload {
+namespace {
+
+using ProcMgr::LogError;
+using ProcMgr::LogInfo;
+using ProcMgr::LogWarning;
+
+constexpr int kCloseTries = 50;
+constexpr std::int64_t kCloseIntervalNs = 100'000'000;
+
+// Every local process can send these texts, and they go to the log.
+std::string Shown(std::string_view text) {
+  return ProcMgr::Printable(text, ProcMgr::kShownPathBytes);
+}
+
+// Written before the server exists and only read from then on, so it needs no lock.
+UploadCallBacks& CallBackSlot() {
+  static UploadCallBacks slot;
+  return slot;
+}
+
+// Copies the frame out of the library's buffer, whose alignment nobody promises. Yields false, with
+// an error line, for a request that is no frame.
+bool ReadFrame(const ProcMgr::NexioRequest& req, UploadMsg& msg) {
+  if (req.data == nullptr || req.size != sizeof(msg)) {
+    LogError("PmHandleRequest: req size=%u bytes, req msg size=%lu bytes", req.size, sizeof(msg));
+    return false;
+  }
+  std::memcpy(&msg, req.data, sizeof(msg));
+  if (msg.size > kUploadDataSize) {
+    LogError("PmHandleRequest failed: request size=%lu bytes > %lu", msg.size, kUploadDataSize);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool RegXCallBack(UploadCallBacks callBacks) {
+  CallBackSlot() = std::move(callBacks);
+  ProcMgr::NexioServerParam param;
+  param.connectCallback = &servercallback;
+  param.requestCallback = &PmHandleRequest;
+  return ProcMgr::NexioCreateServer(param) >= 0;
+}
+
+void servercallback(int fd, const char* clientName, std::uint32_t nameLen) {
+  LogInfo("servercallback fd=%d, clientName=%s, nameLen=%d", fd, Shown(clientName).c_str(),
+          static_cast<int>(nameLen));
+  if (fd < 0) {
+    LogError("servercallbak fd=%d is invaild.", fd);
+  }
+}
+
+void PmHandleRequest(int fd, const ProcMgr::NexioRequest* req) {
+  if (req == nullptr) {
+    LogWarning("PmHandleRequest: req is nullptr, connection is broken, fd=%d exits", fd);
+    CloseNexioFd(fd);
+    return;
+  }
+  UploadMsg msg;
+  LoadAppInfo info;
+  if (!ReadFrame(*req, msg) || !UnPackInfoRequest(&msg, info)) {
+    return;
+  }
+  LogInfo("PmHandleRequest receive pid=%d, pidAppName=%s, binPath=%s", info.pid,
+          Shown(info.pidAppName).c_str(), Shown(info.binPath).c_str());
+  const UploadCallBacks& manager = CallBackSlot();
+  const bool result = manager.onUploadApp(info, fd);
+  const bool inWhiteList = manager.inWhiteList(info.binPath);
+  std::string text;
+  PackResponseToPmupload(result, inWhiteList, manager.groupNames(), info.receivedMemGroupsNum,
+                         text);
+  ProcMgr::NexioResponse response;
+  response.seq = req->seq;
+  response.data = text.data();
+  response.size = static_cast<std::uint32_t>(text.size());
+  // A peer that has gone in the meantime has no use for the answer.
+  (void)ProcMgr::ProcMgrNexioSendResponse(fd, response);
+}
+
+void CloseNexioFd(int fd) {
+  LogInfo("CloseNexioFd begin. fd=%d", fd);
+  if (fd < 0) {
+    return;
+  }
+  int ret = 0;
+  for (int tries = 1;; ++tries) {
+    ret = ProcMgr::NexioClosePipe(fd);
+    if (ret != ProcMgr::kNexioCallback || tries == kCloseTries) {
+      break;
+    }
+    ProcMgr::SleepNs(kCloseIntervalNs);
+  }
+  if (ret < 0) {
+    LogError("CloseNexioFd: NexioClosePipe failed err=%d", ret);
+    return;
+  }
+  LogInfo("CloseNexioFd NexioClosePipe success. fd=%d", fd);
+}
+
+}  // namespace PmUpload

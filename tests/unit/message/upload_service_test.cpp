@@ -1,0 +1,139 @@
+#include "message/upload_service.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "tests/unit/message/fake_nexio.h"
+#include "tests/unit/message/taken_log.h"
+
+namespace PmUpload {
+namespace {
+
+using ProcMgr::NexioRequest;
+using ProcMgr::Test::FakeNexio;
+using ProcMgr::Test::TakeLog;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+class UploadServiceTest : public ::testing::Test {
+ protected:
+  UploadServiceTest() {
+    fake_.Reset();
+    EXPECT_TRUE(RegXCallBack({[this](const LoadAppInfo& info, int fd) {
+                                taken_.push_back(info.pidAppName + '@' + std::to_string(fd));
+                                return accepts_;
+                              },
+                              [] {
+                                return std::vector<std::string>{"g1", "g2"};
+                              },
+                              [](const std::string& path) { return path == "/listed"; }}));
+    (void)TakeLog();
+  }
+
+  // Sends `text` in a frame and yields the response's text; "silence" if there is none.
+  std::string Ask(std::string_view text) {
+    UploadMsg msg;
+    msg.size = text.size();
+    std::memcpy(msg.data, text.data(), text.size());
+    return Ask(&msg, sizeof(msg));
+  }
+
+  std::string Ask(const void* data, std::uint32_t size) {
+    const NexioRequest request{77, data, size};
+    PmHandleRequest(9, &request);
+    const auto sent = fake_.TakeSent();
+    if (sent.empty()) {
+      return "silence";
+    }
+    EXPECT_THAT(sent, SizeIs(1));
+    EXPECT_EQ(sent[0].fd, 9);
+    EXPECT_EQ(sent[0].seq, 77U);
+    return sent[0].data;
+  }
+
+  FakeNexio& fake_ = FakeNexio::Instance();
+  bool accepts_ = true;
+  std::vector<std::string> taken_;
+};
+
+TEST_F(UploadServiceTest, CreatesItsServer) {
+  const ProcMgr::NexioServerParam param = fake_.ServerParam();
+  EXPECT_EQ(param.maxClients, 1000U);
+  EXPECT_EQ(param.serverName, nullptr);
+  param.connectCallback(-3, "peer", 4);
+  EXPECT_THAT(TakeLog(), ElementsAre("I servercallback fd=-3, clientName=peer, nameLen=4",
+                                     "E servercallbak fd=-3 is invaild."));
+  fake_.ScriptServer(-1);
+  EXPECT_FALSE(RegXCallBack({}));
+}
+
+TEST_F(UploadServiceTest, Answers) {
+  EXPECT_EQ(Ask("a#/bin/a#12#34#0#0#0#0#"), "1#0#2#g1#g2#0#");
+  EXPECT_EQ(Ask("a#/listed#12#34#0#0#1#1#"), "1#1#1#g2#0#");
+  accepts_ = false;
+  EXPECT_EQ(Ask("b#/bin/b#12#34#0#0#0#2#"), "0#0#0#0#");
+  // More received than there are: the callback has run by then, and the answer is empty.
+  EXPECT_EQ(Ask("c#/bin/c#12#34#0#0#0#3#"), "");
+  EXPECT_THAT(taken_, ElementsAre("a@9", "a@9", "b@9", "c@9"));
+  EXPECT_THAT(TakeLog(),
+              Contains("I PmHandleRequest receive pid=12, pidAppName=a, binPath=/listed"));
+}
+
+TEST_F(UploadServiceTest, BadRequestsMeetSilence) {
+  std::vector<char> bytes(4000);
+  EXPECT_EQ(Ask(nullptr, 3968), "silence");
+  EXPECT_EQ(Ask(bytes.data(), 3984), "silence");
+  const std::uint64_t tooLong = 3961;
+  std::memcpy(bytes.data(), &tooLong, sizeof(tooLong));
+  EXPECT_EQ(Ask(bytes.data(), 3968), "silence");
+  EXPECT_THAT(TakeLog(),
+              ElementsAre("E PmHandleRequest: req size=3968 bytes, req msg size=3968 bytes",
+                          "E PmHandleRequest: req size=3984 bytes, req msg size=3968 bytes",
+                          "E PmHandleRequest failed: request size=3961 bytes > 3960"));
+  EXPECT_EQ(Ask("a#/b#1#2#1025#"), "silence");
+  EXPECT_THAT(taken_, IsEmpty());
+}
+
+TEST_F(UploadServiceTest, TextsOfPeersAreHarmlessInTheLog) {
+  EXPECT_EQ(Ask("a\n\x1b[31m#/b#1#2#0#0#0#2#"), "1#0#0#0#");
+  EXPECT_THAT(TakeLog(), Contains("I PmHandleRequest receive pid=1, pidAppName=a\\x0a\\x1b[31m, "
+                                  "binPath=/b"));
+}
+
+struct CloseCase {
+  const char* name;
+  std::vector<int> results;
+  std::size_t tries;
+  std::string line;
+};
+
+TEST_F(UploadServiceTest, ABrokenConnectionIsClosed) {
+  const CloseCase cases[] = {
+      {"at once", {0}, 1, "I CloseNexioFd NexioClosePipe success. fd=9"},
+      {"busy twice", {-16, -16, 0}, 3, "I CloseNexioFd NexioClosePipe success. fd=9"},
+      {"always busy", std::vector<int>(60, -16), 50,
+       "E CloseNexioFd: NexioClosePipe failed err=-16"},
+      {"unknown", {-9}, 1, "E CloseNexioFd: NexioClosePipe failed err=-9"},
+  };
+  for (const CloseCase& test : cases) {
+    SCOPED_TRACE(test.name);
+    fake_.Reset();
+    fake_.ScriptClose(test.results);
+    PmHandleRequest(9, nullptr);
+    EXPECT_EQ(fake_.TakeCloseCalls(), std::vector<int>(test.tries, 9));
+    EXPECT_EQ(fake_.Sleeps(), std::vector<std::int64_t>(test.tries - 1, 100'000'000));
+    EXPECT_THAT(TakeLog(),
+                ElementsAre("W PmHandleRequest: req is nullptr, connection is broken, fd=9 "
+                            "exits",
+                            "I CloseNexioFd begin. fd=9", test.line));
+  }
+  CloseNexioFd(-1);
+  EXPECT_THAT(TakeLog(), ElementsAre("I CloseNexioFd begin. fd=-1"));
+}
+
+}  // namespace
+}  // namespace PmUpload
