@@ -1,10 +1,11 @@
 // A private view of the machine in which the real daemon boots without touching the host.
 //
-// A sandbox is a mount namespace of its own: an overlay on /etc and on /opt, its own /run, /dev
-// (with its own /dev/kmsg, and a /dev/log that a LogReader serves), its own /proc/cmdline, and its
-// own groups as the roots of the cpu, memory and cpuset hierarchies. No process holds it: it lives
-// as long as this object's descriptor, so it goes with the test process however that ends. Any
-// number of sandboxes work side by side, in one process and in several.
+// A sandbox is a mount namespace of its own: an overlay on /etc and on /opt, its own users (root
+// and nobody), its own /run, /dev (with its own /dev/kmsg, and a /dev/log that a LogReader serves),
+// its own /proc/cmdline, and its own groups as the roots of the cpu, memory and cpuset hierarchies.
+// No process holds it: it lives as long as this object's descriptor, so it goes with the test
+// process however that ends. Any number of sandboxes work side by side, in one process and in
+// several.
 //
 // The test stays outside and reaches in by path (Outside), by starting programs inside (process.h),
 // or by stepping in with one thread (Sandbox::Inside).

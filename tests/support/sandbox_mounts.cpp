@@ -51,19 +51,24 @@ void Overlay(const std::string& folder) {
             "mount an overlay on " + folder);
 }
 
-// What a host that runs a manager of its own has in /etc must not reach the tests, and names are
-// looked up in the sandbox's own files and nowhere else.
-void ClearConfiguration() {
-  for (const char* path :
-       {"/etc/zur", "/etc/sharepool", "/etc/vantor_common_env.conf", "/etc/nsswitch.conf"}) {
+void WriteNewFile(const std::string& path, std::string_view text) {
+  const ProcMgr::UniqueFd file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  CheckStep(file.IsOpen() &&
+                write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()),
+            "write " + path);
+}
+
+// What a host that runs a manager of its own has in /etc must not reach the tests, nor its users:
+// names are looked up in the sandbox's own files and nowhere else.
+void ReplaceConfiguration() {
+  for (const char* path : {"/etc/zur", "/etc/sharepool", "/etc/vantor_common_env.conf",
+                           "/etc/nsswitch.conf", "/etc/passwd", "/etc/group"}) {
     std::filesystem::remove_all(path);
   }
-  const ProcMgr::UniqueFd file(
-      open("/etc/nsswitch.conf", O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-  constexpr std::string_view kText = "passwd: files\ngroup: files\nshadow: files\n";
-  CheckStep(file.IsOpen() &&
-                write(file.Get(), kText.data(), kText.size()) == static_cast<ssize_t>(kText.size()),
-            "write /etc/nsswitch.conf");
+  WriteNewFile("/etc/nsswitch.conf", "passwd: files\ngroup: files\nshadow: files\n");
+  WriteNewFile("/etc/passwd",
+               "root:x:0:0:root:/root:/bin/sh\nnobody:x:65534:65534::/:/usr/sbin/nologin\n");
+  WriteNewFile("/etc/group", "root:x:0:\nnogroup:x:65534:\n");
 }
 
 // The host's /dev can't be overlaid, since it shows the kernel's own nodes; the sandbox gets those
@@ -118,7 +123,7 @@ void BuildSandboxMounts(CgroupRoots& cgroups) {
   MakeFolder(std::string(kScratch) + "/work");
   Overlay("/etc");
   Overlay("/opt");
-  ClearConfiguration();
+  ReplaceConfiguration();
   BuildDev();
   CoverKernelCommandLine();
   cgroups.Build();

@@ -4,6 +4,8 @@
 //   --mark FILE         appends "PID NANOSECONDS" (monotonic clock), first of all
 //   --report FILE       writes what this process is, as "key=value" lines, in place of FILE
 //   --touch FILE        makes FILE
+//   --serve NAME        makes the socket on which the manager opens a channel to NAME, and reads
+//                       nothing from it
 //   --threads N         starts N threads, each named "worker"
 //   --ignore-term       ignores SIGTERM
 //   --close-output      closes standard output and error
@@ -19,9 +21,12 @@
 #include <grp.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
@@ -225,6 +230,21 @@ void WriteReport(const char* path, int argc, char** argv) {
   }
 }
 
+void Serve(const char* name) {
+  (void)mkdir("/run/nexio", 0777);
+  (void)chmod("/run/nexio", 01777);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = std::string("/run/nexio/") + name + ".sock";
+  (void)unlink(path.c_str());
+  (void)path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+      chmod(path.c_str(), 0666) != 0 || listen(fd, 8) != 0) {
+    Fail(name);
+  }
+}
+
 void* WaitForever(void*) {
   for (;;) {
     pause();
@@ -242,8 +262,8 @@ void StartThreads(int count) {
 }
 
 [[noreturn]] void Crash(int signal) {
-  const rlimit none{0, 0};
-  (void)setrlimit(RLIMIT_CORE, &none);
+  // Whatever the host does with core files, there is none.
+  (void)prctl(PR_SET_DUMPABLE, 0);
   (void)::signal(signal, SIG_DFL);
   (void)raise(signal);
   Fail("the signal did not end this process");
@@ -282,6 +302,8 @@ void Obey(int argc, char** argv, int& at, Plan& plan) {
     WriteReport(Value(argc, argv, at), argc, argv);
   } else if (flag == "--touch") {
     close(open(Value(argc, argv, at), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+  } else if (flag == "--serve") {
+    Serve(Value(argc, argv, at));
   } else if (flag == "--threads") {
     StartThreads(atoi(Value(argc, argv, at)));
   } else if (flag == "--ignore-term") {
