@@ -129,20 +129,36 @@ void CloseLeftOver() {
 
 // Opens a channel and files its descriptor. Yields the library's result, and in `error` the errno
 // that it left.
-int OpenAndFile(const std::string& procName, gid_t gid, int cancelFd, int& error) {
+int OpenAndFile(const std::string& procName, gid_t gid, Openings::Scope& opening, int& error) {
   NexioOpenParam param;
   param.peerName = procName.c_str();
   param.requestCallback = &ProcMgrMaster::ProcMgrMasterRequstMsgHandler;
   param.timeout = OpenTimeoutMs();
   param.gid = gid;
-  param.cancelFd = cancelFd;
-  const Openings::Scope opening(openings);
-  const int fd = Open(param);
-  error = errno;
-  if (fd > 0) {
-    nameTable.Set(procName, fd);
+  param.cancelFd = opening.CancelFd();
+  for (;;) {
+    const int fd = Open(param);
+    error = errno;
+    const auto file = [fd, &procName] {
+      if (fd > 0) {
+        nameTable.Set(procName, fd);
+      }
+    };
+    if (opening.TryFile(file)) {
+      return fd;
+    }
+    if (fd > 0) {
+      // Connected to a process that has ended in the meantime.
+      nameTable.MarkForClosing(fd);
+      (void)CloseMarked(fd);
+    }
   }
-  return fd;
+}
+
+// Yields what the opening of the name that is under way yields.
+bool JoinOther(const std::string& procName) {
+  openings.WaitForEnd(procName);
+  return nameTable.FdOf(procName) > 0;
 }
 
 }  // namespace
@@ -159,7 +175,8 @@ void ProcMgrMaster::Detach() {
   attachment.Detach(this);
 }
 
-bool ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid, int cancelFd) {
+bool ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid,
+                                       const OpenTerms& terms) {
   if (secure_getenv("PROC_NAME") == nullptr) {
     LogError("********* PROCMGR : RegServiceCallBack begin :pmProcName is null, targetProcName=%s",
              procName.c_str());
@@ -169,9 +186,18 @@ bool ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid, i
     return false;
   }
   CloseLeftOver();
-  nameTable.Set(procName, -1);
+  int fd = kNexioBroken;
   int error = 0;
-  const int fd = OpenAndFile(procName, gid, cancelFd, error);
+  {
+    Openings::Scope opening(openings, procName, terms.patience);
+    if (!opening.IsFirst()) {
+      return !terms.waitsForOther || JoinOther(procName);
+    }
+    nameTable.Set(procName, -1);
+    if (!terms.isPeerGone || !terms.isPeerGone()) {
+      fd = OpenAndFile(procName, gid, opening, error);
+    }
+  }
   if (fd < 1) {
     LogError("PROCMGR : RegServiceCallBack failed!! ret=%d, errno=%d", fd, error);
     return false;
@@ -181,9 +207,14 @@ bool ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid, i
   return true;
 }
 
+void ProcMgrMaster::GiveUpOpening(const std::string& procName) {
+  openings.GiveUp(procName);
+}
+
 bool ProcMgrMaster::UnRegServiceCallBack(const std::string& procName) {
   CloseLeftOver();
-  const int fd = nameTable.TakeForClosing(procName);
+  int fd = -1;
+  openings.Restarted(procName, [&fd, &procName] { fd = nameTable.TakeForClosing(procName); });
   const int ret = CloseMarked(fd);
   if (ret < 0) {
     LogError("PROCMGR : Master UnRegServiceCallBack failed: NexioClosePipe failed err code: %d",

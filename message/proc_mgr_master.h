@@ -20,6 +20,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <string>
@@ -30,6 +31,18 @@
 #include "message/serialization.h"
 
 namespace ProcMgr {
+
+// How long an opening goes on.
+struct OpenTerms {
+  // Asked once, when GiveUpOpening already finds the opening: true if the peer has gone for good.
+  // An end of the peer is thus seen either here or there. May be empty.
+  std::function<bool()> isPeerGone;
+  // Whether to wait for an opening of the same name that is under way, and to yield what it
+  // yields. Otherwise that one is left alone, and the call succeeds at once.
+  bool waitsForOther = true;
+  // Ends the wait for the peer before the library's own time-out; 0 for not.
+  std::chrono::milliseconds patience{0};
+};
 
 // One at a time in a process: the library's callback finds it through a static pointer.
 class ProcMgrMaster {
@@ -50,9 +63,12 @@ class ProcMgrMaster {
   void Detach();
 
   // Opens the channel to `procName`, which must run under `gid`. Blocks until the peer is there: up
-  // to 3 minutes, or 30 with "VENTRIX_RUN_MODE" at "1". `cancelFd`, borrowed for the call, gives
-  // the wait up when it becomes readable; -1 stands for none.
-  [[nodiscard]] bool RegServiceCallBack(const std::string& procName, gid_t gid, int cancelFd = -1);
+  // to 3 minutes, or 30 with "VENTRIX_RUN_MODE" at "1". A name has one opening at a time.
+  [[nodiscard]] bool RegServiceCallBack(const std::string& procName, gid_t gid,
+                                        const OpenTerms& terms = {});
+
+  // Ends the opening of `procName` that is under way, if there is one: it fails. Never blocks.
+  void GiveUpOpening(const std::string& procName);
 
   // Closes it; the name stays in the table without a descriptor. May block for 2 seconds if a
   // callback of the channel is running. If that isn't enough it yields false, and the channel

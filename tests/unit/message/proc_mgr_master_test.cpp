@@ -55,8 +55,15 @@ class ProcMgrMasterTest : public ::testing::Test {
   ProcMgrMaster master_;
 };
 
+TEST_F(ProcMgrMasterTest, PeerThatHasGoneIsNotWaitedFor) {
+  EXPECT_FALSE(
+      master_.RegServiceCallBack("camera_service", 1001, {.isPeerGone = [] { return true; }}));
+  EXPECT_THAT(fake_.OpenedChannels(), SizeIs(0));
+  EXPECT_THAT(TakeLog(), ElementsAre("E PROCMGR : RegServiceCallBack failed!! ret=-32, errno=0"));
+}
+
 TEST_F(ProcMgrMasterTest, OpensAndFilesAChannel) {
-  ASSERT_TRUE(master_.RegServiceCallBack("camera_service", 1001, 99));
+  ASSERT_TRUE(master_.RegServiceCallBack("camera_service", 1001));
   const int fd = master_.GetFdFromProcName("camera_service");
   EXPECT_GE(fd, 1);
   EXPECT_THAT(TakeLog(), ElementsAre("I ********* PROCMGR : RegServiceCallBack success fd=" +
@@ -65,7 +72,7 @@ TEST_F(ProcMgrMasterTest, OpensAndFilesAChannel) {
   ASSERT_THAT(opened, SizeIs(1));
   EXPECT_EQ(opened[0].peerName, "camera_service");
   EXPECT_EQ(opened[0].gid, 1001U);
-  EXPECT_EQ(opened[0].cancelFd, 99);
+  EXPECT_GE(opened[0].cancelFd, 0);
   std::string name;
   EXPECT_TRUE(master_.GetProcNameFromFd(fd, name));
   EXPECT_EQ(name, "camera_service");
