@@ -1,0 +1,109 @@
+// What a base service says about itself.
+#include "core/app_lists.h"
+#include "core/boot_trace.h"
+#include "core/faults.h"
+#include "core/log.h"
+#include "core/process_manager.h"
+#include "host/core_affinity_mgr.h"
+
+namespace ProcMgr {
+namespace {
+
+enum class ServiceState : std::uint32_t { kAccessUp = 0, kReportAll = 1, kReady = 2, kLeaving = 3 };
+
+}  // namespace
+
+void ProcessManager::UpdateBaseAppState(const std::string& sender, std::uint32_t state) {
+  LogInfo("%s PM revice BASESERVICE_STATE_REPORT msg from %s report state=%s",
+          BootStrace(kBootTraceTag).c_str(), sender.c_str(),
+          Message::GetBaseServiceStateTypeStr(state).c_str());
+  switch (static_cast<ServiceState>(state)) {
+    case ServiceState::kAccessUp:
+      if (sender == kAccessService) {
+        RegisterVfs();
+        ReportPriorityApps();
+        UpdateBaseServiceReady(sender);
+      }
+      break;
+    case ServiceState::kReportAll:
+      if (sender == kAccessService) {
+        ReportAllApps();
+      }
+      break;
+    case ServiceState::kReady:
+      UpdateBaseServiceReady(sender);
+      SetReportedState(sender, ProcessState::RUNNING);
+      break;
+    case ServiceState::kLeaving:
+      SetReportedState(sender, ProcessState::TERMINATING);
+      break;
+  }
+}
+
+void ProcessManager::SetReportedState(const std::string& sender, ProcessState state) {
+  const MutexLock lock(baseAppMutex_);
+  App::BaseAppInfo* const app = FindBaseApp(sender);
+  if (app == nullptr) {
+    LogError("PROCMGR : UpdateBaseAppState failed, not find app=%s from executedBaseApp",
+             sender.c_str());
+    return;
+  }
+  if (state == ProcessState::RUNNING) {
+    UpdateFaultSensor(sender, app->nodeType_, Fault::kOff);
+  }
+  {
+    const MutexLock stateLock(stateMutex_);
+    // An end that the check pass has seen stays an end.
+    if (state == ProcessState::RUNNING || app->state_ != ProcessState::TERMINATED) {
+      app->state_ = state;
+    }
+    NoteAwaitedState(*app);
+  }
+  stateCond_.NotifyOne();
+}
+
+void ProcessManager::UpdateBaseServiceReady(const std::string& name) {
+  PUpdateBaseSeriverReadyInfo(name);
+  const MutexLock lock(generalAppMutex_);
+  for (const auto& [appName, app] : allGeneralAppMap_) {
+    if (app->ownerName_ == name) {
+      app->isPriorityPending_ = false;
+    }
+  }
+}
+
+void ProcessManager::PUpdateBaseSeriverReadyInfo(const std::string& name) {
+  const MutexLock lock(baseAppMutex_);
+  App::BaseAppInfo* const app = FindBaseApp(name);
+  if (app == nullptr) {
+    LogError("PUpdateBaseSeriverReadyInfo failed, not find base app=%s", name.c_str());
+    return;
+  }
+  app->isReady_ = true;
+}
+
+bool ProcessManager::IsAccessServiceReady() {
+  const MutexLock lock(baseAppMutex_);
+  const App::BaseAppInfo* const app = FindBaseApp(kAccessService);
+  return app != nullptr && app->isReady_;
+}
+
+// The manager holds no record of these processes: it passes on what "ventrix" says.
+void ProcessManager::HandleAppExecReport(const Message::AppExecInfo& info) {
+  LogInfo(
+      "%s PM revice APP_EXECUTION_REPORT msg from ventrix report appName=%s, pid=%d, gid=%u, "
+      "state=%s",
+      BootStrace(kBootTraceTag).c_str(), info.appName.c_str(), info.pid, info.gid,
+      Message::GetAppExecStateStr(info.state).c_str());
+  const bool isUp = info.state == 0;
+  if (!isUp) {
+    CoreAffinityMgr::Instance().RecycleThreadCoreInfo(info.pid, info.appName);
+  }
+  const ReportAppStateType state =
+      isUp ? ReportAppStateType::RUNNING_NORMAL_START : ReportAppStateType::TERMINATED_NORMAL_EXIT;
+  // Lost news are made up for by the next report.
+  (void)ReportAppState({{info.appName, info.pid, info.gid, static_cast<std::uint32_t>(state), 0}},
+                       kAccessService);
+}
+
+}  // namespace ProcMgr

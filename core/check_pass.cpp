@@ -1,0 +1,252 @@
+// The supervision loop: a pass over all records, every 30 ms.
+#include <chrono>
+
+#include "core/app_lists.h"
+#include "core/faults.h"
+#include "core/log.h"
+#include "core/process_manager.h"
+#include "core/sleep.h"
+#include "host/core_affinity_mgr.h"
+#include "platform/heartbeat/heartbeat.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr std::int64_t kPauseNs = 30'000'000;
+constexpr int kUploadPasses = 11;
+constexpr int kCoreBindingPasses = 21;
+
+void RecycleThreads(const App::AppInfo& app) {
+  CoreAffinityMgr::Instance().RecycleThreadCoreInfo(app.pid_, app.appName_);
+}
+
+// What an event of a general application means beyond its report.
+void FollowUp(const App::GeneralAppInfo& app) {
+  switch (app.reportState_) {
+    case ReportAppStateType::RUNNING_NORMAL_START:
+    case ReportAppStateType::RUNNING_NORMAL_RESTART:
+      UpdateFaultSensor(app.appName_, app.nodeType_, Fault::kOff);
+      break;
+    case ReportAppStateType::TERMINATED_NORMAL_EXIT:
+      RecycleThreads(app);
+      break;
+    case ReportAppStateType::TERMINATED_ABNORMAL_EXIT:
+      RecycleThreads(app);
+      UpdateFaultSensor(app.appName_, app.nodeType_, Fault::kOn);
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace
+
+void ProcessManager::CheckThread() {
+  int sinceUpload = 1;
+  int sinceCoreBinding = 1;
+  if (running_.load()) {
+    CheckBaseApps();
+    CheckGeneralApps();
+    RemoveTerminatedApps();
+  }
+  while (running_.load()) {
+    SleepNs(kPauseNs);
+    if (!running_.load()) {
+      break;
+    }
+    CheckBaseApps();
+    CheckGeneralApps();
+    ++sinceUpload;
+    RemoveTerminatedApps();
+    ++sinceCoreBinding;
+    if (sinceUpload == kUploadPasses) {
+      CheckPmUploadApps();
+      sinceUpload = 0;
+    }
+    if (sinceCoreBinding == kCoreBindingPasses) {
+      CoreAffinityMgr::Instance().CheckThreadCoreInfos();
+      sinceCoreBinding = 0;
+    }
+  }
+  LogWarning("PROCMGR: CheckThread exit now.");
+}
+
+void ProcessManager::CheckBaseApps() {
+  const MutexLock lock(baseAppMutex_);
+  for (App::BaseAppInfo& app : executedBaseApp_) {
+    {
+      const MutexLock stateLock(stateMutex_);
+      app.state_ = app.CheckState();
+    }
+    switch (app.reportState_) {
+      case ReportAppStateType::RUNNING_NORMAL_START:
+        UpdateFaultSensor(app.appName_, app.nodeType_, Fault::kOff);
+        break;
+      case ReportAppStateType::TERMINATED_NORMAL_EXIT:
+        RecycleThreads(app);
+        ReportBaseAppState(app, ReportAppStateType::TERMINATED_NORMAL_EXIT, 0);
+        break;
+      case ReportAppStateType::TERMINATED_ABNORMAL_EXIT:
+        HandleAbnormalExit(app);
+        break;
+      default:
+        break;
+    }
+  }
+  PublishAwaitedState();
+}
+
+// A restart within the pass has brought the record back to STARTING by now: only an end that
+// nothing follows, or a restart that failed, ends the bring-up's wait.
+void ProcessManager::PublishAwaitedState() {
+  const MutexLock lock(stateMutex_);
+  if (awaited_.name.empty()) {
+    return;
+  }
+  const App::BaseAppInfo* const app = FindBaseApp(awaited_.name);
+  if (app != nullptr && NoteAwaitedState(*app)) {
+    stateCond_.NotifyOne();
+  }
+}
+
+void ProcessManager::HandleAbnormalExit(App::BaseAppInfo& app) {
+  const std::string& name = app.appName_;
+  LogWarning("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s unexpectedly terminated.",
+             name.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
+  RecycleThreads(app);
+  ReportBaseAppState(app, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, IsTerminatedByEio(app));
+  UpdateFaultSensor(name, app.nodeType_, Fault::kOn);
+  if (app.isReporting_) {
+    UnRegServiceCallBack(name);
+  }
+  UnregisterCheckHeartBeat(name.c_str(), name.size());
+  RestartIfWanted(app);
+}
+
+void ProcessManager::RestartIfWanted(App::BaseAppInfo& app) {
+  const char* const name = app.appName_.c_str();
+  if (!app.CheckRestart()) {
+    LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s doesn't need to restart", name,
+            app.pid_, GetProcessStateStr(app.state_).c_str());
+    // The bring-up may still wait for the service to serve.
+    master_.GiveUpOpening(app.appName_);
+    return;
+  }
+  LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s will restart now", name, app.pid_,
+          GetProcessStateStr(app.state_).c_str());
+  if (!RestartBaseApp(app.appName_)) {
+    LogError("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart failed", name, app.pid_,
+             GetProcessStateStr(app.state_).c_str());
+    return;
+  }
+  ReportBaseAppState(app, ReportAppStateType::RUNNING_NORMAL_START, 0);
+  if (!OpenNewChannel(app)) {
+    LogError("PROCMGR : procname=%s RegisterService failed", name);
+    return;
+  }
+  LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart success", name, app.pid_,
+          GetProcessStateStr(app.state_).c_str());
+}
+
+// The bring-up may still be at the service's first opening: then that one goes on, and this thread
+// must not wait for it. Otherwise the wait ends with the process at the latest. A service that
+// doesn't report has promised no channel, and must not keep the others from being supervised for
+// the minutes that an opening may take.
+bool ProcessManager::OpenNewChannel(const App::BaseAppInfo& app) {
+  constexpr std::chrono::milliseconds kPatience{100};
+  const pid_t pid = app.pid_;
+  OpenTerms terms;
+  terms.isPeerGone = [this, pid] { return openingGuard_.HasEnded(pid); };
+  terms.waitsForOther = false;
+  if (!app.isReporting_) {
+    terms.patience = kPatience;
+  }
+  openingGuard_.Begin(pid, app.appName_);
+  const bool isOpen = RegServiceCallBack(app.appName_, app.gid_, terms);
+  openingGuard_.End();
+  return isOpen;
+}
+
+bool ProcessManager::RestartBaseApp(const std::string& name) {
+  App::BaseAppInfo* const app = FindBaseApp(name);
+  if (app == nullptr) {
+    LogWarning("PROCMGR : Failed to find a process %s from executedBaseApp_", name.c_str());
+    return false;
+  }
+  if (app->state_ != ProcessState::TERMINATED) {
+    LogError("PROCMGR : gonna restart process %s, but state=%s is not TERMINATED ", name.c_str(),
+             GetProcessStateStr(app->state_).c_str());
+    return false;
+  }
+  LogInfo("PROCMGR : Restarting process %s", name.c_str());
+  if (!app->StartProcess()) {
+    LogError("PROCMGR : Restarting process : %s failed ", name.c_str());
+    return false;
+  }
+  if (app->isReporting_) {
+    LogInfo("PROCMGR : Register check for %s, when Restarting.", name.c_str());
+    RegisterHeartBeat(*app);
+  } else {
+    // A reporting application clears its fault with its report.
+    UpdateFaultSensor(name, app->nodeType_, Fault::kOff);
+  }
+  return true;
+}
+
+std::uint32_t ProcessManager::IsTerminatedByEio(const App::AppInfo& app) {
+  if (app.reportState_ != ReportAppStateType::TERMINATED_ABNORMAL_EXIT || !app.isTerminatedByEio_) {
+    return 0;
+  }
+  LogError("PROCMGR: appName=%s, pid=%d, terminated as input/output error", app.appName_.c_str(),
+           app.pid_);
+  return 1;
+}
+
+void ProcessManager::CheckGeneralApps() {
+  std::vector<AppChange> changes;
+  {
+    const MutexLock lock(generalAppMutex_);
+    for (const auto& [name, app] : generalAppMap_) {
+      StepGeneralApp(app);
+      if (app->reportState_ == ReportAppStateType::INVALID_INTERMEDIATE_STATE) {
+        continue;
+      }
+      LogInfo("PROCMGR: CheckThread : generalAppName=%s, pid=%d, state=%s get statechange",
+              app->appName_.c_str(), app->pid_, GetProcessStateStr(app->state_).c_str());
+      CollectChange(*app, changes);
+      FollowUp(*app);
+    }
+  }
+  ReportGeneralApps(changes);
+}
+
+void ProcessManager::CollectChange(const App::GeneralAppInfo& app,
+                                   std::vector<AppChange>& changes) {
+  AppChange change{app.ownerName_, MakeAppStateInfo(app, app.reportState_, IsTerminatedByEio(app))};
+  if (app.isPriorityPending_) {
+    if (!IsAccessServiceReady()) {
+      return;  // It asks for the state of all priority applications when it comes up.
+    }
+    change.owner = kAccessService;
+  }
+  changes.push_back(std::move(change));
+}
+
+void ProcessManager::RemoveTerminatedApps() {
+  {
+    const MutexLock lock(baseAppMutex_);
+    for (auto app = executedBaseApp_.begin(); app != executedBaseApp_.end();) {
+      if (app->state_ != ProcessState::TERMINATED || app->IsRestartKept()) {
+        ++app;
+        continue;
+      }
+      LogInfo("PROCMGR : Process %s removed from the list of executedBaseApp_",
+              app->appName_.c_str());
+      app = executedBaseApp_.erase(app);
+    }
+  }
+  const MutexLock lock(generalAppMutex_);
+  RemoveTerminatedGeneralApps();
+}
+
+}  // namespace ProcMgr

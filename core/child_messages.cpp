@@ -1,0 +1,18 @@
+#include "core/child_msg_pipe.h"
+#include "core/log.h"
+#include "core/process_manager.h"
+#include "core/sleep.h"
+
+namespace ProcMgr {
+
+void ProcessManager::ReciveChildProcessMsgThread() {
+  // Lets the texts of several children gather into one line.
+  constexpr std::int64_t kPauseNs = 500'000'000;
+  while (running_.load()) {
+    ReadChildMsg();
+    SleepNs(kPauseNs);
+  }
+  LogWarning("PROCMGR: ReciveChildProcessMsgThread exit now.");
+}
+
+}  // namespace ProcMgr

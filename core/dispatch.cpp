@@ -1,0 +1,134 @@
+// The way of a frame from its channel to the operation that acts on it. Runs on the messaging
+// library's threads, beside itself on other channels.
+#include <chrono>
+#include <cstring>
+#include <exception>
+
+#include "core/boot_trace.h"
+#include "core/log.h"
+#include "core/process_manager.h"
+#include "core/steady_time.h"
+#include "message/serialization.h"
+
+namespace ProcMgr {
+
+using Message::RequestMsg;
+using Message::RequestType;
+
+void ProcessManager::RequstMsgHandler(int fd, const NexioRequest* request) {
+  try {
+    HandleRequest(fd, request);
+  } catch (const std::exception& error) {
+    LogError("PROCMGR: Caught exception=%s", error.what());
+  }
+}
+
+void ProcessManager::HandleRequest(int fd, const NexioRequest* request) {
+  std::string sender;
+  if (!master_.GetProcNameFromFd(fd, sender)) {
+    LogError("PROCMGR : RequstMsgHandler failed:: GetProcNameFromFd failed, fd=%d", fd);
+    return;
+  }
+  if (request == nullptr) {
+    LogError("PROCMGR : fd=%d, owner=%s exit", fd, sender.c_str());
+    return;
+  }
+  if (request->size != sizeof(RequestMsg)) {
+    LogError(
+        "PROCMGR : RequstMsgHandler size=%u bytes is not illegal ,sturct of message size=%lu bytes",
+        request->size, sizeof(RequestMsg));
+    return;
+  }
+  if (request->data == nullptr) {
+    LogError("PROCMGR : RequstMsgHandler failed: request is null point");
+    return;
+  }
+  // The library's buffer promises no alignment.
+  RequestMsg frame;
+  std::memcpy(&frame, request->data, sizeof(frame));
+  CheckHeartMsg(sender, frame);
+  DispatchRequest(frame.type, frame, sender, *request, fd);
+}
+
+void ProcessManager::DispatchRequest(RequestType type, const RequestMsg& frame,
+                                     const std::string& sender, const NexioRequest& request,
+                                     int fd) {
+  switch (type) {
+    case RequestType::START_APP: {
+      std::vector<Message::StartAppInfo> list;
+      Serialization::ProcMgrUnpackStartRequest(&frame, list, sender);
+      StartApp(list, sender);
+      break;
+    }
+    case RequestType::RESTART_APP: {
+      std::vector<Message::RestartAppInfo> list;
+      Serialization::ProcMgrUnpackRestartRequest(&frame, list, sender);
+      RestartApp(list, sender);
+      break;
+    }
+    case RequestType::TERM_APP: {
+      std::vector<Message::TermAppInfo> list;
+      Serialization::ProcMgrUnpackTermRequest(&frame, list);
+      TermGeneralApp(list, sender);
+      break;
+    }
+    case RequestType::BASESERVICE_STATE_REPORT: {
+      Message::BaseServiceStateInfo info;
+      if (Serialization::ProcMgrUnpackedBaseServiceStateRequest(&frame, info)) {
+        UpdateBaseAppState(sender, info.state);
+      }
+      break;
+    }
+    case RequestType::APP_EXECUTION_REPORT: {
+      Message::AppExecInfo info;
+      if (Serialization::ProcMgrUnpackedAppExecInfoRequest(&frame, info)) {
+        HandleAppExecReport(info);
+      }
+      break;
+    }
+    case RequestType::LOAD_STARTUP_CFG:
+      HandleLoadRequest(frame, sender, request, fd);
+      break;
+    case RequestType::RELOAD_STARTUP_CFG:
+      HandleReloadRequest(frame, sender, request, fd);
+      break;
+    case RequestType::QUERY_APP_STATE: {
+      std::vector<std::string> names;
+      Serialization::ProcMgrUnpackQueryAppState(&frame, names);
+      QueryAppState(names, sender);
+      break;
+    }
+    default:
+      break;
+  }
+}
+
+void ProcessManager::CheckHeartMsg(const std::string& sender, const RequestMsg& frame) {
+  constexpr std::uint64_t kDeliveryLimitMs = 50;
+  if (sender == kAccessService) {
+    return;
+  }
+  const MutexLock lock(heartMutex_);
+  HeartInfo& heart = heartInfoMap_[sender];
+  if (frame.type != RequestType::HEART_MSG) {
+    return;
+  }
+  Message::HeartMsg msg;
+  Serialization::ProcMgrUnpackHeartMsg(&frame, msg);
+  if (heart.index + 1 != msg.index) {
+    LogWarning("PROCMGR : %s lost heart msg, index is %lu / %lu", sender.c_str(), heart.index,
+               msg.index);
+  }
+  heart.index = msg.index;
+  const auto now = static_cast<std::uint64_t>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(SteadyNow().time_since_epoch())
+          .count());
+  // Unsigned on purpose: a time to come is far too late as well.
+  const std::uint64_t cost = now - msg.sendTimeMs;
+  if (cost > kDeliveryLimitMs) {
+    LogWarning("PROCMGR : %s send nexiom cost time %lu - %lu = %lu", sender.c_str(), now,
+               msg.sendTimeMs, cost);
+  }
+}
+
+}  // namespace ProcMgr

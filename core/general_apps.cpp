@@ -1,0 +1,330 @@
+// What an agent can ask for: start, restart, terminate and query general applications.
+//
+// Each request works through its list with generalAppMutex_ held for one entry at a time. What can
+// be said at once is collected in a list of changes and reported when the list is through, outside
+// the lock; what takes time is reported by the check pass.
+#include "core/app_lists.h"
+#include "core/boot_trace.h"
+#include "core/faults.h"
+#include "core/log.h"
+#include "core/process_manager.h"
+
+namespace ProcMgr {
+namespace {
+
+// SCHED_FIFO, in the numbers of SetSchedPolicy.
+constexpr std::int32_t kReservedCorePolicy = 3;
+
+const std::string& NameOf(const std::string& name) {
+  return name;
+}
+
+template <typename Info>
+const std::string& NameOf(const Info& info) {
+  return info.appName;
+}
+
+template <typename Entry>
+std::string JoinNames(const std::vector<Entry>& list) {
+  std::string text;
+  for (const Entry& entry : list) {
+    text.append(NameOf(entry)).append(",");
+  }
+  return text;
+}
+
+template <typename Entry>
+void LogRequest(const char* kind, const std::vector<Entry>& list, const std::string& sender) {
+  LogInfo("%s PM revice %s msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(), kind,
+          sender.c_str(), JoinNames(list).c_str());
+}
+
+// Answers for an application that isn't known; enters no map.
+App::GeneralAppInfo Placeholder(const std::string& name) {
+  App::GeneralAppInfo app;
+  app.appName_ = name;
+  return app;
+}
+
+void AddChange(const App::GeneralAppInfo& app, std::vector<AppChange>& changes,
+               ReportAppStateType state, const std::string& owner) {
+  changes.push_back({owner, MakeAppStateInfo(app, state, 0)});
+}
+
+}  // namespace
+
+GeneralAppPtr ProcessManager::GetGeneralApp(const std::string& name, const std::string& owner) {
+  UpdateAllGeneralAppMap(name, owner);
+  if (const auto known = allGeneralAppMap_.find(name); known != allGeneralAppMap_.end()) {
+    return known->second;
+  }
+  if (GeneralAppPtr running = FindGeneralApp(name); running != nullptr) {
+    return running;
+  }
+  if (GeneralAppPtr app = MakeDynamicApp(name, owner); app != nullptr) {
+    return app;
+  }
+  LogError("PROCMGR : GetGeneralApp failed: app=%s", name.c_str());
+  return nullptr;
+}
+
+GeneralAppPtr ProcessManager::MakeDynamicApp(const std::string& name, const std::string& owner) {
+  const MutexLock lock(cfgMapMutex_);
+  for (const auto& [pattern, manifest] : dynamicCfgMap_) {
+    if (ParseAndDepend::Instance().IsDynamicParaMatch(pattern, name)) {
+      return std::make_shared<App::GeneralAppInfo>(name, manifest, owner);
+    }
+  }
+  return nullptr;
+}
+
+void ProcessManager::UpdateAllGeneralAppMap(const std::string& name, const std::string& owner) {
+  if (allGeneralAppMap_.contains(name)) {
+    return;
+  }
+  ApplicationManifest manifest;
+  {
+    const MutexLock lock(cfgMapMutex_);
+    const auto entry = startCfgMap_.find(name);
+    if (entry == startCfgMap_.end()) {
+      return;
+    }
+    manifest = entry->second;
+  }
+  allGeneralAppMap_.emplace(name, std::make_shared<App::GeneralAppInfo>(name, manifest, owner));
+}
+
+void ProcessManager::StartApp(const std::vector<Message::StartAppInfo>& list,
+                              const std::string& sender) {
+  LogRequest("START_APP", list, sender);
+  std::vector<AppChange> changes;
+  for (const Message::StartAppInfo& info : list) {
+    const MutexLock lock(generalAppMutex_);
+    if (!StartOneApp(info, sender, changes)) {
+      return;
+    }
+  }
+  ReportGeneralApps(changes);
+}
+
+// False ends the whole request.
+bool ProcessManager::StartOneApp(const Message::StartAppInfo& info, const std::string& sender,
+                                 std::vector<AppChange>& changes) {
+  const char* const name = info.appName.c_str();
+  const GeneralAppPtr app = GetGeneralApp(info.appName, sender);
+  if (app == nullptr) {
+    LogError("PROCMGR : StartApp: appName=%s is null", name);
+    return false;
+  }
+  if (!app->UpdateDynamicParam(info.argv, info.dynamicPara)) {
+    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
+    LogError("PROCMGR : StartApp failed : appName=%s, dynamic para invalid", name);
+    return true;
+  }
+  if (app->isPriorityPending_) {
+    HandlePriorityApps(app);
+    return true;
+  }
+  if (!IsStartable(*app, sender, changes)) {
+    return true;
+  }
+  ResolveCoreAffinityAll(*app);
+  if (!LaunchGeneralApp(app)) {
+    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
+    LogError("PROCMGR : StartApp : StartProcess failed : appName=%s, pid=%d, state=%s, %s", name,
+             app->pid_, GetProcessStateStr(app->state_).c_str(), BootStrace(kBootTraceTag).c_str());
+    UpdateFaultSensor(info.appName, app->nodeType_, Fault::kOn);
+    return true;
+  }
+  app->state_ = ProcessState::STARTING;
+  return true;
+}
+
+// Answers itself for an application that can't be started now.
+bool ProcessManager::IsStartable(const App::GeneralAppInfo& app, const std::string& sender,
+                                 std::vector<AppChange>& changes) {
+  if (FindGeneralApp(app.appName_) == nullptr) {
+    return true;
+  }
+  const std::string state = GetProcessStateStr(app.state_);
+  switch (app.state_) {
+    case ProcessState::RUNNING:
+      AddChange(app, changes, ReportAppStateType::RUNNING_NORMAL_START, sender);
+      LogWarning("PROCMGR : StartApp : appName=%s, pid=%d is already running", app.appName_.c_str(),
+                 app.pid_);
+      return false;
+    case ProcessState::TERMINATED:
+      LogWarning(
+          "PROCMGR : appName=%s, pid=%d, state=%s is in terminated state, but not remove from "
+          "generalAppMap yet, so go on",
+          app.appName_.c_str(), app.pid_, state.c_str());
+      return true;
+    default:
+      AddChange(app, changes, ReportAppStateType::INVALID_INTERMEDIATE_STATE, sender);
+      LogError("PROCMGR : StartApp : appName=%s, pid=%d, state=%s is in invalid state",
+               app.appName_.c_str(), app.pid_, state.c_str());
+      return false;
+  }
+}
+
+void ProcessManager::ResolveCoreAffinityAll(App::GeneralAppInfo& app) const {
+  if (!app.coreAffinity_.empty() && app.coreAffinity_.front() == App::kAllReservedCores) {
+    app.coreAffinity_.assign(reservedCoreSet_.begin(), reservedCoreSet_.end());
+    app.schedPolicy_ = kReservedCorePolicy;
+  }
+}
+
+void ProcessManager::RestartApp(const std::vector<Message::RestartAppInfo>& list,
+                                const std::string& sender) {
+  LogRequest("RESTART_APP", list, sender);
+  std::vector<AppChange> changes;
+  for (const Message::RestartAppInfo& info : list) {
+    const MutexLock lock(generalAppMutex_);
+    RestartOneApp(info, sender, changes);
+  }
+  ReportGeneralApps(changes);
+}
+
+void ProcessManager::RestartOneApp(const Message::RestartAppInfo& info, const std::string& sender,
+                                   std::vector<AppChange>& changes) {
+  const char* const name = info.appName.c_str();
+  const GeneralAppPtr app = GetGeneralApp(info.appName, sender);
+  if (app == nullptr) {
+    LogError("PROCMGR : RestartApp failed: not find app=%s", name);
+    AddChange(Placeholder(info.appName), changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT,
+              sender);
+    return;
+  }
+  if (!app->UpdateDynamicParam(info.argv, info.dynamicPara)) {
+    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
+    LogError("PROCMGR : RestartApp failed : appName=%s, dynamic para invalid", name);
+    return;
+  }
+  app->SetTermBeginTime();
+  if (RestartStoppedApp(app, changes, sender)) {
+    return;
+  }
+  if (app->state_ != ProcessState::RUNNING) {
+    AddChange(*app, changes, ReportAppStateType::INVALID_INTERMEDIATE_STATE, sender);
+    LogError(
+        "PROCMGR : RestartApp failed: StartProcess : appName=%s, pid=%d, state=%s is invalid "
+        "intermediate state",
+        name, app->pid_, GetProcessStateStr(app->state_).c_str());
+    return;
+  }
+  EndForRestart(*app);
+}
+
+// The check pass starts the new process when the old one has gone.
+void ProcessManager::EndForRestart(App::GeneralAppInfo& app) {
+  app.savedForceTerm_ = app.isForceTerm_;
+  app.isForceTerm_ = true;
+  if (!app.TermProcess()) {
+    LogError("PROCMGR : RestartApp failed: TermProcess failed : appName=%s pid=%d, state=%s",
+             app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
+    return;
+  }
+  app.state_ = ProcessState::RESTARTING;
+  app.isRestartStarted_ = 0;
+  LogInfo(
+      "PROCMGR : RestartApp set RESTARTING state finished(when app was running "
+      "before):appName=%s, pid=%d, state=%s",
+      app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
+}
+
+// True if it has dealt with the application: one without a live process is started at once.
+bool ProcessManager::RestartStoppedApp(const GeneralAppPtr& app, std::vector<AppChange>& changes,
+                                       const std::string& owner) {
+  const bool isRemoved = FindGeneralApp(app->appName_) == nullptr;
+  const bool isTerminated = app->state_ == ProcessState::TERMINATED;
+  if (!isTerminated && !isRemoved) {
+    return false;
+  }
+  if (!LaunchGeneralApp(app)) {
+    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, owner);
+    LogError("PROCMGR : RestartApp failed: StartProcess failed appName=%s, pid=%d",
+             app->appName_.c_str(), app->pid_);
+    UpdateFaultSensor(app->appName_, app->nodeType_, Fault::kOn);
+    return true;
+  }
+  app->state_ = ProcessState::RESTARTING;
+  app->isRestartStarted_ = 1;
+  LogInfo("PROCMGR : RestartApp=%s, pid=%d success, isRemoved=%d, isTermminated=%d",
+          app->appName_.c_str(), app->pid_, isRemoved, isTerminated);
+  return true;
+}
+
+void ProcessManager::TermGeneralApp(const std::vector<Message::TermAppInfo>& list,
+                                    const std::string& sender) {
+  LogRequest("TERM_APP", list, sender);
+  std::vector<AppChange> changes;
+  for (const Message::TermAppInfo& info : list) {
+    const MutexLock lock(generalAppMutex_);
+    TermOneApp(info.appName, sender, changes);
+  }
+  ReportGeneralApps(changes);
+}
+
+void ProcessManager::TermOneApp(const std::string& name, const std::string& sender,
+                                std::vector<AppChange>& changes) {
+  const GeneralAppPtr app = GetGeneralApp(name, sender);
+  if (app == nullptr || app->state_ == ProcessState::INITSTATE) {
+    LogError("PROCMGR : termApp failed: not find app=%s", name.c_str());
+    AddChange(Placeholder(name), changes, ReportAppStateType::TERMINATED_NORMAL_EXIT, sender);
+    return;
+  }
+  if (IsAlreadyTerminated(*app, changes, sender)) {
+    return;
+  }
+  if (app->state_ != ProcessState::RUNNING) {
+    AddChange(*app, changes, ReportAppStateType::INVALID_INTERMEDIATE_STATE, sender);
+    LogError(
+        "PROCMGR : TermGeneralApp failed: appName=%s, pid=%d, state=%s is invalid intermediate "
+        "state",
+        name.c_str(), app->pid_, GetProcessStateStr(app->state_).c_str());
+    return;
+  }
+  app->SetTermBeginTime();
+  if (app->TermProcess()) {
+    app->state_ = ProcessState::TERMINATING;
+  } else {
+    LogError("PROCMGR : TermGeneralApp failed: TermProcess failed: appName=%s, pid=%d, state=%s)",
+             name.c_str(), app->pid_, GetProcessStateStr(app->state_).c_str());
+  }
+}
+
+bool ProcessManager::IsAlreadyTerminated(const App::GeneralAppInfo& app,
+                                         std::vector<AppChange>& changes,
+                                         const std::string& owner) {
+  const bool isListed = FindGeneralApp(app.appName_) != nullptr;
+  if (isListed && app.state_ != ProcessState::TERMINATED) {
+    return false;
+  }
+  if (isListed) {
+    LogInfo("PROCMGR : TermGeneralApp:app=%s is already terminated but not removed",
+            app.appName_.c_str());
+  } else {
+    LogInfo("PROCMGR : TermGeneralApp:app=%s is already terminated and removed",
+            app.appName_.c_str());
+  }
+  AddChange(app, changes, ReportAppStateType::TERMINATED_NORMAL_EXIT, owner);
+  return true;
+}
+
+void ProcessManager::QueryAppState(const std::vector<std::string>& names,
+                                   const std::string& sender) {
+  LogRequest("QUERY_APP_STATE", names, sender);
+  {
+    const MutexLock lock(generalAppMutex_);
+    std::map<std::string, int> status;
+    for (const std::string& name : names) {
+      const GeneralAppPtr app = FindGeneralApp(name);
+      status[name] = app == nullptr ? 1 : app->ProbeProcess();
+    }
+    (void)ReportAppDetailStatus(status, sender);  // The requester may ask again.
+  }
+  LogInfo("%s PM finish QUERY_APP_STATE request from %s", BootStrace(kBootTraceTag).c_str(),
+          sender.c_str());
+}
+
+}  // namespace ProcMgr

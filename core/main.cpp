@@ -1,0 +1,100 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "core/app_lists.h"
+#include "core/boot_trace.h"
+#include "core/host_context.h"
+#include "core/log.h"
+#include "core/process_manager.h"
+#include "core/standard_path.h"
+#include "platform/iam/iam.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr int kExitUsage = -1;  // 255 at the parent.
+
+// Whoever started the manager may have left descriptors open. A child of ours is to have 0, 1, 2
+// and the message pipe: what was inherited beyond them ends at an exec, and a hole among the first
+// three is filled, or the next open would be taken for somebody's standard output.
+void TidyDescriptors() {
+  (void)close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
+  int fd = open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= 2) {
+    fd = open("/dev/null", O_RDWR);
+  }
+  if (fd > 2) {
+    (void)close(fd);
+  }
+}
+
+int Usage(const char* program) {
+  LogErrorRouted("ProcMgr: intput argc num is < 2, please input baseService yaml config path");
+  (void)std::fprintf(stderr,
+                     "%s: the path of the base-service YAML file is missing\n"
+                     "usage: %s BASE_SERVICE_YAML [true]\n"
+                     "  true: a quick start\n",
+                     program, program);
+  return kExitUsage;
+}
+
+bool SetProcMgrProcName() {
+  if (setenv("PROC_NAME", kManagerName, 1) != 0) {
+    LogErrorRouted("PROCMGR : Master SetProcMgrProcName failed: setenv failed");
+    (void)std::fprintf(stderr, "process-manager: can't set PROC_NAME in the environment\n");
+    return false;
+  }
+  return true;
+}
+
+bool ResolvePath(const char* argument, std::string& path) {
+  if (!StandardizationPath(argument, path)) {
+    LogErrorRouted("ProcMgr: StandardizationPath failed, path: %s", argument);
+    (void)std::fprintf(stderr, "process-manager: no such base-service YAML file: %.200s\n",
+                       argument);
+    return false;
+  }
+  return true;
+}
+
+int Main(int argc, char** argv) {
+  HostContext& context = HostContext::Instance();
+  context.pid_ = getpid();
+  OpenLog();
+  (void)signal(SIGPIPE, SIG_IGN);
+  if (argc < 2) {
+    return Usage(argc > 0 ? argv[0] : "process-manager");
+  }
+  if (argc != 2) {
+    context.isQuickStart_.store(std::string(argv[2]) == "true");
+  }
+  std::string path;
+  if (!SetProcMgrProcName() || !ResolvePath(argv[1], path)) {
+    return kExitUsage;
+  }
+  LogInfoRouted("ProcMgr: main begin: baseServiceCfgPath: %s", path.c_str());
+  LogInfoRouted("%s, PM main begin", BootStrace(kBootTraceTag).c_str());
+  const int result = ProcMgrRun(path);
+  if (result == 0) {
+    LogInfo("process-manager ProcMgrRun finished");
+  } else {
+    LogWarning("process-manager ProcMgrRun failed");
+  }
+  IAMRetrieveService();
+  return result;
+}
+
+}  // namespace
+}  // namespace ProcMgr
+
+int main(int argc, char** argv) {
+  ProcMgr::TidyDescriptors();
+  const int result = ProcMgr::Main(argc, argv);
+  ProcMgr::CloseLog();
+  return result;
+}

@@ -1,0 +1,63 @@
+#include "core/quick_start.h"
+
+#include <signal.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "core/boot_trace.h"
+#include "core/host_context.h"
+#include "core/log.h"
+#include "core/sleep.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr std::int64_t kWaitStepNs = 5'000'000;
+constexpr int kWaitSteps = 2000;
+
+// A handler may not format a text: it keeps the raw count, and whoever prints it formats it.
+std::atomic<bool> continueFlag_ = false;
+std::atomic<std::uint64_t> continueTime_ = 0;
+static_assert(std::atomic<std::uint64_t>::is_always_lock_free);
+
+// Runs on whichever thread the signal interrupts.
+void OnContinueSignal(int) {
+  continueTime_.store(GenericTimerCount());
+  continueFlag_.store(true);
+}
+
+bool WaitForFlag() {
+  for (int step = 0; step < kWaitSteps && !continueFlag_.load(); ++step) {
+    SleepNs(kWaitStepNs);
+  }
+  return continueFlag_.load();
+}
+
+}  // namespace
+
+void InstallContinueHandler() {
+  struct sigaction action {};
+  action.sa_handler = &OnContinueSignal;
+  action.sa_flags = SA_RESTART;
+  (void)sigaction(SIGCONT, &action, nullptr);
+}
+
+void WaitContinueSignal() {
+  HostContext& context = HostContext::Instance();
+  if (!context.isQuickStart_.load()) {
+    LogInfoRouted("is not quickstart, so not wait for continue signal");
+    return;
+  }
+  if (WaitForFlag()) {
+    const std::string time =
+        FormatBootTrace(continueTime_.load(), GenericTimerFrequency(), kBootTraceTag);
+    LogInfoRouted("%s wait success for continue startup, catch continue signal time=%s",
+                  BootStrace(kBootTraceTag).c_str(), time.c_str());
+  } else {
+    LogInfoRouted("%s wait for continue startup timeout!!", BootStrace(kBootTraceTag).c_str());
+  }
+  context.isQuickStart_.store(false);
+}
+
+}  // namespace ProcMgr

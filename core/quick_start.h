@@ -1,0 +1,16 @@
+// The continue signal, which ends the wait of a quick start.
+#ifndef CORE_QUICK_START_H
+#define CORE_QUICK_START_H
+
+namespace ProcMgr {
+
+// Makes SIGCONT leave the continue flag and its time behind. Boot thread.
+void InstallContinueHandler();
+
+// In a quick start, waits up to 10 seconds for SIGCONT, and ends the quick start either way. Main
+// thread.
+void WaitContinueSignal();
+
+}  // namespace ProcMgr
+
+#endif  // CORE_QUICK_START_H

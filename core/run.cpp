@@ -1,0 +1,96 @@
+// The order of the boot, and the way out.
+#include <exception>
+
+#include "core/boot_trace.h"
+#include "core/child_msg_pipe.h"
+#include "core/delayed_binding.h"
+#include "core/faults.h"
+#include "core/host_context.h"
+#include "core/log.h"
+#include "core/process_manager.h"
+#include "core/quick_start.h"
+#include "host/core_affinity_mgr.h"
+#include "host/host_limits.h"
+#include "host/integrity_protect.h"
+#include "host/kernel_cmdline.h"
+#include "host/sharepool_cfg.h"
+#include "platform/heartbeat/heartbeat.h"
+
+namespace ProcMgr {
+namespace {
+
+void Join(std::thread& worker) {
+  if (worker.joinable()) {
+    worker.join();
+  }
+}
+
+}  // namespace
+
+ProcessManager::ProcessManager(std::string baseServiceCfgPath)
+    : baseServiceCfgPath_(std::move(baseServiceCfgPath)),
+      master_([this](int fd, const NexioRequest* request) { RequstMsgHandler(fd, request); }) {}
+
+ProcessManager::~ProcessManager() {
+  stateCond_.NotifyAll();
+  UnregisterSensorNodes();
+  DisableAllCheckHeartBeat();
+  running_.store(false);
+  master_.Detach();
+  StopWorkers();
+  CloseChildMsgPipe();
+  CloseLog();
+}
+
+bool ProcessManager::Init() {
+  InstallContinueHandler();
+  BlockPlatformSignals();
+  LoadProcMgrCfg(kProcMgrCfgFile, procMgrCfg_);
+  InitHostContext();
+  SharepoolCfg::Instance().InitSharepool();
+  IntegrityProtect::Instance().LoadHashCfg();
+  UpdateStartupYaml(HostContext::Instance(), baseServiceCfgPath_);
+  SetLockedMemoryLimit();
+  InquireHomeEnvVariable();
+  if (!HostContext::Instance().isQuickStart_.load()) {
+    CoreAffinityMgr::Instance().LoadCpuInfo();
+  }
+  LogInfoRouted("%s, init success", BootStrace(kBootTraceTag).c_str());
+  return true;
+}
+
+// The check loop and the reaper exist before the first child does.
+void ProcessManager::Run() {
+  checkThread_ = StartWorker(&ProcessManager::CheckThread);
+  waitThread_ = StartWorker(&ProcessManager::WaitThread);
+  signalThread_ = StartWorker(&ProcessManager::PlatformSignalThread);
+  InitPriorityApps(baseServiceCfgPath_);
+  WaitContinueSignal();
+  ContinueProcMgrInit();
+  childMsgThread_ = StartWorker(&ProcessManager::ReciveChildProcessMsgThread);
+  InitBaseApplication(baseServiceCfgPath_);
+  std::thread coreAffinityThread = TakeCoreAffinityThread();
+  Join(coreAffinityThread);
+  Join(waitThread_);
+  Join(checkThread_);
+  Join(childMsgThread_);
+  Join(signalThread_);
+}
+
+int ProcMgrRun(const std::string& baseServiceCfgPath) {
+  ProcessManager manager(baseServiceCfgPath);
+  if (!manager.Init()) {
+    return 1;
+  }
+  try {
+    manager.Run();
+    return 0;
+  } catch (const std::exception& error) {
+    LogError("PROCMGR: Caught exception=%s", error.what());
+  } catch (...) {
+    LogError("PROCMGR: Caught unknown exception.");
+  }
+  return 1;
+}
+
+}  // namespace ProcMgr

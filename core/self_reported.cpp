@@ -1,0 +1,139 @@
+// Processes that the manager didn't start and that announced themselves.
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "core/app_lists.h"
+#include "core/log.h"
+#include "core/process_manager.h"
+#include "host/core_affinity_mgr.h"
+#include "host/sharepool_cfg.h"
+#include "message/upload_service.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr const char* kAlloc = "alloc";
+constexpr const char* kReadWrite = "rw";
+
+bool IsAlive(pid_t pid) {
+  const std::string path = "/proc/" + std::to_string(pid);
+  return access(path.c_str(), F_OK) == 0;
+}
+
+bool Holds(const std::vector<std::string>& list, const std::string& text) {
+  return std::find(list.begin(), list.end(), text) != list.end();
+}
+
+void Append(std::vector<SharepoolGroupsInfo>& groups, const std::vector<std::string>& names,
+            const char* permission) {
+  for (const std::string& name : names) {
+    groups.push_back({name, permission});
+  }
+}
+
+// Every configured group, with "alloc" for those that `isAlloc` picks and "rw" for the others.
+template <typename Predicate>
+std::vector<SharepoolGroupsInfo> AllGroups(Predicate isAlloc) {
+  std::vector<SharepoolGroupsInfo> groups;
+  for (const std::string& name : SharepoolCfg::Instance().GroupNames()) {
+    groups.push_back({name, isAlloc(name) ? kAlloc : kReadWrite});
+  }
+  return groups;
+}
+
+std::vector<SharepoolGroupsInfo> WantedGroups(const PmUpload::LoadAppInfo& info) {
+  if (Holds(SharepoolCfg::Instance().WhiteLists(), info.binPath)) {
+    return AllGroups([](const std::string& name) { return name == kDefaultSharepoolGroup; });
+  }
+  if (info.rwGroups.empty() && info.allocGroups.empty()) {
+    return {{kDefaultSharepoolGroup, kAlloc}};
+  }
+  if (!info.rwGroups.empty() && info.rwGroups.front() == "all") {
+    return AllGroups([&info](const std::string& name) { return Holds(info.allocGroups, name); });
+  }
+  std::vector<SharepoolGroupsInfo> groups;
+  Append(groups, info.rwGroups, kReadWrite);
+  Append(groups, info.allocGroups, kAlloc);
+  return groups;
+}
+
+}  // namespace
+
+bool ProcessManager::StartUploadService() {
+  return PmUpload::RegXCallBack(
+      {[this](const PmUpload::LoadAppInfo& info, int fd) { return OnPmUploadApp(info, fd); },
+       [] { return SharepoolCfg::Instance().GroupNames(); },
+       [](const std::string& path) { return Holds(SharepoolCfg::Instance().WhiteLists(), path); }});
+}
+
+bool ProcessManager::OnPmUploadApp(const PmUpload::LoadAppInfo& info, int fd) {
+  if (info.alreadyReported) {
+    return true;  // The peer only fetches further group names.
+  }
+  if (!AddPmUploadApp(info, fd)) {
+    return false;
+  }
+  const bool isReported =
+      ReportAppState({{info.pidAppName, info.pid, info.gid,
+                       static_cast<std::uint32_t>(ReportAppStateType::RUNNING_NORMAL_START), 0}},
+                     kAccessService);
+  AddPmUploadAppGroups(info);
+  return isReported;
+}
+
+bool ProcessManager::AddPmUploadApp(const PmUpload::LoadAppInfo& info, int fd) {
+  const MutexLock lock(pmUploadMutex_);
+  const auto known =
+      std::find_if(pmUploadApps_.begin(), pmUploadApps_.end(),
+                   [&info](const auto& entry) { return entry.second.appName == info.pidAppName; });
+  if (known != pmUploadApps_.end() && IsAlive(known->first)) {
+    LogError("the --procName=%s that you input is duplicate with existing pmupload apps",
+             info.pidAppName.c_str());
+    return false;
+  }
+  if (IsAppNameUsed(info.pidAppName)) {
+    LogError("the --procName=%s that you input is duplicate with already started apps by pm",
+             info.pidAppName.c_str());
+    return false;
+  }
+  pmUploadApps_.emplace(info.pid, PmUploadEntry{info.pidAppName, fd, info.gid});
+  return true;
+}
+
+bool ProcessManager::IsAppNameUsed(const std::string& name) {
+  {
+    const MutexLock lock(generalAppMutex_);
+    if (FindGeneralApp(name) != nullptr) {
+      return true;
+    }
+  }
+  const MutexLock lock(baseAppMutex_);
+  return FindBaseApp(name) != nullptr;
+}
+
+void ProcessManager::AddPmUploadAppGroups(const PmUpload::LoadAppInfo& info) {
+  SharepoolCfg::Instance().AddSharepoolGroup(info.pidAppName, info.pid, WantedGroups(info));
+}
+
+void ProcessManager::CheckPmUploadApps() {
+  std::vector<Message::AppStateInfo> gone;
+  {
+    const MutexLock lock(pmUploadMutex_);
+    for (auto entry = pmUploadApps_.begin(); entry != pmUploadApps_.end();) {
+      const auto& [pid, app] = *entry;
+      if (IsAlive(pid)) {
+        ++entry;
+        continue;
+      }
+      LogInfo("pmupload pid=%d, name=%s is not existent", pid, app.appName.c_str());
+      gone.push_back({app.appName, pid, app.gid,
+                      static_cast<std::uint32_t>(ReportAppStateType::TERMINATED_NORMAL_EXIT), 0});
+      CoreAffinityMgr::Instance().RecycleThreadCoreInfo(pid, app.appName);
+      entry = pmUploadApps_.erase(entry);
+    }
+  }
+  (void)ReportAppState(gone, kAccessService);  // The entries are gone either way.
+}
+
+}  // namespace ProcMgr

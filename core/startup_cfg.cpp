@@ -1,0 +1,103 @@
+// The start-up configuration of general applications: what a base service may ask to be started.
+#include "core/app_lists.h"
+#include "core/boot_trace.h"
+#include "core/log.h"
+#include "core/process_manager.h"
+#include "message/serialization.h"
+
+namespace ProcMgr {
+
+using Message::RequestMsg;
+using Message::StartupCfgInfo;
+
+std::uint32_t ProcessManager::LoadStartCfgInfo(const StartupCfgInfo& cfg) {
+  std::vector<ApplicationManifest> manifests;
+  const int ret =
+      ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, cfg.path, manifests, cfg.matchData);
+  if (ret != 0) {
+    LogError("LoadStartCfgInfo failed, path=%s", cfg.path.c_str());
+  }
+  StoreManifests(manifests);
+  return ret == 0 ? 0 : kLoadStartCfgFailed;
+}
+
+void ProcessManager::StoreManifests(const std::vector<ApplicationManifest>& manifests) {
+  const MutexLock lock(cfgMapMutex_);
+  for (const ApplicationManifest& manifest : manifests) {
+    auto& map = manifest.GetIsDynamicPara() ? dynamicCfgMap_ : startCfgMap_;
+    map.insert_or_assign(manifest.GetAppName(), manifest);
+  }
+}
+
+std::uint32_t ProcessManager::ReLoadStartCfgInfo(const StartupCfgInfo& cfg) {
+  const std::uint32_t ret = LoadStartCfgInfo(cfg);
+  if (ret != 0) {
+    LogError("ReLoadStartCfgInfo failed, path=%s", cfg.path.c_str());
+  }
+  std::unordered_map<std::string, ApplicationManifest> manifests;
+  {
+    const MutexLock lock(cfgMapMutex_);
+    manifests = startCfgMap_;
+  }
+  const MutexLock lock(generalAppMutex_);
+  for (const auto& [name, app] : allGeneralAppMap_) {
+    if (const auto manifest = manifests.find(name); manifest != manifests.end()) {
+      app->UpdateManifest(manifest->second);
+    }
+  }
+  return ret;
+}
+
+// The file that is loaded is the one that the sender's own manifest names, whatever the frame says.
+void ProcessManager::HandleLoadRequest(const RequestMsg& frame, const std::string& sender,
+                                       const NexioRequest& request, int fd) {
+  StartupCfgInfo cfg;
+  if (!Serialization::ProcMgrUnpackMatchDataAndPathRequest(&frame, cfg)) {
+    SendLoadResult(kLoadStartCfgFailed, request, fd);
+    return;
+  }
+  LogInfo("%s PM revice LOAD_STARTUP_CFG msg load file=%s", BootStrace(kBootTraceTag).c_str(),
+          cfg.path.c_str());
+  cfg.path = GetStartupEntryPath(sender);
+  const std::uint32_t ret = LoadStartCfgInfo(cfg);
+  LogInfo("%s LoadStartCfgInfo finish ret=0x%X, fd=%d", BootStrace(kBootTraceTag).c_str(), ret, fd);
+  SendLoadResult(ret, request, fd);
+}
+
+void ProcessManager::HandleReloadRequest(const RequestMsg& frame, const std::string& sender,
+                                         const NexioRequest& request, int fd) {
+  StartupCfgInfo cfg;
+  if (!Serialization::ProcMgrUnpackMatchDataAndPathRequest(&frame, cfg)) {
+    SendLoadResult(kLoadStartCfgFailed, request, fd);
+    return;
+  }
+  cfg.path = GetStartupEntryPath(sender);
+  LogInfo("%s PM revice RELOAD_STARTUP_CFG msg load file=%s", BootStrace(kBootTraceTag).c_str(),
+          cfg.path.c_str());
+  const std::uint32_t ret = ReLoadStartCfgInfo(cfg);
+  LogInfo("%s ReLoadStartCfgInfo finish ret=0x%X, fd=%d", BootStrace(kBootTraceTag).c_str(), ret,
+          fd);
+  SendLoadResult(ret, request, fd);
+}
+
+void ProcessManager::SendLoadResult(std::uint32_t ret, const NexioRequest& request, int fd) {
+  std::string text = std::to_string(ret);
+  NexioResponse response;
+  response.seq = request.seq;
+  response.data = text.data();
+  response.size = static_cast<std::uint32_t>(text.size());
+  // A requester that has gone, or doesn't read, waits for no answer.
+  (void)NexioSendResponse(fd, response);
+}
+
+std::string ProcessManager::GetStartupEntryPath(const std::string& name) {
+  const MutexLock lock(baseAppMutex_);
+  const App::BaseAppInfo* const app = FindBaseApp(name);
+  if (app == nullptr) {
+    LogError("PROCMGR : GetStartupEntryPath not find procName=%s", name.c_str());
+    return {};
+  }
+  return app->startupEntryPath_;
+}
+
+}  // namespace ProcMgr
