@@ -14,7 +14,7 @@ namespace ProcMgr {
 namespace {
 
 // Larger than any list that the kernel writes for 1024 cores; bounds what a wrong file costs.
-constexpr std::size_t kCpuFileLimit = 16 * 1024;
+constexpr std::size_t kCpuFileLimit = std::size_t{16} * 1024;
 constexpr std::size_t kMaxTokens = 129;
 constexpr std::uint32_t kLastCore = 1023;
 

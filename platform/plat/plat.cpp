@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* kRoot = "/run/plat";
 constexpr const char* kOnlineNodesFile = "/sys/devices/system/node/online";
-constexpr std::size_t kOnlineNodesLimit = 16 * 1024;
+constexpr std::size_t kOnlineNodesLimit = std::size_t{16} * 1024;
 
 PlatRecord& Record() {
   static PlatRecord record(kRoot);
