@@ -2,7 +2,6 @@
 #ifndef TESTS_FUZZ_INPUT_FILE_H
 #define TESTS_FUZZ_INPUT_FILE_H
 
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <cstddef>

@@ -14,7 +14,6 @@
 namespace ProcMgr {
 namespace {
 
-using ::testing::AnyOf;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Testing::Plain;

@@ -15,7 +15,6 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::ExitedWithCode;
-using ::testing::IsEmpty;
 using Testing::Plain;
 using Testing::Routed;
 using Testing::TakeLog;

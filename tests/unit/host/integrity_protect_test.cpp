@@ -14,7 +14,6 @@ namespace ProcMgr {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using Testing::Plain;
 using Testing::TakeLog;
@@ -77,13 +76,11 @@ TEST_F(Integrity, FindsTheNameInThePath) {
   // The name before the slash is looked up, and the file that the command names doesn't exist.
   EXPECT_FALSE(CheckWith("app=" + kAbcDigest, binary_ + "/"));
 
-  for (const std::string path : {"/", "///", "app", "/a"}) {
-    const bool isLegal = path == "/a";
-    EXPECT_EQ(CheckWith("", path), isLegal) << path;
-    EXPECT_THAT(TakeLog(),
-                isLegal ? ::testing::Matcher<std::vector<Testing::LogLine>>(IsEmpty())
-                        : ElementsAre(Plain(LOG_ERR, "PROCMGR: IntegrityProtect appPath=" + path +
-                                                         " is illegal")));
+  EXPECT_TRUE(CheckWith("", "/a"));
+  for (const std::string path : {"/", "///", "app"}) {
+    EXPECT_FALSE(CheckWith("", path)) << path;
+    EXPECT_THAT(TakeLog(), ElementsAre(Plain(LOG_ERR, "PROCMGR: IntegrityProtect appPath=" + path +
+                                                          " is illegal")));
   }
   EXPECT_FALSE(CheckWith("", ""));
   EXPECT_THAT(TakeLog(), ElementsAre(Plain(LOG_ERR, "PROCMGR: IntegrityProtect appName is empty")));
@@ -122,25 +119,16 @@ TEST_F(Integrity, NothingThatAShellInterpretsReachesIt) {
                                 "{a,b}",
                                 "a#b",
                                 "a!b",
-                                "a\nb",
-                                "a\x80"
-                                "b",
+                                "\xc3\xa4",
                                 "a^b",
                                 "a(b)"};
   for (const std::string& name : kNames) {
-    const std::string path = Write("bin/" + name, "abc");
-    IntegrityProtect protect;
-    // A name with a newline can't be listed; it passes unseen, like every unlisted name.
-    const bool isListable = name.find('\n') == std::string::npos;
-    protect.ParseHashCfg(name + "=" + kAbcDigest);
-    (void)TakeLog();
-    EXPECT_EQ(protect.Check(path), !isListable) << name;
-    if (isListable) {
-      EXPECT_THAT(TakeLog(),
-                  ElementsAre(Plain(LOG_ERR, "PROCMGR: IntegrityProtect appPath=" + path +
-                                                 " has characters that a shell "
-                                                 "interprets")));
-    }
+    std::string path = "bin/";
+    path = Write(path.append(name), "abc");
+    EXPECT_FALSE(CheckWith(std::string(name).append("=").append(kAbcDigest), path)) << name;
+    EXPECT_THAT(TakeLog(),
+                ElementsAre(Plain(LOG_ERR, "PROCMGR: IntegrityProtect appPath=" + path +
+                                               " has characters that a shell interprets")));
     EXPECT_FALSE(std::filesystem::exists(trace)) << name;
   }
   // A folder counts as well, and a path that would be an option.
@@ -206,6 +194,7 @@ TEST_F(Integrity, SeveralThreadsCheckWhileAReaperTakesTheirChildren) {
   });
   std::atomic<int> wrong = 0;
   std::vector<std::thread> checkers;
+  checkers.reserve(4);
   for (int i = 0; i < 4; ++i) {
     checkers.emplace_back([&] {
       for (int round = 0; round < 5; ++round) {

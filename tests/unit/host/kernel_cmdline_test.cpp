@@ -13,7 +13,6 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using Testing::Plain;
 using Testing::Routed;
 using Testing::TakeLog;

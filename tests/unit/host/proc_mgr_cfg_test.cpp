@@ -12,7 +12,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
-using ::testing::IsEmpty;
 using Testing::LogLine;
 using Testing::Routed;
 using Testing::TakeLog;
@@ -45,73 +44,73 @@ class ProcMgrCfgFile : public Testing::HostTest {
 TEST_F(ProcMgrCfgFile, EachValueFallsBackOnItsOwn) {
   const struct {
     const char* text;
-    bool enable;
     const char* timeout;
     const char* action;
+    bool enable;
     bool upload;
     std::vector<LogLine> log;
   } kCases[] = {
       {"watch_dog: {enable: false, timeout: 30, action: 1}\npmupload: {enable: true}\n",
-       false,
        "30",
        "1",
+       false,
        true,
        {WatchDogLine("0", "30", "1"), UploadLine("1")}},
       {"watch_dog: {enable: true, timeout: \"007\", action: \"0\"}\npmupload: {enable: false}\n",
-       true,
        "007",
        "0",
+       true,
        false,
        {WatchDogLine("1", "007", "0"), UploadLine("0")}},
       {"watch_dog: {enable: false}\n",
-       false,
        "60",
        "2",
+       false,
        false,
        {kNoTimeout, kNoAction, WatchDogLine("0", "60", "2"), kNoUpload}},
       // An upload mapping without the switch means on, none at all means off.
       {"watch_dog: {enable: false, timeout: 1, action: 0}\npmupload: {}\n",
-       false,
        "1",
        "0",
+       false,
        true,
        {WatchDogLine("0", "1", "0"), Routed(LOG_WARNING, "GetPmuploadEnbale is null !"),
         UploadLine("1")}},
       {"watch_dog: {enable: 7, timeout: -5, action: 3}\npmupload: {enable: maybe}\n",
-       true,
        "60",
        "2",
+       true,
        true,
        {kNoEnable, kNoTimeout, kNoAction, WatchDogLine("1", "60", "2"),
         Routed(LOG_WARNING, "GetPmuploadEnbale is null !"), UploadLine("1")}},
       {"watch_dog: {enable: true, timeout: 1.5, action: none}\n",
-       true,
        "60",
        "2",
+       true,
        false,
        {kNoTimeout, kNoAction, WatchDogLine("1", "60", "2"), kNoUpload}},
       {"watch_dog: {enable: true, timeout: \"\", action: \"2 \"}\n",
-       true,
        "60",
        "2",
+       true,
        false,
        {kNoTimeout, kNoAction, WatchDogLine("1", "60", "2"), kNoUpload}},
       {"watch_dog: {enable: true, timeout: [1], action: {a: 1}}\n",
-       true,
        "60",
        "2",
+       true,
        false,
        {kNoTimeout, kNoAction, WatchDogLine("1", "60", "2"), kNoUpload}},
       {"watch_dog: on fire\npmupload: no mapping\n",
-       true,
        "60",
        "2",
+       true,
        true,
        {kNoEnable, kNoTimeout, kNoAction, WatchDogLine("1", "60", "2"),
         Routed(LOG_WARNING, "GetPmuploadEnbale is null !"), UploadLine("1")}},
       // Without the watchdog the upload switch isn't read.
-      {"pmupload: {enable: true}\n", true, "60", "2", false, {kNoWatchDog}},
-      {"[watch_dog]\n", true, "60", "2", false, {kNoWatchDog}},
+      {"pmupload: {enable: true}\n", "60", "2", true, false, {kNoWatchDog}},
+      {"[watch_dog]\n", "60", "2", true, false, {kNoWatchDog}},
   };
   for (const auto& test : kCases) {
     const ProcMgrCfg cfg = Load(test.text);

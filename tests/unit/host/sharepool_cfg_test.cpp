@@ -15,9 +15,7 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::ExitedWithCode;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using Testing::Plain;
 using Testing::Routed;
 using Testing::TakeLog;

@@ -68,21 +68,21 @@ class WatchDog : public Testing::HostTest {
 TEST_F(WatchDog, InsertsTheModuleOnlyIfItIsWantedAndAbsent) {
   const struct {
     const char* name;
-    bool disabled, qelcore, enabled, hasFile;
     const char* modules;
+    bool disabled, qelcore, enabled, hasFile;
     bool result;
     std::size_t insertions;
   } kCases[] = {
-      {"wanted", false, false, true, true, "", true, 1},
-      {"nowatchdog alone switches nothing off", true, false, true, true, "", true, 1},
-      {"both words switch off, before the file is looked for", true, true, true, false, "", true,
+      {"wanted", "", false, false, true, true, true, 1},
+      {"nowatchdog alone switches nothing off", "", true, false, true, true, true, 1},
+      {"both words switch off, before the file is looked for", "", true, true, true, false, true,
        0},
-      {"configured off, before the file is looked for", false, false, false, false, "", true, 0},
-      {"no module file", false, true, true, false, "", false, 0},
-      {"already there", false, false, true, true, "nf_nat 1 0\nsbsa_gwdt 16384 0 - Live\n", true,
+      {"configured off, before the file is looked for", "", false, false, false, false, true, 0},
+      {"no module file", "", false, true, true, false, false, 0},
+      {"already there", "nf_nat 1 0\nsbsa_gwdt 16384 0 - Live\n", false, false, true, true, true,
        0},
-      {"inside a longer name", false, false, true, true, "my_sbsa_gwdt2 1 0", true, 0},
-      {"others only", false, false, true, true, "sbsa 1 0\n_gwdt 1 0\n", true, 1},
+      {"inside a longer name", "my_sbsa_gwdt2 1 0", false, false, true, true, true, 0},
+      {"others only", "sbsa 1 0\n_gwdt 1 0\n", false, false, true, true, true, 1},
   };
   for (const auto& test : kCases) {
     kernel = {};

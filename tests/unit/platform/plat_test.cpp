@@ -92,6 +92,7 @@ TEST_F(Plat, WhatCannotBeShownIsStillKept) {
 
 TEST_F(Plat, ThreadsShareOneRecord) {
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([this, i] {
       for (int round = 0; round < 100; ++round) {

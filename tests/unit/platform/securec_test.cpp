@@ -63,7 +63,7 @@ TEST(Securec, CopiesTextWithItsTerminator) {
   EXPECT_NE(strcpy_s(dest.data(), 6, nullptr), 0);
   EXPECT_EQ(dest[0], '\0');
   // Its own tail, behind what is copied: no overlap.
-  std::string apart = std::string("xxxx\0ab", 8);
+  std::string apart("xxxx\0ab", 7);
   EXPECT_EQ(strcpy_s(apart.data(), apart.size(), apart.data() + 5), 0);
   EXPECT_STREQ(apart.c_str(), "ab");
 }
