@@ -71,6 +71,7 @@ bool CheckFile(const std::string& path, const std::map<std::string, std::string>
     return false;
   }
   std::vector<std::string> names;
+  names.reserve(manifests.size());
   for (const ApplicationManifest& manifest : manifests) {
     names.push_back(manifest.GetAppName());
   }

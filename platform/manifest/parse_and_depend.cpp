@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <exception>
 #include <iterator>
+#include <memory>
+#include <new>
 #include <set>
 #include <string>
 #include <utility>
@@ -50,6 +52,9 @@ int ParseAndDepend::ParseYaml(ParamType /*type*/, const std::string& path,
     }
     std::move(loaded.begin(), loaded.end(), std::back_inserter(manifests));
     return 0;
+  } catch (const std::bad_alloc&) {
+    LogError("a service file can't be loaded: there is no memory for it");
+    return kFailed;
   } catch (const std::exception& failure) {
     LogError("%s:1:1: the file can't be loaded: %s", Printable(path, kShownPathBytes).c_str(),
              failure.what());
