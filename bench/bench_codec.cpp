@@ -51,7 +51,7 @@ template <typename Record, typename Pack>
 void PackList(benchmark::State& state, RequestType type, const std::vector<Record>& list,
               Pack pack) {
   std::uint64_t bytes = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     std::vector<Codec::PackedItem> packed;
     Codec::PieceList pieces;
     if (!pack(list, packed) || !Codec::ProcMgrCombinePiecesMsg(type, packed, pieces)) {
@@ -74,7 +74,7 @@ void UnpackList(benchmark::State& state, RequestType type, const std::vector<Rec
     state.SkipWithError("not packed");
     return;
   }
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     std::vector<Record> read;
     unpack(&pieces.front(), read);
     if (read.size() != list.size()) {
@@ -179,7 +179,7 @@ std::vector<std::string> FullNames() {
 void BM_QueryPack(benchmark::State& state) {
   const std::vector<std::string> names = FullNames();
   RequestMsg frame;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     if (!Codec::ProcMgrPackQueryAppState(names, frame)) {
       state.SkipWithError("not packed");
       return;
@@ -196,7 +196,7 @@ void BM_QueryUnpack(benchmark::State& state) {
     state.SkipWithError("not packed");
     return;
   }
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     std::vector<std::string> names;
     Codec::ProcMgrUnpackQueryAppState(&frame, names);
     benchmark::DoNotOptimize(names.data());
@@ -216,7 +216,7 @@ std::map<std::string, int> FullStatus() {
 void BM_DetailStatusPack(benchmark::State& state) {
   const std::map<std::string, int> status = FullStatus();
   RequestMsg frame;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     if (!Codec::ProcMgrPackAppDetailStatus(status, frame)) {
       state.SkipWithError("not packed");
       return;
@@ -233,7 +233,7 @@ void BM_DetailStatusUnpack(benchmark::State& state) {
     state.SkipWithError("not packed");
     return;
   }
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     std::map<std::string, int> status;
     if (!Codec::ProcMgrUnpackAppDetailStatus(&frame, status)) {
       state.SkipWithError("not unpacked");
@@ -253,7 +253,7 @@ void BM_UploadRequestUnpack(benchmark::State& state) {
     state.SkipWithError("not packed");
     return;
   }
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     PmUpload::LoadAppInfo read;
     if (!PmUpload::UnPackInfoRequest(&msg, read)) {
       state.SkipWithError("not unpacked");
@@ -267,7 +267,7 @@ BENCHMARK(BM_UploadRequestUnpack);
 
 void BM_UploadResponsePack(benchmark::State& state) {
   const std::vector<std::string> groups(1024, "group001");
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     std::string text;
     PmUpload::PackResponseToPmupload(true, false, groups, 0, text);
     benchmark::DoNotOptimize(text.data());

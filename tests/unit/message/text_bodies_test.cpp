@@ -50,7 +50,7 @@ std::string Show(const AppExecInfo& info) {
 std::string Show(const StartupCfgInfo& info) {
   std::string text = info.path;
   for (const auto& [key, value] : info.matchData) {
-    text += ' ' + key + '=' + value;
+    text.append(" ").append(key).append("=").append(value);
   }
   return text;
 }
@@ -62,6 +62,7 @@ std::string Show(const BaseServiceStateInfo& info) {
 template <typename Record>
 std::vector<std::string> Show(const std::vector<Record>& list) {
   std::vector<std::string> texts;
+  texts.reserve(list.size());
   for (const Record& info : list) {
     texts.push_back(Show(info));
   }
@@ -75,7 +76,6 @@ namespace {
 
 using Message::RequestType;
 using Message::Show;
-using Test::Body;
 using Test::Frame;
 using Test::TakeLog;
 using ::testing::ElementsAre;

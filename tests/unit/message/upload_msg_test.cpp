@@ -13,7 +13,6 @@ namespace {
 using ProcMgr::Test::TakeLog;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::SizeIs;
 
 UploadMsg Request(std::string_view text) {
   UploadMsg msg;
