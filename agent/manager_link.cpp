@@ -1,0 +1,442 @@
+#include "agent/manager_link.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <limits>
+#include <utility>
+
+#include "core/log.h"
+#include "message/nexio_wrappers.h"
+#include "platform/nexio/nexio_peer.h"
+
+namespace ProcMgr {
+namespace {
+
+// The manager's connection, one that it has left behind, and some room for connections of other
+// programs of the same user, which displace the channel but must not lock the manager out.
+constexpr std::uint32_t kMaxClients = 64;
+
+NexioRequest RequestOf(const Message::RequestMsg& frame) {
+  NexioRequest request;
+  request.data = &frame;
+  request.size = sizeof(frame);
+  return request;
+}
+
+std::uint32_t MillisecondsLeft(SteadyTime deadline) {
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyNow()).count();
+  return static_cast<std::uint32_t>(
+      std::clamp<std::int64_t>(left, 0, std::numeric_limits<std::uint32_t>::max()));
+}
+
+Agent::StatusMap StatusOf(const std::map<std::string, int>& numbers) {
+  Agent::StatusMap status;
+  for (const auto& [name, number] : numbers) {
+    status.emplace(name, static_cast<AppStatus>(number));
+  }
+  return status;
+}
+
+// True if the report is about exactly these names, which are sorted as the report is.
+bool AreNames(const std::vector<std::string>& names, const Agent::StatusMap& status) {
+  return std::equal(names.begin(), names.end(), status.begin(), status.end(),
+                    [](const std::string& name, const auto& entry) { return name == entry.first; });
+}
+
+}  // namespace
+
+SteadyTime DeadlineAfter(std::chrono::milliseconds wait) {
+  const SteadyTime now = SteadyNow();
+  if (wait <= std::chrono::milliseconds::zero()) {
+    return now;
+  }
+  const auto room = std::chrono::floor<std::chrono::milliseconds>(SteadyTime::max() - now);
+  return wait < room ? now + wait : SteadyTime::max();
+}
+
+ManagerLink::ManagerLink(Agent::Callbacks callbacks)
+    : callbacks_(std::move(callbacks)), ownUser_(geteuid()) {}
+
+Result ManagerLink::Serve(const std::string& name) {
+  NexioServerParam param;
+  param.serverName = name.c_str();
+  param.maxClients = kMaxClients;
+  param.connectCallback = [self = shared_from_this()](int fd, const char*, std::uint32_t) {
+    self->OnConnect(fd);
+  };
+  param.requestCallback = [self = shared_from_this()](int fd, const NexioRequest* request) {
+    self->OnRequest(fd, request);
+  };
+  const int server = NexioCreateFilteredServer(param, [user = ownUser_](const NexioPeer& peer) {
+    return peer.uid == 0 || peer.uid == user;
+  });
+  if (server < 0) {
+    LogError("ProcMgrAgent : can't serve %s, err code=%d", name.c_str(), server);
+    return server == kNexioBadName ? Result::kInvalidName
+           : server == -EADDRINUSE ? Result::kNameTaken
+                                   : Result::kSystemError;
+  }
+  const MutexLock lock(mutex_);
+  server_ = server;
+  return Result::kOk;
+}
+
+void ManagerLink::Stop() {
+  int server = 0;
+  {
+    const MutexLock lock(mutex_);
+    stopped_ = true;
+    SetChannel(0);
+    while (telling_ && teller_ != std::this_thread::get_id()) {
+      changed_.Wait(mutex_);
+    }
+    server = std::exchange(server_, 0);
+  }
+  if (server > 0) {
+    // Callbacks that still run call the service no more and end soon.
+    ProcMgrNexioClosePipe(server);
+  }
+}
+
+bool ManagerLink::IsUp() {
+  const MutexLock lock(mutex_);
+  return channel_ > 0;
+}
+
+bool ManagerLink::IsStopped() {
+  const MutexLock lock(mutex_);
+  return stopped_;
+}
+
+Result ManagerLink::AwaitUp(SteadyTime deadline) {
+  const MutexLock lock(mutex_);
+  int fd = 0;
+  return AwaitChannel(deadline, fd);
+}
+
+Result ManagerLink::AwaitChannel(SteadyTime deadline, int& fd) {
+  while (!stopped_ && channel_ <= 0) {
+    if (SteadyNow() >= deadline) {
+      return Result::kNoChannel;
+    }
+    // The loop looks at the time itself.
+    (void)changed_.WaitUntil(mutex_, deadline);
+  }
+  fd = channel_;
+  return stopped_ ? Result::kStopped : Result::kOk;
+}
+
+Result ManagerLink::Send(const Serialization::PieceList& frames, SteadyTime deadline) {
+  int fd = 0;
+  {
+    const MutexLock lock(mutex_);
+    if (const Result result = AwaitChannel(deadline, fd); result != Result::kOk) {
+      return result;
+    }
+  }
+  for (const Message::RequestMsg& frame : frames) {
+    const int sent = ProcMgrNexioSendRequest(fd, RequestOf(frame));
+    if (const Result result = ResultOf(sent, "send"); result != Result::kOk) {
+      return result;
+    }
+  }
+  return Result::kOk;
+}
+
+Result ManagerLink::Call(const Message::RequestMsg& frame, SteadyTime deadline,
+                         std::string& answer) {
+  if (InCallback()) {
+    return Result::kInCallback;
+  }
+  int fd = 0;
+  {
+    const MutexLock lock(mutex_);
+    if (const Result result = AwaitChannel(deadline, fd); result != Result::kOk) {
+      return result;
+    }
+  }
+  // An answer is a number in decimal; room for more only tells a wrong answer from a long one.
+  std::array<char, 64> text{};
+  NexioResponse response;
+  response.data = text.data();
+  response.size = text.size();
+  const int called =
+      ProcMgrNexioTimedRPCSync(fd, RequestOf(frame), response, MillisecondsLeft(deadline));
+  if (called == kNexioTooLong) {
+    return Result::kBadAnswer;
+  }
+  const Result result = ResultOf(called, "call");
+  if (result == Result::kOk) {
+    answer.assign(text.data(), response.size);
+  }
+  return result;
+}
+
+Result ManagerLink::Query(const AgentFrames::QueryFrame& query, SteadyTime deadline,
+                          Agent::StatusMap& status) {
+  if (InCallback()) {
+    return Result::kInCallback;
+  }
+  PendingQuery pending;
+  pending.names = &query.names;
+  {
+    // The question is entered before it is sent, so an answer can't come too early for it.
+    const MutexLock lock(mutex_);
+    if (const Result result = AwaitChannel(deadline, pending.fd); result != Result::kOk) {
+      return result;
+    }
+    queries_.push_back(&pending);
+  }
+  const int sent = ProcMgrNexioSendRequest(pending.fd, RequestOf(query.frame));
+  const Result result = ResultOf(sent, "send");
+  const MutexLock lock(mutex_);
+  while (result == Result::kOk && !pending.done && SteadyNow() < deadline) {
+    // The loop looks at the time itself.
+    (void)changed_.WaitUntil(mutex_, deadline);
+  }
+  queries_.remove(&pending);
+  if (result != Result::kOk) {
+    return result;
+  }
+  if (!pending.done) {
+    return Result::kTimeout;
+  }
+  status.merge(pending.status);
+  return pending.result;
+}
+
+Result ManagerLink::SendHeartMsg() {
+  const MutexLock order(heartMutex_);
+  int fd = 0;
+  {
+    const MutexLock lock(mutex_);
+    if (const Result result = AwaitChannel(SteadyTime::min(), fd); result != Result::kOk) {
+      return result;
+    }
+  }
+  if (std::exchange(heartFd_, fd) != fd) {
+    heartIndex_ = 0;
+  }
+  Message::HeartMsg heart;
+  heart.index = heartIndex_ + 1;
+  heart.sendTimeMs = static_cast<std::uint64_t>(
+      std::chrono::floor<std::chrono::milliseconds>(SteadyNow().time_since_epoch()).count());
+  Message::RequestMsg frame;
+  Serialization::ProcMgrPackHeartMsg(heart, frame);
+  const Result result = ResultOf(NexioSendRequest(fd, RequestOf(frame)), "send");
+  if (result == Result::kOk) {
+    ++heartIndex_;
+  }
+  return result;
+}
+
+Result ManagerLink::ResultOf(int code, const char* what) {
+  switch (code) {
+    case kNexioBusy:
+      return Result::kBusy;
+    case kNexioTimeout:
+      return Result::kTimeout;
+    case kNexioBroken:
+    case kNexioBadFd: {
+      const MutexLock lock(mutex_);
+      return stopped_ ? Result::kStopped : Result::kDisconnected;
+    }
+    default:
+      break;
+  }
+  if (code < 0) {
+    LogError("ProcMgrAgent : %s failed, err code=%d", what, code);
+    return Result::kSystemError;
+  }
+  return Result::kOk;
+}
+
+bool ManagerLink::InCallback() {
+  const MutexLock lock(mutex_);
+  return telling_ && teller_ == std::this_thread::get_id();
+}
+
+void ManagerLink::SetChannel(int fd) {
+  for (PendingQuery* const query : queries_) {
+    if (!query->done) {
+      query->done = true;
+      query->result = stopped_ ? Result::kStopped : Result::kDisconnected;
+    }
+  }
+  channel_ = fd;
+  changed_.NotifyAll();
+}
+
+void ManagerLink::OnConnect(int fd) {
+  int old = 0;
+  bool stopped = false;
+  {
+    const MutexLock lock(mutex_);
+    stopped = stopped_;
+    if (!stopped) {
+      old = channel_;
+      SetChannel(fd);
+    }
+  }
+  if (stopped) {
+    return;  // Stop closes the server with all its connections.
+  }
+  if (old > 0) {
+    // If a callback of the old one is running, it closes the old one on its way out.
+    (void)NexioClosePipe(old);
+  }
+  TellChannel();
+}
+
+void ManagerLink::OnRequest(int fd, const NexioRequest* request) {
+  if (request == nullptr) {
+    OnBroken(fd);
+    return;
+  }
+  if (request->size == sizeof(Message::RequestMsg) && request->data != nullptr) {
+    Message::RequestMsg frame;
+    std::memcpy(&frame, request->data, sizeof(frame));
+    OnFrame(fd, frame);
+  } else {
+    LogError("ProcMgrAgent : packet dropped, size=%u bytes, a frame has %zu", request->size,
+             sizeof(Message::RequestMsg));
+  }
+  bool forgotten = false;
+  {
+    const MutexLock lock(mutex_);
+    forgotten = channel_ != fd && !stopped_;
+  }
+  if (forgotten) {
+    (void)NexioClosePipe(fd);
+  }
+}
+
+void ManagerLink::OnBroken(int fd) {
+  {
+    const MutexLock lock(mutex_);
+    if (channel_ == fd) {
+      SetChannel(0);
+    }
+  }
+  // Possible inside its own callback; a forgotten one may be closed already.
+  (void)NexioClosePipe(fd);
+  TellChannel();
+}
+
+void ManagerLink::OnFrame(int fd, const Message::RequestMsg& frame) {
+  switch (frame.type) {
+    case Message::RequestType::APP_STATE_REPORT:
+      OnAppStates(fd, frame);
+      break;
+    case Message::RequestType::APP_DETAIL_STATUS_REPORT:
+      OnAppStatus(fd, frame);
+      break;
+    default:
+      // A newer manager may tell more than this library knows.
+      LogDebug("ProcMgrAgent : frame ignored, type=%u", static_cast<std::uint32_t>(frame.type));
+      break;
+  }
+}
+
+void ManagerLink::OnAppStates(int fd, const Message::RequestMsg& frame) {
+  std::vector<Message::AppStateInfo> changes;
+  Serialization::ProcMgrUnpackedAppStateRequest(&frame, changes);
+  if (!changes.empty() && callbacks_.appStates) {
+    TellReport(fd, [this, &changes] { callbacks_.appStates(changes); });
+  }
+}
+
+void ManagerLink::OnAppStatus(int fd, const Message::RequestMsg& frame) {
+  std::map<std::string, int> numbers;
+  if (!Serialization::ProcMgrUnpackAppDetailStatus(&frame, numbers)) {
+    LogError("ProcMgrAgent : status report dropped, its body breaks off, size=%lu", frame.size);
+    return;
+  }
+  Agent::StatusMap status = StatusOf(numbers);
+  {
+    const MutexLock lock(mutex_);
+    if (AnswerQuery(fd, status)) {
+      return;
+    }
+  }
+  if (callbacks_.appStatus) {
+    TellReport(fd, [this, &status] { callbacks_.appStatus(status); });
+  }
+}
+
+bool ManagerLink::AnswerQuery(int fd, Agent::StatusMap& status) {
+  const auto found =
+      std::find_if(queries_.begin(), queries_.end(), [fd, &status](const PendingQuery* query) {
+        return !query->done && query->fd == fd && AreNames(*query->names, status);
+      });
+  if (found == queries_.end()) {
+    return false;
+  }
+  (*found)->status.swap(status);
+  (*found)->done = true;
+  changed_.NotifyAll();
+  return true;
+}
+
+bool ManagerLink::TakeTurn() {
+  while (telling_ && !stopped_) {
+    changed_.Wait(mutex_);
+  }
+  if (stopped_) {
+    return false;
+  }
+  telling_ = true;
+  teller_ = std::this_thread::get_id();
+  return true;
+}
+
+void ManagerLink::GiveTurn() {
+  telling_ = false;
+  changed_.NotifyAll();
+}
+
+void ManagerLink::Tell(const std::function<void()>& call) {
+  mutex_.Unlock();
+  try {
+    call();
+  } catch (const std::exception& e) {
+    LogError("ProcMgrAgent : a callback of the service threw: %s", e.what());
+  } catch (...) {
+    LogError("ProcMgrAgent : a callback of the service threw");
+  }
+  mutex_.Lock();
+}
+
+void ManagerLink::TellReport(int fd, const std::function<void()>& call) {
+  const MutexLock lock(mutex_);
+  if (!TakeTurn()) {
+    return;
+  }
+  if (channel_ == fd) {
+    Tell(call);
+  }
+  GiveTurn();
+}
+
+void ManagerLink::TellChannel() {
+  const MutexLock lock(mutex_);
+  if (!TakeTurn()) {
+    return;
+  }
+  if (toldChannel_ != channel_) {
+    toldChannel_ = channel_;
+    const std::function<void()>& call =
+        channel_ > 0 ? callbacks_.connected : callbacks_.disconnected;
+    if (call) {
+      Tell(call);
+    }
+  }
+  GiveTurn();
+}
+
+}  // namespace ProcMgr
