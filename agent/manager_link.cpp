@@ -72,6 +72,10 @@ Result ManagerLink::Serve(const std::string& name) {
   param.requestCallback = [self = shared_from_this()](int fd, const NexioRequest* request) {
     self->OnRequest(fd, request);
   };
+  if (name.find('\0') != std::string::npos) {
+    // The library would see the part in front of it, the beats would carry the whole.
+    return Result::kInvalidName;
+  }
   const int server = NexioCreateFilteredServer(param, [user = ownUser_](const NexioPeer& peer) {
     return peer.uid == 0 || peer.uid == user;
   });
