@@ -97,7 +97,8 @@ class Agent {
     // A channel is up, for the first time or again. The place to report the state once more, since
     // a manager that was restarted doesn't know it.
     std::function<void()> connected;
-    // The channel has broken. Not called when a new channel takes the place of an old one.
+    // The channel has broken. Not called when a new channel takes the place of an old one. Changes
+    // that come while another callback runs are told together, as the last of them.
     std::function<void()> disconnected;
     // What has happened to applications that this service owns, or has asked for. "iammgr" hears of
     // every process. `state` of a record is the number of a ReportAppStateType.

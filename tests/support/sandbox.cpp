@@ -217,7 +217,9 @@ void Sandbox::KillAll() const {
 }
 
 bool Sandbox::JoinInChild() const {
-  return cgroups_.JoinInChild() && setns(namespaceFd_.Get(), CLONE_NEWNS) == 0 && chdir("/") == 0;
+  // Of its own: a thread that a sanitizer starts in the child would share it otherwise.
+  return cgroups_.JoinInChild() && unshare(CLONE_FS) == 0 &&
+         setns(namespaceFd_.Get(), CLONE_NEWNS) == 0 && chdir("/") == 0;
 }
 
 Sandbox::Inside::Inside(const Sandbox& sandbox) : before_(OpenOwnNamespace()) {

@@ -140,6 +140,8 @@ TEST_F(ChannelTest, NewChannelTakesThePlaceOfTheOld) {
   Told told;
   const auto agent = MakeAgent(told.Callbacks());
   const FakeManager old = Connect(*agent);
+  // Two that come in one go may be told as one.
+  EXPECT_EQ(told.Await(1), Lines{"connected"});
   const FakeManager fresh(sandbox_, "svc");
   EXPECT_TRUE(old.Peer().AwaitClosed());
   ASSERT_EQ(agent->TermApps({"a"}), Result::kOk);
@@ -344,8 +346,9 @@ TEST_F(ChannelTest, NoDescriptorAndNoThreadIsLeftOver) {
     EXPECT_TRUE(old.Peer().AwaitClosed());
     broken.Close();
   }
-  EXPECT_TRUE(Eventually([&] { return CountEntries("/proc/self/fd") == descriptors; }));
-  EXPECT_TRUE(Eventually([&] { return CountEntries("/proc/self/task") == threads; }));
+  // Fewer, if something of an earlier test was still on its way out at the count.
+  EXPECT_TRUE(Eventually([&] { return CountEntries("/proc/self/fd") <= descriptors; }));
+  EXPECT_TRUE(Eventually([&] { return CountEntries("/proc/self/task") <= threads; }));
 }
 
 }  // namespace

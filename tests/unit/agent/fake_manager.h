@@ -101,8 +101,10 @@ class AgentTest : public testing::Test {
     return agent;
   }
 
-  // Connects to the agent and waits until it has noticed.
+  // Connects to an agent without a channel, or whose channel is just closing, and waits until it
+  // has noticed.
   FakeManager Connect(ProcMgr::Agent& agent) {
+    EXPECT_TRUE(Eventually([&] { return !agent.IsConnected(); }));
     FakeManager manager(sandbox_, agent.Name());
     EXPECT_TRUE(manager.IsConnected());
     EXPECT_EQ(agent.WaitConnected(kPatience), ProcMgr::Result::kOk);
