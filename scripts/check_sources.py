@@ -13,7 +13,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 # The headers of core/ that everybody may use; they are built by core/ground.cmake.
 GROUND = {
     "boot_trace", "child_msg_pipe", "fork_locks", "host_context", "log", "mutex", "sleep",
-    "small_file", "standard_path", "steady_time", "text", "unique_fd", "user_lookup",
+    "printable", "small_file", "standard_path", "steady_time", "text", "unique_fd", "user_lookup",
 }
 # Contracts that platform/ implements although their callers own them.
 CONTRACTS = {"app/manifest.h", "message/nexio.h"}

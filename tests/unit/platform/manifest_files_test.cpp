@@ -238,6 +238,7 @@ TEST_F(ManifestFiles, ThreadsParseAndAskAtOnce) {
                               "  - {appName: other, binPath: /b, uid: 1, gid: 1}\n");
   std::atomic<int> failures = 0;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([this, t, &failures] {
       ParseAndDepend& library = ParseAndDepend::Instance();
