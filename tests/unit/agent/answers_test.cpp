@@ -18,12 +18,12 @@ using ProcMgr::AppStatus;
 using ProcMgr::Result;
 using std::chrono::milliseconds;
 
-using AnswersTest = AgentTest;
+using AgentAnswers = AgentTest;
 
 constexpr std::uint32_t kQuery = 9;
 constexpr std::uint32_t kStatusReport = 10;
 
-TEST_F(AnswersTest, LoadAndReload) {
+TEST_F(AgentAnswers, LoadAndReload) {
   const auto agent = MakeAgent();
   const FakeManager manager = Connect(*agent);
   const struct {
@@ -59,7 +59,7 @@ TEST_F(AnswersTest, LoadAndReload) {
   }
 }
 
-TEST_F(AnswersTest, LoadHasALimitAndSurvivesALateAnswer) {
+TEST_F(AgentAnswers, LoadHasALimitAndSurvivesALateAnswer) {
   const auto agent = MakeAgent();
   const FakeManager manager = Connect(*agent);
   EXPECT_EQ(agent->LoadStartupCfg({}, milliseconds(20)), Result::kTimeout);
@@ -73,7 +73,7 @@ TEST_F(AnswersTest, LoadHasALimitAndSurvivesALateAnswer) {
   answering.join();
 }
 
-TEST_F(AnswersTest, LoadAndQueryEndWithTheChannel) {
+TEST_F(AgentAnswers, LoadAndQueryEndWithTheChannel) {
   const auto agent = MakeAgent();
   FakeManager manager = Connect(*agent);
   Agent::StatusMap status{{"kept", AppStatus::kThere}};
@@ -90,7 +90,7 @@ TEST_F(AnswersTest, LoadAndQueryEndWithTheChannel) {
   EXPECT_EQ(status, (Agent::StatusMap{{"kept", AppStatus::kThere}}));
 }
 
-TEST_F(AnswersTest, QueryTakesTheReportOnItsNames) {
+TEST_F(AgentAnswers, QueryTakesTheReportOnItsNames) {
   std::atomic<int> others = 0;
   Agent::Callbacks callbacks;
   callbacks.appStatus = [&](const Agent::StatusMap& status) {
@@ -114,7 +114,7 @@ TEST_F(AnswersTest, QueryTakesTheReportOnItsNames) {
   answering.join();
 }
 
-TEST_F(AnswersTest, QueryHasALimit) {
+TEST_F(AgentAnswers, QueryHasALimit) {
   const auto agent = MakeAgent();
   const FakeManager manager = Connect(*agent);
   Agent::StatusMap status;
@@ -135,7 +135,7 @@ std::string AnswerTo(const std::string& question) {
 }
 
 // The manager sends no answer that doesn't fit a frame, so the questions must be small enough.
-TEST_F(AnswersTest, ALongQueryIsAskedInParts) {
+TEST_F(AgentAnswers, ALongQueryIsAskedInParts) {
   const auto agent = MakeAgent();
   const FakeManager manager = Connect(*agent);
   std::vector<std::string> names;
@@ -160,7 +160,7 @@ TEST_F(AnswersTest, ALongQueryIsAskedInParts) {
   EXPECT_EQ(questions, 6);  // 23 bytes a name, 3960 bytes a frame.
 }
 
-TEST_F(AnswersTest, WaitingInACallbackIsRefused) {
+TEST_F(AgentAnswers, WaitingInACallbackIsRefused) {
   std::unique_ptr<Agent> agent;
   std::vector<Result> results;
   std::atomic<bool> done = false;
@@ -199,7 +199,7 @@ std::map<std::uint32_t, int> AnswerAll(const FakeManager& manager) {
   return counts;
 }
 
-TEST_F(AnswersTest, ManyThreadsAtOnce) {
+TEST_F(AgentAnswers, ManyThreadsAtOnce) {
   constexpr int kThreads = 8;
   constexpr int kRounds = 50;
   const auto agent = MakeAgent();

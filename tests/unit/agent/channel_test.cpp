@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "agent/process_manager_agent.h"
-#include "tests/support/captured_log.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/system_error.h"
 #include "tests/unit/agent/fake_manager.h"
 
@@ -27,7 +27,7 @@ using ProcMgr::ServiceState;
 using ProcMgr::Message::AppStateInfo;
 using std::chrono::milliseconds;
 
-using ChannelTest = AgentTest;
+using AgentChannel = AgentTest;
 
 constexpr std::uint32_t kStateReport = 4;
 constexpr std::uint32_t kStatusReport = 10;
@@ -78,7 +78,7 @@ class Told {
 
 using Lines = std::vector<std::string>;
 
-TEST_F(ChannelTest, ReportsArriveInOrder) {
+TEST_F(AgentChannel, ReportsArriveInOrder) {
   Told told;
   const auto agent = MakeAgent(told.Callbacks());
   const FakeManager manager = Connect(*agent);
@@ -89,7 +89,7 @@ TEST_F(ChannelTest, ReportsArriveInOrder) {
             (Lines{"connected", "a 12 34 0 0;b -1 7 4 1;", "a=0;bb=2;", "a 12 34 3 0;"}));
 }
 
-TEST_F(ChannelTest, BrokenFramesDisturbNothing) {
+TEST_F(AgentChannel, BrokenFramesDisturbNothing) {
   Told told;
   const auto agent = MakeAgent(told.Callbacks());
   const FakeManager manager = Connect(*agent);
@@ -106,7 +106,7 @@ TEST_F(ChannelTest, BrokenFramesDisturbNothing) {
   EXPECT_EQ(told.Await(2), (Lines{"connected", "good 1 1 0 0;"}));
 }
 
-TEST_F(ChannelTest, RequestsWithoutAChannelSaySoOrWait) {
+TEST_F(AgentChannel, RequestsWithoutAChannelSaySoOrWait) {
   const auto agent = MakeAgent();
   EXPECT_FALSE(agent->IsConnected());
   EXPECT_EQ(agent->ReportState(ServiceState::kReady), Result::kNoChannel);
@@ -123,7 +123,7 @@ TEST_F(ChannelTest, RequestsWithoutAChannelSaySoOrWait) {
   EXPECT_TRUE(agent->IsConnected());
 }
 
-TEST_F(ChannelTest, ManagerGoesAndComesBack) {
+TEST_F(AgentChannel, ManagerGoesAndComesBack) {
   Told told;
   const auto agent = MakeAgent(told.Callbacks());
   for (std::size_t round = 0; round < 3; ++round) {
@@ -136,7 +136,7 @@ TEST_F(ChannelTest, ManagerGoesAndComesBack) {
   }
 }
 
-TEST_F(ChannelTest, NewChannelTakesThePlaceOfTheOld) {
+TEST_F(AgentChannel, NewChannelTakesThePlaceOfTheOld) {
   Told told;
   const auto agent = MakeAgent(told.Callbacks());
   const FakeManager old = Connect(*agent);
@@ -151,7 +151,7 @@ TEST_F(ChannelTest, NewChannelTakesThePlaceOfTheOld) {
 }
 
 // The service's callback of the old channel runs while the manager is already back.
-TEST_F(ChannelTest, CallbacksComeOneAtATimeAcrossChannels) {
+TEST_F(AgentChannel, CallbacksComeOneAtATimeAcrossChannels) {
   std::atomic<int> running = 0;
   std::atomic<int> most = 0;
   std::atomic<bool> entered = false;
@@ -213,7 +213,7 @@ bool IsLetIn(const Sandbox& sandbox, const Agent& agent, uid_t user) {
   return letIn;
 }
 
-TEST_F(ChannelTest, OnlyRootAndTheOwnUserAreLetIn) {
+TEST_F(AgentChannel, OnlyRootAndTheOwnUserAreLetIn) {
   const auto roots = MakeAgent({}, "roots");
   std::unique_ptr<Agent> users;
   AsUser(1234, [&] { users = MakeAgent({}, "users"); });
@@ -225,7 +225,7 @@ TEST_F(ChannelTest, OnlyRootAndTheOwnUserAreLetIn) {
   EXPECT_FALSE(IsLetIn(sandbox_, *users, 1235));
 }
 
-TEST_F(ChannelTest, AStrangerDoesNotDisturbTheChannel) {
+TEST_F(AgentChannel, AStrangerDoesNotDisturbTheChannel) {
   const auto agent = MakeAgent();
   const FakeManager manager = Connect(*agent);
   AsUser(1234, [&] {
@@ -236,7 +236,7 @@ TEST_F(ChannelTest, AStrangerDoesNotDisturbTheChannel) {
   EXPECT_EQ(manager.ReceiveBody(2), "1#a#");
 }
 
-TEST_F(ChannelTest, NamesThatCannotBeServed) {
+TEST_F(AgentChannel, NamesThatCannotBeServed) {
   const auto first = MakeAgent({}, "taken");
   const std::pair<std::string, Result> cases[] = {{"taken", Result::kNameTaken},
                                                   {"", Result::kInvalidName},
@@ -252,7 +252,7 @@ TEST_F(ChannelTest, NamesThatCannotBeServed) {
   }
 }
 
-TEST_F(ChannelTest, StopWakesWhoWaitsAndFreesTheName) {
+TEST_F(AgentChannel, StopWakesWhoWaitsAndFreesTheName) {
   const auto agent = MakeAgent();
   std::vector<Result> results(2, Result::kOk);
   std::thread forChannel([&] { results[0] = agent->WaitConnected(milliseconds::max()); });
@@ -273,7 +273,7 @@ TEST_F(ChannelTest, StopWakesWhoWaitsAndFreesTheName) {
   EXPECT_NE(MakeAgent({}, "busy"), nullptr);
 }
 
-TEST_F(ChannelTest, NoCallbackRunsAfterStop) {
+TEST_F(AgentChannel, NoCallbackRunsAfterStop) {
   std::atomic<bool> entered = false;
   std::atomic<bool> left = false;
   std::atomic<int> calls = 0;
@@ -294,7 +294,7 @@ TEST_F(ChannelTest, NoCallbackRunsAfterStop) {
   EXPECT_EQ(calls, 1);
 }
 
-TEST_F(ChannelTest, ACallbackMayDestroyTheAgent) {
+TEST_F(AgentChannel, ACallbackMayDestroyTheAgent) {
   std::unique_ptr<Agent> agent;
   std::atomic<bool> gone = false;
   Agent::Callbacks callbacks;
@@ -309,7 +309,8 @@ TEST_F(ChannelTest, ACallbackMayDestroyTheAgent) {
   EXPECT_TRUE(Eventually([&] { return gone.load(); }));
 }
 
-TEST_F(ChannelTest, ACallbackThatThrowsEndsNothing) {
+TEST_F(AgentChannel, ACallbackThatThrowsEndsNothing) {
+  LogCapture log;
   std::atomic<int> calls = 0;
   Agent::Callbacks callbacks;
   callbacks.appStates = [&](const auto&) {
@@ -318,15 +319,14 @@ TEST_F(ChannelTest, ACallbackThatThrowsEndsNothing) {
   };
   const auto agent = MakeAgent(callbacks);
   const FakeManager manager = Connect(*agent);
-  (void)ProcMgr::Test::TakeLog();
   manager.Send(kStateReport, "1#a#1#1#0#0#");
   manager.Send(kStateReport, "1#a#1#1#0#0#");
   ASSERT_TRUE(Eventually([&] { return calls == 2; }));
-  const Lines log = ProcMgr::Test::TakeLog();
-  EXPECT_NE(std::find(log.begin(), log.end(),
-                      "error ProcMgrAgent : a callback of the service threw: the service's own "
-                      "trouble"),
-            log.end());
+  const Lines lines = log.Take();
+  EXPECT_NE(
+      std::find(lines.begin(), lines.end(),
+                "E ProcMgrAgent : a callback of the service threw: the service's own trouble"),
+      lines.end());
 }
 
 std::size_t CountEntries(const char* folder) {
@@ -334,7 +334,7 @@ std::size_t CountEntries(const char* folder) {
 }
 
 // Agents, channels that break, channels that are replaced: nothing stays behind.
-TEST_F(ChannelTest, NoDescriptorAndNoThreadIsLeftOver) {
+TEST_F(AgentChannel, NoDescriptorAndNoThreadIsLeftOver) {
   (void)MakeAgent();  // Starts the library's threads.
   const std::size_t descriptors = CountEntries("/proc/self/fd");
   const std::size_t threads = CountEntries("/proc/self/task");

@@ -72,9 +72,9 @@ class BeatReceiver {
   ProcMgr::UniqueFd fd_;
 };
 
-using HeartbeatTest = AgentTest;
+using AgentHeartbeat = AgentTest;
 
-TEST_F(HeartbeatTest, ABeatIsTheNameAndFindsAReceiverThatComesBack) {
+TEST_F(AgentHeartbeat, ABeatIsTheNameAndFindsAReceiverThatComesBack) {
   const auto agent = MakeAgent();
   EXPECT_EQ(agent->Beat(), Result::kNoReceiver);
   for (int round = 0; round < 2; ++round) {
@@ -89,7 +89,7 @@ TEST_F(HeartbeatTest, ABeatIsTheNameAndFindsAReceiverThatComesBack) {
   EXPECT_EQ(agent->Beat(), Result::kNoReceiver);
 }
 
-TEST_F(HeartbeatTest, AFullReceiverDoesNotHoldTheServiceUp) {
+TEST_F(AgentHeartbeat, AFullReceiverDoesNotHoldTheServiceUp) {
   const auto agent = MakeAgent();
   const BeatReceiver receiver(sandbox_);
   Result result = Result::kOk;
@@ -99,7 +99,7 @@ TEST_F(HeartbeatTest, AFullReceiverDoesNotHoldTheServiceUp) {
   EXPECT_EQ(result, Result::kBusy);
 }
 
-TEST_F(HeartbeatTest, TheThreadBeatsAndSendsHeartMessages) {
+TEST_F(AgentHeartbeat, TheThreadBeatsAndSendsHeartMessages) {
   const auto agent = MakeAgent();
   const BeatReceiver receiver(sandbox_);
   const FakeManager manager = Connect(*agent);
@@ -123,7 +123,7 @@ TEST_F(HeartbeatTest, TheThreadBeatsAndSendsHeartMessages) {
   EXPECT_FALSE(receiver.Receive(milliseconds(50)).has_value());
 }
 
-TEST_F(HeartbeatTest, PeriodsOutOfBoundsAreRefused) {
+TEST_F(AgentHeartbeat, PeriodsOutOfBoundsAreRefused) {
   const auto agent = MakeAgent();
   for (const milliseconds period :
        {milliseconds(9), milliseconds(0), milliseconds(-1), milliseconds(3'600'001)}) {
@@ -132,7 +132,7 @@ TEST_F(HeartbeatTest, PeriodsOutOfBoundsAreRefused) {
 }
 
 // A signal of the process must find a thread of the service, never one of the library.
-TEST_F(HeartbeatTest, EveryThreadOfTheLibraryBlocksSignals) {
+TEST_F(AgentHeartbeat, EveryThreadOfTheLibraryBlocksSignals) {
   const auto agent = MakeAgent();
   ASSERT_EQ(agent->StartHeartbeat(), Result::kOk);
   int threads = 0;

@@ -18,9 +18,9 @@ using ProcMgr::ServiceState;
 using ProcMgr::Message::StartAppInfo;
 using Strings = std::vector<std::string>;
 
-using RequestsTest = AgentTest;
+using AgentRequests = AgentTest;
 
-TEST_F(RequestsTest, ByteByByte) {
+TEST_F(AgentRequests, ByteByByte) {
   const auto agent = MakeAgent();
   const FakeManager manager = Connect(*agent);
   const struct {
@@ -71,7 +71,7 @@ TEST_F(RequestsTest, ByteByByte) {
   }
 }
 
-TEST_F(RequestsTest, LongListsTravelInSeveralFrames) {
+TEST_F(AgentRequests, LongListsTravelInSeveralFrames) {
   const auto agent = MakeAgent();
   const FakeManager manager = Connect(*agent);
   ASSERT_EQ(agent->TermApps({std::string(1999, 'c'), "a", std::string(1954, 'b')}), Result::kOk);
@@ -80,7 +80,7 @@ TEST_F(RequestsTest, LongListsTravelInSeveralFrames) {
 }
 
 // The manager reads no dynamic block from it, so a second record of a frame would be misread.
-TEST_F(RequestsTest, AccessManagerSendsOneRecordAFrame) {
+TEST_F(AgentRequests, AccessManagerSendsOneRecordAFrame) {
   const auto agent = MakeAgent({}, "iammgr");
   const FakeManager manager = Connect(*agent);
   ASSERT_EQ(agent->StartApps({{"bb", {"x"}, {}}, {"a", {}, {}}}), Result::kOk);
@@ -89,7 +89,7 @@ TEST_F(RequestsTest, AccessManagerSendsOneRecordAFrame) {
   EXPECT_EQ(agent->RestartApps({{"a", {}, {{1, {"v"}}}}}), Result::kInvalidArgument);
 }
 
-TEST_F(RequestsTest, RefusesWhatTheManagerWouldMisread) {
+TEST_F(AgentRequests, RefusesWhatTheManagerWouldMisread) {
   const auto agent = MakeAgent();
   const FakeManager manager = Connect(*agent);
   const std::string zero("a\0b", 3);
@@ -133,7 +133,7 @@ TEST_F(RequestsTest, RefusesWhatTheManagerWouldMisread) {
   EXPECT_EQ(manager.ReceiveBody(2), "1#" + std::string(3954, 'b') + "#");
 }
 
-TEST_F(RequestsTest, HeartMessagesCountFromOneOnEachChannel) {
+TEST_F(AgentRequests, HeartMessagesCountFromOneOnEachChannel) {
   const auto agent = MakeAgent();
   const auto next = [](const FakeManager& manager) {
     const auto before = std::chrono::steady_clock::now().time_since_epoch();
