@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "core/log.h"
+#include "core/sleep.h"
 #include "platform/nexio/handle_table.h"
 #include "platform/nexio/server.h"
 #include "platform/nexio/wire_io.h"
@@ -21,6 +22,12 @@ namespace {
 // After so many packets the thread goes back to the reactor, so that a channel that never falls
 // silent can't keep it from the others.
 constexpr int kPacketsPerTurn = 64;
+
+// A channel that is served again so soon carries a stream.
+constexpr auto kStreamGap = std::chrono::microseconds(50);
+
+// How long to let packets of a stream gather.
+constexpr std::int64_t kNapNs = 20'000;
 
 // What the inbox may hold before nobody reads on; the rest waits with its sender.
 constexpr std::size_t kInboxLimit = std::size_t{1} << 20;
@@ -44,15 +51,16 @@ std::span<std::byte> CallBuffer() {
   return ThreadBuffer(buffer);
 }
 
-void WaitReadable(int fd, const std::optional<SteadyTime>& deadline) {
+// Waits until `fd` is ready for `events` or has hung up; false if neither by `deadline`.
+bool WaitReady(int fd, short events, const std::optional<SteadyTime>& deadline) {
   int wait = -1;
   if (deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - SteadyNow());
     wait = static_cast<int>(
         std::clamp<std::int64_t>(left.count(), 0, std::numeric_limits<int>::max()));
   }
-  pollfd entry{fd, POLLIN, 0};
-  (void)poll(&entry, 1, wait);
+  pollfd entry{fd, events, 0};
+  return poll(&entry, 1, wait) > 0;
 }
 
 }  // namespace
@@ -88,6 +96,7 @@ int Channel::SendRequest(const NexioRequest& request) {
   if (broken_.load(std::memory_order_relaxed)) {
     return kNexioBroken;
   }
+  hasSent_.store(true, std::memory_order_relaxed);
   const auto seq = static_cast<std::uint32_t>(++seqCount_);
   const int result =
       SendPacket(socket_.Get(), PacketKind::kRequest, seq, request.data, request.size);
@@ -98,9 +107,22 @@ int Channel::SendResponse(const NexioResponse& response) {
   if (broken_.load(std::memory_order_relaxed)) {
     return kNexioBroken;
   }
+  hasSent_.store(true, std::memory_order_relaxed);
   const int result =
       SendPacket(socket_.Get(), PacketKind::kResponse, response.seq, response.data, response.size);
   return closed_.load(std::memory_order_relaxed) ? kNexioBadFd : result;
+}
+
+int Channel::AwaitRoom(SteadyTime deadline) {
+  while (!closed_ && !broken_) {
+    if (WaitReady(socket_.Get(), POLLOUT, deadline)) {
+      return closed_ ? kNexioBadFd : 0;
+    }
+    if (SteadyNow() >= deadline) {
+      return kNexioTimeout;
+    }
+  }
+  return closed_ ? kNexioBadFd : kNexioBroken;
 }
 
 int Channel::Call(const NexioRequest& request, NexioResponse& response,
@@ -145,11 +167,16 @@ void Channel::ReadForWaiter(const std::optional<SteadyTime>& deadline) {
   StopWatching();
   waiterReads_ = true;
   mutex_.Unlock();
-  WaitReadable(socket_.Get(), deadline);
+  std::size_t length = 0;
+  Receipt receipt = Receipt::kNothing;
+  if (!deadline || WaitReady(socket_.Get(), POLLIN, deadline)) {
+    receipt = ReceivePacket(socket_.Get(), CallBuffer(), length,
+                            deadline ? Patience::kNone : Patience::kEndless);
+  }
   mutex_.Lock();
   waiterReads_ = false;
   Packet packet;
-  if (closed_ || broken_ || ReadPacket(CallBuffer(), packet) != Read::kPacket) {
+  if (closed_ || broken_ || TakePacket(CallBuffer(), receipt, length, packet) != Read::kPacket) {
     return;
   }
   if (packet.kind == PacketKind::kResponse) {
@@ -220,9 +247,13 @@ void Channel::Serve() {
     armed_ = false;
     posted_ = false;
     serving_ = true;
+    hasSent_ = false;
+    napped_ = false;
+    inStream_ = SteadyNow() - lastTurn_ < kStreamGap;
     for (int left = kPacketsPerTurn; left > 0 && ServeOne(); --left) {
     }
     serving_ = false;
+    lastTurn_ = SteadyNow();
     Rest();
     detach = std::exchange(detachDue_, false);
     late = closeWanted_;
@@ -257,9 +288,13 @@ bool Channel::ServeOne() {
   }
   Packet packet;
   const Read read = ReadPacket(ServeBuffer(), packet);
-  if (read != Read::kPacket) {
-    return read == Read::kBroken;
+  if (read == Read::kNothing) {
+    return NapInStream();
   }
+  if (read == Read::kBroken) {
+    return true;
+  }
+  napped_ = false;
   if (packet.kind == PacketKind::kResponse) {
     Answer(packet);
   } else if (packet.kind == PacketKind::kHello) {
@@ -271,39 +306,46 @@ bool Channel::ServeOne() {
   return true;
 }
 
-Channel::Read Channel::ReadPacket(std::span<std::byte> buffer, Packet& out) {
-  while (true) {
-    std::size_t length = 0;
-    switch (ReceivePacket(socket_.Get(), buffer, length)) {
-      case Receipt::kNothing:
-        if (readErrors_ == 0) {
-          return Read::kNothing;
-        }
-        Break(nullptr);
-        return Read::kBroken;
-      case Receipt::kError:
-        // A reset stands in front of the packets that came before it: read on.
-        if (++readErrors_ <= kMaxReadErrors) {
-          continue;
-        }
-        [[fallthrough]];
-      case Receipt::kEnd:
-        Break(nullptr);
-        return Read::kBroken;
-      case Receipt::kPacket:
-        break;
-    }
-    const char* fault =
-        length > buffer.size() ? "packet too long" : ParsePacket(buffer.first(length), out);
-    if (fault == nullptr) {
-      fault = FindFault(out);
-    }
-    if (fault != nullptr) {
-      Break(fault);
-      return Read::kBroken;
-    }
-    return Read::kPacket;
+bool Channel::NapInStream() {
+  if (!inStream_ || napped_ || hasSent_) {
+    return false;
   }
+  mutex_.Unlock();
+  SleepNs(kNapNs);
+  mutex_.Lock();
+  napped_ = true;
+  return true;
+}
+
+Channel::Read Channel::ReadPacket(std::span<std::byte> buffer, Packet& out) {
+  std::size_t length = 0;
+  const Receipt receipt = ReceivePacket(socket_.Get(), buffer, length, Patience::kNone);
+  return TakePacket(buffer, receipt, length, out);
+}
+
+Channel::Read Channel::TakePacket(std::span<std::byte> buffer, Receipt receipt, std::size_t length,
+                                  Packet& out) {
+  while (receipt == Receipt::kError && ++readErrors_ <= kMaxReadErrors) {
+    // A reset stands in front of the packets that came before it: read on.
+    receipt = ReceivePacket(socket_.Get(), buffer, length, Patience::kNone);
+  }
+  if (receipt == Receipt::kNothing && readErrors_ == 0) {
+    return Read::kNothing;
+  }
+  if (receipt != Receipt::kPacket) {
+    Break(nullptr);
+    return Read::kBroken;
+  }
+  const char* fault =
+      length > buffer.size() ? "packet too long" : ParsePacket(buffer.first(length), out);
+  if (fault == nullptr) {
+    fault = FindFault(out);
+  }
+  if (fault != nullptr) {
+    Break(fault);
+    return Read::kBroken;
+  }
+  return Read::kPacket;
 }
 
 const char* Channel::FindFault(const Packet& packet) const {

@@ -35,6 +35,7 @@
 #include "platform/nexio/nexio_peer.h"
 #include "platform/nexio/packet.h"
 #include "platform/nexio/reactor.h"
+#include "platform/nexio/wire_io.h"
 
 namespace ProcMgr::Nexio {
 
@@ -63,6 +64,8 @@ class Channel {
   // A request and its response; no deadline: for ever.
   [[nodiscard]] int Call(const NexioRequest& request, NexioResponse& response,
                          std::optional<SteadyTime> deadline) EXCLUDES(mutex_);
+  // As NexioAwaitRoom.
+  [[nodiscard]] int AwaitRoom(SteadyTime deadline);
   // As NexioClosePipe.
   [[nodiscard]] int Close() EXCLUDES(mutex_);
 
@@ -89,9 +92,17 @@ class Channel {
 
   // Does the next thing there is to do for the serving thread; false if there is none.
   bool ServeOne() REQUIRES(mutex_);
+  // Nothing has come. In a stream, a thread that went to sleep at once would be woken for every
+  // single packet, which costs the sender more than the packet itself; so it naps and finds
+  // several. Not if this turn has sent anything: the peer may be waiting for it, and its next
+  // packet comes after it. Yields whether to look again.
+  bool NapInStream() REQUIRES(mutex_);
   // Takes one packet off the socket and checks it. A packet that breaks a rule, like the end of
   // the connection, breaks the channel.
   Read ReadPacket(std::span<std::byte> buffer, Packet& out) REQUIRES(mutex_);
+  // The same for what has been received already.
+  Read TakePacket(std::span<std::byte> buffer, Receipt receipt, std::size_t length, Packet& out)
+      REQUIRES(mutex_);
   [[nodiscard]] const char* FindFault(const Packet& packet) const REQUIRES(mutex_);
   void Break(const char* fault) REQUIRES(mutex_);
 
@@ -131,6 +142,8 @@ class Channel {
   // Set once, under the lock; read by senders without it.
   std::atomic<bool> broken_ = false;
   std::atomic<bool> closed_ = false;
+  // A hint: something was sent since the turn began.
+  std::atomic<bool> hasSent_ = false;
 
   // Taken after a server's lock and before the reactor's. Never held during a callback.
   Mutex mutex_;
@@ -147,6 +160,9 @@ class Channel {
   bool detachDue_ GUARDED_BY(mutex_) = false;    // Serve closed it and must detach it.
   bool endTold_ GUARDED_BY(mutex_) = false;
   bool strayTold_ GUARDED_BY(mutex_) = false;  // A response for nobody has been logged.
+  bool inStream_ GUARDED_BY(mutex_) = false;   // This turn began soon after the last one.
+  bool napped_ GUARDED_BY(mutex_) = false;     // The turn has slept since the last packet.
+  SteadyTime lastTurn_ GUARDED_BY(mutex_);
   int readErrors_ GUARDED_BY(mutex_) = 0;
   const char* fault_ GUARDED_BY(mutex_) = nullptr;
   std::list<Waiter*> waiters_ GUARDED_BY(mutex_);

@@ -45,8 +45,7 @@ bool IsAbsent(int result) {
   return result == -ENOENT || result == -ENOTDIR;
 }
 bool IsRefused(int result) {
-  return result == -ECONNREFUSED || result == -EACCES || result == -EPROTOTYPE ||
-         result == -EPIPE || result == -ECONNRESET;
+  return result == -ECONNREFUSED || result == -EACCES || result == -EPROTOTYPE;
 }
 
 int Greet(int fd, gid_t gid, std::string_view ownName, NexioPeer& peer) {
@@ -57,8 +56,11 @@ int Greet(int fd, gid_t gid, std::string_view ownName, NexioPeer& peer) {
     return kNexioDenied;
   }
   WidenQueue(fd);
-  return SendPacket(fd, PacketKind::kHello, 0, ownName.data(),
-                    static_cast<std::uint32_t>(ownName.size()));
+  const int result = SendPacket(fd, PacketKind::kHello, 0, ownName.data(),
+                                static_cast<std::uint32_t>(ownName.size()));
+  // A peer that has gone again may have said something first. It must not be lost, so this is a
+  // channel, one that breaks at once.
+  return result == kNexioBroken ? 0 : result;
 }
 
 bool IsReadable(int fd) {

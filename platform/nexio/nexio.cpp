@@ -145,6 +145,12 @@ int NexioTimedRPCSync(int fd, const NexioRequest& request, NexioResponse& respon
   return channel == nullptr ? kNexioBadFd : channel->Call(request, response, deadline);
 }
 
+int NexioAwaitRoom(int fd, std::uint32_t timeoutMs) {
+  const SteadyTime deadline = SteadyNow() + std::chrono::milliseconds(timeoutMs);
+  const auto channel = HandleTable::Instance().FindChannel(fd);
+  return channel == nullptr ? kNexioBadFd : channel->AwaitRoom(deadline);
+}
+
 int NexioClosePipe(int fd) {
   HandleTable& handles = HandleTable::Instance();
   if (const auto channel = handles.FindChannel(fd)) {

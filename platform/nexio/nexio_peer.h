@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 
 #include "message/nexio.h"
@@ -23,6 +24,11 @@ struct NexioPeer {
 // Tells who is at the other end of the channel `fd`. Yields 0, or kNexioBadFd with `out` untouched.
 // Any thread, callbacks too.
 [[nodiscard]] int NexioGetPeer(int fd, NexioPeer& out);
+
+// Waits until a send on the channel `fd` that gave kNexioBusy is worth another try, at most
+// `timeoutMs`: for a sender of many requests, which would rather wait for the peer than sleep and
+// try. Yields 0, kNexioTimeout, kNexioBroken or kNexioBadFd. Any thread; a callback should not.
+[[nodiscard]] int NexioAwaitRoom(int fd, std::uint32_t timeoutMs);
 
 // Called on a thread of the library for each connection, before anything is read from it; false
 // closes it with a log line. Must not let an exception out.

@@ -84,7 +84,7 @@ UniqueFd Server::Take(bool& again) {
   if (closed_) {
     return {};
   }
-  UniqueFd fd(accept4(claim_.listener.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  UniqueFd fd(accept4(claim_.listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
   const int error = errno;
   if (fd.IsOpen()) {
     shortageTold_ = false;

@@ -4,9 +4,52 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <array>
 #include <cerrno>
+#include <cstring>
 
 namespace ProcMgr::Nexio {
+
+namespace {
+
+// Packets up to this size, the manager's frames among them, are put together on the stack: for them
+// the copy costs less than what the kernel does to gather two parts.
+constexpr std::size_t kSmallPacket = 4096;
+
+ssize_t SendSmall(int fd, const std::array<std::byte, kHeaderSize>& header, const void* data,
+                  std::uint32_t size) {
+  std::byte packet[kSmallPacket];
+  std::memcpy(packet, header.data(), kHeaderSize);
+  if (size > 0) {
+    std::memcpy(packet + kHeaderSize, data, size);
+  }
+  return send(fd, packet, kHeaderSize + size, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+ssize_t SendParts(int fd, std::array<std::byte, kHeaderSize>& header, const void* data,
+                  std::uint32_t size) {
+  iovec parts[] = {{header.data(), kHeaderSize}, {const_cast<void*>(data), size}};
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = 2;
+  return sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+int ResultOf(int error) {
+  switch (error) {
+    case EAGAIN:
+    case ENOBUFS:  // The kernel has no memory for it just now.
+      return kNexioBusy;
+    case EPIPE:
+    case ECONNRESET:
+    case ENOTCONN:
+      return kNexioBroken;
+    default:
+      return -error;
+  }
+}
+
+}  // namespace
 
 int SendPacket(int fd, PacketKind kind, std::uint32_t seq, const void* data, std::uint32_t size) {
   if (size > kNexioMaxData) {
@@ -16,34 +59,21 @@ int SendPacket(int fd, PacketKind kind, std::uint32_t seq, const void* data, std
     return -EINVAL;
   }
   auto header = MakeHeader(kind, seq, size);
-  iovec parts[] = {{header.data(), header.size()}, {const_cast<void*>(data), size}};
-  msghdr message{};
-  message.msg_iov = parts;
-  message.msg_iovlen = 2;
-  while (sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
-    switch (errno) {
-      case EINTR:
-        break;
-      case EAGAIN:
-      case ENOBUFS:  // The kernel has no memory for it just now.
-        return kNexioBusy;
-      case EPIPE:
-      case ECONNRESET:
-      case ENOTCONN:
-        return kNexioBroken;
-      default:
-        return -errno;
-    }
-  }
-  return 0;
+  ssize_t sent = 0;
+  do {
+    sent = size <= kSmallPacket - kHeaderSize ? SendSmall(fd, header, data, size)
+                                              : SendParts(fd, header, data, size);
+  } while (sent < 0 && errno == EINTR);
+  return sent < 0 ? ResultOf(errno) : 0;
 }
 
-Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length) {
+Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length, Patience patience) {
+  const int flags = MSG_TRUNC | (patience == Patience::kNone ? MSG_DONTWAIT : 0);
   // A plain recv: descriptors that a peer passes along are dropped by the kernel. MSG_TRUNC makes
   // the result the packet's own length, so that a packet that was cut shows.
   ssize_t got = 0;
   do {
-    got = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+    got = recv(fd, buffer.data(), buffer.size(), flags);
   } while (got < 0 && errno == EINTR);
   if (got < 0) {
     return errno == EAGAIN ? Receipt::kNothing : Receipt::kError;

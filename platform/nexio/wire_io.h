@@ -1,4 +1,4 @@
-// One packet to a socket, one packet from it. Neither call blocks.
+// One packet to a socket, one packet from it.
 #ifndef PLATFORM_NEXIO_WIRE_IO_H
 #define PLATFORM_NEXIO_WIRE_IO_H
 
@@ -10,8 +10,8 @@
 
 namespace ProcMgr::Nexio {
 
-// Yields 0, kNexioBusy, kNexioTooLong, kNexioBroken, or another negative errno. Any thread;
-// packets of several threads don't mix.
+// Never blocks. Yields 0, kNexioBusy, kNexioTooLong, kNexioBroken, or another negative errno. Any
+// thread; packets of several threads don't mix.
 [[nodiscard]] int SendPacket(int fd, PacketKind kind, std::uint32_t seq, const void* data,
                              std::uint32_t size);
 
@@ -22,7 +22,11 @@ enum class Receipt {
   kError,  // The peer has gone without reading everything. What it had sent is still to be read.
 };
 
-[[nodiscard]] Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length);
+enum class Patience { kNone, kEndless };
+
+// With Patience::kEndless it waits for a packet or the end of the connection.
+[[nodiscard]] Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length,
+                                    Patience patience);
 
 }  // namespace ProcMgr::Nexio
 
