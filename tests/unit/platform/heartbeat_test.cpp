@@ -1,0 +1,295 @@
+#include "platform/heartbeat/heartbeat.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/mutex.h"
+#include "core/unique_fd.h"
+#include "platform/heartbeat/heartbeat_table.h"
+#include "platform/heartbeat/heartbeat_watcher.h"
+#include "tests/support/socket_path.h"
+#include "tests/support/wait.h"
+
+namespace ProcMgr::HeartBeat {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+bool Ignore(const char*, std::size_t, pid_t, std::uint32_t) {
+  return true;
+}
+
+// A table whose clock the test moves; what it tells is kept as "name pid status".
+class TableTest : public testing::Test {
+ protected:
+  void Register(const char* name, gid_t gid = 100) { table_.Register(name, gid, &Ignore, now_); }
+  BeatResult Beat(const char* name, pid_t pid = 7, gid_t gid = 100) {
+    return table_.Beat(name, gid, pid, now_, news_);
+  }
+  // Lets time pass as the watcher does: a check whenever the table asks for one, and at the end.
+  std::vector<std::string> Pass(std::chrono::milliseconds time) {
+    const SteadyTime end = now_ + time;
+    while (table_.NextCheck() && *table_.NextCheck() <= end) {
+      now_ = std::max(now_, *table_.NextCheck());
+      table_.Expire(now_, news_);
+    }
+    now_ = end;
+    return Told();
+  }
+  std::vector<std::string> Told() {
+    std::vector<std::string> told;
+    for (const News& each : news_) {
+      told.push_back(each.name + " " + std::to_string(each.pid) +
+                     (each.status == kHeartBeatLost ? " lost" : " recovered"));
+    }
+    news_.clear();
+    return told;
+  }
+
+  SteadyTime now_{1h};
+  Table table_{Limits{}};
+  std::vector<News> news_;
+};
+
+TEST_F(TableTest, FirstBeatHasFiveSecondsAndEachOtherTwo) {
+  Register("a");
+  EXPECT_THAT(Pass(4999ms), IsEmpty());
+  EXPECT_EQ(Beat("a"), BeatResult::kCounted);
+  EXPECT_THAT(Pass(1999ms), IsEmpty());
+  EXPECT_EQ(Beat("a"), BeatResult::kCounted);
+  EXPECT_THAT(Pass(1999ms), IsEmpty());
+  EXPECT_THAT(Pass(1ms), ElementsAre("a 7 lost"));
+}
+
+TEST_F(TableTest, LossAndRecoveryAreToldOnceEach) {
+  Register("a");
+  EXPECT_THAT(Pass(5000ms), ElementsAre("a 0 lost"));
+  EXPECT_THAT(Pass(1h), IsEmpty());
+  Beat("a", 8);
+  EXPECT_THAT(Told(), ElementsAre("a 8 recovered"));
+  Beat("a", 8);
+  EXPECT_THAT(Told(), IsEmpty());
+  EXPECT_THAT(Pass(2000ms), ElementsAre("a 8 lost"));
+  Beat("a", 9);
+  EXPECT_THAT(Told(), ElementsAre("a 9 recovered"));
+}
+
+TEST_F(TableTest, EachNameHasItsOwnDeadline) {
+  Register("early");
+  Pass(1000ms);
+  Register("late");
+  Beat("early", 1);
+  EXPECT_THAT(Pass(2000ms), ElementsAre("early 1 lost"));
+  EXPECT_THAT(Pass(3000ms), ElementsAre("late 0 lost"));
+}
+
+TEST_F(TableTest, BeatsOfStrangersCountForNothing) {
+  Register("a");
+  Beat("a", 7);
+  Pass(1500ms);
+  EXPECT_EQ(Beat("a", 6, 101), BeatResult::kStrangerAnew);
+  EXPECT_EQ(Beat("a", 6, 101), BeatResult::kStranger);
+  EXPECT_EQ(Beat("b", 6), BeatResult::kUnknown);
+  EXPECT_THAT(Pass(500ms), ElementsAre("a 7 lost"));
+  Beat("a", 6, 101);
+  EXPECT_THAT(Told(), IsEmpty());
+}
+
+TEST_F(TableTest, RegistrationBeginsAnewAndEndsWhatWasToBeTold) {
+  Register("a");
+  Beat("a", 7);
+  table_.Expire(now_ += 2000ms, news_);
+  ASSERT_EQ(news_.size(), 1U);
+  const News old = news_[0];
+  EXPECT_TRUE(table_.IsCurrent(old));
+  Register("a", 200);
+  EXPECT_FALSE(table_.IsCurrent(old));
+  news_.clear();
+  // The new group counts, the loss is forgotten, and so is the pid.
+  EXPECT_EQ(Beat("a", 7, 100), BeatResult::kStrangerAnew);
+  EXPECT_THAT(Pass(4999ms), IsEmpty());
+  EXPECT_THAT(Pass(1ms), ElementsAre("a 0 lost"));
+  table_.Unregister("a");
+  table_.Unregister("never was");
+  EXPECT_EQ(Beat("a", 7, 200), BeatResult::kUnknown);
+  EXPECT_THAT(Pass(1h), IsEmpty());
+  EXPECT_FALSE(table_.NextCheck());
+}
+
+TEST_F(TableTest, TimeOfDeafnessIsForgiven) {
+  Register("a");
+  Register("b");
+  Beat("a", 7);
+  now_ += 3000ms;
+  // It came while nobody listened, and is heard now.
+  Beat("b", 8);
+  table_.Excuse(1500ms, now_);
+  EXPECT_THAT(Pass(499ms), IsEmpty());
+  EXPECT_THAT(Pass(1ms), ElementsAre("a 7 lost"));
+  EXPECT_THAT(Pass(1500ms), ElementsAre("b 8 lost"));
+}
+
+// What the notifications of the watcher under test do. They are plain functions, so it is global.
+struct Notified {
+  Mutex mutex;
+  CondVar changed;
+  std::vector<std::string> told GUARDED_BY(mutex);
+  bool hold GUARDED_BY(mutex) = false;
+  int held GUARDED_BY(mutex) = 0;
+
+  std::vector<std::string> Await(std::size_t count) {
+    const MutexLock lock(mutex);
+    const SteadyTime deadline = SteadyNow() + PmTest::kPatience;
+    while (told.size() < count && changed.WaitUntil(mutex, deadline)) {
+    }
+    return told;
+  }
+};
+std::unique_ptr<Notified> notified;
+
+bool Notify(const char* name, std::size_t length, pid_t pid, std::uint32_t status) {
+  const MutexLock lock(notified->mutex);
+  ++notified->held;
+  notified->changed.NotifyAll();
+  while (notified->hold) {
+    notified->changed.Wait(notified->mutex);
+  }
+  notified->told.push_back(std::string(name, length) + (name[length] == '\0' ? "" : " unended") +
+                           (pid == getpid() ? " mine" : " " + std::to_string(pid)) +
+                           (status == kHeartBeatLost ? " lost" : " recovered"));
+  notified->changed.NotifyAll();
+  return true;
+}
+
+class WatcherTest : public testing::Test {
+ protected:
+  WatcherTest() {
+    notified = std::make_unique<Notified>();
+    char folder[] = "/tmp/heartbeat-XXXXXX";
+    EXPECT_NE(mkdtemp(folder), nullptr);
+    folder_ = folder;
+    path_ = folder_ + "/beat.sock";
+  }
+  ~WatcherTest() override {
+    watcher_.reset();
+    (void)unlink(path_.c_str());
+    (void)rmdir(folder_.c_str());
+  }
+
+  void Start(Limits limits) {
+    watcher_ = std::make_unique<Watcher>(path_, limits);
+    ASSERT_EQ(watcher_->Start(), 0);
+  }
+  void Send(const std::string& bytes) const {
+    const UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const PmTest::SocketPath address(path_);
+    EXPECT_EQ(sendto(fd.Get(), bytes.data(), bytes.size(), 0, address.Get(), address.Size()),
+              static_cast<ssize_t>(bytes.size()));
+  }
+
+  std::string folder_;
+  std::string path_;
+  std::unique_ptr<Watcher> watcher_;
+};
+
+TEST_F(WatcherTest, LossComesByItselfAndRecoveryByABeat) {
+  Start({20ms, 20ms});
+  watcher_->Register("service", getgid(), &Notify);
+  EXPECT_THAT(notified->Await(1), ElementsAre("service 0 lost"));
+  Send("service");
+  EXPECT_THAT(notified->Await(3),
+              ElementsAre("service 0 lost", "service mine recovered", "service mine lost"));
+}
+
+TEST_F(WatcherTest, BeatsThatAreNoneDoNotDisturb) {
+  Start({1h, 20ms});
+  const std::string longest(64, 'n');
+  watcher_->Register(longest, getgid(), &Notify);
+  EXPECT_EQ(notified->Await(1).size(), 1U);
+  for (const std::string& bytes : {std::string(), longest + "n", std::string("unknown"),
+                                   std::string(3000, 'x'), longest.substr(1)}) {
+    Send(bytes);
+  }
+  // From another group: of this thread only, so by the system call. The kernel tells the real one.
+  constexpr gid_t kKeep = static_cast<gid_t>(-1);
+  const gid_t own = getgid();
+  ASSERT_EQ(syscall(SYS_setresgid, 4711, kKeep, kKeep), 0);
+  Send(longest);
+  ASSERT_EQ(syscall(SYS_setresgid, own, kKeep, kKeep), 0);
+  // The socket keeps the order, so what follows the true beat comes after all of them.
+  Send(longest);
+  EXPECT_THAT(notified->Await(2), ElementsAre(longest + " 0 lost", longest + " mine recovered"));
+}
+
+TEST_F(WatcherTest, NeitherCallWaitsForANotification) {
+  Start({1h, 1ms});
+  {
+    const MutexLock lock(notified->mutex);
+    notified->hold = true;
+  }
+  watcher_->Register("held", getgid(), &Notify);
+  {
+    const MutexLock lock(notified->mutex);
+    while (notified->held == 0) {
+      notified->changed.Wait(notified->mutex);
+    }
+    // As the manager does it: under the lock that the notification will take.
+    watcher_->Unregister("held");
+    watcher_->Register("held", getgid(), &Notify);
+    watcher_->Unregister("held");
+    notified->hold = false;
+    notified->changed.NotifyAll();
+  }
+  EXPECT_THAT(notified->Await(1), ElementsAre("held 0 lost"));
+  // The thread ends only after the notification, and tells nothing after it.
+  watcher_.reset();
+  EXPECT_EQ(notified->Await(1).size(), 1U);
+}
+
+TEST_F(WatcherTest, SocketFileIsReplacedOnlyIfNobodyServesIt) {
+  Start({1h, 1h});
+  struct stat status {};
+  ASSERT_EQ(stat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0666U);
+  Watcher second(path_, {1h, 20ms});
+  EXPECT_EQ(second.Start(), EADDRINUSE);
+  // The file stays, as after a process that was killed.
+  watcher_.reset();
+  Watcher third(path_, {1h, 20ms});
+  EXPECT_EQ(third.Start(), 0);
+  third.Register("anew", getgid(), &Notify);
+  EXPECT_THAT(notified->Await(1), ElementsAre("anew 0 lost"));
+  Send("anew");
+  EXPECT_EQ(notified->Await(2).size(), 2U);
+}
+
+TEST(HeartBeat, RefusesWhatIsNoRegistration) {
+  const std::string tooLong(65, 'x');
+  EXPECT_EQ(RegisterCheckHeartBeat(nullptr, 1, 0, &Ignore), EINVAL);
+  EXPECT_EQ(RegisterCheckHeartBeat("x", 0, 0, &Ignore), EINVAL);
+  EXPECT_EQ(RegisterCheckHeartBeat(tooLong.c_str(), tooLong.size(), 0, &Ignore), EINVAL);
+  EXPECT_EQ(RegisterCheckHeartBeat("x", 1, 0, nullptr), EINVAL);
+  // No watcher yet: nothing to do, nothing to fail.
+  UnregisterCheckHeartBeat("x", 1);
+  UnregisterCheckHeartBeat(nullptr, 1);
+  DisableAllCheckHeartBeat();
+}
+
+}  // namespace
+}  // namespace ProcMgr::HeartBeat
