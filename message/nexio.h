@@ -94,8 +94,10 @@ struct NexioServerParam {
                                     std::uint32_t timeoutMs);
 
 // Closes a channel or a server. No callback of the descriptor runs after a result of 0 or more, but
-// for the one that called. kNexioCallback: a callback of it runs on another thread; the descriptor
-// stays open, try again.
+// for the one that called. kNexioCallback: a callback of it runs on another thread. No further one
+// begins, and the descriptor closes when that one returns, even if nobody asks again; who does asks
+// until it yields 0. So neither a caller's lock that the callback wants, nor a peer that never
+// falls silent, keeps a descriptor open.
 [[nodiscard]] int NexioClosePipe(int fd);
 
 }  // namespace ProcMgr

@@ -3,7 +3,8 @@
 #define PLATFORM_BLOCK_SIGNALS_H
 
 #include <pthread.h>
-#include <signal.h>
+
+#include <csignal>
 
 namespace ProcMgr {
 

@@ -1,7 +1,6 @@
 #include "platform/nexio/address.h"
 
 #include <fcntl.h>
-#include <stdio.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -10,7 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
+#include <cstdio>
 
 #include "core/log.h"
 #include "core/sleep.h"

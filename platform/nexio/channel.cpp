@@ -85,6 +85,9 @@ Channel::Channel(int handle, UniqueFd socket, const NexioPeer& peer, std::shared
 
 int Channel::Start() {
   const MutexLock lock(mutex_);
+  if (closed_) {
+    return 0;
+  }
   if (awaitsHello_) {
     Reactor::Instance().SetAlarm(MyToken(), helloDeadline_);
   }

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <deque>
 #include <set>
+#include <tuple>
 #include <utility>
 
 #include "core/mutex.h"
@@ -30,7 +31,9 @@ enum class TokenKind : std::uint32_t { kChannel = 0, kServer = 1 };
 struct Token {
   TokenKind kind = TokenKind::kChannel;
   int handle = 0;
-  auto operator<=>(const Token&) const = default;
+  friend bool operator<(const Token& a, const Token& b) {
+    return std::tie(a.kind, a.handle) < std::tie(b.kind, b.handle);
+  }
 };
 
 enum class Wake { kReady, kAlarm };

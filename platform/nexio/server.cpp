@@ -73,10 +73,17 @@ bool Server::AcceptOne() {
   const auto channel = std::make_shared<Channel>(handle, std::move(fd), peer, shared_from_this(),
                                                  callbacks_, SteadyNow() + kHelloLimit);
   HandleTable::Instance().Add(handle, channel);
-  if (channel->Start() < 0) {
+  // A Close of this server may have looked for its connections before this one could be found. It
+  // has set closed_ before that, and nothing of the channel has run yet.
+  if (IsClosed() || channel->Start() < 0) {
     (void)channel->Close();
   }
   return true;
+}
+
+bool Server::IsClosed() {
+  const MutexLock lock(mutex_);
+  return closed_;
 }
 
 UniqueFd Server::Take(bool& again) {

@@ -38,6 +38,7 @@ class Server : public std::enable_shared_from_this<Server> {
   // Yields the next connection, or an invalid one and whether to look again at once.
   [[nodiscard]] UniqueFd Take(bool& again) EXCLUDES(mutex_);
   [[nodiscard]] bool LetIn(const NexioPeer& peer) EXCLUDES(mutex_);
+  [[nodiscard]] bool IsClosed() EXCLUDES(mutex_);
   [[nodiscard]] bool Enter(int handle) EXCLUDES(mutex_);
 
   // Constant.
