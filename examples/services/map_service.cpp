@@ -1,0 +1,14 @@
+// map_service loads its map before it reports: the boot waits for it.
+#include "examples/services/service.h"
+
+int main() {
+  Example::Service service("map_service");
+  constexpr std::chrono::milliseconds kLoading{150};
+  if (!service.Run(kLoading)) {
+    return 0;
+  }
+  service.ReportReady();
+  while (service.Run(std::chrono::seconds(1))) {
+  }
+  return 0;
+}

@@ -1,0 +1,38 @@
+// What the services of the example platform share: they report to the manager that they are ready,
+// they beat from their own loop, and they end when they are told to.
+#ifndef EXAMPLES_SERVICES_SERVICE_H
+#define EXAMPLES_SERVICES_SERVICE_H
+
+#include <chrono>
+#include <memory>
+
+#include "agent/process_manager_agent.h"
+#include "core/steady_time.h"
+
+namespace Example {
+
+class Service {
+ public:
+  // Serves `name`, the one that the manifest gives the application. Blocks SIGTERM and SIGINT for
+  // Run; make it before any thread. Ends the process with a line on standard error if the name
+  // can't be served.
+  explicit Service(const char* name);
+
+  // Tells the manager that this service is ready, as soon as the channel is there; "iammgr" says
+  // first that it is up. Ends the process if no channel comes.
+  void ReportReady();
+
+  // Sleeps for `period` and beats meanwhile, so that a loop that hangs falls silent. Yields false
+  // if the service has been asked to end: stop then.
+  [[nodiscard]] bool Run(std::chrono::milliseconds period);
+
+ private:
+  void BeatIfDue();
+
+  std::unique_ptr<ProcMgr::Agent> agent_;
+  ProcMgr::SteadyTime nextBeat_;
+};
+
+}  // namespace Example
+
+#endif  // EXAMPLES_SERVICES_SERVICE_H
