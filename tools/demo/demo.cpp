@@ -1,0 +1,125 @@
+// pm-demo boots the example platform in a sandbox, takes one service away and shows that it comes
+// back. The host sees nothing of it.
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/support/daemon.h"
+#include "tests/support/log_reader.h"
+#include "tests/support/sandbox.h"
+#include "tools/demo/demo_log.h"
+#include "tools/demo/demo_platform.h"
+#include "tools/demo/demo_table.h"
+
+namespace {
+
+constexpr const char* kVictim = "camera_service";
+
+std::atomic<bool> interrupted = false;
+
+void OnInterrupt(int) {
+  interrupted = true;
+}
+
+void Say(const std::string& text) {
+  std::printf("\n== %s\n", text.c_str());
+  (void)std::fflush(stdout);
+}
+
+void Boot(Demo::DemoLog& log) {
+  const PmTest::LogLine end =
+      log.Await({"EnableWatchDog flag="}, "the boot did not come to its end");
+  if (!end.text.ends_with("flag=1")) {
+    throw std::runtime_error("a service could not be started; see the lines marked E");
+  }
+}
+
+pid_t PidOf(const std::vector<Demo::ServiceRow>& rows, const std::string& name) {
+  for (const Demo::ServiceRow& row : rows) {
+    if (row.name == name && row.state == "running") {
+      return row.pid;
+    }
+  }
+  throw std::runtime_error(name + " isn't running");
+}
+
+void LoseAndRegain(const PmTest::Sandbox& sandbox, const PmTest::LogReader& lines,
+                   Demo::DemoLog& log) {
+  const pid_t pid = PidOf(Demo::CollectTable(sandbox, lines.Lines()), kVictim);
+  Say("kill -9 " + std::to_string(pid) + " (" + kVictim + ")");
+  if (kill(pid, SIGKILL) != 0) {
+    throw std::runtime_error(std::string("can't kill ") + kVictim);
+  }
+  // Its report may come in before the check pass says that the restart is through.
+  log.Await({"restart success", std::string("msg from ") + kVictim + " report state="},
+            std::string(kVictim) + " has not come back");
+}
+
+// Compares what there is with what the platform promises.
+void CheckRows(const std::vector<Demo::ServiceRow>& rows) {
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const Demo::PlatformService& service = Demo::PlatformServices().at(i);
+    const Demo::ServiceRow& row = rows[i];
+    const std::string expected = service.staysUp ? "running" : "ended";
+    const int restarts = service.name == kVictim ? 1 : 0;
+    if (row.state != expected || row.restarts != restarts) {
+      throw std::runtime_error(row.name + " should be " + expected + " with " +
+                               std::to_string(restarts) + " restarts");
+    }
+    if (service.staysUp && !row.readyMs.has_value()) {
+      throw std::runtime_error(row.name + " has not become ready");
+    }
+    if (service.staysUp && row.user != service.user) {
+      throw std::runtime_error(row.name + " runs as " + row.user + ", not as " + service.user);
+    }
+  }
+}
+
+void Stay(const PmTest::Daemon& daemon, Demo::DemoLog& log) {
+  Say("the platform stays up; the manager is process " + std::to_string(daemon.Pid()) +
+      "; look around with: nsenter -m -t " + std::to_string(daemon.Pid()) + "; Ctrl-C ends it");
+  log.PrintOn();
+}
+
+void Run(bool stay) {
+  const PmTest::Sandbox sandbox;
+  Demo::InstallPlatform(sandbox);
+  const PmTest::LogReader lines(sandbox);
+  Demo::DemoLog log(lines, interrupted);
+  Say(std::string("process-manager ") + Demo::kPlatformFile);
+  PmTest::Daemon daemon(sandbox, {Demo::kPlatformFile});
+  Boot(log);
+  LoseAndRegain(sandbox, lines, log);
+  const std::vector<Demo::ServiceRow> rows = Demo::CollectTable(sandbox, lines.Lines());
+  Demo::PrintTable(rows);
+  CheckRows(rows);
+  if (!daemon.IsRunning()) {
+    throw std::runtime_error("the manager has ended");
+  }
+  if (stay) {
+    Stay(daemon, log);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  bool stay = false;
+  CLI::App app{"Boots the example platform in a sandbox, kills a service and shows it return."};
+  app.add_flag("--stay", stay, "keep the platform up until Ctrl-C");
+  CLI11_PARSE(app, argc, argv);
+  (void)std::signal(SIGINT, &OnInterrupt);
+  (void)std::signal(SIGTERM, &OnInterrupt);
+  try {
+    Run(stay);
+    return 0;
+  } catch (const std::exception& e) {
+    (void)std::fprintf(stderr, "demo: %s\n", e.what());
+    return 1;
+  }
+}

@@ -1,0 +1,98 @@
+#include "tools/demo/demo_platform.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace Demo {
+namespace {
+
+struct User {
+  const char* name;
+  uid_t id;  // Of the user and of its group.
+};
+constexpr std::array<User, 6> kUsers = {{{"platform", 1000},
+                                         {"iam", 2001},
+                                         {"launcher", 2002},
+                                         {"camera", 2003},
+                                         {"navigation", 2004},
+                                         {"recorder", 2005}}};
+
+gid_t GroupOf(const std::string& user) {
+  for (const User& known : kUsers) {
+    if (known.name == user) {
+      return known.id;
+    }
+  }
+  throw std::logic_error("the platform has no user " + user);
+}
+
+std::string ReadHostFile(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    throw std::runtime_error("can't read " + path.native() + ": is the build complete?");
+  }
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void InstallFiles(const PmTest::Sandbox& sandbox) {
+  const std::filesystem::path source = PmTest::ProgramPath("../share/platform");
+  for (const char* file : {"platform.yaml", "services/access.yaml", "services/sensing.yaml",
+                           "services/driving.yaml"}) {
+    sandbox.WriteFile(std::string("/etc/zur/platform/") + file, ReadHostFile(source / file));
+  }
+  sandbox.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml",
+                    ReadHostFile(source / "procmgr_cfg.yaml"));
+  sandbox.SetKernelCommandLine("quiet root=/dev/mmcblk0p2 procmgr=nowatchdog\n");
+}
+
+// The cores that this process may run on, as a cpuset wants them.
+std::string OnlineCores() {
+  std::ifstream file("/sys/devices/system/cpu/online");
+  std::string cores;
+  file >> cores;
+  return cores.empty() ? "0" : cores;
+}
+
+void MakeGroups(const PmTest::Sandbox& sandbox) {
+  sandbox.MakePlatformGroups(OnlineCores());
+  for (const char* hierarchy : {"cpu", "memory"}) {
+    sandbox.MakeGroup(hierarchy, "sensing");
+  }
+}
+
+}  // namespace
+
+const std::vector<PlatformService>& PlatformServices() {
+  static const std::vector<PlatformService> services = {
+      {"boot_record", "recorder", false, false},
+      {"iammgr", "iam"},
+      {"map_service", "navigation"},
+      {"proc_launcher", "launcher"},
+      {"camera_service", "camera"},
+      {"planner_service", "navigation"},
+  };
+  return services;
+}
+
+void InstallPlatform(const PmTest::Sandbox& sandbox) {
+  MakeGroups(sandbox);
+  for (const User& user : kUsers) {
+    sandbox.AddUser(user.name, user.id, user.id, std::string("/home/") + user.name);
+  }
+  for (const PlatformService& service : PlatformServices()) {
+    // Each program may be run by its own user's group and nobody else.
+    sandbox.InstallProgram(PmTest::ProgramPath(service.name), "/opt/platform/bin/" + service.name,
+                           0, GroupOf(service.user), 0750);
+  }
+  sandbox.WriteFile("/run/platform/README", "The services of the platform meet here.\n");
+  std::filesystem::permissions(sandbox.Outside("/run/platform"),
+                               std::filesystem::perms::all | std::filesystem::perms::sticky_bit);
+  InstallFiles(sandbox);
+}
+
+}  // namespace Demo

@@ -1,0 +1,29 @@
+// The example platform, installed in a sandbox.
+#ifndef TOOLS_DEMO_DEMO_PLATFORM_H
+#define TOOLS_DEMO_DEMO_PLATFORM_H
+
+#include <string>
+#include <vector>
+
+#include "tests/support/sandbox.h"
+
+namespace Demo {
+
+// The file that the manager is started with, inside.
+inline constexpr const char* kPlatformFile = "/etc/zur/platform/platform.yaml";
+
+struct PlatformService {
+  std::string name;
+  std::string user;
+  bool staysUp = true;  // A job ends by itself.
+  bool isReporting = true;
+};
+// Everything that the platform starts, in the order in which it is to come up.
+const std::vector<PlatformService>& PlatformServices();
+
+// Gives the sandbox the platform's users, groups, programs and files. Throws with what is missing.
+void InstallPlatform(const PmTest::Sandbox& sandbox);
+
+}  // namespace Demo
+
+#endif  // TOOLS_DEMO_DEMO_PLATFORM_H
