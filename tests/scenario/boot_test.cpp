@@ -1,0 +1,211 @@
+// How a boot begins: arguments, the service file, the order of the starts.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <csignal>
+
+#include "tests/support/scenario_test.h"
+
+namespace PmTest {
+namespace {
+
+using ::testing::HasSubstr;
+
+// What the boot thread says from main to the end of a boot of "alpha" and "beta".
+const std::vector<std::string> kPlainBoot = {
+    "6 ProcMgr: main begin: baseServiceCfgPath: /run/sandbox/base.yaml",
+    "6 [TRACE], PM main begin",
+    "4 GetWatchDogAction is null !",
+    "6 PROCMGR: LoadWatchDogCfg finish enable=0, wdTimeout=30 s, wdAction=2",
+    "3 LoadPmUploadCfg not exist pmupload key",
+    "6 pm UpdateSelinuxEnable success: enable=0",
+    "6 ProcMgr boot args, procmgr=x,nowatchdog",
+    "6 ProcMgr: cmdline disableWatchDog_=1",
+    "6 ProcMgr boot args, qelmode=kernel_utils",
+    "6 ProcMgr: cmdline qelcoreEnable=1",
+    "6 ProcMgr boot args, reboot_reason=cold",
+    "4 [TRACE]PROCMGR: creat anonymous pipe success, read pipe fd=4, write pipe fd=5",
+    "3 LoadSharepoolCfg failed: errno=2",
+    "6 sharepoolCfg has DEFAULT_MEM_GROUP sharepool group",
+    "6 CreateSharepoolGroup group=DEFAULT_MEM_GROUP success",
+    "4 PROCMGR: IntegrityProtect hash config file=/etc/zur/base-plat/process-manager/bin_hash.cfg "
+    "is not exist",
+    "6 PROCMGR: GetLockedMemoryLimitFromCfg limit value=65536",
+    "6 PROCMGR: SetLockedMemoryLimit success limit value=65536 ",
+    "6 PROCMGR: InquireHomeEnvVariable finished home env=/home/of-1000 ",
+    "6 [TRACE], init success",
+    "6 [TRACE] InitPriorityApps load priority apps cfg finish",
+    "6 [TRACE] InitPriorityApps start priority apps finish",
+    "6 is not quickstart, so not wait for continue signal",
+    "4 pm Get board info success slotId_=-1",
+    "6 Register sensor node for iammgr success. (handle=0x1)",
+    "6 Register sensor node for proc_launcher success. (handle=0x2)",
+    "6 [TRACE], ContinueProcMgrInit success",
+    "6 [TRACE] InitBaseApplication begin, yaml path=/run/sandbox/base.yaml",
+    "6 [TRACE] Start baseApp success appName=alpha, binPath=/opt/test/test-service, pid=#, "
+    "isDelayCoreAffinity_=0",
+    "3 PROCMGR : Master ReportAppState failed: invalid fd, owner=iammgr",
+    "3 PROCMGR : report alpha's state: 0 to iammgr failed",
+    "6 [TRACE] Start baseApp success appName=beta, binPath=/opt/test/test-service, pid=#, "
+    "isDelayCoreAffinity_=0",
+    "3 PROCMGR : Master ReportAppState failed: invalid fd, owner=iammgr",
+    "3 PROCMGR : report beta's state: 0 to iammgr failed",
+    "6 [TRACE] InitBaseApplication end",
+    "7 PROCMGR : EnableWatchDog flag=1",
+};
+
+class Booting : public ScenarioTest {};
+
+TEST_F(Booting, BadArgumentsEndItAtOnceAndSayWhyOnBothSides) {
+  struct Case {
+    std::vector<std::string> arguments;
+    std::string line;
+    std::string output;  // A part of what it prints.
+  };
+  const std::string tooLong = "/" + std::string(4096, 'x');
+  const Case cases[] = {
+      {{}, "ProcMgr: intput argc num is < 2, please input baseService yaml config path", "usage:"},
+      {{"/run/sandbox/no.yaml"},
+       "ProcMgr: StandardizationPath failed, path: /run/sandbox/no.yaml",
+       "/run/sandbox/no.yaml"},
+      {{tooLong}, "ProcMgr: StandardizationPath failed, path: " + tooLong, tooLong.substr(0, 100)},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.line.substr(0, 80));
+    const std::size_t before = log_.Lines().size();
+    Start(c.arguments);
+    const auto status = daemon_->WaitExit();
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(WIFEXITED(*status));
+    EXPECT_EQ(WEXITSTATUS(*status), 255);
+    EXPECT_THAT(daemon_->Output(), HasSubstr(c.output));
+    ASSERT_TRUE(log_.WaitFor(c.line, before).has_value());
+    // Nothing but this line: it has touched nothing else.
+    EXPECT_EQ(log_.Masked(before), std::vector<std::string>{"3 " + c.line});
+  }
+}
+
+// Everything that a boot says, in its order. The check thread speaks in between, at a moment of its
+// own, so its lines are compared apart.
+TEST_F(Booting, WholeLogOfABootWithServicesThatReportNothing) {
+  sandbox_.AddUser("home", 1000, 1000, "/home/of-1000");
+  sandbox_.SetKernelCommandLine(
+      "quiet procmgr=x,nowatchdog qelmode=kernel_utils reboot_reason=cold\n");
+  sandbox_.WriteFile("/etc/vantor_common_env.conf", "MAX_LOCKED_MEMORY_LIMIT=65536\n");
+  sandbox_.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml",
+                     "watch_dog:\n  enable: false\n  timeout: 30\n  action: 9\n");
+  Boot({{"beta", kService, {}, {}}, {"alpha", kService, {}, {}}});
+  ASSERT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=").has_value());
+  ASSERT_TRUE(log_.WaitForCount("STARTING to RUNNING", 2));
+  std::vector<std::string> main;
+  std::vector<std::string> check;
+  for (const std::string& line : log_.Masked()) {
+    (line.find("STARTING to RUNNING") == std::string::npos ? main : check).push_back(line);
+  }
+  EXPECT_EQ(main, kPlainBoot);
+  EXPECT_EQ(check, (std::vector<std::string>{
+                       "6 PROCMGR : STARTING to RUNNING appName=alpha, pid=#",
+                       "6 PROCMGR : STARTING to RUNNING appName=beta, pid=#",
+                   }));
+  for (const LogLine& line : log_.Lines()) {
+    EXPECT_EQ(line.ident, "PROCMGR");
+    EXPECT_EQ(line.facility, 1);
+    EXPECT_EQ(line.pid, daemon_->Pid());
+  }
+}
+
+TEST_F(Booting, TermEndsItTheDefaultWay) {
+  Boot({{"alpha", kService, {}, {}}});
+  AwaitBooted();
+  daemon_->Signal(SIGTERM);
+  const auto status = daemon_->WaitExit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGTERM);
+}
+
+TEST_F(Booting, NoFaultOfTheServiceFileStopsIt) {
+  struct Case {
+    std::string text;
+    std::string place;  // Where the fault is, behind the file's path.
+  };
+  const std::string good = ServiceFile({{"alpha", kService, {}, {}}});
+  const Case cases[] = {
+      {"", ""},
+      {"applications: 7\n", ":1:"},
+      {"applications:\n  - appName: [\n", ":"},
+      {"\xff\xfe\x00garbage", ":1:"},
+      {good + "    restart: sometimes\n", ":6:"},
+      {good + "  - appName: alpha\n    binPath: /bin/true\n    uid: 0\n    gid: 0\n", ":6:"},
+      {good + "  - binPath: /bin/true\n    uid: 0\n    gid: 0\n", ":6:"},
+      {good + "  - include: missing.yaml\n", ":6:"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    const std::size_t before = log_.Lines().size();
+    sandbox_.WriteFile(kBaseFile, c.text);
+    Start({kBaseFile});
+    ASSERT_TRUE(log_.WaitFor("PROCMGR : ParseYamlFile failed, ProcMgr return", before).has_value());
+    EXPECT_TRUE(log_.WaitFor(
+                        [&](const LogLine& line) {
+                          return line.level == 3 && line.text.find(kBaseFile + c.place) == 0;
+                        },
+                        before, std::chrono::milliseconds(0))
+                    .has_value())
+        << log_.Text();
+    // It stays up, supervising nothing, until somebody ends it.
+    EXPECT_TRUE(daemon_->IsRunning());
+    EXPECT_TRUE(daemon_->Services().empty());
+    daemon_->Signal(SIGTERM);
+    EXPECT_EQ(daemon_->WaitExit(), SIGTERM);
+  }
+}
+
+TEST_F(Booting, StartsOfARoundGoInNameOrderAndFailuresHoldNobodyUp) {
+  Boot({{"zeta", kService, {}, {}},
+        {"broken", "/opt/test/missing", {}, {}},
+        {"mid", kService, {}, {}},
+        {"shell", kService, {"$(reboot)"}, {}},
+        {"alpha", kService, {}, {}}});
+  AwaitBooted();
+  std::vector<std::string> order;
+  for (const std::string& line : log_.Masked()) {
+    const std::string start = "[TRACE] Start baseApp success appName=";
+    if (const std::size_t at = line.find(start); at != std::string::npos) {
+      order.push_back(line.substr(at + start.size(), line.find(',', at) - at - start.size()));
+    }
+  }
+  EXPECT_EQ(order, (std::vector<std::string>{"alpha", "mid", "zeta"}));
+  for (const char* line :
+       {"PROCMGR : Start App=broken failed, binPath=/opt/test/missing is not existed !!!",
+        "Start broken failed, state:INITSTATE", "start baseApp=broken failed",
+        "PROCMGR : CheckChildProParas App=shell arguments include illegal str",
+        "start baseApp=shell failed"}) {
+    EXPECT_EQ(log_.Count(line), 1U) << line;
+  }
+  EXPECT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=0").has_value());
+  EXPECT_EQ(daemon_->Services().size(), 3U);
+}
+
+TEST_F(Booting, DependenciesThatAreNotRunningRefuseTheStart) {
+  // The dependant of a service that ends at once, of a missing name, of itself, and of a circle.
+  Boot({{"early", kService, {}, {{"dependList", "[nobody]"}}},
+        {"first", kService, {}, {}},
+        {"orphan", kService, {}, {{"dependList", "[first, nobody]"}}},
+        {"ring1", kService, {}, {{"dependList", "[ring2]"}}},
+        {"ring2", kService, {}, {{"dependList", "[ring1]"}}}});
+  AwaitBooted();
+  EXPECT_EQ(log_.Count("PROCMGR : early depends on nobody [early => nobody]"), 1U);
+  // Nothing had been started when its turn came.
+  EXPECT_EQ(log_.Count("PROCMGR : early 's dependcy nobody hasn't been started"), 1U);
+  EXPECT_EQ(log_.Count("PROCMGR : ring1 's dependcy ring2 not find,"), 1U);
+  EXPECT_EQ(log_.Count("PROCMGR : ring2 's dependcy ring1 not find,"), 1U);
+  EXPECT_EQ(log_.Count("ring1 -> ring2 -> ring1"), 1U);
+  for (const char* name : {"early", "orphan", "ring1", "ring2"}) {
+    EXPECT_EQ(log_.Count("start baseApp=" + std::string(name) + " failed"), 1U) << name;
+  }
+  EXPECT_EQ(daemon_->Services().size(), 1U);
+}
+
+}  // namespace
+}  // namespace PmTest
