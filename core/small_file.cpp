@@ -18,7 +18,7 @@ int ReadSmallFile(const std::string& path, std::size_t limit, std::string& out) 
     return errno;
   }
   std::string text;
-  std::array<char, 4096> block;
+  std::array<char, 4096> block{};
   for (;;) {
     const ssize_t got = read(file.Get(), block.data(), block.size());
     if (got == 0) {

@@ -1,5 +1,6 @@
 #!/bin/bash
-# check_tidy.sh BUILD_FOLDER: clang-tidy over every source that the build compiles, one process a core.
+# check_tidy.sh BUILD_FOLDER: clang-tidy over every source that the build compiles, one process a core. It runs
+# clang's own warnings with it, the analysis of the locks among them, so nothing has to be built.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 

@@ -1,0 +1,49 @@
+// The real daemon with a number of bench-services, in a sandbox.
+#ifndef BENCH_BOOTED_DAEMON_H
+#define BENCH_BOOTED_DAEMON_H
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bench/marks.h"
+#include "tests/support/daemon.h"
+#include "tests/support/log_reader.h"
+#include "tests/support/sandbox.h"
+
+namespace PmBench {
+
+class BootedDaemon {
+ public:
+  // Boots `services` services, each with the given further keys, and waits until the bring-up is
+  // through and all have come to their main. Throws if that fails.
+  explicit BootedDaemon(int services,
+                        const std::vector<std::pair<std::string, std::string>>& keys = {});
+
+  [[nodiscard]] const PmTest::Sandbox& Host() const { return sandbox_; }
+  [[nodiscard]] const Marks& Services() const { return marks_; }
+  [[nodiscard]] pid_t Pid() const { return daemon_.Pid(); }
+
+  // The instant just before the daemon's own start, on the monotonic clock.
+  [[nodiscard]] long long StartNs() const { return startNs_; }
+  [[nodiscard]] long ResidentKib() const;
+
+  // The CPU time that it takes in a second, in microseconds, looked at for `seconds`.
+  [[nodiscard]] double IdleCpuUsPerSecond(int seconds) const;
+
+ private:
+  // Writes the service file and yields its path.
+  [[nodiscard]] std::string Prepare(
+      int services, const std::vector<std::pair<std::string, std::string>>& keys) const;
+
+  PmTest::Sandbox sandbox_;
+  PmTest::LogReader log_{sandbox_};
+  Marks marks_{sandbox_, "services"};
+  std::string serviceFile_;
+  long long startNs_;
+  PmTest::Daemon daemon_;
+};
+
+}  // namespace PmBench
+
+#endif  // BENCH_BOOTED_DAEMON_H

@@ -1,0 +1,33 @@
+#include "bench/marks.h"
+
+#include <sstream>
+#include <stdexcept>
+
+#include "tests/support/wait.h"
+
+namespace PmBench {
+
+Marks::Marks(const PmTest::Sandbox& sandbox, const std::string& name)
+    : sandbox_(sandbox), path_(std::string(PmTest::Sandbox::kDir) + "/marks." + name) {
+  sandbox.WriteFile(path_, "", 0666);
+}
+
+std::vector<Mark> Marks::Read() const {
+  std::vector<Mark> marks;
+  std::istringstream text(sandbox_.ReadFile(path_));
+  for (Mark mark; text >> mark.pid >> mark.mainNs >> mark.cpuNs;) {
+    marks.push_back(mark);
+  }
+  return marks;
+}
+
+std::vector<Mark> Marks::Await(std::size_t count) const {
+  std::vector<Mark> marks;
+  if (!PmTest::Eventually([&] { return (marks = Read()).size() >= count; })) {
+    throw std::runtime_error(std::to_string(marks.size()) + " of " + std::to_string(count) +
+                             " services came to their main");
+  }
+  return marks;
+}
+
+}  // namespace PmBench

@@ -1,0 +1,44 @@
+// What the bench-services of a run have told about their starts.
+#ifndef BENCH_MARKS_H
+#define BENCH_MARKS_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/sandbox.h"
+
+namespace PmBench {
+
+// Where bench-service stands in the sandbox.
+inline constexpr const char* kServicePath = "/opt/bench/bench-service";
+
+struct Mark {
+  pid_t pid = 0;
+  long long mainNs = 0;  // The monotonic clock at main.
+  long long cpuNs = 0;   // The process's CPU time from its fork to its main.
+};
+
+// The file of one run; the services append to it.
+class Marks {
+ public:
+  Marks(const PmTest::Sandbox& sandbox, const std::string& name);
+
+  // Its path inside the sandbox: the first argument of the services.
+  [[nodiscard]] const std::string& Path() const { return path_; }
+
+  // Waits until `count` services have come to their main and yields all marks in their order.
+  // Throws if they don't come.
+  [[nodiscard]] std::vector<Mark> Await(std::size_t count) const;
+
+ private:
+  [[nodiscard]] std::vector<Mark> Read() const;
+
+  const PmTest::Sandbox& sandbox_;
+  std::string path_;
+};
+
+}  // namespace PmBench
+
+#endif  // BENCH_MARKS_H

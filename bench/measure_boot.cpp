@@ -1,0 +1,29 @@
+#include "bench/booted_daemon.h"
+#include "bench/floor.h"
+#include "bench/measures.h"
+
+namespace PmBench {
+namespace {
+
+constexpr int kServices = 50;
+constexpr double kAllowedMs = 2;
+
+}  // namespace
+
+std::vector<Figure> MeasureBoot() {
+  const BootedDaemon daemon(kServices);
+  const Starts floor = MeasureFloor(daemon.Host(), daemon.ResidentKib(), kServices);
+  const double floorMs = Mean(floor.forkToMainUs) / 1e3;
+
+  const std::vector<Mark> marks = daemon.Services().Await(kServices);
+  const double firstMs = static_cast<double>(marks.front().mainNs - daemon.StartNs()) / 1e6;
+  const double lastMs = static_cast<double>(marks.back().mainNs - daemon.StartNs()) / 1e6;
+  return {
+      {"boot: from the daemon's start to the first main", firstMs, "ms", {}, {}},
+      {"boot: from the daemon's start to the 50th main", lastMs, "ms", floorMs * kServices, {}},
+      {"boot: from one service's main to the next one's", (lastMs - firstMs) / (kServices - 1),
+       "ms", floorMs, floorMs + kAllowedMs},
+  };
+}
+
+}  // namespace PmBench

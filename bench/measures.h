@@ -1,0 +1,25 @@
+// What pm-bench measures. Each boots a daemon of its own and yields its figures.
+#ifndef BENCH_MEASURES_H
+#define BENCH_MEASURES_H
+
+#include <vector>
+
+#include "bench/figures.h"
+
+namespace PmBench {
+
+// What the start of one service costs.
+std::vector<Figure> MeasureLaunch();
+
+// What a killed service costs the manager, and how long it is away.
+std::vector<Figure> MeasureRestart();
+
+// What the manager costs while nothing happens: CPU and memory with 0, 100 and 1000 services.
+std::vector<Figure> MeasureIdle();
+
+// How long 50 services that do nothing take to be up.
+std::vector<Figure> MeasureBoot();
+
+}  // namespace PmBench
+
+#endif  // BENCH_MEASURES_H

@@ -1,0 +1,29 @@
+#!/bin/bash
+# install.sh BUILD_FOLDER: what is installed is whole, finds its libraries without the build folder, and starts.
+set -euo pipefail
+
+build=$1
+stage=$(mktemp -d)
+trap 'rm -rf "$stage"' EXIT
+fail() {
+  echo "install: $*"
+  exit 1
+}
+
+DESTDIR=$stage cmake --install "$build" --prefix /usr >/dev/null
+
+for file in sbin/process-manager bin/pmcheck share/man/man8/process-manager.8 \
+  lib/systemd/system/process-manager.service lib/tmpfiles.d/process-manager.conf; do
+  [[ -s $stage/usr/$file ]] || fail "/usr/$file is missing"
+done
+
+daemon=$stage/usr/sbin/process-manager
+! readelf --dynamic "$daemon" | grep -Eq 'RPATH|RUNPATH' || fail "the daemon looks for libraries in the build folder"
+
+grep -q "^ExecStart=/usr/sbin/process-manager " "$stage/usr/lib/systemd/system/process-manager.service" ||
+  fail "the unit doesn't start the installed daemon"
+
+status=0
+told=$("$daemon" 2>&1 </dev/null) || status=$?
+[[ $status -eq 255 ]] || fail "started without arguments it ends with $status, not 255"
+[[ $told == *"usage:"* ]] || fail "it doesn't say what is missing: '$told'"
