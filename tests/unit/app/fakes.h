@@ -1,0 +1,40 @@
+// The platform as the tests of app/ see it: linked in place of the platform's own libraries.
+#ifndef TESTS_UNIT_APP_FAKES_H
+#define TESTS_UNIT_APP_FAKES_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/plat/plat.h"
+
+namespace ProcMgr::App {
+
+// What the platform answers. A forked child sees it as it stood at the fork.
+struct FakePlatform {
+  std::int32_t deviceResult = 0;
+  std::uint32_t deviceCount = 1;
+  std::int32_t memResult = 0;
+  PlatMemInfo memInfo{};
+  int deviceCalls = 0;
+  // The arguments of the last platMemGetInfo.
+  std::uint32_t vfId = 0;
+  std::uint32_t kind = 0;
+  // The arguments of each platGrpAddProc: "GROUP PID PERMISSION".
+  std::vector<std::string> admitted;
+  // The errno with which IAMInitProc fails; 0: it succeeds. Either way it leaves what it saw in the
+  // environment, as IAM_SAW: "NAME,PATH,HOME=...,OWNER_NAME=...,KEY=...,uid=...".
+  int accessError = 0;
+};
+
+// Fresh in each test program; a test that changes it puts it back with Reset.
+FakePlatform& Platform();
+inline void ResetPlatform() {
+  Platform() = FakePlatform{};
+}
+
+}  // namespace ProcMgr::App
+
+#endif  // TESTS_UNIT_APP_FAKES_H

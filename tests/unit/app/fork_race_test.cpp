@@ -1,0 +1,92 @@
+// Launches from several threads at once while others log and look users up. A child is a copy of a
+// process whose other threads have vanished: were one of them in syslog or in the user database
+// just then, a child that needs the same lock of libc would wait for ever before its exec.
+#include <sys/wait.h>
+
+#include <atomic>
+#include <thread>
+
+#include "app/user_groups.h"
+#include "core/child_msg_pipe.h"
+#include "core/log.h"
+#include "core/user_lookup.h"
+#include "tests/support/pid_fd.h"
+#include "tests/support/wait.h"
+#include "tests/unit/app/launch_fixture.h"
+
+namespace ProcMgr::App {
+namespace {
+
+constexpr int kLaunchers = 3;
+#ifdef __SANITIZE_ADDRESS__
+constexpr int kLaunchesEach = 150;  // A fork has all of the sanitizer's own memory to copy.
+#else
+constexpr int kLaunchesEach = 800;
+#endif
+
+// Starts the record's program again and again; a launch that doesn't come to its end is a failure.
+template <typename Record>
+void Launch(Record app, std::atomic<int>& ended) {
+  for (int i = 0; i < kLaunchesEach; ++i) {
+    if (!app.StartProcess()) {
+      ADD_FAILURE() << "refused";
+      return;
+    }
+    const UniqueFd process = PmTest::OpenPidFd(app.pid_);
+    if (!PmTest::AwaitExit(process.Get(), PmTest::kPatience)) {
+      ADD_FAILURE() << "launch " << i << " hangs before its exec";
+      return;  // The sandbox kills it.
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(app.pid_, &status, 0), app.pid_);
+    ASSERT_EQ(status, 0);
+    ++ended;
+  }
+}
+
+using ForkRace = LaunchTest;
+
+TEST_F(ForkRace, NoneHangsWhileOthersLogAndLookUpUsers) {
+  // The real syslog, with its lock, and not the test's sink. Nobody reads the lines, and each tries
+  // to connect, which holds the lock all the longer.
+  SetLogSink(nullptr);
+  OpenLog();
+  ApplicationManifest::Fields fields = Fields();
+  fields.arguments = {"--exit-code", "0"};
+  // A child that can't bind would say so, and nobody reads the pipe here.
+  CloseChildMsgPipe();
+
+  std::atomic<bool> isOver = false;
+  std::atomic<int> ended = 0;
+  // Each lets go between its calls, for a lock that is taken again at once starves who waits for
+  // it.
+  std::thread logger([&] {
+    while (!isOver) {
+      LogDebug("a line of another thread");
+      std::this_thread::yield();
+    }
+  });
+  std::thread searcher([&] {
+    while (!isOver) {
+      EXPECT_TRUE(IsUserInGroup(kAppUid, kExtraGid));
+      EXPECT_EQ(FindUserId("app"), kAppUid);
+      EXPECT_EQ(FindGroupId("extra"), kExtraGid);
+      std::this_thread::yield();
+    }
+  });
+  std::vector<std::thread> launchers;
+  for (int i = 0; i < kLaunchers - 1; ++i) {
+    launchers.emplace_back([&] { Launch(GeneralRecord(fields), ended); });
+  }
+  launchers.emplace_back([&] { Launch(BaseRecord(fields), ended); });
+  for (std::thread& launcher : launchers) {
+    launcher.join();
+  }
+  isOver = true;
+  logger.join();
+  searcher.join();
+  EXPECT_EQ(ended, kLaunchers * kLaunchesEach);
+}
+
+}  // namespace
+}  // namespace ProcMgr::App

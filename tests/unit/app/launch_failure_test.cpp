@@ -1,0 +1,218 @@
+// What a child could not do: the text that it leaves in the pipe and the code with which it ends.
+#include <elf.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <csignal>
+#include <cstddef>
+#include <cstring>
+#include <thread>
+
+#include "core/host_context.h"
+#include "tests/unit/app/fakes.h"
+#include "tests/unit/app/launch_fixture.h"
+#include "tests/unit/app/log_lines.h"
+
+namespace ProcMgr::App {
+namespace {
+
+using LaunchFailure = LaunchTest;
+
+const std::string kNoCores = "default ctrl cpu is null;";  // Nobody has loaded the core lists.
+constexpr const char* kBroken = "/opt/test/broken";
+constexpr int kStatus1 = 1 << 8;
+constexpr int kStatusEio = 125 << 8;
+
+// A program whose file was cut off behind its headers: the name of its interpreter is missing, and
+// the kernel says EIO as it does for a medium that can't be read.
+std::string TruncatedProgram() {
+  Elf64_Ehdr header{};
+  std::memcpy(header.e_ident, ELFMAG, SELFMAG);
+  header.e_ident[EI_CLASS] = ELFCLASS64;
+  header.e_ident[EI_DATA] = ELFDATA2LSB;
+  header.e_ident[EI_VERSION] = EV_CURRENT;
+  header.e_type = ET_EXEC;
+#ifdef __aarch64__
+  header.e_machine = EM_AARCH64;
+#else
+  header.e_machine = EM_X86_64;
+#endif
+  header.e_version = EV_CURRENT;
+  header.e_phoff = sizeof(header);
+  header.e_phentsize = sizeof(Elf64_Phdr);
+  header.e_phnum = 1;
+  Elf64_Phdr interpreter{};
+  interpreter.p_type = PT_INTERP;
+  interpreter.p_offset = 4096;
+  interpreter.p_filesz = 20;
+  std::string file(sizeof(header) + sizeof(interpreter), '\0');
+  std::memcpy(file.data(), &header, sizeof(header));
+  std::memcpy(file.data() + sizeof(header), &interpreter, sizeof(interpreter));
+  return file;
+}
+
+TEST_F(LaunchFailure, ExecTextsOfBothKinds) {
+  sandbox_->WriteFile(kBroken, "no program", 0755);
+  ASSERT_EQ(chown(kBroken, 0, kAppUserGid), 0);
+  ApplicationManifest::Fields fields = Fields();
+  fields.binPath = kBroken;
+  BaseAppInfo base = BaseRecord(fields);
+  EXPECT_EQ(StatusOf(base), kStatus1);
+  // The text of the steps is on its way before the exec is tried.
+  EXPECT_EQ(PipeText(), Message(base, kNoCores) + Message(base, "exec failed, errno=8;"));
+  GeneralAppInfo general = GeneralRecord(fields);
+  EXPECT_EQ(StatusOf(general), kStatus1);
+  EXPECT_EQ(PipeText(), Message(general, kNoCores) +
+                            Message(general, "execv failed, execPath_=/opt/test/broken, errno=8;"));
+}
+
+TEST_F(LaunchFailure, ExecThatMeetsAnIoErrorEndsSilentlyWith125) {
+  sandbox_->WriteFile(kBroken, TruncatedProgram(), 0755);
+  ASSERT_EQ(chown(kBroken, 0, kAppUserGid), 0);
+  ApplicationManifest::Fields fields = Fields();
+  fields.binPath = kBroken;
+  BaseAppInfo base = BaseRecord(fields);
+  const int status = StatusOf(base);
+  EXPECT_EQ(status, kStatusEio);
+  EXPECT_EQ(PipeText(), Message(base, kNoCores));
+  base.SetExitStatus(status);
+  EXPECT_EQ(base.CheckState(), ProcessState::TERMINATED);
+  EXPECT_TRUE(base.isTerminatedByEio_);
+  GeneralAppInfo general = GeneralRecord(fields);
+  EXPECT_EQ(StatusOf(general), kStatusEio);
+  EXPECT_EQ(PipeText(), Message(general, kNoCores));
+}
+
+TEST_F(LaunchFailure, IdentityThatCanNotBeTaken) {
+  constexpr uid_t kNobody = UINT32_MAX;  // No process can have it.
+  sandbox_->AddUser("unusable", kNobody, kAppUserGid, "/");
+  std::vector<std::string> groups;
+  for (gid_t gid = 5000; gid < 5128; ++gid) {
+    groups.push_back("g" + std::to_string(gid));
+    sandbox_->AddGroup(groups.back(), gid);
+  }
+  sandbox_->AddUser("overfull", 2129, 2129, "/", groups);
+  struct {
+    uid_t uid;
+    gid_t gid;
+    uid_t fileUid;  // The program's owner may start it, whether the user database knows it or not.
+    std::string text;
+  } const rows[] = {
+      {9999, kAppGid, 9999, "getpwuid is null;"},
+      {2129, kAppGid, 2129, ""},
+      {kAppUid, UINT32_MAX, 0, "SetAppGid=4294967295 failed error=22;"},
+      {kNobody, kAppGid, 0, "SetAppUid=4294967295,failed error=22;"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    ASSERT_EQ(chown(kService, row.fileUid, kAppUserGid), 0);
+    ApplicationManifest::Fields fields = Fields();
+    fields.uid = row.uid;
+    fields.gid = row.gid;
+    // What earlier steps had to tell goes with the reason.
+    fields.cpuset = "NOPE";
+    const std::string noSet =
+        "add cgroup failed, cpuset cgroup path=/sys/fs/cgroup/cpuset/NOPE/tasks is not existed;";
+    BaseAppInfo base = BaseRecord(fields);
+    EXPECT_EQ(StatusOf(base), kStatus1);
+    EXPECT_EQ(PipeText(), Message(base, noSet + row.text));
+    GeneralAppInfo general = GeneralRecord(fields);
+    EXPECT_EQ(StatusOf(general), kStatus1);
+    EXPECT_EQ(PipeText(), Message(general, noSet + row.text));
+  }
+}
+
+// Steps that fail and let the start go on, in the order in which they are told.
+TEST_F(LaunchFailure, LesserFailuresAreToldAndTheProcessRuns) {
+  ApplicationManifest::Fields fields = Fields();
+  fields.resGroupName = "NOPE";
+  fields.envArgv = {{"A", "1"}, {"B=", "2"}, {"C", "3"}};
+  Platform().accessError = EPERM;
+  const std::string texts =
+      "add cgroup failed, cpu cgroup path=/sys/fs/cgroup/cpu/NOPE/tasks is not existed;"
+      "setenv failed, errno=22;IAMInitProc failed, errno=1;" +
+      kNoCores;
+  BaseAppInfo base = BaseRecord(fields);
+  PmTest::ServiceReport report = ReportOf(base);
+  EXPECT_EQ(PipeText(), Message(base, texts));
+  EXPECT_EQ(report.Get("env.A"), "1");
+  EXPECT_FALSE(report.Has("env.C")) << "the first failure ends the list";
+  EXPECT_EQ(report.Get("env.IS_RESTART"), "0");
+  GeneralAppInfo general = GeneralRecord(fields);
+  report = ReportOf(general);
+  EXPECT_EQ(PipeText(), Message(general, texts));
+  EXPECT_FALSE(report.Has("env.OWNER_NAME"));
+}
+
+// In a quick start the manager places and binds its children later.
+TEST_F(LaunchFailure, QuickStartLeavesCgroupsAndCoresAlone) {
+  HostContext::Instance().isQuickStart_ = true;
+  ApplicationManifest::Fields fields = Fields();
+  fields.resGroupName = "NOPE";
+  fields.cpuset = "NOPE";
+  BaseAppInfo base = BaseRecord(fields);
+  (void)ReportOf(base);
+  GeneralAppInfo general = GeneralRecord(fields);
+  (void)ReportOf(general);
+  EXPECT_EQ(PipeText(), "");
+}
+
+TEST_F(LaunchFailure, WithoutAPipeTheStartGoesOnUntold) {
+  HostContext::Instance().childMsgWriteFd_.Reset();
+  GeneralAppInfo app = GeneralRecord(Fields());
+  EXPECT_EQ(ReportOf(app).Get("uids"), "2001,2001,2001");
+}
+
+// Makes every fork of the calling thread fail with EAGAIN from now on.
+void ForbidForks() {
+  constexpr std::array kCalls = {
+      SYS_clone,
+      SYS_clone3,
+#ifdef SYS_fork
+      SYS_fork,
+      SYS_vfork,
+#endif
+  };
+  std::vector<sock_filter> filter = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+  for (const long call : kCalls) {
+    filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(call), 0, 1));
+    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN));
+  }
+  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+  const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
+  ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+  ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+TEST_F(LaunchFailure, AFailedForkLeavesNoProcess) {
+  // The filter can't be taken back, so it goes with a thread of its own.
+  std::thread thread([] {
+    ForbidForks();
+    BaseAppInfo base = BaseRecord(Fields());
+    GeneralAppInfo general = GeneralRecord(Fields());
+    for (AppInfo* app : std::initializer_list<AppInfo*>{&base, &general}) {
+      app->state_ = ProcessState::TERMINATED;
+      app->pid_ = 4242;
+    }
+    (void)TakeLog();
+    EXPECT_FALSE(base.StartProcess());
+    EXPECT_FALSE(general.StartProcess());
+    const Lines expected = {"E PROCMGR : Start baseApp svc failed errno=11",
+                            "E PROCMGR: Start generalApp failed. fork failed: errno=11"};
+    EXPECT_EQ(TakeLog(), expected);
+    for (const AppInfo* app : std::initializer_list<const AppInfo*>{&base, &general}) {
+      EXPECT_EQ(app->state_, ProcessState::TERMINATED);
+      EXPECT_EQ(app->pid_, 4242);
+      EXPECT_EQ(app->startTime_, SteadyTime{});
+    }
+  });
+  thread.join();
+}
+
+}  // namespace
+}  // namespace ProcMgr::App

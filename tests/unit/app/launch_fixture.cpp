@@ -1,0 +1,105 @@
+#include "tests/unit/app/launch_fixture.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+
+#include "core/child_msg_pipe.h"
+#include "core/host_context.h"
+#include "tests/support/pid_fd.h"
+#include "tests/support/wait.h"
+#include "tests/unit/app/fakes.h"
+#include "tests/unit/app/log_lines.h"
+
+namespace ProcMgr::App {
+
+namespace {
+
+// What whoever started the test program left open must not be taken for a leak of ours. Before
+// main, when nothing of ours is open yet.
+const bool sealed = close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
+
+}  // namespace
+
+void LaunchTest::SetUp() {
+  ASSERT_TRUE(sealed);
+  ResetPlatform();
+  (void)signal(SIGPIPE, SIG_IGN);  // As the manager does.
+  sandbox_ = std::make_unique<PmTest::Sandbox>();
+  sandbox_->AddGroup("apps", kAppGid);
+  sandbox_->AddGroup("extra", kExtraGid);
+  sandbox_->AddUser("app", kAppUid, kAppUserGid, "/home/app", {"extra"});
+  sandbox_->InstallProgram(PmTest::ProgramPath("test-service"), kService, 0, kAppUserGid, 0750);
+  inside_ = std::make_unique<PmTest::Sandbox::Inside>(*sandbox_);
+  CreateChildMsgPipe();
+  (void)TakeLog();
+}
+
+void LaunchTest::TearDown() {
+  CloseChildMsgPipe();
+  HostContext::Instance().isQuickStart_ = false;
+  HostContext::Instance().delayCoreAffinityReceived_ = false;
+  inside_.reset();
+  sandbox_.reset();
+  ResetPlatform();
+}
+
+ApplicationManifest::Fields LaunchTest::Fields() {
+  ApplicationManifest::Fields fields;
+  fields.appName = "svc";
+  fields.binPath = kService;
+  fields.uid = kAppUid;
+  fields.gid = kAppGid;
+  fields.arguments = {"--report", kReport};
+  return fields;
+}
+
+BaseAppInfo LaunchTest::BaseRecord(const ApplicationManifest::Fields& fields) {
+  return BaseAppInfo(ApplicationManifest(fields));
+}
+
+GeneralAppInfo LaunchTest::GeneralRecord(const ApplicationManifest::Fields& fields,
+                                         const std::string& owner) {
+  return GeneralAppInfo(fields.appName, ApplicationManifest(fields), owner);
+}
+
+std::string LaunchTest::PipeText() {
+  const int fd = HostContext::Instance().childMsgReadFd_.Get();
+  std::string text;
+  for (pollfd ready{fd, POLLIN, 0}; poll(&ready, 1, 0) == 1;) {
+    std::array<char, 4096> part{};
+    const ssize_t size = read(fd, part.data(), part.size());
+    if (size <= 0) {
+      break;
+    }
+    text.append(part.data(), static_cast<std::size_t>(size));
+  }
+  return text;
+}
+
+std::string LaunchTest::Message(const AppInfo& app, const std::string& text) {
+  return "app=" + app.appName_ + ",pid=" + std::to_string(app.pid_) + "," + text;
+}
+
+void LaunchTest::End(pid_t pid) {
+  lastPid_ = pid;
+  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
+}
+
+int LaunchTest::AwaitEnd(pid_t pid) {
+  int status = -1;
+  const UniqueFd process = PmTest::OpenPidFd(pid);
+  if (!PmTest::AwaitExit(process.Get(), PmTest::kPatience)) {
+    ADD_FAILURE() << "the child doesn't end";
+    (void)kill(pid, SIGKILL);
+  }
+  EXPECT_EQ(waitpid(pid, &status, 0), pid);
+  return status;
+}
+
+}  // namespace ProcMgr::App

@@ -1,0 +1,33 @@
+// The log lines of the test program. A program that includes this has no other log.
+#ifndef TESTS_UNIT_APP_LOG_LINES_H
+#define TESTS_UNIT_APP_LOG_LINES_H
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/log_reader.h"
+
+namespace ProcMgr::App {
+
+using Lines = std::vector<std::string>;
+
+// From before main, so that no line is missed.
+inline PmTest::LogCapture logCapture;
+
+// The lines since the last call, each with the first letter of its level in front: "E TEXT".
+inline Lines TakeLog() {
+  return logCapture.Take();
+}
+
+// The same with traces and pids hidden, as PmTest::Mask does it.
+inline Lines MaskedLog() {
+  Lines log = TakeLog();
+  std::transform(log.begin(), log.end(), log.begin(), PmTest::Mask);
+  return log;
+}
+
+}  // namespace ProcMgr::App
+
+#endif  // TESTS_UNIT_APP_LOG_LINES_H
