@@ -1,15 +1,17 @@
 // What the messaging library costs beside a bare socket pair that does the same in the same run.
 //
-// Prints each pair's rates and their ratio beside the bound, and ends with 1 if a ratio is below
-// it. To be run as root: it makes its own /run.
+// Prints each figure beside its bound, and ends with 1 if one misses it. To be run as root: it
+// makes its own /run.
 #include <benchmark/benchmark.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -20,6 +22,8 @@
 #include <vector>
 
 #include "core/mutex.h"
+#include "core/sleep.h"
+#include "core/steady_time.h"
 #include "core/unique_fd.h"
 #include "message/nexio.h"
 #include "platform/nexio/nexio_peer.h"
@@ -70,7 +74,7 @@ void BareRoundTrip(benchmark::State& state) {
     }
   });
   std::vector<char> packet(kHeader + kFrame);
-  for (auto unused : state) {
+  while (state.KeepRunning()) {
     SendAll(pair.a.Get(), packet);
     Must(ReceiveOne(pair.a.Get(), packet), "receive");
   }
@@ -107,6 +111,7 @@ class Tally {
 void Flood(Tally& tally, int peers, const std::function<void(int)>& send) {
   tally.SetGoal(std::int64_t{peers} * kFramesPerPeer);
   std::vector<std::thread> senders;
+  senders.reserve(static_cast<std::size_t>(peers));
   for (int peer = 0; peer < peers; ++peer) {
     senders.emplace_back([&send, peer] {
       for (int i = 0; i < kFramesPerPeer; ++i) {
@@ -125,6 +130,7 @@ void BareFrames(benchmark::State& state) {
   std::vector<Pair> pairs(static_cast<std::size_t>(peers));
   Tally tally;
   std::vector<std::thread> receivers;
+  receivers.reserve(pairs.size());
   for (const Pair& pair : pairs) {
     receivers.emplace_back([&pair, &tally] {
       std::vector<char> packet(kHeader + kFrame);
@@ -134,7 +140,7 @@ void BareFrames(benchmark::State& state) {
     });
   }
   const std::vector<char> packet(kHeader + kFrame);
-  for (auto unused : state) {
+  while (state.KeepRunning()) {
     Flood(tally, peers, [&pairs, &packet](int peer) {
       SendAll(pairs[static_cast<std::size_t>(peer)].a.Get(), packet);
     });
@@ -194,7 +200,7 @@ void NexioRoundTrip(benchmark::State& state) {
     }
   });
   std::vector<char> frame(kFrame);
-  for (auto unused : state) {
+  while (state.KeepRunning()) {
     ProcMgr::NexioRequest request;
     request.data = frame.data();
     request.size = kFrame;
@@ -215,7 +221,7 @@ void NexioFrames(benchmark::State& state) {
     }
   });
   const std::vector<char> frame(kFrame);
-  for (auto unused : state) {
+  while (state.KeepRunning()) {
     Flood(tally, peers, [&link, &frame](int peer) {
       ProcMgr::NexioRequest request;
       request.data = frame.data();
@@ -229,6 +235,41 @@ void NexioFrames(benchmark::State& state) {
     });
   }
   state.SetItemsProcessed(state.iterations() * peers * kFramesPerPeer);
+}
+
+// How long a waiting NexioOpen takes to notice its peer. The peer is a socket by hand: it comes as
+// a new file (0), or its file is there and it begins to listen (1).
+void Arrival(benchmark::State& state) {
+  constexpr std::int64_t kSettleNs = 20'000'000;
+  ProcMgr::NexioServerParam directoryMaker;
+  directoryMaker.serverName = "bench";
+  const int maker = ProcMgr::NexioCreateServer(directoryMaker);
+  const sockaddr_un address{AF_UNIX, "/run/nexio/arrival.sock"};
+  const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+  while (state.KeepRunning()) {
+    const UniqueFd peer(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    const bool early = state.range(0) == 1;
+    Must(!early || bind(peer.Get(), generic, sizeof(address)) == 0, "bind");
+    ProcMgr::SteadyTime opened;
+    std::thread opener([&opened] {
+      ProcMgr::NexioOpenParam open;
+      open.peerName = "arrival";
+      open.gid = getgid();
+      open.timeout = 60'000;
+      const int fd = ProcMgr::NexioOpen(open);
+      opened = ProcMgr::SteadyNow();
+      Must(fd > 0 && ProcMgr::NexioClosePipe(fd) == 0, "NexioOpen");
+    });
+    ProcMgr::SleepNs(kSettleNs);
+    const ProcMgr::SteadyTime begin = ProcMgr::SteadyNow();
+    Must(early || bind(peer.Get(), generic, sizeof(address)) == 0, "bind");
+    Must(listen(peer.Get(), 1) == 0, "listen");
+    opener.join();
+    state.SetIterationTime(std::chrono::duration<double>(opened - begin).count());
+    (void)unlink(address.sun_path);
+  }
+  Must(ProcMgr::NexioClosePipe(maker) == 0, "close");
+  state.SetItemsProcessed(state.iterations());
 }
 
 // Keeps every rate beside what the console shows.
@@ -270,6 +311,18 @@ bool Compare(Rates& rates, const char* what, const std::string& bare, const std:
   return holds;
 }
 
+bool CompareArrival(Rates& rates, const char* what, const std::string& name) {
+  constexpr double kLimitMs = 10;
+  const double rate = rates.Median(name);
+  if (rate <= 0) {
+    return true;
+  }
+  const bool holds = 1000 / rate <= kLimitMs;
+  std::printf("%-28s %.2f ms  (bound %.0f ms) %s\n", what, 1000 / rate, kLimitMs,
+              holds ? "ok" : "MISSED");
+  return holds;
+}
+
 void MakePrivateRun() {
   Must(unshare(CLONE_NEWNS) == 0, "unshare");
   Must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make mounts private");
@@ -283,6 +336,7 @@ BENCHMARK(BareRoundTrip)->UseRealTime();
 BENCHMARK(NexioRoundTrip)->UseRealTime();
 BENCHMARK(BareFrames)->Arg(1)->Arg(8)->UseRealTime();
 BENCHMARK(NexioFrames)->Arg(1)->Arg(8)->UseRealTime();
+BENCHMARK(Arrival)->Arg(0)->Arg(1)->UseManualTime()->Iterations(10);
 
 int main(int argc, char** argv) {
   std::vector<char*> arguments(argv, argv + argc);
@@ -297,5 +351,7 @@ int main(int argc, char** argv) {
   bool holds = Compare(rates, "round trip", "BareRoundTrip/", "NexioRoundTrip/");
   holds = Compare(rates, "frames, 1 peer", "BareFrames/1", "NexioFrames/1") && holds;
   holds = Compare(rates, "frames, 8 peers", "BareFrames/8", "NexioFrames/8") && holds;
+  holds = CompareArrival(rates, "arrival, new file", "Arrival/0") && holds;
+  holds = CompareArrival(rates, "arrival, begins to listen", "Arrival/1") && holds;
   return holds ? 0 : 1;
 }

@@ -74,6 +74,7 @@ TEST(Nexio, OneOfManyServersGetsTheName) {
     std::atomic<int> refused = 0;
     std::atomic<int> winner = 0;
     std::vector<std::thread> rivals;
+    rivals.reserve(kServers);
     for (int i = 0; i < kServers; ++i) {
       rivals.emplace_back([&] {
         ProcMgr::NexioServerParam param;
@@ -258,8 +259,10 @@ TEST(Nexio, CallsOfManyThreadsGetTheirOwnAnswers) {
     pushed += request != nullptr ? 1 : 0;
   });
   ASSERT_GE(fd, 1);
+  constexpr int kAskers = 6;
   std::vector<std::thread> askers;
-  for (int thread = 0; thread < 6; ++thread) {
+  askers.reserve(kAskers);
+  for (int thread = 0; thread < kAskers; ++thread) {
     askers.emplace_back([fd, thread] {
       for (int i = 0; i < 200; ++i) {
         const std::string question = std::to_string(thread) + ":" + std::to_string(i);
@@ -304,7 +307,7 @@ TEST(Nexio, CallNeedsNoThreadOfTheLibrary) {
     EXPECT_TRUE(peer.Send(MakePacket(kResponse, question->sequence, "answer")));
   }
   std::map<int, std::string> order;
-  for (const auto& event : told.Await(3 * kChannels)) {
+  for (const auto& event : told.Await(std::size_t{3} * kChannels)) {
     order[event.fd] += event.data.value_or("end") + " ";
   }
   for (const int fd : fds) {
