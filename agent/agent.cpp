@@ -74,6 +74,11 @@ struct Agent::Parts {
         link(std::make_shared<ManagerLink>(std::move(callbacks))),
         beats(name) {}
 
+  // Only a member may use the constructor.
+  static std::unique_ptr<Agent> Wrap(std::unique_ptr<Parts> parts) {
+    return std::unique_ptr<Agent>(new Agent(std::move(parts)));
+  }
+
   const std::string name;
   const std::shared_ptr<ManagerLink> link;
   const BeatSender beats;
@@ -88,7 +93,7 @@ Result Agent::Create(Options options, std::unique_ptr<Agent>& agent) noexcept {
       name = own;
     }
     auto parts = std::make_unique<Parts>(std::move(name), std::move(options.callbacks));
-    std::unique_ptr<Agent> made(new Agent(std::move(parts)));
+    std::unique_ptr<Agent> made = Parts::Wrap(std::move(parts));
     const Result served = made->parts_->link->Serve(made->parts_->name);
     if (served == Result::kOk) {
       agent = std::move(made);

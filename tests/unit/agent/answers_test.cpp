@@ -138,9 +138,9 @@ std::string AnswerTo(const std::string& question) {
 TEST_F(AgentAnswers, ALongQueryIsAskedInParts) {
   const auto agent = MakeAgent();
   const FakeManager manager = Connect(*agent);
-  std::vector<std::string> names;
-  for (int i = 0; i < 1000; ++i) {
-    names.push_back("application-" + std::to_string(i));
+  std::vector<std::string> names(1000);
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    names[i] = "application-" + std::to_string(i);
   }
   std::atomic<int> questions = 0;
   std::thread answering([&] {
@@ -207,6 +207,7 @@ TEST_F(AgentAnswers, ManyThreadsAtOnce) {
   std::map<std::uint32_t, int> counts;
   std::thread answering([&] { counts = AnswerAll(manager); });
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   std::atomic<int> failures = 0;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {

@@ -21,7 +21,6 @@ namespace PmTest {
 namespace {
 
 using ProcMgr::Agent;
-using ProcMgr::AppStatus;
 using ProcMgr::Result;
 using ProcMgr::ServiceState;
 using ProcMgr::Message::AppStateInfo;
@@ -273,15 +272,16 @@ TEST_F(AgentChannel, StopWakesWhoWaitsAndFreesTheName) {
   EXPECT_NE(MakeAgent({}, "busy"), nullptr);
 }
 
-TEST_F(AgentChannel, NoCallbackRunsAfterStop) {
+TEST_F(AgentChannel, StopWaitsForTheCallbackThatRunsAndLetsNoOtherIn) {
   std::atomic<bool> entered = false;
+  std::atomic<bool> leave = false;
   std::atomic<bool> left = false;
   std::atomic<int> calls = 0;
   Agent::Callbacks callbacks;
   callbacks.appStates = [&](const auto&) {
     ++calls;
     entered = true;
-    std::this_thread::sleep_for(milliseconds(20));  // Long enough for Stop to come in between.
+    EXPECT_TRUE(Eventually([&] { return leave.load(); }));
     left = true;
   };
   const auto agent = MakeAgent(callbacks);
@@ -289,8 +289,15 @@ TEST_F(AgentChannel, NoCallbackRunsAfterStop) {
   manager.Send(kStateReport, "1#a#1#1#0#0#");
   manager.Send(kStateReport, "1#a#1#1#0#0#");
   ASSERT_TRUE(Eventually([&] { return entered.load(); }));
-  agent->Stop();
-  EXPECT_TRUE(left);
+  bool leftBeforeReturn = false;
+  std::thread stopping([&] {
+    agent->Stop();
+    leftBeforeReturn = left;
+  });
+  EXPECT_TRUE(Eventually([&] { return agent->TermApps({"a"}) == Result::kStopped; }));
+  leave = true;
+  stopping.join();
+  EXPECT_TRUE(leftBeforeReturn);
   EXPECT_EQ(calls, 1);
 }
 

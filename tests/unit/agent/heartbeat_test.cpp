@@ -21,7 +21,6 @@
 namespace PmTest {
 namespace {
 
-using ProcMgr::Agent;
 using ProcMgr::Result;
 using std::chrono::milliseconds;
 

@@ -15,7 +15,6 @@ namespace {
 using ProcMgr::Agent;
 using ProcMgr::Result;
 using ProcMgr::ServiceState;
-using ProcMgr::Message::StartAppInfo;
 using Strings = std::vector<std::string>;
 
 using AgentRequests = AgentTest;
@@ -160,6 +159,26 @@ TEST_F(AgentRequests, HeartMessagesCountFromOneOnEachChannel) {
       EXPECT_TRUE(manager.Peer().AwaitClosed());
     }
   }
+}
+
+// A manager that is stopped, or never reads, costs a sender a bounded time and gets all that was
+// accepted.
+TEST_F(AgentRequests, AManagerThatDoesNotReadMakesSendersBusy) {
+  const auto agent = MakeAgent();
+  const FakeManager manager = Connect(*agent);
+  std::uint32_t sent = 0;
+  Result result = agent->SendHeartMsg();
+  for (; result == Result::kOk && sent < 100'000; result = agent->SendHeartMsg()) {
+    ++sent;
+  }
+  EXPECT_EQ(result, Result::kBusy);
+  EXPECT_EQ(agent->TermApps({"a"}), Result::kBusy);
+  for (std::uint32_t index = 1; index <= sent; ++index) {
+    ASSERT_EQ(manager.ReceiveBody(8).substr(0, 4), Word(index));
+  }
+  // What found no room has not been counted.
+  ASSERT_EQ(agent->SendHeartMsg(), Result::kOk);
+  EXPECT_EQ(manager.ReceiveBody(8).substr(0, 4), Word(sent + 1));
 }
 
 }  // namespace
