@@ -26,7 +26,14 @@ std::unique_ptr<World> world;
 
 class WorldEnvironment : public testing::Environment {
  public:
-  void SetUp() override { world = std::make_unique<World>(); }
+  void SetUp() override {
+    world = std::make_unique<World>();
+    // The library starts at its first use, with descriptors of its own: tests that count them must
+    // find it started, also when they run alone.
+    ProcMgr::NexioOpenParam nobody;
+    nobody.peerName = "nobody";
+    ASSERT_EQ(ProcMgr::NexioOpen(nobody), ProcMgr::kNexioTimeout);
+  }
   void TearDown() override { world.reset(); }
 };
 
