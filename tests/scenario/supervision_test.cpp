@@ -42,6 +42,7 @@ TEST_F(Supervision, KilledServiceReturnsAndKnowsIt) {
          {{"restart", "on-failure"}}}});
   const ServiceReport first = AwaitReport(sandbox_, report);
   ASSERT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=1").has_value());
+  ASSERT_TRUE(log_.WaitFor("PROCMGR : STARTING to RUNNING appName=steady").has_value());
   EXPECT_EQ(first.Get("env.IS_RESTART"), "0");
   const std::vector<std::string> expected = {
       "6 PROCMGR : SetExitStatus steady, pid=#",
