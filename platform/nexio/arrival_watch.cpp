@@ -8,7 +8,10 @@
 #include <array>
 #include <chrono>
 #include <cstring>
+#include <utility>
 
+#include "core/mutex.h"
+#include "platform/immortal.h"
 #include "platform/nexio/address.h"
 
 namespace ProcMgr::Nexio {
@@ -21,10 +24,47 @@ constexpr auto kTick = std::chrono::milliseconds(5);
 constexpr std::uint32_t kSocketEvents = IN_CREATE | IN_MOVED_TO | IN_ATTRIB | IN_MOVE_SELF;
 constexpr std::uint32_t kParentEvents = IN_CREATE | IN_MOVED_TO;
 
+// The process keeps the inotify instance of the last wait for the next one. Closing an instance
+// waits for a grace period of the kernel, more than 10 ms, which the one who waited for a peer
+// would pay just when it has come.
+class Spare {
+ public:
+  UniqueFd Take() EXCLUDES(mutex_) {
+    {
+      const MutexLock lock(mutex_);
+      if (fd_.IsOpen()) {
+        return std::move(fd_);
+      }
+    }
+    return UniqueFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  }
+  // `fd` has no watches and no events left.
+  void Keep(UniqueFd fd) EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
+    if (!fd_.IsOpen()) {
+      fd_ = std::move(fd);
+    }
+  }
+
+ private:
+  Mutex mutex_;
+  UniqueFd fd_ GUARDED_BY(mutex_);
+};
+
 }  // namespace
 
 ArrivalWatch::ArrivalWatch(int cancelFd)
-    : cancelFd_(cancelFd), inotify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {}
+    : cancelFd_(cancelFd), inotify_(Immortal<Spare>().Take()) {}
+
+ArrivalWatch::~ArrivalWatch() {
+  for (const int watch : {directoryWatch_, parentWatch_}) {
+    if (watch >= 0) {
+      (void)inotify_rm_watch(inotify_.Get(), watch);
+    }
+  }
+  Drain();
+  Immortal<Spare>().Keep(std::move(inotify_));
+}
 
 void ArrivalWatch::Refresh() {
   if (!inotify_.IsOpen() || directoryWatch_ >= 0) {

@@ -13,6 +13,9 @@ class ArrivalWatch {
  public:
   // Every wait also ends when `cancelFd` (-1 for none, borrowed) becomes readable.
   explicit ArrivalWatch(int cancelFd = -1);
+  ~ArrivalWatch();
+  ArrivalWatch(const ArrivalWatch&) = delete;
+  ArrivalWatch& operator=(const ArrivalWatch&) = delete;
 
   // Puts the watch where it belongs: on the socket directory, or on its parent until that is there.
   void Refresh();
