@@ -21,6 +21,10 @@ namespace {
 // programs of the same user, which displace the channel but must not lock the manager out.
 constexpr std::uint32_t kMaxClients = 64;
 
+// A child of the manager inherits its PROC_NAME. A service that served it would take the place of
+// the manager's own server, and the manager would wait for the service's name in vain.
+constexpr const char* kManagerName = "PROCMGR";
+
 NexioRequest RequestOf(const Message::RequestMsg& frame) {
   NexioRequest request;
   request.data = &frame;
@@ -63,6 +67,14 @@ ManagerLink::ManagerLink(Agent::Callbacks callbacks)
     : callbacks_(std::move(callbacks)), ownUser_(geteuid()) {}
 
 Result ManagerLink::Serve(const std::string& name) {
+  if (name.find('\0') != std::string::npos) {
+    // The library would see the part in front of it, the beats would carry the whole.
+    return Result::kInvalidName;
+  }
+  if (name == kManagerName) {
+    LogError("ProcMgrAgent : PROC_NAME is the manager's; set the service's in its envArgv");
+    return Result::kInvalidName;
+  }
   NexioServerParam param;
   param.serverName = name.c_str();
   param.maxClients = kMaxClients;
@@ -72,10 +84,6 @@ Result ManagerLink::Serve(const std::string& name) {
   param.requestCallback = [self = shared_from_this()](int fd, const NexioRequest* request) {
     self->OnRequest(fd, request);
   };
-  if (name.find('\0') != std::string::npos) {
-    // The library would see the part in front of it, the beats would carry the whole.
-    return Result::kInvalidName;
-  }
   const int server = NexioCreateFilteredServer(param, [user = ownUser_](const NexioPeer& peer) {
     return peer.uid == 0 || peer.uid == user;
   });

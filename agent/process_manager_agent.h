@@ -50,7 +50,7 @@ namespace ProcMgr {
 
 enum class Result {
   kOk,
-  kInvalidName,      // Not a name of 1 to 64 bytes of A-Z a-z 0-9 . _ - without a leading dot.
+  kInvalidName,      // Not 1 to 64 bytes of A-Z a-z 0-9 . _ - without a leading dot, or "PROCMGR".
   kNameTaken,        // Another process serves the name.
   kInvalidArgument,  // An empty list or name, a '#' or a zero byte in a text, an unknown key.
   kTooLarge,         // A record that doesn't fit a frame; nothing of the list has been sent.
@@ -108,7 +108,9 @@ class Agent {
   };
 
   struct Options {
-    std::string name;  // Empty: the PROC_NAME of the environment, which the manager sets.
+    // The service's appName. Empty: the PROC_NAME of the environment, which the envArgv of the
+    // service file has to set. Without that it is "PROCMGR", the manager's own: kInvalidName.
+    std::string name;
     Callbacks callbacks;
   };
 

@@ -7,7 +7,8 @@ const char* ToText(Result result) noexcept {
     case Result::kOk:
       return "success";
     case Result::kInvalidName:
-      return "not a name that can be served (1 to 64 of A-Z a-z 0-9 . _ -, no leading dot)";
+      return "not a service's name (PROC_NAME in the service file's envArgv: 1 to 64 of A-Z a-z "
+             "0-9 . _ -)";
     case Result::kNameTaken:
       return "another process serves the name";
     case Result::kInvalidArgument:

@@ -235,10 +235,22 @@ TEST_F(AgentChannel, AStrangerDoesNotDisturbTheChannel) {
   EXPECT_EQ(manager.ReceiveBody(2), "1#a#");
 }
 
+TEST_F(AgentChannel, TheNameOfTheEnvironmentIsServed) {
+  for (const auto& [value, expected] :
+       {std::pair("from-env", Result::kOk), std::pair("PROCMGR", Result::kInvalidName)}) {
+    ASSERT_EQ(setenv("PROC_NAME", value, 1), 0);
+    std::unique_ptr<Agent> agent;
+    EXPECT_EQ(Agent::Create({}, agent), expected);
+    EXPECT_EQ(agent == nullptr ? "" : agent->Name(), expected == Result::kOk ? value : "");
+  }
+  ASSERT_EQ(unsetenv("PROC_NAME"), 0);
+}
+
 TEST_F(AgentChannel, NamesThatCannotBeServed) {
   const auto first = MakeAgent({}, "taken");
   const std::pair<std::string, Result> cases[] = {{"taken", Result::kNameTaken},
                                                   {"", Result::kInvalidName},
+                                                  {"PROCMGR", Result::kInvalidName},
                                                   {"a/b", Result::kInvalidName},
                                                   {".a", Result::kInvalidName},
                                                   {"a#b", Result::kInvalidName},

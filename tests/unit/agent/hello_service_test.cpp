@@ -45,7 +45,8 @@ TEST(HelloService, SaysWhyItCannotStart) {
   const std::optional<int> status = service.WaitExit();
   ASSERT_TRUE(status.has_value());
   EXPECT_EQ(WEXITSTATUS(*status), 1);
-  EXPECT_NE(service.Output().find("hello_service: create the agent: not a name"), std::string::npos)
+  EXPECT_NE(service.Output().find("hello_service: create the agent: not a service's name"),
+            std::string::npos)
       << service.Output();
 }
 

@@ -35,7 +35,7 @@ export PKG_CONFIG_PATH=$(dirname "$pc")
 for program in "$work/build/service" "$work/by_pkg_config"; do
   status=0
   output=$(env -u PROC_NAME "$program" 2>&1) || status=$?
-  if [ "$status" != 1 ] || [[ $output != *"create the agent: not a name that can be served"* ]]; then
+  if [ "$status" != 1 ] || [[ $output != *"create the agent: not a service's name"* ]]; then
     echo "$program ended with $status and said: $output" >&2
     exit 1
   fi
