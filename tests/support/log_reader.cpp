@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <array>
-#include <regex>
 #include <sstream>
 
 #include "core/text.h"
@@ -53,6 +52,51 @@ void TakeIdent(std::string_view& rest, LogLine& line) {
   rest.remove_prefix(end + 2);
 }
 
+std::size_t DigitCount(std::string_view text) {
+  return std::min(text.find_first_not_of("0123456789"), text.size());
+}
+
+// The length of a boot trace "[SECONDSs][BOOT_TRACE][PM]" at the start of a text, 0 for none.
+std::size_t TraceLength(std::string_view text) {
+  constexpr std::string_view kEnd = "s][BOOT_TRACE][PM]";
+  if (!text.starts_with('[')) {
+    return 0;
+  }
+  const std::size_t seconds = 1 + DigitCount(text.substr(1));
+  if (text.substr(seconds, 1) != ".") {
+    return 0;
+  }
+  const std::size_t end = seconds + 1 + DigitCount(text.substr(seconds + 1));
+  return text.substr(end).starts_with(kEnd) ? end + kEnd.size() : 0;
+}
+
+// True at "pid=", "pid:", "tid=" and "tid:" with a number behind.
+bool IsIdKey(std::string_view text) {
+  return text.size() > 4 && (text.starts_with("pid") || text.starts_with("tid")) &&
+         (text[3] == '=' || text[3] == ':') && DigitCount(text.substr(text[4] == '-' ? 5 : 4)) > 0;
+}
+
+// The prefix "<LEVEL> PROCMGR[PID] " of a kernel log line at the start of a text: sets level and
+// pid and yields its length, or 0 for none.
+std::size_t KernelPrefix(std::string_view text, LogLine& line) {
+  constexpr std::string_view kName = "> PROCMGR[";
+  const std::size_t pid = 2 + kName.size();
+  const std::size_t end = text.find("] ", pid);
+  if (!text.starts_with('<') || text.substr(2, kName.size()) != kName ||
+      end == std::string_view::npos) {
+    return 0;
+  }
+  const auto level = ProcMgr::ParseNumber<int>(text.substr(1, 1));
+  const auto number = ProcMgr::ParseNumber<pid_t>(text.substr(pid, end - pid));
+  if (!level.has_value() || !number.has_value()) {
+    return 0;
+  }
+  line.level = *level;
+  line.ident = "PROCMGR";
+  line.pid = *number;
+  return end + 2;
+}
+
 }  // namespace
 
 LogLine ParseSyslog(std::string_view datagram) {
@@ -76,9 +120,22 @@ LogLine ParseSyslog(std::string_view datagram) {
 }
 
 std::string Mask(const std::string& text) {
-  static const std::regex trace(R"(\[[0-9]+\.[0-9]{6}s\]\[BOOT_TRACE\]\[PM\])");
-  static const std::regex id(R"((pid|tid)([=:])-?[0-9]+)");
-  return std::regex_replace(std::regex_replace(text, trace, "[TRACE]"), id, "$1$2#");
+  std::string masked;
+  for (std::size_t at = 0; at < text.size();) {
+    const std::string_view rest = std::string_view(text).substr(at);
+    if (const std::size_t trace = TraceLength(rest); trace > 0) {
+      masked += "[TRACE]";
+      at += trace;
+    } else if (IsIdKey(rest)) {
+      masked.append(rest.substr(0, 4)).append("#");
+      at += 4;
+      at += text.compare(at, 1, "-") == 0 ? 1 : 0;
+      at += DigitCount(std::string_view(text).substr(at));
+    } else {
+      masked += text[at++];
+    }
+  }
+  return masked;
 }
 
 std::string MaskLine(const LogLine& line) {
@@ -204,25 +261,20 @@ std::string LogReader::Text() const {
 }
 
 std::vector<LogLine> KernelLog(const Sandbox& sandbox) {
-  static const std::regex prefix(R"(<([0-7])> PROCMGR\[(-?[0-9]+)\] )");
   const std::string text = sandbox.ReadFile("/dev/kmsg");
   std::vector<LogLine> lines;
-  std::size_t begin = 0;
-  for (auto it = std::sregex_iterator(text.begin(), text.end(), prefix);
-       it != std::sregex_iterator(); ++it) {
-    const auto at = static_cast<std::size_t>(it->position());
-    if (!lines.empty()) {
-      lines.back().text = text.substr(begin, at - begin);
-    }
-    begin = at + static_cast<std::size_t>(it->length());
+  for (std::size_t at = 0; at < text.size();) {
     LogLine line;
-    line.level = std::stoi((*it)[1]);
-    line.ident = "PROCMGR";
-    line.pid = std::stoi((*it)[2]);
-    lines.push_back(line);
-  }
-  if (!lines.empty()) {
-    lines.back().text = text.substr(begin);
+    if (const std::size_t prefix = KernelPrefix(std::string_view(text).substr(at), line);
+        prefix > 0) {
+      lines.push_back(line);
+      at += prefix;
+    } else {
+      if (lines.empty()) {
+        lines.emplace_back();  // Not the manager's; kept, so that a test can see it.
+      }
+      lines.back().text += text[at++];
+    }
   }
   return lines;
 }

@@ -42,6 +42,7 @@ TEST(ParseSyslog, TakesPriorityIdentPidAndText) {
 TEST(Mask, HidesPidsAndTracesOnly) {
   EXPECT_EQ(Mask("[12.500000s][BOOT_TRACE][PM], pid=12,child_pid=3, tid:-4 uid=5 fd=6"),
             "[TRACE], pid=#,child_pid=#, tid:# uid=5 fd=6");
+  EXPECT_EQ(Mask("[1.5s][OTHER] pid= pid=x [ [1 tid"), "[1.5s][OTHER] pid= pid=x [ [1 tid");
 }
 
 TEST(LogReader, LosesNothingOfManySendersAndKeepsTheOrderOfEach) {

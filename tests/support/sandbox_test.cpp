@@ -21,6 +21,17 @@ namespace {
 
 constexpr const char* kService = "/opt/test/test-service";
 
+// Holds on to a cgroup, so that one can see whether it has been removed, wherever it is mounted.
+class OpenGroup {
+ public:
+  explicit OpenGroup(const std::string& path)
+      : fd_(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+  [[nodiscard]] bool Exists() const { return faccessat(fd_.Get(), "tasks", F_OK, 0) == 0; }
+
+ private:
+  ProcMgr::UniqueFd fd_;
+};
+
 void InstallTestService(const Sandbox& sandbox) {
   sandbox.InstallProgram(ProgramPath("test-service"), kService);
 }
@@ -65,7 +76,6 @@ TEST(Sandbox, GroupsStandAtTheFixedRootsAndVanishAtTheEnd) {
   auto sandbox = std::make_unique<Sandbox>();
   ASSERT_EQ(sandbox->CgroupProblem(), "");
   sandbox->MakePlatformGroups("0", "0");
-  std::string group;
   {
     const Sandbox::Inside inside(*sandbox);
     for (const char* tasks :
@@ -77,11 +87,11 @@ TEST(Sandbox, GroupsStandAtTheFixedRootsAndVanishAtTheEnd) {
   InstallTestService(*sandbox);
   Process process(*sandbox, kService, {"--report", "/run/sandbox/report"}, {});
   const ServiceReport report = AwaitReport(*sandbox, "/run/sandbox/report");
-  group = "/sys/fs/cgroup/cpu" + report.Get("cgroup.cpu");
-  EXPECT_TRUE(std::filesystem::exists(group)) << group;
   EXPECT_NE(report.Get("cgroup.cpu"), "/");
+  const OpenGroup group(sandbox->Outside("/sys/fs/cgroup/cpu"));
+  EXPECT_TRUE(group.Exists());
   sandbox.reset();
-  EXPECT_FALSE(std::filesystem::exists(group)) << group;
+  EXPECT_FALSE(group.Exists());
 }
 
 TEST(Sandbox, ProgramsStartWithNothingButWhatTheyAreGiven) {
@@ -130,27 +140,30 @@ TEST(Sandbox, NextOneRemovesWhatAKilledOwnerLeft) {
     Process shell(abandoned, "/bin/sh",
                   {"-c", std::string(kService) + " --report /run/sandbox/report &"}, {});
     const ServiceReport report = AwaitReport(abandoned, "/run/sandbox/report");
-    const std::string line = report.Get("pid") + " " + report.Get("cgroup.cpu");
+    const std::string line = report.Get("pid");
     (void)!write(ends[1], line.data(), line.size());
-    (void)raise(SIGKILL);
+    for (;;) {
+      pause();
+    }
   }
   close(ends[1]);
   std::array<char, 512> buffer{};
   ASSERT_GT(read(ends[0], buffer.data(), buffer.size() - 1), 0);
   close(ends[0]);
-  ASSERT_EQ(waitpid(owner, nullptr, 0), owner);
-  const std::string line = buffer.data();
-  const pid_t left = std::stoi(line);
-  const std::string group = "/sys/fs/cgroup/cpu" + line.substr(line.find(' ') + 1);
+  const pid_t left = std::stoi(buffer.data());
+  // As long as the owner lives nobody may touch what is its own.
+  const OpenGroup group("/proc/" + std::to_string(left) + "/root/sys/fs/cgroup/cpu");
   EXPECT_NE(ReadStat(left).pid, 0);
-  EXPECT_TRUE(std::filesystem::exists(group));
+  EXPECT_TRUE(group.Exists());
+  ASSERT_EQ(kill(owner, SIGKILL), 0);
+  ASSERT_EQ(waitpid(owner, nullptr, 0), owner);
   const Sandbox next;
   // Whoever adopted the orphan may take a moment to reap it.
   EXPECT_TRUE(Eventually([&] {
     const ProcessStat stat = ReadStat(left);
     return stat.pid == 0 || stat.state == 'Z';
   }));
-  EXPECT_FALSE(std::filesystem::exists(group)) << group;
+  EXPECT_FALSE(group.Exists());
 }
 
 }  // namespace
