@@ -1,14 +1,17 @@
 // Processes that the manager didn't start and that announced themselves.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "core/app_lists.h"
 #include "core/log.h"
+#include "core/printable.h"
 #include "core/process_manager.h"
 #include "host/core_affinity_mgr.h"
 #include "host/sharepool_cfg.h"
 #include "message/upload_service.h"
+#include "platform/nexio/nexio_peer.h"
 
 namespace ProcMgr {
 namespace {
@@ -19,6 +22,21 @@ constexpr const char* kReadWrite = "rw";
 bool IsAlive(pid_t pid) {
   const std::string path = "/proc/" + std::to_string(pid);
   return access(path.c_str(), F_OK) == 0;
+}
+
+// Whoever connects may name any process; only root, and the user to whom that process belongs, is
+// believed. A process that isn't there belongs to nobody.
+bool IsBelievable(const PmUpload::LoadAppInfo& info, int fd) {
+  NexioPeer peer;
+  struct stat process {};
+  const std::string path = "/proc/" + std::to_string(info.pid);
+  const bool isThere = info.pid > 0 && stat(path.c_str(), &process) == 0;
+  if (isThere && NexioGetPeer(fd, peer) == 0 && (peer.uid == 0 || peer.uid == process.st_uid)) {
+    return true;
+  }
+  LogError("PROCMGR : pmupload name=%s, pid=%d from uid=%u, pid=%d is not believed, fd=%d",
+           Printable(info.pidAppName).c_str(), info.pid, peer.uid, peer.pid, fd);
+  return false;
 }
 
 bool Holds(const std::vector<std::string>& list, const std::string& text) {
@@ -71,7 +89,7 @@ bool ProcessManager::OnPmUploadApp(const PmUpload::LoadAppInfo& info, int fd) {
   if (info.alreadyReported) {
     return true;  // The peer only fetches further group names.
   }
-  if (!AddPmUploadApp(info, fd)) {
+  if (!IsBelievable(info, fd) || !AddPmUploadApp(info, fd)) {
     return false;
   }
   const bool isReported =

@@ -1,0 +1,149 @@
+// Processes that the manager did not start, announced with pmupload.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <optional>
+
+#include "message/request_msg.h"
+#include "tests/support/raw_peer.h"
+#include "tests/support/scenario_test.h"
+
+namespace PmTest {
+namespace {
+
+using ::testing::HasSubstr;
+
+constexpr const char* kTool = "/opt/test/pmupload";
+constexpr uid_t kUser = 7000;
+
+// The frame in which a base service says that it is ready.
+RawPacket Ready() {
+  ProcMgr::Message::RequestMsg frame;
+  frame.type = ProcMgr::Message::RequestType::BASESERVICE_STATE_REPORT;
+  constexpr std::string_view kBody = "1#2#";
+  frame.size = kBody.copy(frame.data, sizeof(frame.data));
+  return MakePacket(kRequest, 1, std::string(reinterpret_cast<const char*>(&frame), sizeof(frame)));
+}
+
+class Upload : public ScenarioTest {
+ protected:
+  void SetUp() override {
+    ScenarioTest::SetUp();
+    sandbox_.InstallProgram(ProgramPath("pmupload"), kTool);
+    sandbox_.AddUser("guest", kUser, kUser, "/home/guest");
+    sandbox_.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml",
+                       "watch_dog: {enable: false}\npmupload: {enable: true}\n");
+    std::string groups = "sharepool_groups:\n";
+    for (int i = 1; i < kGroups; ++i) {
+      groups += "  - group_" + std::to_string(i) + ": {mem_size: 4}\n";
+    }
+    sandbox_.WriteFile("/etc/sharepool/groups.yaml", groups);
+    server_.emplace(sandbox_, "iammgr", 0);
+    Boot({{"iammgr", kService, {}, {{"isReporting", "true"}}}});
+    access_ = server_->AcceptGreeted();
+    ASSERT_TRUE(access_.has_value());
+    ASSERT_TRUE(access_->Send(Ready()));
+    AwaitBooted();
+  }
+
+  // Runs the tool to its end; `prefix` is what it is started through.
+  int RunTool(std::vector<std::string> arguments, std::string& output,
+              std::vector<std::string> prefix = {}) {
+    prefix.emplace_back(kTool);
+    prefix.insert(prefix.end(), arguments.begin(), arguments.end());
+    const std::string program = prefix.front();
+    Process tool(sandbox_, program, {prefix.begin() + 1, prefix.end()},
+                 {{}, "tool" + std::to_string(++runs_)});
+    const std::optional<int> status = tool.WaitExit();
+    output = tool.Output();
+    return status.has_value() && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
+  }
+
+  // The body of the next report to "iammgr".
+  std::string NextReport() {
+    const auto packet = access_->Receive();
+    if (!packet.has_value() || packet->data.size() != sizeof(ProcMgr::Message::RequestMsg)) {
+      return "(none)";
+    }
+    ProcMgr::Message::RequestMsg frame;
+    std::memcpy(&frame, packet->data.data(), sizeof(frame));
+    return {frame.data, frame.size};
+  }
+
+  static constexpr int kGroups = 1024;
+  std::optional<RawServer> server_;
+  std::optional<RawPeer> access_;
+  int runs_ = 0;
+};
+
+TEST_F(Upload, ProcessIsAnnouncedWatchedAndMissed) {
+  Process guest(sandbox_, kService, {}, {{}, "guest"});
+  const std::string pid = "--pid=" + std::to_string(guest.Pid());
+  std::string output;
+  ASSERT_EQ(RunTool({"--procName=visitor", "--rwGroups=group_1,group_9", pid}, output), 0)
+      << output;
+  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), kGroups);
+  EXPECT_THAT(output, HasSubstr("group_1\n"));
+  EXPECT_THAT(output, HasSubstr("DEFAULT_MEM_GROUP\n"));
+  const std::string identity = "1#visitor#" + std::to_string(guest.Pid()) + "#0#";
+  EXPECT_EQ(NextReport(), identity + "0#0#");
+  EXPECT_TRUE(log_.WaitFor("AddSharepoolGroup: success, pid=" + std::to_string(guest.Pid()) +
+                           ", appName=visitor, groupName=group_9, permission=rw")
+                  .has_value());
+
+  Process other(sandbox_, kService, {}, {{}, "other"});
+  const std::string otherPid = "--pid=" + std::to_string(other.Pid());
+  EXPECT_EQ(RunTool({"--procName=visitor", otherPid}, output), 1);
+  EXPECT_EQ(RunTool({"--procName=iammgr", otherPid}, output), 1);
+  EXPECT_EQ(log_.Count("is duplicate with existing pmupload apps"), 1U);
+  EXPECT_EQ(log_.Count("is duplicate with already started apps by pm"), 1U);
+
+  guest.Signal(SIGKILL);
+  ASSERT_TRUE(guest.WaitExit().has_value());
+  EXPECT_EQ(NextReport(), identity + "3#0#");
+}
+
+TEST_F(Upload, ToolBecomesItsCommand) {
+  std::string output;
+  EXPECT_EQ(RunTool({"--procName=worker", "--", "/bin/sh", "-c", "exit 42"}, output), 42) << output;
+  EXPECT_THAT(NextReport(), HasSubstr("1#worker#"));
+  EXPECT_EQ(RunTool({"--procName=lost", "--", "/nowhere/program"}, output), 2);
+  EXPECT_EQ(RunTool({"--procName=both", "--pid=1", "--", "/bin/true"}, output), 2);
+  EXPECT_EQ(RunTool({"--procName=none"}, output), 2);
+}
+
+// Root is believed of every process, everybody else of the own ones.
+TEST_F(Upload, StrangersProcessIsNotBelieved) {
+  const std::vector<std::string> asGuest = {"/usr/bin/setpriv", "--reuid=7000", "--regid=7000",
+                                            "--clear-groups"};
+  Process rootsOwn(sandbox_, kService, {}, {{}, "roots"});
+  std::string output;
+  const std::string pid = std::to_string(rootsOwn.Pid());
+  EXPECT_EQ(RunTool({"--procName=stolen", "--pid=" + pid}, output, asGuest), 1) << output;
+  EXPECT_EQ(log_.Count("PROCMGR : pmupload name=stolen, pid=" + pid + " from uid=7000"), 1U);
+  EXPECT_EQ(RunTool({"--procName=own", "--", "/bin/true"}, output, asGuest), 0) << output;
+}
+
+TEST_F(Upload, GarbageCostsALine) {
+  const std::optional<RawPeer> peer = ConnectRaw(sandbox_, "PROCMGR");
+  ASSERT_TRUE(peer.has_value());
+  ASSERT_TRUE(peer->Send(MakePacket(kHello, 0, "tool")));
+  ASSERT_TRUE(peer->Send(MakePacket(kRequest, 1, "short")));
+  EXPECT_TRUE(
+      log_.WaitFor("PmHandleRequest: req size=5 bytes, req msg size=3968 bytes").has_value());
+  const std::string text = "stolen#/bin/x#1#0#0#0#0#0#";
+  std::string frame(3968, '\0');
+  frame[0] = static_cast<char>(text.size());
+  frame.replace(8, text.size(), text);
+  ASSERT_TRUE(peer->Send(MakePacket(kRequest, 2, frame)));
+  const auto answer = peer->Receive();
+  ASSERT_TRUE(answer.has_value());
+  EXPECT_THAT(answer->data, ::testing::StartsWith("1#")) << "root speaks for every process";
+}
+
+}  // namespace
+}  // namespace PmTest
