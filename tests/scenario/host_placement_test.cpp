@@ -1,0 +1,213 @@
+// Where the manager and its children really are: groups, cores, limits, thread by thread.
+#include <sys/resource.h>
+
+#include <thread>
+
+#include "core/small_file.h"
+#include "tests/scenario/host_test.h"
+
+namespace PmTest {
+namespace {
+
+using ::testing::EndsWith;
+
+constexpr const char* kReport = "/run/sandbox/report";
+
+// The group of a thread in a hierarchy, from the root of the sandbox's groups or above.
+std::string GroupOf(pid_t pid, pid_t tid, const std::string& hierarchy) {
+  std::string text;
+  const std::string path =
+      "/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/cgroup";
+  EXPECT_EQ(ProcMgr::ReadSmallFile(path, ProcMgr::kConfigFileLimit, text), 0) << path;
+  const std::string label = ":" + hierarchy + ":";
+  const std::size_t at = text.find(label);
+  return at == std::string::npos
+             ? "none"
+             : text.substr(at + label.size(), text.find('\n', at) - at - label.size());
+}
+
+std::string CoresOf(pid_t pid, pid_t tid) {
+  // A thread's own number shows its status, too.
+  EXPECT_EQ(StatusField(tid, "Tgid"), std::to_string(pid));
+  return StatusField(tid, "Cpus_allowed_list");
+}
+
+// Leaves the groups to the test: many of these want others than the platform's, or none.
+class Placement : public HostTest {
+ protected:
+  void SetUp() override { sandbox_.InstallProgram(ProgramPath("test-service"), kService); }
+
+  static bool HasTwoCores() { return std::thread::hardware_concurrency() >= 2; }
+
+  void ExpectPlaced(pid_t pid, const std::string& resGroup, const std::string& cpuset,
+                    const std::string& cores) {
+    for (const pid_t tid : Threads(pid)) {
+      SCOPED_TRACE("thread " + std::to_string(tid) + " of " + std::to_string(pid));
+      EXPECT_THAT(GroupOf(pid, tid, "cpu"), EndsWith(resGroup));
+      EXPECT_THAT(GroupOf(pid, tid, "memory"), EndsWith(resGroup));
+      EXPECT_THAT(GroupOf(pid, tid, "cpuset"), EndsWith(cpuset));
+      EXPECT_EQ(CoresOf(pid, tid), cores);
+    }
+  }
+};
+
+TEST_F(Placement, EveryThreadOfTheManagerIsInThePlatformsGroups) {
+  sandbox_.MakePlatformGroups("0");
+  Boot({{"plain", kService, {}, {}}});
+  (void)AwaitBoot();
+  ASSERT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=").has_value());
+  EXPECT_GE(daemon_->ThreadCount(), 4U);
+  ExpectPlaced(daemon_->Pid(), "/OTHER", "/CtrlCPU", "0");
+  EXPECT_EQ(log_.Count("Add pm tids to cgroup tasks failed"), 0U);
+}
+
+TEST_F(Placement, ChildrenStandWhereTheirManifestsSay) {
+  sandbox_.MakePlatformGroups("0");
+  sandbox_.MakeGroup("cpu", "cameras");
+  sandbox_.MakeGroup("memory", "cameras");
+  sandbox_.MakeCpuset("video", "0");
+  Boot({{"deep",
+         kService,
+         {"--threads", "3", "--report", kReport},
+         {{"resGroupName", "cameras"}, {"cpuset", "video"}, {"coreAffinity", "[0]"}}},
+        // Names that lead out of the hierarchy are passed over, and only they.
+        {"sly",
+         kService,
+         {"--report", "/run/sandbox/sly"},
+         {{"resGroupName", "cameras/../cameras"}, {"cpuset", "video"}}}});
+  const ServiceReport deep = AwaitReport(sandbox_, kReport);
+  ASSERT_EQ(Threads(deep.Pid()).size(), 4U);
+  ExpectPlaced(deep.Pid(), "/cameras", "/video", "0");
+  const ServiceReport sly = AwaitReport(sandbox_, "/run/sandbox/sly");
+  // What isn't placed stays where the manager was when it forked.
+  ExpectPlaced(sly.Pid(), "/OTHER", "/video", "0");
+  (void)AwaitBoot();
+  EXPECT_EQ(log_.Count("pm revice child process errinfo"), 0U);
+}
+
+TEST_F(Placement, MissingGroupsAreToldAndTheServiceRunsAllTheSame) {
+  sandbox_.MakePlatformGroups("0");
+  sandbox_.MakeGroup("cpu", "half");
+  const std::string root = "/sys/fs/cgroup/";
+  struct Case {
+    std::string name;
+    std::string resGroup;
+    std::string cpuset;
+    std::string text;
+    std::string cpuGroup;  // Where it is in the end.
+  };
+  const Case cases[] = {
+      {"cpu", "nowhere", "CtrlCPU",
+       "add cgroup failed, cpu cgroup path=" + root + "cpu/nowhere/tasks is not existed;",
+       "/OTHER"},
+      // Neither hierarchy is written if one of them lacks the group.
+      {"memory", "half", "CtrlCPU",
+       "add cgroup failed, mem cgroup path=" + root + "memory/half/tasks is not existed;",
+       "/OTHER"},
+      {"cpuset", "OTHER", "nowhere",
+       "add cgroup failed, cpuset cgroup path=" + root + "cpuset/nowhere/tasks is not existed;",
+       "/OTHER"},
+  };
+  std::vector<App> apps;
+  for (const Case& c : cases) {
+    apps.push_back({c.name,
+                    kService,
+                    {"--report", "/run/sandbox/" + c.name},
+                    {{"resGroupName", c.resGroup}, {"cpuset", c.cpuset}}});
+  }
+  Boot(apps);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const ServiceReport report = AwaitReport(sandbox_, "/run/sandbox/" + c.name);
+    EXPECT_TRUE(AwaitMessage("app=" + c.name + ",pid=" + report.Get("pid") + "," + c.text));
+    ExpectPlaced(report.Pid(), c.cpuGroup, "/CtrlCPU", "0");
+  }
+}
+
+TEST_F(Placement, WithoutAnyGroupTheBootGoesOnAndSaysSo) {
+  Boot({{"bound", kService, {}, {{"coreAffinity", "[0]"}}},
+        {"free", kService, {"--report", kReport}, {{"resGroupName", "OTHER"}}}});
+  const ServiceReport report = AwaitReport(sandbox_, kReport);
+  EXPECT_TRUE(AwaitMessage("app=free,pid=" + report.Get("pid") +
+                           ",add cgroup failed, cpu cgroup path=/sys/fs/cgroup/cpu/OTHER/tasks is "
+                           "not existed;default ctrl cpu is null;"));
+  const std::vector<std::string> lines = AwaitBoot();
+  EXPECT_GE(CountLines(lines,
+                       "4 Add pm tids to cgroup tasks failed, errinfo=add cgroup failed, cpu "
+                       "cgroup path=/sys/fs/cgroup/cpu/OTHER/tasks is not existed;, tid="),
+            4U);
+  // No core is a control core, so none can be asked for.
+  EXPECT_EQ(CountLines(lines, "3 CheckIsCtrlCpu app=bound, coreId=0 is not in CtrlCpu"), 1U);
+  EXPECT_EQ(CountLines(lines, "start baseApp=bound failed"), 1U);
+  EXPECT_EQ(report.Get("status.Cpus_allowed_list"),
+            StatusField(daemon_->Pid(), "Cpus_allowed_list"));
+}
+
+TEST_F(Placement, CoresOutsideTheControlSetAreRefused) {
+  sandbox_.MakePlatformGroups("0");
+  Boot({{"near", kService, {"--report", kReport}, {{"coreAffinity", "[0]"}}},
+        {"far", kService, {}, {{"coreAffinity", "[0, 1, 1023]"}}}});
+  const std::vector<std::string> lines = AwaitBoot();
+  EXPECT_EQ(CountLines(lines, "3 CheckIsCtrlCpu app=far, coreId=1 is not in CtrlCpu"), 1U);
+  EXPECT_EQ(CountLines(lines, "CheckIsCtrlCpu app="), 1U);
+  EXPECT_EQ(CountLines(lines, "Start far failed, state:INITSTATE"), 1U);
+  EXPECT_EQ(CountLines(lines, "start baseApp=far failed"), 1U);
+  EXPECT_EQ(CountLines(lines, "Start baseApp success appName=far,"), 0U);
+  EXPECT_EQ(AwaitReport(sandbox_, kReport).Get("status.Cpus_allowed_list"), "0");
+}
+
+TEST_F(Placement, AiCoreTakesTheServiceIntoTheAiSet) {
+  if (!HasTwoCores()) {
+    GTEST_SKIP() << "a machine with one core has none for a second set";
+  }
+  sandbox_.MakePlatformGroups("0-1", "1");
+  const auto app = [](const std::string& name, const std::string& cores) {
+    return App{name,
+               kService,
+               {"--threads", "1", "--report", "/run/sandbox/" + name},
+               {{"cpuset", "CtrlCPU"}, {"coreAffinity", cores}, {"resGroupName", "OTHER"}}};
+  };
+  Boot({app("ai", "[1]"), app("both", "[0, 1]"), app("ctrl", "[0]")});
+  const auto pidOf = [&](const std::string& name) {
+    return AwaitReport(sandbox_, "/run/sandbox/" + name).Pid();
+  };
+  ExpectPlaced(pidOf("ai"), "/OTHER", "/AICPU", "1");
+  // The kernel cuts the mask to the set, which the AI core has chosen.
+  ExpectPlaced(pidOf("both"), "/OTHER", "/AICPU", "1");
+  ExpectPlaced(pidOf("ctrl"), "/OTHER", "/CtrlCPU", "0");
+}
+
+TEST_F(Placement, WithoutACoreListAServiceRunsOnTheControlCores) {
+  if (!HasTwoCores()) {
+    GTEST_SKIP() << "a machine with one core has no other to stay away from";
+  }
+  sandbox_.MakePlatformGroups("1");
+  sandbox_.MakeCpuset("wide", "0-1");
+  Boot({{"wide", kService, {"--threads", "2", "--report", kReport}, {{"cpuset", "wide"}}}});
+  ExpectPlaced(AwaitReport(sandbox_, kReport).Pid(), "/OTHER", "/wide", "1");
+}
+
+TEST_F(Placement, HomeAndLockedMemoryReachEveryService) {
+  sandbox_.MakePlatformGroups("0");
+  sandbox_.WriteFile("/etc/vantor_common_env.conf", "# limits\nMAX_LOCKED_MEMORY_LIMIT=12288\n");
+  sandbox_.AddUser("pilot", 1000, 1000, "/home/pilot");
+  sandbox_.InstallProgram(ProgramPath("test-service"), "/opt/test/pilots", 0, 1000, 0750);
+  Boot({{"first", kService, {"--report", "/run/sandbox/first"}, {}},
+        {"second",
+         "/opt/test/pilots",
+         {"--report", "/run/sandbox/second"},
+         {{"uid", "pilot"}, {"gid", "pilot"}}}});
+  for (const std::string name : {"first", "second"}) {
+    SCOPED_TRACE(name);
+    const ServiceReport report = AwaitReport(sandbox_, "/run/sandbox/" + name);
+    EXPECT_EQ(report.Get("env.HOME"), "/home/pilot");
+    EXPECT_EQ(report.Get("limit.memlock"), "12288,12288");
+  }
+  rlimit own{};
+  ASSERT_EQ(prlimit(daemon_->Pid(), RLIMIT_MEMLOCK, nullptr, &own), 0);
+  EXPECT_EQ(own.rlim_cur, 12288U);
+  EXPECT_EQ(own.rlim_max, 12288U);
+}
+
+}  // namespace
+}  // namespace PmTest
