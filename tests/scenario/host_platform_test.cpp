@@ -1,0 +1,223 @@
+// What the platform is told: share pool groups and fault sensors.
+#include <csignal>
+#include <sstream>
+
+#include "message/serialization.h"
+#include "tests/scenario/host_test.h"
+#include "tests/support/raw_peer.h"
+
+namespace PmTest {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsSupersetOf;
+
+std::string ReportFile(const std::string& name) {
+  return "/run/sandbox/" + name;
+}
+
+App Reporter(const std::string& name) {
+  return {name, "/opt/test/test-service", {"--serve", name, "--report", ReportFile(name)}, {}};
+}
+
+// One that starts before the base services, with groups of its own.
+App PriorityReporter(const std::string& name, const std::string& groups) {
+  App app = Reporter(name);
+  app.keys = {{"startupPriority", "1"}, {"sharepoolGroups", groups}};
+  return app;
+}
+
+// A base service that owns the applications of the entry file.
+App Owner(const std::string& name, const std::string& entryFile) {
+  App app = Reporter(name);
+  app.keys = {{"startupEntryPath", entryFile}};
+  return app;
+}
+
+class SharePools : public HostTest {
+ protected:
+  // The group's record: "PID VALUE" for each process that the platform was told of.
+  std::vector<std::string> Members(const std::string& group) const {
+    std::vector<std::string> members;
+    std::istringstream lines(sandbox_.ReadFile("/run/plat/group/" + group));
+    for (std::string line; std::getline(lines, line);) {
+      members.push_back(line);
+    }
+    return members;
+  }
+};
+
+TEST_F(SharePools, MembersGetTheirGroupsAndOthersGetNone) {
+  sandbox_.WriteFile("/etc/sharepool/pools.yaml",
+                     "sharepool_groups:\n  - CAMERA: {mem_size: 64}\n  - RESULT: {mem_size: 8}\n"
+                     "  - IDLE: {mem_size: 1}\nadmin_pro_lists: [ventrix, other]\n");
+  // Of this application's list, two entries are wrong.
+  sandbox_.WriteFile(
+      "/run/sandbox/ventrix.yaml",
+      ServiceFile({PriorityReporter(
+          "navi",
+          "[{groupName: NOWHERE, permission: rw}, {groupName: CAMERA, permission: ro}, "
+          "{groupName: RESULT}, {groupName: IDLE, permission: sometimes}]")}));
+  // Another owner's applications take no part.
+  sandbox_.WriteFile(
+      "/run/sandbox/other.yaml",
+      ServiceFile({PriorityReporter("radio", "[{groupName: CAMERA, permission: ro}]")}));
+  // The list of a base service doesn't count.
+  App em = Reporter("EM");
+  em.keys = {{"sharepoolGroups", "[{groupName: CAMERA, permission: ro}]"}};
+  Boot({Owner("ventrix", "/run/sandbox/ventrix.yaml"), em,
+        Owner("other", "/run/sandbox/other.yaml")});
+  const std::vector<std::string> lines = AwaitBoot();
+
+  const auto report = [&](const char* name) { return AwaitReport(sandbox_, ReportFile(name)); };
+  const ServiceReport admin = report("ventrix");
+  EXPECT_EQ(admin.Get("env.SHAREGROUP_PRECONFIG"), "1");
+  EXPECT_EQ(admin.Get("env.SHAREPOOL_GROUP_NAME"), "CAMERA#RESULT#IDLE#DEFAULT_MEM_GROUP");
+  const ServiceReport plain = report("EM");
+  EXPECT_EQ(plain.Get("env.SHAREGROUP_PRECONFIG"), "1");
+  EXPECT_EQ(plain.Get("env.SHAREPOOL_GROUP_NAME"), "DEFAULT_MEM_GROUP");
+  const ServiceReport owned = report("navi");
+  EXPECT_EQ(owned.Get("env.SHAREGROUP_PRECONFIG"), "1");
+  EXPECT_EQ(owned.Get("env.SHAREPOOL_GROUP_NAME"), "CAMERA#RESULT");
+  for (const char* name : {"other", "radio"}) {
+    EXPECT_FALSE(report(name).Has("env.SHAREGROUP_PRECONFIG")) << name;
+    EXPECT_FALSE(report(name).Has("env.SHAREPOOL_GROUP_NAME")) << name;
+  }
+
+  const std::string adminPid = admin.Get("pid");
+  const std::string ownedPid = owned.Get("pid");
+  // In the order of the starts.
+  EXPECT_THAT(Members("CAMERA"), ElementsAre(ownedPid + " 2", adminPid + " 7"));
+  EXPECT_THAT(Members("RESULT"), ElementsAre(ownedPid + " 0", adminPid + " 7"));
+  EXPECT_THAT(Members("IDLE"), ElementsAre(adminPid + " 7"));
+  EXPECT_THAT(Members("DEFAULT_MEM_GROUP"),
+              ElementsAre(plain.Get("pid") + " 14", adminPid + " 15"));
+  EXPECT_FALSE(std::filesystem::exists(sandbox_.Outside("/run/plat/group/NOWHERE")));
+
+  EXPECT_TRUE(
+      AwaitMessage("CheckSharepoolGroupCfg faild groupName=NOWHERE is not legal;"
+                   "CheckSharepoolGroupCfg faild permission=sometimes is not legal;"));
+  EXPECT_THAT(
+      lines,
+      IsSupersetOf(std::vector<std::string>{
+          "4 AddSharepoolGroup CheckGroupCfg fail: pid=#, appName=navi, group=NOWHERE, "
+          "permission=rw, err=CheckSharepoolGroupCfg faild groupName=NOWHERE is not legal;",
+          "4 AddSharepoolGroup CheckGroupCfg fail: pid=#, appName=navi, group=IDLE, "
+          "permission=sometimes, err=CheckSharepoolGroupCfg faild permission=sometimes is not "
+          "legal;",
+          "6 AddSharepoolGroup: success, pid=#, appName=navi, groupName=RESULT, permission=",
+          "6 AddSharepoolGroup: success, pid=#, appName=ventrix, groupName=DEFAULT_MEM_GROUP, "
+          "permission=admin",
+          "6 sharepoolCfg app ventrix is admin"}));
+  EXPECT_EQ(CountLines(lines, "appName=other, groupName="), 0U);
+  EXPECT_EQ(CountLines(lines, "appName=radio, groupName="), 0U);
+}
+
+TEST_F(SharePools, DefaultGroupIsThereWithoutAnyFileAndForEveryStart) {
+  App em = Reporter("EM");
+  em.keys.emplace_back("restart", "on-forever");
+  Boot({em});
+  const ServiceReport first = AwaitReport(sandbox_, ReportFile("EM"));
+  EXPECT_EQ(first.Get("env.SHAREPOOL_GROUP_NAME"), "DEFAULT_MEM_GROUP");
+  ASSERT_TRUE(log_.WaitFor("PROCMGR : STARTING to RUNNING appName=EM").has_value());
+  ASSERT_EQ(kill(first.Pid(), SIGKILL), 0);
+  const ServiceReport second = AwaitReport(sandbox_, ReportFile("EM"), first.Pid());
+  EXPECT_EQ(second.Get("env.SHAREPOOL_GROUP_NAME"), "DEFAULT_MEM_GROUP");
+  // Nothing takes the record of the first away. The service may have come up before the manager has
+  // told the platform.
+  EXPECT_TRUE(Eventually([&] { return Members("DEFAULT_MEM_GROUP").size() == 2; }));
+  EXPECT_THAT(Members("DEFAULT_MEM_GROUP"),
+              ElementsAre(first.Get("pid") + " 14", second.Get("pid") + " 14"));
+}
+
+TEST_F(SharePools, ListOfWrongEntriesLeavesNoGroup) {
+  sandbox_.WriteFile(
+      "/run/sandbox/ventrix.yaml",
+      ServiceFile({PriorityReporter("navi", "[{groupName: A, permission: ro}, {groupName: B}]")}));
+  Boot({Owner("ventrix", "/run/sandbox/ventrix.yaml")});
+  const ServiceReport report = AwaitReport(sandbox_, ReportFile("navi"));
+  EXPECT_EQ(report.Get("env.SHAREGROUP_PRECONFIG"), "1");
+  EXPECT_EQ(report.Get("env.SHAREPOOL_GROUP_NAME"), "");
+  (void)AwaitBoot();
+  EXPECT_THAT(Members("DEFAULT_MEM_GROUP"),
+              ElementsAre(AwaitReport(sandbox_, ReportFile("ventrix")).Get("pid") + " 14"));
+}
+
+class FaultSensor : public HostTest {
+ protected:
+  static constexpr const char* kOn = "0";
+  static constexpr const char* kOff = "2";
+
+  // The state of a sensor; empty if nothing has been told about it.
+  std::string Sensor(const std::string& name) const {
+    return sandbox_.ReadFile("/run/plat/sensor/" + name);
+  }
+  bool AwaitSensor(const std::string& name, const std::string& value) const {
+    return Eventually([&] { return Sensor(name) == value; });
+  }
+
+  // The packet in which a base service says that it is ready.
+  static RawPacket ReadyReport() {
+    std::vector<ProcMgr::Serialization::PackedItem> packed;
+    ProcMgr::Serialization::PieceList frames;
+    EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackBaseServiceStateRequest({2}, packed));
+    EXPECT_TRUE(ProcMgr::Serialization::ProcMgrCombinePiecesMsg(
+        ProcMgr::Message::RequestType::BASESERVICE_STATE_REPORT, packed, frames));
+    const char* const bytes = reinterpret_cast<const char*>(frames.data());
+    return MakePacket(kRequest, 1, std::string(bytes, sizeof(ProcMgr::Message::RequestMsg)));
+  }
+};
+
+// The test plays the service's end of the channel, so that it decides when the report comes.
+TEST_F(FaultSensor, IsOnFromTheEndOfTheServiceToItsNextReport) {
+  const RawServer server(sandbox_, "iammgr", 0);
+  Boot({{"iammgr", kService, {}, {{"isReporting", "true"}, {"restart", "on-forever"}}}});
+  auto channel = server.AcceptGreeted();
+  ASSERT_TRUE(channel.has_value());
+  ASSERT_TRUE(log_.WaitFor("PROCMGR: waiting for baseApp=iammgr reported state").has_value());
+  EXPECT_EQ(Sensor("iammgr"), "");
+  ASSERT_TRUE(channel->Send(ReadyReport()));
+  ASSERT_TRUE(AwaitSensor("iammgr", kOff));
+  ASSERT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=").has_value());
+
+  const std::size_t before = log_.Lines().size();
+  ASSERT_EQ(kill(AwaitStarted("iammgr"), SIGKILL), 0);
+  ASSERT_TRUE(AwaitSensor("iammgr", kOn));
+  ASSERT_TRUE(channel->AwaitClosed());
+  channel = server.AcceptGreeted();
+  ASSERT_TRUE(channel.has_value());
+  ASSERT_TRUE(log_.WaitFor("state=STARTING restart success", before).has_value());
+  // That it runs again is not enough.
+  EXPECT_EQ(Sensor("iammgr"), kOn);
+  ASSERT_TRUE(channel->Send(ReadyReport()));
+  EXPECT_TRUE(AwaitSensor("iammgr", kOff));
+}
+
+TEST_F(FaultSensor, StaysOnWhenTheServiceIsGoneForGoodAndKnowsNoOtherName) {
+  const auto failing = [](const std::string& name, const char* nodeType) {
+    return App{name, kService, {"--exit-code", "3"}, {{"nodeType", nodeType}}};
+  };
+  Boot({failing("proc_launcher", "0"),
+        failing("iammgr", "7"),
+        failing("stranger", "0"),
+        {"missing", "/opt/test/missing", {}, {}}});
+  (void)AwaitBoot();
+  for (const std::string name : {"proc_launcher", "iammgr", "stranger"}) {
+    ASSERT_TRUE(
+        log_.WaitFor("PROCMGR : Process " + name + " removed from the list of executedBaseApp_")
+            .has_value());
+  }
+  EXPECT_EQ(Sensor("proc_launcher"), kOn);
+  EXPECT_EQ(Sensor("iammgr"), "");
+  EXPECT_EQ(Sensor("stranger"), "");
+  EXPECT_EQ(Sensor("missing"), "");
+}
+
+TEST_F(FaultSensor, ComesOnIfTheStartItselfFails) {
+  Boot({{"iammgr", "/opt/test/missing", {}, {}}});
+  (void)AwaitBoot();
+  EXPECT_EQ(Sensor("iammgr"), kOn);
+}
+
+}  // namespace
+}  // namespace PmTest
