@@ -10,47 +10,49 @@
 namespace ProcMgr::App {
 namespace {
 
-// setenv in a child of a process with threads: see the rules of app/child_main.h.
-bool SetEnv(const char* name, const std::string& value) {
-  return setenv(name, value.c_str(), 1) == 0;
+// Yields 0 or errno. About setenv in a child of a process with threads see app/child_main.h.
+[[nodiscard]] int SetEnv(const char* name, const std::string& value) {
+  return setenv(name, value.c_str(), 1) == 0 ? 0 : errno;
 }
 
-// To be called in the statement behind the one that failed.
-std::string ErrnoText() {
-  return "errno=" + std::to_string(errno) + ";";
+// Appends "TEXTerrno=NUMBER;" if there is an error.
+void Tell(int error, const std::string& text, std::string& err) {
+  if (error != 0) {
+    err += text + "errno=" + std::to_string(error) + ";";
+  }
 }
 
-bool SetEnvArgv(const std::map<std::string, std::string>& entries) {
+// Stops at the first failure and yields its errno.
+[[nodiscard]] int SetEnvArgv(const std::map<std::string, std::string>& entries) {
   for (const auto& [name, value] : entries) {
-    if (!SetEnv(name.c_str(), value)) {
-      return false;
+    if (const int error = SetEnv(name.c_str(), value); error != 0) {
+      return error;
     }
   }
-  return true;
+  return 0;
 }
 
 void SetPlaneEnv(const std::string& owner, std::string& err) {
-  if (!SetEnv("PROC_PLANE", owner == "ventrix" ? "PLANE_DATA" : "PLANE_MANAGE")) {
-    err += "SetPlaneEnv PROC_PLANE failed " + ErrnoText();
-  }
+  const int error = SetEnv("PROC_PLANE", owner == "ventrix" ? "PLANE_DATA" : "PLANE_MANAGE");
+  Tell(error, "SetPlaneEnv PROC_PLANE failed ", err);
 }
 
 void SetHomeEnvVariableOfSpecificUser(const std::string& home, std::string& err) {
-  if (!SetEnv("HOME", home)) {
-    err += "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=" + home + ", " + ErrnoText();
-  }
+  const int error = SetEnv("HOME", home);
+  Tell(error, "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=" + home + ", ", err);
 }
 
 void InitAccess(const AppInfo& app, std::string& err) {
+  errno = 0;
   if (IAMInitProc({app.appName_, app.execPath_}) < 0) {
-    err += "IAMInitProc failed, " + ErrnoText();
+    const int error = errno;
+    err += "IAMInitProc failed, errno=" + std::to_string(error) + ";";
   }
 }
 
 void SetHeartBeatSwitchEnv(bool isOn, std::string& err) {
-  if (isOn && !SetEnv("GRP_HB", "1")) {
-    err += "SetHeartBeatSwitchEnv  failed " + ErrnoText();
-  }
+  const int error = isOn ? SetEnv("GRP_HB", "1") : 0;
+  Tell(error, "SetHeartBeatSwitchEnv  failed ", err);
 }
 
 bool IsAsanPreload(const std::map<std::string, std::string>& entries) {
@@ -59,32 +61,27 @@ bool IsAsanPreload(const std::map<std::string, std::string>& entries) {
 }
 
 void SetAppAsanEnv(bool isAsan, std::string& err) {
-  if (isAsan && !SetEnv("LD_PRELOAD", "/lib64/libasan.so.4:libiam.so.1")) {
-    err += "SetAppAsanEnv preload failed " + ErrnoText();
-  }
+  const int error = isAsan ? SetEnv("LD_PRELOAD", "/lib64/libasan.so.4:libiam.so.1") : 0;
+  Tell(error, "SetAppAsanEnv preload failed ", err);
 }
 
 // A service that comes back after a crash may want to look at what it left behind.
 void SetRestartEnv(const BaseAppInfo& app, std::string& err) {
   const bool isRestart = app.reportState_ == ReportAppStateType::TERMINATED_ABNORMAL_EXIT;
-  if (!SetEnv("IS_RESTART", isRestart ? "1" : "0")) {
-    err += "Set restart env failed, " + ErrnoText();
-  }
+  Tell(SetEnv("IS_RESTART", isRestart ? "1" : "0"), "Set restart env failed, ", err);
 }
 
 void SetStartupEntryPathEnv(const BaseAppInfo& app, std::string& err) {
-  if (!app.startupEntryPath_.empty() && !SetEnv("STARTUP_ENTRY_PATH", app.startupEntryPath_)) {
-    err += "Set startup entry path env failed, " + ErrnoText();
-  }
+  const int error =
+      app.startupEntryPath_.empty() ? 0 : SetEnv("STARTUP_ENTRY_PATH", app.startupEntryPath_);
+  Tell(error, "Set startup entry path env failed, ", err);
 }
 
 }  // namespace
 
 void SetupBaseEnv(const BaseAppInfo& app, std::string& err) {
   SetShareGroupEnv(app.appName_, app.appName_, {}, err);
-  if (!SetEnvArgv(app.envArgv_)) {
-    err += "setenv failed, " + ErrnoText();
-  }
+  Tell(SetEnvArgv(app.envArgv_), "setenv failed, ", err);
   InitAccess(app, err);
   SetHomeEnvVariableOfSpecificUser(app.homeEnv_, err);
   SetAppAsanEnv(IsAsanPreload(app.envArgv_), err);
@@ -96,9 +93,11 @@ void SetupGeneralEnv(const GeneralAppInfo& app, std::string& err) {
   SetShareGroupEnv(app.appName_, app.ownerName_, app.sharepoolGroups_, err);
   SetPlaneEnv(app.ownerName_, err);
   SetHomeEnvVariableOfSpecificUser(app.homeEnv_, err);
-  if (!SetEnvArgv(app.envArgv_) || !SetEnv("OWNER_NAME", app.ownerName_)) {
-    err += "setenv failed, " + ErrnoText();
+  int error = SetEnvArgv(app.envArgv_);
+  if (error == 0) {
+    error = SetEnv("OWNER_NAME", app.ownerName_);
   }
+  Tell(error, "setenv failed, ", err);
   InitAccess(app, err);
   SetHeartBeatSwitchEnv(app.heartBeatSwitch_, err);
   SetAppAsanEnv(IsAsanPreload(app.envArgv_), err);
