@@ -3,6 +3,7 @@
 
 #include <optional>
 
+#include "core/small_file.h"
 #include "core/text.h"
 #include "tests/scenario/host_test.h"
 
@@ -119,6 +120,32 @@ TEST_F(Configuration, OwnSettings) {
             "4 LoadDelayCoreCfg check_interval=4294967296 is no number from 0 to 4294967295, use 0",
             "6 PROCMGR: LoadDelayCoreCfg finish checkNum=0, isWakeUpEnable=0, checkInterval=0"}},
       });
+}
+
+TEST_F(Configuration, ProcessesReportThemselvesOnlyIfTheSettingsSaySo) {
+  struct Case {
+    Content content;
+    bool isServed;
+  };
+  const Case cases[] = {
+      {kMissing, false},
+      {Text("watch_dog: {}\n"), false},
+      {Text("watch_dog: {}\npmupload: {}\n"), true},
+      {Text("watch_dog: {}\npmupload: {enable: true}\n"), true},
+      {Text("watch_dog: {}\npmupload: {enable: false}\n"), false},
+      {Text("pmupload: {enable: true}\n"), false},
+  };
+  const std::string socket = "/run/nexio/PROCMGR.sock";
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.content.text);
+    Put(kOwn, c.content);
+    daemon_.reset();
+    Remove(socket);
+    const std::size_t before = log_.Lines().size();
+    Boot({{"plain", kService, {}, {}}});
+    (void)AwaitBoot(before);
+    EXPECT_EQ(std::filesystem::exists(sandbox_.Outside(socket)), c.isServed);
+  }
 }
 
 TEST_F(Configuration, Digests) {
@@ -275,6 +302,52 @@ TEST_F(LockedMemory, FollowsTheFile) {
             Outcome(4096)}},
           {"too large", Text(key + "99999999999999999999999"), {unlimited}},
       });
+}
+
+// What the samples promise their readers.
+TEST_F(LockedMemory, SamplesMeanWhatTheyShow) {
+  const auto install = [&](const std::string& sample, const std::string& path) {
+    std::string text;
+    ASSERT_EQ(ProcMgr::ReadSmallFile(std::string(PM_SAMPLES_DIR) + "/" + sample,
+                                     ProcMgr::kConfigFileLimit, text),
+              0)
+        << sample;
+    Put(path, Text(text));
+  };
+  install("procmgr_cfg.yaml", kOwn);
+  install("bin_hash.cfg", kHashes);
+  install("sharepool/pools.yaml", kPools);
+  install("common_env.conf", kLimits);
+  install("kernel-cmdline.txt", "/run/sandbox/cmdline");
+  sandbox_.SetKernelCommandLine(sandbox_.ReadFile("/run/sandbox/cmdline"));
+  const std::string chosen = std::string(kConfigDir) + "startup_small.yaml";
+  sandbox_.InstallProgram(ProgramPath("test-service"), "/opt/test/recorder");
+  sandbox_.WriteFile(chosen, ServiceFile({{"plain", kService, {}, {}},
+                                          {"recorder", "/opt/test/recorder", {}, {}}}));
+  Boot({{"never", kService, {}, {}}});
+  const std::vector<std::string> lines = AwaitBoot();
+  EXPECT_THAT(
+      lines,
+      IsSupersetOf(std::vector<std::string>{
+          "6 PROCMGR: LoadWatchDogCfg finish enable=1, wdTimeout=60 s, wdAction=2",
+          "6 PROCMGR: LoadPmUploadCfg finish enable=1",
+          "6 PROCMGR: LoadDelayCoreCfg finish checkNum=10, isWakeUpEnable=1, checkInterval=200",
+          "6 LoadSharepoolGroupCfg groupName=CAMERA_POOL, memSize=65536 KB",
+          "6 LoadSharepoolGroupCfg groupName=RESULT_POOL, memSize=8192 KB",
+          "6 sharepoolCfg app pool_admin is admin",
+          "6 sharepoolCfg app=/opt/platform/bin/pool_monitor is in while lists",
+          Outcome(67108864),
+          "6 ProcMgr: cmdline disableWatchDog_=1",
+          "6 ProcMgr: cmdline qelcoreEnable=1",
+          "6 ProcMgr: emService.yaml need enable",
+          "6 ProcMgr: update pm startup yaml from cmdline, new path: " + chosen,
+          // The digest of the sample is of another file.
+          "3 PROCMGR : IntegrityProtect app=/opt/test/recorder or sha256sum has been modified",
+      }));
+  EXPECT_EQ(CountLines(lines, "hash config"), 0U);
+  EXPECT_EQ(CountLines(lines, "is null !"), 0U);
+  EXPECT_EQ(CountLines(lines, "Start baseApp success appName=plain,"), 1U);
+  EXPECT_EQ(CountLines(lines, "Start baseApp success appName="), 1U);
 }
 
 // Nothing that can be configured is there or makes sense; a service finds the defaults.

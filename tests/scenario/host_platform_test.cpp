@@ -1,10 +1,14 @@
 // What the platform is told: share pool groups and fault sensors.
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <sstream>
 
 #include "message/serialization.h"
 #include "tests/scenario/host_test.h"
 #include "tests/support/raw_peer.h"
+#include "tests/support/socket_path.h"
 
 namespace PmTest {
 namespace {
@@ -170,6 +174,9 @@ class FaultSensor : public HostTest {
 
 // The test plays the service's end of the channel, so that it decides when the report comes.
 TEST_F(FaultSensor, IsOnFromTheEndOfTheServiceToItsNextReport) {
+  // A place that can't be bound keeps the heartbeats out, which move the sensor at a time of their
+  // own.
+  std::filesystem::create_directories(sandbox_.Outside("/run/heartbeat.sock"));
   const RawServer server(sandbox_, "iammgr", 0);
   Boot({{"iammgr", kService, {}, {{"isReporting", "true"}, {"restart", "on-forever"}}}});
   auto channel = server.AcceptGreeted();
@@ -191,6 +198,35 @@ TEST_F(FaultSensor, IsOnFromTheEndOfTheServiceToItsNextReport) {
   EXPECT_EQ(Sensor("iammgr"), kOn);
   ASSERT_TRUE(channel->Send(ReadyReport()));
   EXPECT_TRUE(AwaitSensor("iammgr", kOff));
+}
+
+TEST_F(FaultSensor, SilenceOfTheHeartPutsItOnAndABeatOff) {
+  const RawServer server(sandbox_, "iammgr", 0);
+  Boot({{"iammgr", kService, {}, {{"isReporting", "true"}}}});
+  const auto channel = server.AcceptGreeted();
+  ASSERT_TRUE(channel.has_value());
+  ASSERT_TRUE(log_.WaitFor("PROCMGR: waiting for baseApp=iammgr reported state").has_value());
+  ASSERT_TRUE(channel->Send(ReadyReport()));
+  (void)AwaitBoot();
+  const pid_t pid = AwaitStarted("iammgr");
+  const auto lost = log_.WaitFor("Process heart beat notify. (app=iammgr,pid=0,status=lost)");
+  ASSERT_TRUE(lost.has_value());
+  EXPECT_TRUE(AwaitSensor("iammgr", kOn));
+  // The manager tells the platform and leaves the process alone.
+  EXPECT_EQ(daemon_->Services(), std::vector<pid_t>{pid});
+
+  const ProcMgr::UniqueFd heart(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const SocketPath address(sandbox_.Outside("/run/heartbeat.sock"));
+  const std::string beat = "iammgr";
+  // Again and again: one beat alone would soon be followed by the next silence.
+  EXPECT_TRUE(Eventually([&] {
+    (void)sendto(heart.Get(), beat.data(), beat.size(), 0, address.Get(), address.Size());
+    return Sensor("iammgr") == kOff;
+  }));
+  EXPECT_TRUE(log_.WaitFor("Process heart beat notify. (app=iammgr,pid=" +
+                               std::to_string(getpid()) + ",status=recovery)",
+                           *lost)
+                  .has_value());
 }
 
 TEST_F(FaultSensor, StaysOnWhenTheServiceIsGoneForGoodAndKnowsNoOtherName) {
