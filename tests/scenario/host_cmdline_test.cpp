@@ -107,6 +107,18 @@ TEST_F(KernelCommandLine, ChoosesTheFileThatIsBooted) {
   }
 }
 
+// A folder is found like a file. Nothing can be booted from it, and the manager says so and stays.
+TEST_F(KernelCommandLine, BootWordWithoutAFileLeavesNothingToStart) {
+  sandbox_.WriteFile(kSmall, ServiceFile({{"small", kService, {}, {}}}));
+  sandbox_.SetKernelCommandLine("procmgr=boot: quiet");
+  Boot({{"plain", kService, {}, {}}});
+  const std::string folder = std::string(kConfigDir).substr(0, std::string(kConfigDir).size() - 1);
+  ASSERT_TRUE(log_.WaitFor("PROCMGR : ParseYamlFile failed, ProcMgr return").has_value());
+  EXPECT_EQ(log_.Count("ProcMgr: update pm startup yaml from cmdline, new path: " + folder), 1U);
+  EXPECT_EQ(log_.Count("Start baseApp success"), 0U);
+  EXPECT_TRUE(daemon_->IsRunning());
+}
+
 TEST_F(KernelCommandLine, SwitchesTheWatchdogOffByWholeWordsOnly) {
   struct Case {
     std::string line;
