@@ -1,0 +1,237 @@
+#include "tests/scenario/agent_peer.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <utility>
+
+#include "core/steady_time.h"
+#include "message/serialization.h"
+
+namespace PmTest {
+namespace {
+
+using ProcMgr::Message::AppStateInfo;
+using ProcMgr::Message::RequestMsg;
+using ProcMgr::Message::RequestType;
+using ProcMgr::Serialization::PackedItem;
+using ProcMgr::Serialization::PieceList;
+
+PieceList Combine(RequestType type, std::vector<PackedItem> packed) {
+  PieceList frames;
+  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrCombinePiecesMsg(type, packed, frames));
+  return frames;
+}
+
+}  // namespace
+
+std::string FrameBytes(const RequestMsg& frame) {
+  return {reinterpret_cast<const char*>(&frame), sizeof(frame)};
+}
+
+RawPacket FramePacket(const RequestMsg& frame) {
+  return MakePacket(kRequest, 1, FrameBytes(frame));
+}
+
+RequestMsg TextFrame(RequestType type, const std::string& text) {
+  RequestMsg frame;
+  frame.type = type;
+  frame.size = text.size();
+  (void)text.copy(frame.data, sizeof(frame.data));
+  return frame;
+}
+
+RequestMsg StateFrame(std::uint32_t state) {
+  return TextFrame(RequestType::BASESERVICE_STATE_REPORT, "1#" + std::to_string(state) + "#");
+}
+
+RequestMsg HeartFrame(std::uint64_t index) {
+  RequestMsg frame;
+  const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now().time_since_epoch());
+  ProcMgr::Serialization::ProcMgrPackHeartMsg({index, static_cast<std::uint64_t>(now.count())},
+                                              frame);
+  return frame;
+}
+
+AgentPeer::AgentPeer(const Sandbox& sandbox, std::string name, gid_t gid)
+    : name_(std::move(name)), server_(sandbox, name_, gid) {}
+
+AgentPeer::~AgentPeer() {
+  Close();
+}
+
+bool AgentPeer::AwaitChannel(std::chrono::milliseconds patience) {
+  std::optional<RawPeer> next = server_.AcceptGreeted(patience);
+  if (!next.has_value()) {
+    return false;
+  }
+  Close();
+  peer_ = std::move(next);
+  {
+    const ProcMgr::MutexLock lock(mutex_);
+    isClosed_ = false;
+  }
+  reader_ = std::thread([this] { ReadLoop(*peer_); });
+  return true;
+}
+
+void AgentPeer::Close() {
+  if (reader_.joinable()) {
+    // The reader may be waiting in the socket, so it can't be closed under it.
+    (void)shutdown(peer_->Fd(), SHUT_RDWR);
+    reader_.join();
+    peer_.reset();
+  }
+}
+
+bool AgentPeer::AwaitClosed() const {
+  const ProcMgr::MutexLock lock(mutex_);
+  const ProcMgr::SteadyTime deadline = ProcMgr::SteadyNow() + kPatience;
+  while (!isClosed_) {
+    if (!changed_.WaitUntil(mutex_, deadline)) {
+      return isClosed_;
+    }
+  }
+  return true;
+}
+
+bool AgentPeer::Send(const RequestMsg& frame) const {
+  return SendPacket(FramePacket(frame));
+}
+
+bool AgentPeer::SendAll(const PieceList& frames) const {
+  for (const RequestMsg& frame : frames) {
+    if (!Send(frame)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool AgentPeer::StartApps(const std::vector<ProcMgr::Message::StartAppInfo>& list) const {
+  std::vector<PackedItem> packed;
+  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackStartRequest(list, packed));
+  return SendAll(Combine(RequestType::START_APP, std::move(packed)));
+}
+
+bool AgentPeer::RestartApps(const std::vector<ProcMgr::Message::RestartAppInfo>& list) const {
+  std::vector<PackedItem> packed;
+  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackRestartRequest(list, packed));
+  return SendAll(Combine(RequestType::RESTART_APP, std::move(packed)));
+}
+
+bool AgentPeer::TermApps(const std::vector<std::string>& names) const {
+  std::vector<ProcMgr::Message::TermAppInfo> list;
+  for (const std::string& name : names) {
+    list.push_back({name});
+  }
+  std::vector<PackedItem> packed;
+  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackTermRequest(list, packed));
+  return SendAll(Combine(RequestType::TERM_APP, std::move(packed)));
+}
+
+std::string AgentPeer::LoadStartupCfg(const std::map<std::string, std::string>& matchData,
+                                      bool reload) {
+  std::vector<PackedItem> packed;
+  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackMatchDataAndPathRequest(
+      {matchData, "/the/manager/knows/better"}, packed));
+  const PieceList frames = Combine(
+      reload ? RequestType::RELOAD_STARTUP_CFG : RequestType::LOAD_STARTUP_CFG, std::move(packed));
+  const std::uint32_t sequence = ++sequence_;
+  if (!SendPacket(MakePacket(kRequest, sequence, FrameBytes(frames.at(0))))) {
+    return "none";
+  }
+  const ProcMgr::MutexLock lock(mutex_);
+  const ProcMgr::SteadyTime deadline = ProcMgr::SteadyNow() + kPatience;
+  while (!responses_.contains(sequence)) {
+    if (isClosed_ || !changed_.WaitUntil(mutex_, deadline)) {
+      return "none";
+    }
+  }
+  return responses_[sequence];
+}
+
+std::map<std::string, int> AgentPeer::Query(const std::vector<std::string>& names) {
+  RequestMsg frame;
+  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackQueryAppState(names, frame));
+  {
+    const ProcMgr::MutexLock lock(mutex_);
+    statuses_.clear();
+  }
+  if (!Send(frame)) {
+    return {};
+  }
+  const ProcMgr::MutexLock lock(mutex_);
+  const ProcMgr::SteadyTime deadline = ProcMgr::SteadyNow() + kPatience;
+  while (statuses_.empty()) {
+    if (isClosed_ || !changed_.WaitUntil(mutex_, deadline)) {
+      return {};
+    }
+  }
+  return statuses_.front();
+}
+
+std::optional<AppStateInfo> AgentPeer::NextReport(std::chrono::milliseconds patience) {
+  const ProcMgr::MutexLock lock(mutex_);
+  const ProcMgr::SteadyTime deadline = ProcMgr::SteadyNow() + patience;
+  while (taken_ == reports_.size()) {
+    if (!changed_.WaitUntil(mutex_, deadline) && taken_ == reports_.size()) {
+      return std::nullopt;
+    }
+  }
+  return reports_[taken_++];
+}
+
+std::vector<std::string> AgentPeer::NextReports(std::size_t count) {
+  std::vector<std::string> texts;
+  while (texts.size() < count) {
+    const auto report = NextReport();
+    if (!report.has_value()) {
+      break;
+    }
+    texts.push_back(report->appName + " " + std::to_string(report->state));
+  }
+  return texts;
+}
+
+std::size_t AgentPeer::PendingReports() const {
+  const ProcMgr::MutexLock lock(mutex_);
+  return reports_.size() - taken_;
+}
+
+void AgentPeer::ReadLoop(const RawPeer& peer) {
+  // A day: only the end of the channel ends the loop.
+  while (const auto packet = peer.Receive(std::chrono::hours(24))) {
+    const ProcMgr::MutexLock lock(mutex_);
+    Keep(*packet);
+    changed_.NotifyAll();
+  }
+  const ProcMgr::MutexLock lock(mutex_);
+  isClosed_ = true;
+  changed_.NotifyAll();
+}
+
+void AgentPeer::Keep(const RawPacket& packet) {
+  if (packet.kind == kResponse) {
+    responses_[packet.sequence] = packet.data;
+    return;
+  }
+  RequestMsg frame;
+  ASSERT_EQ(packet.data.size(), sizeof(frame)) << "not a frame";
+  std::memcpy(static_cast<void*>(&frame), packet.data.data(), sizeof(frame));
+  if (frame.type == RequestType::APP_STATE_REPORT) {
+    std::vector<AppStateInfo> list;
+    ProcMgr::Serialization::ProcMgrUnpackedAppStateRequest(&frame, list);
+    EXPECT_FALSE(list.empty());
+    reports_.insert(reports_.end(), list.begin(), list.end());
+    return;
+  }
+  ASSERT_EQ(frame.type, RequestType::APP_DETAIL_STATUS_REPORT);
+  std::map<std::string, int> status;
+  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrUnpackAppDetailStatus(&frame, status));
+  statuses_.push_back(status);
+}
+
+}  // namespace PmTest

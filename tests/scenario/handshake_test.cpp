@@ -1,0 +1,242 @@
+// The bring-up's handshake with base services that report their state.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <map>
+#include <memory>
+
+#include "tests/scenario/agent_peer.h"
+#include "tests/support/scenario_test.h"
+
+namespace PmTest {
+namespace {
+
+using ::testing::HasSubstr;
+
+// Everything from the start of the bring-up to its end, of three services of which each waits for
+// the one before.
+const std::vector<std::string> kReportingBoot = {
+    "6 [TRACE] InitBaseApplication begin, yaml path=/run/sandbox/base.yaml",
+    "6 [TRACE] Start baseApp success appName=iammgr, binPath=/opt/test/test-service, pid=#, "
+    "isDelayCoreAffinity_=0",
+    "6 ********* PROCMGR : RegServiceCallBack success fd=1, targetProcName=iammgr",
+    "6 Register heart beat checker for iammgr.",
+    "6 PROCMGR: waiting for baseApp=iammgr reported state, RUNNING OR TERMINATING.",
+    "6 [TRACE] PM revice BASESERVICE_STATE_REPORT msg from iammgr report state=INIT",
+    "6 [TRACE] PM report appState to iammgr, appState=RUNNING_NORMAL_START, appName=PROCMGR, pid=#",
+    "6 [TRACE] PM revice BASESERVICE_STATE_REPORT msg from iammgr report state=TERMINATING",
+    "6 [TRACE] InitBaseApp:iammgr success, report RUNNING!",
+    "6 PROCMGR : proc_launcher depends on iammgr [proc_launcher => iammgr]",
+    "6 PROCMGR : proc_launcher's dependcy iammgr has been started",
+    "6 [TRACE] Start baseApp success appName=proc_launcher, binPath=/opt/test/test-service, pid=#, "
+    "isDelayCoreAffinity_=0",
+    "6 [TRACE] PM report appState to iammgr, appState=RUNNING_NORMAL_START, appName=proc_launcher, "
+    "pid=#",
+    "6 PROCMGR : report proc_launcher's state: 0 to iammgr successfully",
+    "6 ********* PROCMGR : RegServiceCallBack success fd=2, targetProcName=proc_launcher",
+    "6 Register heart beat checker for proc_launcher.",
+    "6 PROCMGR: waiting for baseApp=proc_launcher reported state, RUNNING OR TERMINATING.",
+    "6 [TRACE] PM revice BASESERVICE_STATE_REPORT msg from proc_launcher report state=TERMINATING",
+    "6 [TRACE] InitBaseApp:proc_launcher success, report RUNNING!",
+    "6 PROCMGR : dependant depends on iammgr [dependant => iammgr]",
+    "6 PROCMGR : dependant's dependcy iammgr has been started",
+    "6 PROCMGR : dependant depends on proc_launcher [dependant => proc_launcher]",
+    "6 PROCMGR : dependant's dependcy proc_launcher has been started",
+    "6 [TRACE] Start baseApp success appName=dependant, binPath=/opt/test/test-service, pid=#, "
+    "isDelayCoreAffinity_=0",
+    "6 [TRACE] PM report appState to iammgr, appState=RUNNING_NORMAL_START, appName=dependant, "
+    "pid=#",
+    "6 PROCMGR : report dependant's state: 0 to iammgr successfully",
+    "6 ********* PROCMGR : RegServiceCallBack success fd=3, targetProcName=dependant",
+    "6 Register heart beat checker for dependant.",
+    "6 PROCMGR: waiting for baseApp=dependant reported state, RUNNING OR TERMINATING.",
+    "6 [TRACE] PM revice BASESERVICE_STATE_REPORT msg from dependant report state=TERMINATING",
+    "6 [TRACE] InitBaseApp:dependant success, report RUNNING!",
+    "6 [TRACE] InitBaseApplication end",
+    "7 PROCMGR : EnableWatchDog flag=1",
+};
+
+class Handshake : public ScenarioTest {
+ protected:
+  App Reporting(const std::string& name, const std::string& restart = "no",
+                const std::string& dependList = "[]") {
+    return {name,
+            kService,
+            {},
+            {{"isReporting", "true"}, {"restart", restart}, {"dependList", dependList}}};
+  }
+
+  void AwaitWaiting(const std::string& name, std::size_t from = 0) {
+    ASSERT_TRUE(
+        log_.WaitFor("PROCMGR: waiting for baseApp=" + name + " reported state", from).has_value());
+  }
+};
+
+TEST_F(Handshake, WholeLogOfABootThatReports) {
+  AgentPeer iammgr(sandbox_, "iammgr");
+  AgentPeer launcher(sandbox_, "proc_launcher");
+  AgentPeer dependant(sandbox_, "dependant");
+  Boot({Reporting("dependant", "no", "[iammgr, proc_launcher]"), Reporting("iammgr"),
+        Reporting("proc_launcher", "no", "[iammgr]")});
+  for (AgentPeer* const peer : {&iammgr, &launcher, &dependant}) {
+    ASSERT_TRUE(peer->AwaitChannel());
+    AwaitWaiting(peer->Name());
+    if (peer == &iammgr) {
+      ASSERT_TRUE(iammgr.ReportState(kStateUp));
+      ASSERT_EQ(iammgr.NextReports(1), std::vector<std::string>{"PROCMGR 0"});
+      ASSERT_TRUE(log_.WaitFor("PM report appState to iammgr").has_value());
+    }
+    ASSERT_TRUE(peer->ReportState(kStateReady));
+  }
+  const auto end = log_.WaitFor("PROCMGR : EnableWatchDog flag=");
+  ASSERT_TRUE(end.has_value());
+  const auto begin = log_.WaitFor("InitBaseApplication begin");
+  std::vector<std::string> lines = log_.Masked(*begin, *end + 1);
+  // Nobody beats here, which a machine that is slow enough has the time to notice.
+  std::erase_if(lines, [](const std::string& line) {
+    return line.find("Process heart beat notify") != std::string::npos;
+  });
+  EXPECT_EQ(lines, kReportingBoot);
+}
+
+// A report that comes before the manager has filed its new descriptor must not be lost, or the boot
+// waits for ever. Each service reports in the instant in which it has accepted the connection.
+TEST_F(Handshake, ReportInTheInstantOfTheOpeningIsNeverLost) {
+  constexpr int kBoots = 4;
+  constexpr int kServices = 250;
+  std::vector<App> apps;
+  for (int i = 0; i < kServices; ++i) {
+    // Of one length, so that the order of the names is that of the numbers.
+    apps.push_back(Reporting("service" + std::to_string(1000 + i)));
+  }
+  const RawPacket ready = FramePacket(StateFrame(kStateReady));
+  for (int boot = 0; boot < kBoots; ++boot) {
+    std::vector<std::unique_ptr<RawServer>> servers;
+    for (const App& app : apps) {
+      servers.push_back(std::make_unique<RawServer>(sandbox_, app.name, 0));
+    }
+    const std::size_t before = log_.Lines().size();
+    Boot(apps);
+    std::vector<RawPeer> peers;
+    for (int i = 0; i < kServices; ++i) {
+      auto peer = servers[static_cast<std::size_t>(i)]->Accept();
+      ASSERT_TRUE(peer.has_value()) << "boot " << boot << " hangs before service " << i;
+      ASSERT_TRUE(peer->Send(ready));
+      peers.push_back(std::move(*peer));
+    }
+    ASSERT_TRUE(log_.WaitFor("InitBaseApplication end", before).has_value());
+    daemon_->KillAll();
+  }
+  EXPECT_EQ(log_.Count("success, report RUNNING!"), std::size_t{kBoots} * kServices);
+}
+
+// One boot in which every service but the first dies on its way, each at another moment.
+TEST_F(Handshake, DeathAtAnyMomentHoldsNobodyUpAndLeavesNothing) {
+  AgentPeer anchor(sandbox_, "a-anchor");
+  const RawServer during(sandbox_, "c-during", 0);
+  AgentPeer after(sandbox_, "d-after");
+  AgentPeer going(sandbox_, "f-going");
+  AgentPeer forever(sandbox_, "g-forever");
+  App early = Reporting("b-early");
+  App retried = Reporting("e-retried", "on-failure");
+  early.arguments = retried.arguments = {"--exit-code", "3"};
+  Boot({Reporting("a-anchor"), early, Reporting("c-during"), Reporting("d-after"), retried,
+        Reporting("f-going"), Reporting("g-forever", "on-forever")});
+  ASSERT_TRUE(anchor.AwaitChannel());
+  AwaitWaiting("a-anchor");
+  const std::size_t descriptors = daemon_->Descriptors().size();
+  const std::size_t threads = daemon_->ThreadCount();
+  ASSERT_TRUE(anchor.ReportState(kStateReady));
+
+  // Nobody serves the name of "b-early": its end cuts the opening short.
+  const auto accepted = during.Accept();
+  ASSERT_TRUE(accepted.has_value());
+  ASSERT_EQ(kill(AwaitStarted("c-during"), SIGKILL), 0);
+
+  ASSERT_TRUE(after.AwaitChannel());
+  AwaitWaiting("d-after");
+  ASSERT_EQ(kill(AwaitStarted("d-after"), SIGKILL), 0);
+  EXPECT_TRUE(after.AwaitClosed());
+  EXPECT_TRUE(accepted->AwaitClosed());
+
+  ASSERT_TRUE(going.AwaitChannel());
+  AwaitWaiting("f-going");
+  EXPECT_EQ(log_.Count("PROCMGR : Restarting process e-retried"), 5U);
+  ASSERT_TRUE(going.ReportState(kStateGoingDown));
+  ASSERT_TRUE(log_.WaitFor("InitBaseApp:f-going report TERMINATING!").has_value());
+  ASSERT_EQ(kill(AwaitStarted("f-going"), SIGTERM), 0);
+  ASSERT_TRUE(log_.WaitFor("PROCMGR : TERMINATING to TERMINATED appName=f-going").has_value());
+
+  // Two lives end before they report; the third ends the same wait.
+  std::size_t from = 0;
+  for (int life = 0; life < 2; ++life) {
+    ASSERT_TRUE(forever.AwaitChannel());
+    const pid_t pid = AwaitStarted("g-forever", from);
+    from = log_.Lines().size();
+    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    EXPECT_TRUE(forever.AwaitClosed());
+  }
+  ASSERT_TRUE(forever.AwaitChannel());
+  ASSERT_TRUE(forever.ReportState(kStateReady));
+  AwaitBooted();
+  EXPECT_EQ(log_.Count("InitBaseApp:g-forever success, report RUNNING!"), 1U);
+  EXPECT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=0").has_value());
+
+  ASSERT_TRUE(log_.WaitForCount("removed from the list of executedBaseApp_", 5));
+  // The service that went down by its own word is unknown from now on, its channel isn't.
+  ASSERT_TRUE(going.ReportState(kStateReady));
+  EXPECT_TRUE(
+      log_.WaitFor("PROCMGR : UpdateBaseAppState failed, not find app=f-going from executedBaseApp")
+          .has_value());
+  going.Close();
+  // Two have come to stay: the channel of "g-forever", and that of "f-going", since only an
+  // unexpected end makes the manager close one.
+  EXPECT_TRUE(Eventually([&] { return daemon_->Descriptors().size() == descriptors + 2; }))
+      << descriptors << ::testing::PrintToString(daemon_->Descriptors());
+  EXPECT_EQ(daemon_->ThreadCount(), threads);
+  EXPECT_EQ(daemon_->Services().size(), 2U);
+  EXPECT_TRUE(daemon_->Zombies().empty());
+}
+
+// The manager tells iammgr of itself when it comes up, and of everybody when it asks.
+TEST_F(Handshake, IammgrHearsOfTheManagerAndOfEverybody) {
+  AgentPeer iammgr(sandbox_, "iammgr");
+  AgentPeer other(sandbox_, "other");
+  Boot({Reporting("iammgr"), Reporting("other", "no", "[iammgr]"), {"silent", kService, {}, {}}});
+  ASSERT_TRUE(iammgr.AwaitChannel());
+  ASSERT_TRUE(iammgr.ReportState(kStateUp));
+  const auto self = iammgr.NextReport();
+  ASSERT_TRUE(self.has_value());
+  EXPECT_EQ(self->appName, "PROCMGR");
+  EXPECT_EQ(self->pid, daemon_->Pid());
+  EXPECT_EQ(self->gid, 0U);
+  EXPECT_EQ(self->state, 0U);
+  ASSERT_TRUE(iammgr.ReportState(kStateReady));
+
+  ASSERT_TRUE(other.AwaitChannel());
+  // From anybody else these two do nothing.
+  ASSERT_TRUE(other.ReportState(kStateUp));
+  ASSERT_TRUE(other.ReportState(kStateReportAll));
+  ASSERT_TRUE(other.ReportState(kStateReady));
+  AwaitBooted();
+  std::map<std::string, pid_t> started = {{"other", AwaitStarted("other")},
+                                          {"silent", AwaitStarted("silent")}};
+  for (int i = 0; i < 2; ++i) {
+    const auto report = iammgr.NextReport();
+    ASSERT_TRUE(report.has_value());
+    EXPECT_EQ(report->state, 0U);
+    EXPECT_EQ(report->pid, started[report->appName]) << report->appName;
+  }
+  ASSERT_TRUE(iammgr.ReportState(kStateReportAll));
+  // In the order of the starts, and nothing of iammgr itself.
+  EXPECT_EQ(iammgr.NextReports(2), (std::vector<std::string>{"silent 0", "other 0"}));
+  // What comes now answers the next event, so nothing was left over.
+  ASSERT_EQ(kill(started["silent"], SIGKILL), 0);
+  EXPECT_EQ(iammgr.NextReports(1), std::vector<std::string>{"silent 4"});
+  EXPECT_EQ(iammgr.PendingReports(), 0U);
+  EXPECT_EQ(other.PendingReports(), 0U);
+}
+
+}  // namespace
+}  // namespace PmTest
