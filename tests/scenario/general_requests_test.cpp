@@ -1,0 +1,278 @@
+// What agents ask for general applications, and what they are told.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <utility>
+
+#include "tests/scenario/general_test.h"
+
+namespace PmTest {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::Pair;
+
+class GeneralRequests : public GeneralTest {
+ protected:
+  // Ignores SIGTERM once the file of its mark is there.
+  App Stubborn(const std::string& name, const std::string& termTimeOut, bool isForceTerm) {
+    return {name,
+            kService,
+            {"--ignore-term", "--mark", Mark(name)},
+            {{"termTimeOut", termTimeOut}, {"isForceTerm", isForceTerm ? "true" : "false"}}};
+  }
+
+  static std::string Mark(const std::string& name) { return "/run/sandbox/mark." + name; }
+
+  void AwaitMark(const std::string& name, pid_t pid) {
+    ASSERT_TRUE(Eventually([&] {
+      return ("\n" + sandbox_.ReadFile(Mark(name))).find("\n" + std::to_string(pid) + " ") !=
+             std::string::npos;
+    }));
+  }
+};
+
+TEST_F(GeneralRequests, EveryOutcomeOfAPlainApplication) {
+  BootWith({{"steady", kService, {}, {{"gid", "77"}}}, {"never", kService, {}, {}}});
+  ASSERT_TRUE(owner_.StartApps({{"steady", {}, {}}}));
+  const auto started = ExpectBoth(owner_, "steady 0");
+  EXPECT_EQ(started.gid, 77U);
+  EXPECT_EQ(ReadStat(started.pid).parent, daemon_->Pid());
+  const pid_t first = started.pid;
+
+  // Another one asks for what runs already: the answer is its own, the application stays the
+  // first one's.
+  ASSERT_TRUE(second_.StartApps({{"steady", {}, {}}}));
+  EXPECT_EQ(ExpectBoth(second_, "steady 0").pid, first);
+  ASSERT_TRUE(second_.RestartApps({{"steady", {}, {}}}));
+  const pid_t restarted = ExpectBoth(owner_, "steady 1").pid;
+  EXPECT_NE(restarted, first);
+  EXPECT_EQ(ReadStat(first).pid, 0);
+
+  ASSERT_EQ(kill(restarted, SIGKILL), 0);
+  EXPECT_EQ(ExpectBoth(owner_, "steady 4").pid, restarted);
+  ASSERT_TRUE(owner_.RestartApps({{"steady", {}, {}}}));
+  const pid_t third = ExpectBoth(owner_, "steady 1").pid;
+  ASSERT_TRUE(second_.TermApps({"steady"}));
+  EXPECT_EQ(ExpectBoth(owner_, "steady 3").pid, third);
+  // Once more: it has ended already, which the requester is told.
+  ASSERT_TRUE(second_.TermApps({"steady"}));
+  EXPECT_EQ(ExpectBoth(second_, "steady 3").pid, third);
+
+  // Nothing is known of these two.
+  for (const char* const name : {"never", "nobody"}) {
+    ASSERT_TRUE(owner_.TermApps({name}));
+    const auto report = ExpectBoth(owner_, std::string(name) + " 3");
+    EXPECT_EQ(report.pid, 0);
+    EXPECT_EQ(report.gid, 0U);
+  }
+  ASSERT_TRUE(owner_.RestartApps({{"nobody", {}, {}}}));
+  EXPECT_EQ(ExpectBoth(owner_, "nobody 4").pid, 0);
+  ExpectNothingElse();
+  EXPECT_EQ(daemon_->Services().size(), 3U);
+}
+
+TEST_F(GeneralRequests, UnknownNameInAStartEndsTheWholeRequest) {
+  BootWith({{"running", kService, {}, {}},
+            {"started", kService, {}, {}},
+            {"left-out-at-the-end", kService, {}, {}}});
+  ASSERT_TRUE(owner_.StartApps({{"running", {}, {}}}));
+  ExpectBoth(owner_, "running 0");
+  // They go out in the order of their length. The answer that "running" has got is dropped, the
+  // start of "started" is reported when it is up, and the last one isn't tried.
+  ASSERT_TRUE(owner_.StartApps({{"running", {}, {}},
+                                {"started", {}, {}},
+                                {"unknown-name", {}, {}},
+                                {"left-out-at-the-end", {}, {}}}));
+  ExpectBoth(owner_, "started 0");
+  ExpectNothingElse();
+  EXPECT_EQ(log_.Count("PROCMGR : StartApp: appName=unknown-name is null"), 1U);
+  EXPECT_THAT(owner_.Query({"left-out-at-the-end", "running", "started"}),
+              ElementsAre(Pair("left-out-at-the-end", 1), Pair("running", 0), Pair("started", 0)));
+}
+
+TEST_F(GeneralRequests, StartThatFailsAndEndsOfTheirOwn) {
+  BootWith({{"missing", "/opt/test/missing", {}, {}},
+            {"eio", kService, {"--exit-code", "125"}, {}},
+            {"failing", kService, {"--exit-code", "3"}, {}}});
+  ASSERT_TRUE(owner_.StartApps({{"missing", {}, {}}}));
+  EXPECT_EQ(ExpectBoth(owner_, "missing 4").eioFlag, 0U);
+  ASSERT_TRUE(owner_.RestartApps({{"missing", {}, {}}}));
+  ExpectBoth(owner_, "missing 4");
+  for (const auto& [name, eioFlag] : {std::pair{"eio", 1U}, std::pair{"failing", 0U}}) {
+    ASSERT_TRUE(owner_.StartApps({{name, {}, {}}}));
+    // Whether a check pass sees it alive before its end is a matter of luck.
+    for (AgentPeer* const peer : {&owner_, &iammgr_}) {
+      auto report = peer->NextReport();
+      if (report.has_value() && report->state == 0) {
+        report = peer->NextReport();
+      }
+      ASSERT_TRUE(report.has_value());
+      EXPECT_EQ(report->appName, name);
+      EXPECT_EQ(report->state, 4U) << name;
+      EXPECT_EQ(report->eioFlag, eioFlag) << name;
+    }
+  }
+  ExpectNothingElse();
+}
+
+TEST_F(GeneralRequests, NothingIsPossibleWhileAnEndIsAwaited) {
+  BootWith({Stubborn("stubborn", "3600000", true)});
+  ASSERT_TRUE(owner_.StartApps({{"stubborn", {}, {}}}));
+  pid_t pid = ExpectBoth(owner_, "stubborn 0").pid;
+  const auto expectRefused = [&] {
+    for (AgentPeer* const peer : {&owner_, &second_}) {
+      ASSERT_TRUE(peer->StartApps({{"stubborn", {}, {}}}));
+      EXPECT_EQ(ExpectBoth(*peer, "stubborn 5").pid, pid);
+      ASSERT_TRUE(peer->RestartApps({{"stubborn", {}, {}}}));
+      ExpectBoth(*peer, "stubborn 5");
+      ASSERT_TRUE(peer->TermApps({"stubborn"}));
+      ExpectBoth(*peer, "stubborn 5");
+    }
+  };
+  AwaitMark("stubborn", pid);
+  ASSERT_TRUE(owner_.RestartApps({{"stubborn", {}, {}}}));
+  expectRefused();
+  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  const pid_t next = ExpectBoth(owner_, "stubborn 1").pid;
+  EXPECT_NE(next, pid);
+  pid = next;
+  AwaitMark("stubborn", pid);
+  ASSERT_TRUE(owner_.TermApps({"stubborn"}));
+  expectRefused();
+  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  EXPECT_EQ(ExpectBoth(owner_, "stubborn 3").pid, pid);
+  ExpectNothingElse();
+}
+
+TEST_F(GeneralRequests, ForceDecidesAboutOneThatIgnoresItsEnd) {
+  BootWith({Stubborn("forced", "100", true), Stubborn("spared", "100", false)});
+  ASSERT_TRUE(owner_.StartApps({{"forced", {}, {}}}));
+  AwaitMark("forced", ExpectBoth(owner_, "forced 0").pid);
+  ASSERT_TRUE(owner_.TermApps({"forced"}));
+  ExpectBoth(owner_, "forced 3");
+  // Spared twice: it keeps running, and a restart, which always kills, changes nothing about that.
+  ASSERT_TRUE(owner_.StartApps({{"spared", {}, {}}}));
+  pid_t pid = ExpectBoth(owner_, "spared 0").pid;
+  for (int round = 0; round < 2; ++round) {
+    AwaitMark("spared", pid);
+    ASSERT_TRUE(owner_.TermApps({"spared"}));
+    EXPECT_EQ(ExpectBoth(owner_, "spared 2").pid, pid);
+    EXPECT_THAT(owner_.Query({"spared"}), ElementsAre(Pair("spared", 0)));
+    ASSERT_TRUE(owner_.RestartApps({{"spared", {}, {}}}));
+    const pid_t next = ExpectBoth(owner_, "spared 1").pid;
+    EXPECT_NE(next, pid);
+    pid = next;
+  }
+  ExpectNothingElse();
+}
+
+TEST_F(GeneralRequests, QueryTellsRunningStoppedAndGone) {
+  BootWith({{"app", kService, {}, {}}, {"never", kService, {}, {}}});
+  ASSERT_TRUE(owner_.StartApps({{"app", {}, {}}}));
+  const pid_t pid = ExpectBoth(owner_, "app 0").pid;
+  const auto status = [&] { return second_.Query({"app", "never", "app"}); };
+  EXPECT_THAT(status(), ElementsAre(Pair("app", 0), Pair("never", 1)));
+  ASSERT_EQ(kill(pid, SIGSTOP), 0);
+  ASSERT_TRUE(Eventually([&] { return ReadStat(pid).state == 'T'; }));
+  EXPECT_THAT(status(), ElementsAre(Pair("app", 2), Pair("never", 1)));
+  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  EXPECT_EQ(ExpectBoth(owner_, "app 4").pid, pid);
+  ASSERT_TRUE(
+      log_.WaitFor("PROCMGR : Process app removed from the list of generalAppMap_").has_value());
+  EXPECT_THAT(status(), ElementsAre(Pair("app", 1), Pair("never", 1)));
+}
+
+TEST_F(GeneralRequests, LoadSelectsByMatchDataAndAFailedOneLosesNothing) {
+  BootWith({{"plain", kService, {}, {}},
+            {"left", kService, {}, {{"match", "{board: left}"}}},
+            {"right", kService, {}, {{"match", "{board: right}"}}}});
+  const auto known = [&](const char* name) {
+    EXPECT_TRUE(owner_.RestartApps({{name, {}, {}}}));
+    const auto report = owner_.NextReport();
+    return report.has_value() && report->appName == name && report->state == 1;
+  };
+  EXPECT_TRUE(known("plain"));
+  EXPECT_FALSE(known("left"));
+  EXPECT_EQ(owner_.LoadStartupCfg({{"board", "left"}, {"further", "x"}}), "0");
+  EXPECT_TRUE(known("left"));
+  EXPECT_FALSE(known("right"));
+  // The service's own file counts, whatever the frame names; this one has none.
+  EXPECT_EQ(second_.LoadStartupCfg(), "15795205");
+  sandbox_.WriteFile(kEntryFile, "applications: 7\n");
+  EXPECT_EQ(owner_.LoadStartupCfg(), "15795205");
+  EXPECT_EQ(owner_.LoadStartupCfg({}, true), "15795205");
+  EXPECT_TRUE(known("left"));
+}
+
+TEST_F(GeneralRequests, ReloadCountsFromTheNextStart) {
+  const auto app = [&](const std::string& report) {
+    return App{"app", kService, {"--report", report}, {}};
+  };
+  BootWith({app("/run/sandbox/old")});
+  ASSERT_TRUE(owner_.StartApps({{"app", {}, {}}}));
+  const pid_t pid = ExpectBoth(owner_, "app 0").pid;
+  sandbox_.WriteFile(kEntryFile, ServiceFile({app("/run/sandbox/new")}));
+  EXPECT_EQ(owner_.LoadStartupCfg({}, true), "0");
+  EXPECT_THAT(owner_.Query({"app"}), ElementsAre(Pair("app", 0)));
+  EXPECT_EQ(ReadStat(pid).pid, pid);
+  ASSERT_TRUE(owner_.RestartApps({{"app", {}, {}}}));
+  const pid_t next = ExpectBoth(owner_, "app 1").pid;
+  EXPECT_EQ(AwaitReport(sandbox_, "/run/sandbox/new").Pid(), next);
+}
+
+TEST_F(GeneralRequests, DynamicParametersAreCheckedAgainstTheirPatterns) {
+  BootWith({{"worker-${[0-9]+}",
+             "${/opt/test/.*}",
+             {"${.*}"},
+             {{"envArgv", "{MODE: '${fast|slow}', FIXED: one}"}}}});
+  const std::string path = kService;
+  struct Case {
+    const char* what;
+    ProcMgr::Message::DynamicPara para;
+  };
+  const Case refused[] = {
+      {"no path", {{2, {"MODE=fast"}}}},
+      {"two paths", {{0, {path, path}}}},
+      {"an empty path", {{0, {""}}}},
+      {"a path outside", {{0, {"/bin/true"}}}},
+      {"an unknown mode", {{0, {path}}, {2, {"MODE=lazy"}}}},
+      {"no value", {{0, {path}}, {2, {"MODE="}}}},
+      {"no key", {{0, {path}}, {2, {"=fast"}}}},
+      {"another fixed value", {{0, {path}}, {2, {"FIXED=two"}}}},
+  };
+  for (const Case& c : refused) {
+    SCOPED_TRACE(c.what);
+    ASSERT_TRUE(owner_.StartApps({{"worker-1", {}, c.para}}));
+    ExpectBoth(owner_, "worker-1 4");
+    ASSERT_TRUE(second_.RestartApps({{"worker-1", {}, c.para}}));
+    ExpectBoth(second_, "worker-1 4");
+  }
+  // Each start of such a name belongs to the one who asks.
+  const std::string report = "/run/sandbox/worker";
+  pid_t previous = 0;
+  std::size_t removed = 0;
+  for (AgentPeer* const peer : {&owner_, &second_}) {
+    ASSERT_TRUE(peer->StartApps(
+        {{"worker-2", {"--report", report}, {{0, {path}}, {2, {"MODE=slow", "OTHER=x"}}}}}));
+    const pid_t pid = ExpectBoth(*peer, "worker-2 0").pid;
+    const ServiceReport said = AwaitReport(sandbox_, report, previous);
+    EXPECT_EQ(said.Pid(), pid);
+    previous = pid;
+    EXPECT_EQ(said.Get("env.MODE"), "slow");
+    EXPECT_EQ(said.Get("env.FIXED"), "one");
+    EXPECT_FALSE(said.Has("env.OTHER"));
+    ASSERT_TRUE(iammgr_.TermApps({"worker-2"}));
+    ExpectBoth(*peer, "worker-2 3");
+    // Up to then a start would go on with the record that has ended, and its owner.
+    ASSERT_TRUE(
+        log_.WaitForCount("Process worker-2 removed from the list of generalAppMap_", ++removed));
+  }
+  ASSERT_TRUE(owner_.TermApps({"worker-x"}));
+  ExpectBoth(owner_, "worker-x 3");
+  EXPECT_EQ(log_.Count("PROCMGR : termApp failed: not find app=worker-x"), 1U);
+}
+
+}  // namespace
+}  // namespace PmTest
