@@ -23,7 +23,8 @@ class HostileAgent : public ScenarioTest {
       ASSERT_TRUE(peer->AwaitChannel());
       ASSERT_TRUE(peer->ReportState(kStateReady));
     }
-    AwaitBooted();
+    // The last line of a boot, so that whatever comes from now on is the agents' doing.
+    ASSERT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=").has_value());
   }
 
   void Beat(int count) {
@@ -34,11 +35,11 @@ class HostileAgent : public ScenarioTest {
 
   // Every beat up to now has arrived in its order: the one behind a gap names the one before it.
   void ExpectNoBeatLost() {
-    EXPECT_EQ(log_.Count("bystander lost heart msg"), 0U);
     ASSERT_TRUE(bystander_.Send(HeartFrame(beats_ + 2)));
     EXPECT_TRUE(log_.WaitFor("PROCMGR : bystander lost heart msg, index is " +
                              std::to_string(beats_) + " / " + std::to_string(beats_ + 2))
                     .has_value());
+    EXPECT_EQ(log_.Count("bystander lost heart msg"), 1U);
   }
 
   AgentPeer bystander_{sandbox_, "bystander"};
@@ -134,8 +135,10 @@ TEST_F(HostileAgent, BrokenFrameIsDroppedAndTheChannelGoesOn) {
     const auto report = log_.WaitFor("msg from victim report state=", before);
     ASSERT_TRUE(report.has_value());
     std::vector<std::string> lines = log_.Masked(before, *report);
-    // On a loaded machine beats may come late, and say so.
-    std::erase_if(lines, [](const std::string& line) { return line.find("bystander") != kNone; });
+    // On a loaded machine heart messages may come late, and the beats that nobody sends be missed.
+    std::erase_if(lines, [](const std::string& line) {
+      return line.find("bystander") != kNone || line.find("heart beat") != kNone;
+    });
     ASSERT_EQ(lines.size(), c.line.empty() ? 0U : 1U) << ::testing::PrintToString(lines);
     EXPECT_TRUE(c.line.empty() || lines[0].find(c.line) != kNone) << lines[0];
   }

@@ -87,7 +87,7 @@ TEST_F(GeneralRequests, UnknownNameInAStartEndsTheWholeRequest) {
                                 {"left-out-at-the-end", {}, {}}}));
   ExpectBoth(owner_, "started 0");
   ExpectNothingElse();
-  EXPECT_EQ(log_.Count("PROCMGR : StartApp: appName=unknown-name is null"), 1U);
+  EXPECT_TRUE(log_.WaitForCount("PROCMGR : StartApp: appName=unknown-name is null", 1));
   EXPECT_THAT(owner_.Query({"left-out-at-the-end", "running", "started"}),
               ElementsAre(Pair("left-out-at-the-end", 1), Pair("running", 0), Pair("started", 0)));
 }
@@ -271,7 +271,7 @@ TEST_F(GeneralRequests, DynamicParametersAreCheckedAgainstTheirPatterns) {
   }
   ASSERT_TRUE(owner_.TermApps({"worker-x"}));
   ExpectBoth(owner_, "worker-x 3");
-  EXPECT_EQ(log_.Count("PROCMGR : termApp failed: not find app=worker-x"), 1U);
+  EXPECT_TRUE(log_.WaitForCount("PROCMGR : termApp failed: not find app=worker-x", 1));
 }
 
 }  // namespace
