@@ -29,7 +29,7 @@ ROOMS = {
     "core": {"core", "app", "message", "host", "platform"},
     "agent": {"agent", "message", "platform"},
     "tools": {"tools", "agent", "message", "platform", "tests"},  # The demo lives in a test's sandbox.
-    "examples": {"examples", "agent", "message", "platform"},
+    "examples": {"examples", "agent", "message", "platform", "tools"},  # Services and tools share their door.
 }
 # What runs inside the manager's process.
 DAEMON = {"ground", "platform", "host", "message", "app", "core"}

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 namespace Example {
 namespace {
@@ -31,22 +32,32 @@ void Require(const char* step, ProcMgr::Result result) {
 
 }  // namespace
 
-Service::Service(const char* name) {
-  // The threads of the libraries inherit the mask, so the signals wait for Run.
+void BlockEndSignals() {
   const sigset_t signals = EndSignals();
   (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+Service::Service(const char* name, ProcMgr::Agent::Callbacks callbacks) {
+  // The threads of the libraries inherit the mask, so the signals wait for Run.
+  BlockEndSignals();
   ProcMgr::Agent::Options options;
   options.name = name;
+  options.callbacks = std::move(callbacks);
   Require("serve the name", ProcMgr::Agent::Create(options, agent_));
 }
 
 void Service::ReportReady() {
-  if (agent_->Name() == "iammgr") {
+  const bool isAccessManager = agent_->Name() == "iammgr";
+  if (isAccessManager) {
     Require("report that the access manager is up",
             agent_->ReportState(ProcMgr::ServiceState::kUp, kChannelWait));
   }
   Require("report that the service is ready",
           agent_->ReportState(ProcMgr::ServiceState::kReady, kChannelWait));
+  if (isAccessManager) {
+    Require("ask for every application",
+            agent_->ReportState(ProcMgr::ServiceState::kReportAll, kChannelWait));
+  }
 }
 
 void Service::BeatIfDue() {

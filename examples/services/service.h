@@ -11,16 +11,24 @@
 
 namespace Example {
 
+// Blocks SIGTERM and SIGINT, so that they wait for Service::Run. A Service does so itself; a
+// program that starts threads before it calls this first.
+void BlockEndSignals();
+
 class Service {
  public:
   // Serves `name`, the one that the manifest gives the application. Blocks SIGTERM and SIGINT for
   // Run; make it before any thread. Ends the process with a line on standard error if the name
   // can't be served.
-  explicit Service(const char* name);
+  explicit Service(const char* name, ProcMgr::Agent::Callbacks callbacks = {});
 
   // Tells the manager that this service is ready, as soon as the channel is there; "iammgr" says
-  // first that it is up. Ends the process if no channel comes.
+  // first that it is up, and asks at last for what has happened before. Ends the process if no
+  // channel comes.
   void ReportReady();
+
+  // The service's own agent, for requests; any thread.
+  [[nodiscard]] ProcMgr::Agent& Agent() { return *agent_; }
 
   // Sleeps for `period` and beats meanwhile, so that a loop that hangs falls silent. Yields false
   // if the service has been asked to end: stop then.

@@ -1,5 +1,5 @@
-// pm-demo boots the example platform in a sandbox, takes one service away and shows that it comes
-// back. The host sees nothing of it.
+// pm-demo boots the example platform in a sandbox, takes one service away, shows that it comes
+// back, and runs applications on it as an operator does. The host sees nothing of it.
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <csignal>
@@ -13,6 +13,7 @@
 #include "tests/support/log_reader.h"
 #include "tests/support/sandbox.h"
 #include "tools/demo/demo_log.h"
+#include "tools/demo/demo_operator.h"
 #include "tools/demo/demo_platform.h"
 #include "tools/demo/demo_table.h"
 
@@ -95,6 +96,8 @@ void Run(bool stay) {
   PmTest::Daemon daemon(sandbox, {Demo::kPlatformFile});
   Boot(log);
   LoseAndRegain(sandbox, lines, log);
+  Say("an operator runs applications");
+  Demo::ShowOperator(sandbox);
   const std::vector<Demo::ServiceRow> rows = Demo::CollectTable(sandbox, lines.Lines());
   Demo::PrintTable(rows);
   CheckRows(rows);
@@ -110,7 +113,9 @@ void Run(bool stay) {
 
 int main(int argc, char** argv) {
   bool stay = false;
-  CLI::App app{"Boots the example platform in a sandbox, kills a service and shows it return."};
+  CLI::App app{
+      "Boots the example platform in a sandbox, kills a service, shows it return, and runs "
+      "applications with pmctl."};
   app.add_flag("--stay", stay, "keep the platform up until Ctrl-C");
   CLI11_PARSE(app, argc, argv);
   (void)std::signal(SIGINT, &OnInterrupt);

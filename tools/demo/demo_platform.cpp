@@ -3,10 +3,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <system_error>
 
 namespace Demo {
 namespace {
@@ -15,12 +17,18 @@ struct User {
   const char* name;
   uid_t id;  // Of the user and of its group.
 };
-constexpr std::array<User, 6> kUsers = {{{"platform", 1000},
+constexpr std::array<User, 7> kUsers = {{{"platform", 1000},
                                          {"iam", 2001},
                                          {"launcher", 2002},
                                          {"camera", 2003},
                                          {"navigation", 2004},
-                                         {"recorder", 2005}}};
+                                         {"recorder", 2005},
+                                         {"operator", 2006}}};
+
+// Whose groups a user is a member of, apart from its own.
+std::vector<std::string> GroupsOf(const std::string& user) {
+  return user == "operator" ? std::vector<std::string>{"iam"} : std::vector<std::string>{};
+}
 
 gid_t GroupOf(const std::string& user) {
   for (const User& known : kUsers) {
@@ -41,8 +49,9 @@ std::string ReadHostFile(const std::filesystem::path& path) {
 
 void InstallFiles(const PmTest::Sandbox& sandbox) {
   const std::filesystem::path source = PmTest::ProgramPath("../share/platform");
-  for (const char* file : {"platform.yaml", "services/access.yaml", "services/sensing.yaml",
-                           "services/driving.yaml"}) {
+  for (const char* file :
+       {"platform.yaml", "services/access.yaml", "services/sensing.yaml", "services/driving.yaml",
+        "services/operator.yaml", "entries/operator.yaml"}) {
     sandbox.WriteFile(std::string("/etc/zur/platform/") + file, ReadHostFile(source / file));
   }
   sandbox.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml",
@@ -65,6 +74,16 @@ void MakeGroups(const PmTest::Sandbox& sandbox) {
   }
 }
 
+// Only the service itself may put its socket there.
+void MakeSocketFolder(const PmTest::Sandbox& sandbox, const std::string& service,
+                      const std::string& user) {
+  const std::string folder = sandbox.Outside("/run/pm/" + service);
+  std::filesystem::create_directories(folder);
+  if (chown(folder.c_str(), GroupOf(user), GroupOf(user)) != 0) {
+    throw std::system_error(errno, std::generic_category(), folder);
+  }
+}
+
 }  // namespace
 
 const std::vector<PlatformService>& PlatformServices() {
@@ -74,6 +93,7 @@ const std::vector<PlatformService>& PlatformServices() {
       {"map_service", "navigation"},
       {"proc_launcher", "launcher"},
       {"camera_service", "camera"},
+      {"operator", "operator"},
       {"planner_service", "navigation"},
   };
   return services;
@@ -82,13 +102,20 @@ const std::vector<PlatformService>& PlatformServices() {
 void InstallPlatform(const PmTest::Sandbox& sandbox) {
   MakeGroups(sandbox);
   for (const User& user : kUsers) {
-    sandbox.AddUser(user.name, user.id, user.id, std::string("/home/") + user.name);
+    sandbox.AddUser(user.name, user.id, user.id, std::string("/home/") + user.name,
+                    GroupsOf(user.name));
   }
   for (const PlatformService& service : PlatformServices()) {
     // Each program may be run by its own user's group and nobody else.
     sandbox.InstallProgram(PmTest::ProgramPath(service.name), "/opt/platform/bin/" + service.name,
                            0, GroupOf(service.user), 0750);
   }
+  // What people run by way of the operator, and the program with which they do it.
+  sandbox.InstallProgram(PmTest::ProgramPath("sample_app"), "/opt/platform/bin/sample_app", 0,
+                         GroupOf("operator"), 0750);
+  sandbox.InstallProgram(PmTest::ProgramPath("pmctl"), kPmctl);
+  MakeSocketFolder(sandbox, "iammgr", "iam");
+  MakeSocketFolder(sandbox, "operator", "operator");
   sandbox.WriteFile("/run/platform/README", "The services of the platform meet here.\n");
   std::filesystem::permissions(sandbox.Outside("/run/platform"),
                                std::filesystem::perms::all | std::filesystem::perms::sticky_bit);

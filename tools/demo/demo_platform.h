@@ -12,6 +12,9 @@ namespace Demo {
 // The file that the manager is started with, inside.
 inline constexpr const char* kPlatformFile = "/etc/zur/platform/platform.yaml";
 
+// The operator's program, inside.
+inline constexpr const char* kPmctl = "/opt/platform/bin/pmctl";
+
 struct PlatformService {
   std::string name;
   std::string user;

@@ -1,0 +1,53 @@
+// What the operator service does for pmctl. Requests and answers are JSON objects, one a line:
+//
+//   {"request": "status"}                    the access manager's picture, as it is
+//   {"request": "start" | "stop" | "restart", "names": [NAME...], "timeoutMs": N,
+//    "args": [TEXT...], "path": TEXT, "env": [KEY=VALUE...], "vf": TEXT}
+//       {"results": [{"name", "ok", "text"}...]}
+//   {"request": "query", "names": [NAME...], "timeoutMs": N}
+//       {"results": [{"name", "status": "running" | "gone" | "stopped"}...]}
+//   {"request": "load" | "reload", "match": {KEY: VALUE...}, "timeoutMs": N}
+//       {"ok", "text"}
+//
+// A request that can't be served at all gets {"error": TEXT}.
+#ifndef EXAMPLES_SERVICES_OPERATOR_REQUESTS_H
+#define EXAMPLES_SERVICES_OPERATOR_REQUESTS_H
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+#include "agent/process_manager_agent.h"
+#include "examples/services/outcomes.h"
+
+namespace Example {
+
+class OperatorRequests {
+ public:
+  // `iammgrSocket` is where the access manager shows its picture. Both references are kept.
+  OperatorRequests(ProcMgr::Agent& agent, Outcomes& outcomes, std::string iammgrSocket);
+
+  // The answer to one request; any thread, several at a time. Throws nothing but bad_alloc.
+  [[nodiscard]] std::string Handle(const std::string& request) const;
+
+ private:
+  [[nodiscard]] std::string Dispatch(const std::string& request) const;
+  [[nodiscard]] nlohmann::json Operate(const std::string& operation,
+                                       const nlohmann::json& request) const;
+  [[nodiscard]] ProcMgr::Result Send(const std::string& operation, const std::string& name,
+                                     const nlohmann::json& request) const;
+  [[nodiscard]] bool IsThere(const std::string& name, ProcMgr::SteadyTime deadline) const;
+  void AddUnanswered(const std::string& operation, const Outcomes::Waiter& waiter,
+                     std::vector<std::string> names, ProcMgr::SteadyTime deadline,
+                     nlohmann::json& results) const;
+  [[nodiscard]] nlohmann::json Query(const nlohmann::json& request) const;
+  [[nodiscard]] nlohmann::json Load(const std::string& operation,
+                                    const nlohmann::json& request) const;
+
+  ProcMgr::Agent& agent_;
+  Outcomes& outcomes_;
+  const std::string iammgrSocket_;
+};
+
+}  // namespace Example
+
+#endif  // EXAMPLES_SERVICES_OPERATOR_REQUESTS_H

@@ -1,0 +1,83 @@
+#include "tools/demo/demo_operator.h"
+
+#include <sys/wait.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/support/process.h"
+#include "tools/demo/demo_platform.h"
+
+namespace Demo {
+namespace {
+
+struct Result {
+  int status = -1;
+  std::string output;
+};
+
+Result RunPmctl(const PmTest::Sandbox& sandbox, const std::vector<std::string>& arguments) {
+  PmTest::Process pmctl(sandbox, kPmctl, arguments, {{}, "pmctl"});
+  const auto status = pmctl.WaitExit();
+  if (!status.has_value() || !WIFEXITED(*status)) {
+    throw std::runtime_error("pmctl has not come to its end");
+  }
+  return {WEXITSTATUS(*status), pmctl.Output()};
+}
+
+void Show(const PmTest::Sandbox& sandbox, const std::vector<std::string>& arguments,
+          int expectedStatus = 0) {
+  std::string command = "pmctl";
+  for (const std::string& argument : arguments) {
+    command += " " + argument;
+  }
+  const Result result = RunPmctl(sandbox, arguments);
+  std::printf("\n$ %s\n%s", command.c_str(), result.output.c_str());
+  (void)std::fflush(stdout);
+  if (result.status != expectedStatus) {
+    throw std::runtime_error(command + " has ended with " + std::to_string(result.status));
+  }
+}
+
+// The row of an application in the picture of the access manager.
+nlohmann::json RowOf(const PmTest::Sandbox& sandbox, const std::string& name) {
+  const auto picture = nlohmann::json::parse(RunPmctl(sandbox, {"status", "--json"}).output);
+  for (const nlohmann::json& row : picture.at("processes")) {
+    if (row.at("name") == name) {
+      return row;
+    }
+  }
+  throw std::runtime_error("pmctl status doesn't know " + name);
+}
+
+// The death is in the picture once the manager has told of it.
+void KillAndAwaitReport(const PmTest::Sandbox& sandbox, const std::string& name) {
+  const auto pid = RowOf(sandbox, name).at("pid").get<pid_t>();
+  std::printf("\n$ kill -9 %d\n", pid);
+  if (kill(pid, SIGKILL) != 0) {
+    throw std::runtime_error("can't kill " + name);
+  }
+  if (!PmTest::Eventually([&] { return RowOf(sandbox, name).at("state") == "failed"; })) {
+    throw std::runtime_error("nobody has told of the end of " + name);
+  }
+}
+
+}  // namespace
+
+void ShowOperator(const PmTest::Sandbox& sandbox) {
+  Show(sandbox, {"start", "recorder", "stubborn"});
+  Show(sandbox, {"start", "encoder1", "--arg", "--h264", "--env", "QUALITY=high"});
+  Show(sandbox, {"query", "encoder1", "recorder", "stubborn"});
+  Show(sandbox, {"stop", "stubborn"});
+  Show(sandbox, {"restart", "recorder"});
+  KillAndAwaitReport(sandbox, "encoder1");
+  Show(sandbox, {"query", "encoder1", "recorder"}, 1);
+  Show(sandbox, {"status"});
+}
+
+}  // namespace Demo

@@ -1,0 +1,15 @@
+// A person at a terminal of the board.
+#ifndef TOOLS_DEMO_DEMO_OPERATOR_H
+#define TOOLS_DEMO_DEMO_OPERATOR_H
+
+#include "tests/support/sandbox.h"
+
+namespace Demo {
+
+// Runs applications with pmctl, shows each command with its output, and throws if one of them
+// doesn't end as it should.
+void ShowOperator(const PmTest::Sandbox& sandbox);
+
+}  // namespace Demo
+
+#endif  // TOOLS_DEMO_DEMO_OPERATOR_H

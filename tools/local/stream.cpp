@@ -1,0 +1,89 @@
+#include "tools/local/stream.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+#include <system_error>
+
+namespace Local {
+namespace {
+
+[[noreturn]] void Fail(int error, const char* what) {
+  throw std::system_error(error, std::generic_category(), what);
+}
+
+void Await(int fd, short event, Deadline deadline, const char* what) {
+  while (true) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - ProcMgr::SteadyNow()).count();
+    if (left <= 0) {
+      Fail(ETIMEDOUT, what);
+    }
+    pollfd entry{fd, event, 0};
+    const int limit =
+        static_cast<int>(std::min<std::int64_t>(left, std::numeric_limits<int>::max()));
+    const int ready = poll(&entry, 1, limit);
+    if (ready > 0) {
+      return;
+    }
+    if (ready < 0 && errno != EINTR) {
+      Fail(errno, what);
+    }
+  }
+}
+
+}  // namespace
+
+SocketAddress::SocketAddress(const std::string& path) {
+  if (path.empty() || path.size() >= sizeof(address_.sun_path)) {
+    throw std::invalid_argument("the path of a socket must have 1 to 107 bytes: " + path);
+  }
+  address_.sun_family = AF_UNIX;
+  std::memcpy(address_.sun_path, path.c_str(), path.size() + 1);
+}
+
+void SendLine(int fd, const std::string& line, Deadline deadline) {
+  const std::string bytes = line + '\n';
+  for (std::size_t sent = 0; sent < bytes.size();) {
+    Await(fd, POLLOUT, deadline, "send");
+    const ssize_t n =
+        send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n >= 0) {
+      sent += static_cast<std::size_t>(n);
+    } else if (errno != EAGAIN && errno != EINTR) {
+      Fail(errno, "send");
+    }
+  }
+}
+
+std::string ReceiveLine(int fd, std::size_t limit, Deadline deadline) {
+  std::string line;
+  std::array<char, 4096> block{};
+  while (line.size() <= limit) {
+    Await(fd, POLLIN, deadline, "receive");
+    const ssize_t n = recv(fd, block.data(), block.size(), MSG_DONTWAIT);
+    if (n == 0) {
+      Fail(ECONNRESET, "receive");
+    }
+    if (n < 0) {
+      if (errno != EAGAIN && errno != EINTR) {
+        Fail(errno, "receive");
+      }
+      continue;
+    }
+    const auto end = block.begin() + n;
+    const auto lineEnd = std::find(block.begin(), end, '\n');
+    line.append(block.begin(), lineEnd);
+    if (lineEnd != end) {
+      return line;
+    }
+  }
+  Fail(EMSGSIZE, "receive");
+}
+
+}  // namespace Local
