@@ -1,0 +1,242 @@
+// A person's session with pmctl on the example platform.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "core/small_file.h"
+#include "core/text.h"
+#include "tests/support/daemon.h"
+#include "tests/support/log_reader.h"
+#include "tests/support/sandbox.h"
+#include "tools/demo/demo_platform.h"
+
+namespace PmTest {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+struct Result {
+  int status = -1;
+  std::string output;
+};
+
+class PmCtl : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Demo::InstallPlatform(sandbox_);
+    daemon_.emplace(sandbox_, std::vector<std::string>{Demo::kPlatformFile});
+    ASSERT_TRUE(log_.WaitFor("EnableWatchDog flag=1").has_value());
+    // The operator loads its start-up file once it is ready.
+    ASSERT_TRUE(log_.WaitFor("LoadStartCfgInfo finish ret=0x0").has_value());
+  }
+
+  void TearDown() override {
+    if (daemon_.has_value()) {
+      daemon_->KillAll();
+      EXPECT_EQ(daemon_->SanitizerReport(), "");
+      if (HasFailure()) {
+        ADD_FAILURE() << log_.Text() << daemon_->Output();
+      }
+    }
+  }
+
+  Result Run(const std::string& program, const std::vector<std::string>& arguments) {
+    Process process(sandbox_, program, arguments, {{}, "pmctl"});
+    const auto status = process.WaitExit();
+    if (!status.has_value() || !WIFEXITED(*status)) {
+      ADD_FAILURE() << program << " has not come to its end: " << process.Output();
+      return {};
+    }
+    return {WEXITSTATUS(*status), process.Output()};
+  }
+  Result Ask(const std::vector<std::string>& arguments) { return Run(Demo::kPmctl, arguments); }
+
+  // Runs it as a user with one group, `gid`, and no other.
+  Result AskAs(uid_t uid, gid_t gid, std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(),
+                     {"--reuid=" + std::to_string(uid), "--regid=" + std::to_string(gid),
+                      "--clear-groups", Demo::kPmctl});
+    return Run("/usr/bin/setpriv", arguments);
+  }
+
+  // A value of an application's row in the picture; null if it isn't in there.
+  nlohmann::json Look(const std::string& name, const char* key) {
+    const Result result = Ask({"status", "--json"});
+    EXPECT_EQ(result.status, 0) << result.output;
+    const auto picture = nlohmann::json::parse(result.output);
+    for (const auto& row : picture.at("processes")) {
+      if (row.at("name") == name) {
+        return row.at(key);
+      }
+    }
+    return nullptr;
+  }
+  bool AwaitState(const std::string& name, const std::string& state) {
+    return Eventually([&] { return Look(name, "state") == state; });
+  }
+
+  Sandbox sandbox_;
+  LogReader log_{sandbox_};
+  std::optional<Daemon> daemon_;
+};
+
+TEST_F(PmCtl, SessionFromStartToStop) {
+  const Result started = Ask({"start", "recorder", "stubborn", "recorder"});
+  EXPECT_EQ(started.status, 0) << started.output;
+  const auto first = Look("recorder", "pid").get<pid_t>();
+  EXPECT_THAT(started.output, HasSubstr("recorder is running, pid " + std::to_string(first)));
+  EXPECT_EQ(kill(first, 0), 0);
+
+  const Result again = Ask({"start", "recorder"});
+  EXPECT_EQ(again.status, 0);
+  EXPECT_EQ(again.output, "recorder is running, pid " + std::to_string(first) + "\n");
+
+  const Result restarted = Ask({"restart", "recorder"});
+  EXPECT_EQ(restarted.status, 0) << restarted.output;
+  EXPECT_THAT(restarted.output, StartsWith("recorder has been restarted, pid "));
+  const auto second = Look("recorder", "pid").get<pid_t>();
+  EXPECT_NE(second, first);
+  EXPECT_NE(kill(first, 0), 0);
+  EXPECT_EQ(Look("recorder", "restarts"), 1);
+
+  EXPECT_EQ(Ask({"stop", "stubborn"}).output, "stubborn has ended\n");
+  EXPECT_EQ(Ask({"stop", "stubborn"}).output, "stubborn has ended\n");
+  EXPECT_EQ(Ask({"query", "recorder", "stubborn"}).output, "recorder running\nstubborn gone\n");
+
+  ASSERT_EQ(kill(second, SIGKILL), 0);
+  EXPECT_TRUE(AwaitState("recorder", "failed"));
+  EXPECT_EQ(Ask({"query", "recorder"}).status, 1);
+  EXPECT_TRUE(daemon_->Zombies().empty());
+}
+
+TEST_F(PmCtl, DynamicParametersReachTheProcess) {
+  const Result started =
+      Ask({"start", "encoder7", "--arg", "--h265", "--env", "QUALITY=low", "--timeout", "60"});
+  ASSERT_EQ(started.status, 0) << started.output;
+  const std::string proc = "/proc/" + Look("encoder7", "pid").dump();
+  std::string text;
+  ASSERT_EQ(ProcMgr::ReadSmallFile(proc + "/cmdline", 4096, text), 0);
+  EXPECT_THAT(text, HasSubstr(std::string("\0--h265\0", 8)));
+  ASSERT_EQ(ProcMgr::ReadSmallFile(proc + "/environ", 65536, text), 0);
+  EXPECT_THAT(text, HasSubstr("QUALITY=low"));
+
+  const Result misfit = Ask({"start", "encoder8", "--env", "QUALITY=middling"});
+  EXPECT_EQ(misfit.status, 1);
+  EXPECT_THAT(misfit.output, HasSubstr("parameters that don't fit its patterns"));
+}
+
+TEST_F(PmCtl, PictureTellsTheKindsApart) {
+  EXPECT_TRUE(Eventually([&] { return Look("planner_service", "state") == "running"; }));
+  ASSERT_EQ(Ask({"start", "recorder", "encoder1", "--env", "QUALITY=low"}).status, 0);
+  const struct {
+    const char* name;
+    const char* kind;
+    nlohmann::json owner;
+  } cases[] = {
+      {"PROCMGR", "manager", nullptr},      {"iammgr", "base", nullptr},
+      {"planner_service", "base", nullptr}, {"recorder", "general", "operator"},
+      {"encoder1", "general", "operator"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Look(c.name, "kind"), c.kind) << c.name;
+    EXPECT_EQ(Look(c.name, "owner"), c.owner) << c.name;
+    EXPECT_EQ(Look(c.name, "state"), "running") << c.name;
+  }
+  EXPECT_EQ(Look("PROCMGR", "pid"), daemon_->Pid());
+  // A base service that the manager brings back keeps its row.
+  const auto camera = Look("camera_service", "pid").get<pid_t>();
+  ASSERT_EQ(kill(camera, SIGKILL), 0);
+  EXPECT_TRUE(Eventually([&] { return Look("camera_service", "restarts") == 1; }));
+  EXPECT_NE(Look("camera_service", "pid"), camera);
+  // One line of headings and one for each process.
+  EXPECT_THAT(Ask({"status"}).output, StartsWith("NAME"));
+}
+
+// The access manager forgets with its process; the manager tells it all again.
+TEST_F(PmCtl, PictureComesBackWithTheAccessManager) {
+  ASSERT_EQ(Ask({"start", "recorder"}).status, 0);
+  ASSERT_EQ(kill(Look("iammgr", "pid").get<pid_t>(), SIGKILL), 0);
+  EXPECT_TRUE(Eventually([&] {
+    const Result result = Ask({"status", "--json"});
+    return result.status == 0 && result.output.find("\"recorder\"") != std::string::npos &&
+           result.output.find("\"planner_service\"") != std::string::npos;
+  }));
+}
+
+TEST_F(PmCtl, RefusalsSayWhatIsWrong) {
+  const struct {
+    std::vector<std::string> arguments;
+    int status;
+    const char* text;
+  } cases[] = {
+      {{"start", "recoder"}, 1, "recoder is unknown: no start-up file that has been loaded"},
+      {{"restart", "recoder"}, 1, "recoder has ended at once, or could not be started: unknown"},
+      {{"stop", "untouchable"}, 0, "untouchable was not running"},
+      {{"start", "a#b"}, 1, "a#b "},
+      {{"query", "recoder"}, 1, "recoder gone"},
+      {{"start", "recorder", "--env", "QUALITY"}, 2, "isn't KEY=VALUE"},
+      {{"start"}, 2, "NAME is required"},
+      {{"begin", "recorder"}, 2, "not expected: "},
+      {{}, 2, "Usage:"},
+      {{"--socket", "/run/nobody", "status"}, 3, "the operator service isn't up"},
+      {{"load", "board=large"}, 0, "has been loaded"},
+      {{"reload"}, 0, "has been reloaded"},
+  };
+  for (const auto& c : cases) {
+    const Result result = Ask(c.arguments);
+    EXPECT_EQ(result.status, c.status) << ::testing::PrintToString(c.arguments) << result.output;
+    EXPECT_THAT(result.output, HasSubstr(c.text)) << ::testing::PrintToString(c.arguments);
+  }
+  ASSERT_EQ(Ask({"start", "untouchable"}).status, 0);
+  // It is up before it has closed its ears.
+  const auto pid = Look("untouchable", "pid").get<pid_t>();
+  ASSERT_TRUE(Eventually([&] {
+    const auto ignored =
+        ProcMgr::ParseNumber<std::uint64_t>(StatusField(pid, "SigIgn"), 16).value_or(0);
+    return (ignored >> (SIGTERM - 1) & 1U) == 1;
+  }));
+  const Result kept = Ask({"stop", "untouchable"});
+  EXPECT_EQ(kept.status, 1);
+  EXPECT_THAT(kept.output, HasSubstr("must not be killed"));
+}
+
+TEST_F(PmCtl, BrokenStartupFileIsNamedAndHarmsNothing) {
+  const std::string file = "/etc/zur/platform/entries/operator.yaml";
+  const std::string good = sandbox_.ReadFile(file);
+  ASSERT_EQ(Ask({"start", "recorder"}).status, 0);
+  sandbox_.WriteFile(file, "applications: [{appName: broken}]\n");
+  const Result failed = Ask({"reload"});
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_THAT(failed.output, HasSubstr("(code 15795205); check the file with pmcheck"));
+  EXPECT_EQ(Ask({"query", "recorder"}).output, "recorder running\n");
+  sandbox_.WriteFile(file, good);
+  EXPECT_EQ(Ask({"reload"}).status, 0);
+}
+
+TEST_F(PmCtl, StrangersAreRefused) {
+  constexpr uid_t kStranger = 4711;
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"status"}, {"start", "recorder"}}) {
+    const Result result = AskAs(kStranger, kStranger, arguments);
+    EXPECT_EQ(result.status, 3);
+    EXPECT_THAT(result.output, HasSubstr("only root and the members of its group may (try sudo"));
+  }
+  // The credentials count when somebody has opened the socket's mode.
+  ASSERT_EQ(chmod(sandbox_.Outside("/run/pm/operator/socket").c_str(), 0666), 0);
+  const Result let = AskAs(kStranger, kStranger, {"start", "recorder"});
+  EXPECT_EQ(let.status, 3);
+  EXPECT_THAT(let.output, HasSubstr("only root and the service's own group may ask"));
+  struct stat operatorFolder {};
+  ASSERT_EQ(stat(sandbox_.Outside("/run/pm/operator").c_str(), &operatorFolder), 0);
+  const Result member = AskAs(kStranger, operatorFolder.st_gid, {"start", "recorder"});
+  EXPECT_EQ(member.status, 0) << member.output;
+}
+
+}  // namespace
+}  // namespace PmTest
