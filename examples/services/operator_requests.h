@@ -36,9 +36,9 @@ class OperatorRequests {
   [[nodiscard]] ProcMgr::Result Send(const std::string& operation, const std::string& name,
                                      const nlohmann::json& request) const;
   [[nodiscard]] bool IsThere(const std::string& name, ProcMgr::SteadyTime deadline) const;
-  void AddUnanswered(const std::string& operation, const Outcomes::Waiter& waiter,
-                     std::vector<std::string> names, ProcMgr::SteadyTime deadline,
-                     nlohmann::json& results) const;
+  void AddOutcomes(const std::string& operation, const Outcomes::Waiter& waiter,
+                   std::vector<std::string> names, ProcMgr::SteadyTime deadline,
+                   nlohmann::json& results) const;
   [[nodiscard]] nlohmann::json Query(const nlohmann::json& request) const;
   [[nodiscard]] nlohmann::json Load(const std::string& operation,
                                     const nlohmann::json& request) const;
