@@ -232,6 +232,16 @@ void ProcessManager::CollectChange(const App::GeneralAppInfo& app,
   changes.push_back(std::move(change));
 }
 
+// An abnormal exit has closed the service's channel already. A service that announced its end keeps
+// it up to here, for it may come back by its policy.
+void ProcessManager::DropChannel(const App::BaseAppInfo& app) {
+  const std::string& name = app.appName_;
+  if (master_.GetFdFromProcName(name) > 0) {
+    UnRegServiceCallBack(name);
+    UnregisterCheckHeartBeat(name.c_str(), name.size());
+  }
+}
+
 void ProcessManager::RemoveTerminatedApps() {
   {
     const MutexLock lock(baseAppMutex_);
@@ -242,6 +252,7 @@ void ProcessManager::RemoveTerminatedApps() {
       }
       LogInfo("PROCMGR : Process %s removed from the list of executedBaseApp_",
               app->appName_.c_str());
+      DropChannel(*app);
       app = executedBaseApp_.erase(app);
     }
   }

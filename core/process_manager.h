@@ -116,6 +116,7 @@ class ProcessManager {
   void CollectChange(const App::GeneralAppInfo& app, std::vector<AppChange>& changes)
       REQUIRES(generalAppMutex_);
   void RemoveTerminatedApps() EXCLUDES(generalAppMutex_, baseAppMutex_);
+  void DropChannel(const App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
   [[nodiscard]] static std::uint32_t IsTerminatedByEio(const App::AppInfo& app);
 
   // core/reaper.cpp. Wait thread.

@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kLaunchers = 3;
 #ifdef __SANITIZE_ADDRESS__
-constexpr int kLaunchesEach = 150;  // A fork has all of the sanitizer's own memory to copy.
+constexpr int kLaunchesEach = 60;  // A fork has all of the sanitizer's own memory to copy.
 #else
 constexpr int kLaunchesEach = 800;
 #endif

@@ -270,13 +270,15 @@ class Canary {
   std::atomic<bool> alive_ = true;
 };
 
+// Made before the library starts, so it goes after the library has ended.
+const Canary kCanary;
+
 TEST(NexioExitDeathTest, NoCallbackRunsIntoObjectsThatAreGone) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
-        static const Canary canary;
         const RawServer server(Box(), "exiting", getgid());
-        const int fd = OpenTo("exiting", [](int, const ProcMgr::NexioRequest*) { canary.Use(); });
+        const int fd = OpenTo("exiting", [](int, const ProcMgr::NexioRequest*) { kCanary.Use(); });
         auto peer = server.AcceptGreeted();
         std::thread([peer = std::move(*peer)] {
           while (peer.Send(MakePacket(kRequest, 1, "x"))) {
