@@ -19,21 +19,18 @@
 //                     there by its own report alone.
 //     -> TERMINATED   exited: classified (ClassifyExit).
 //   RUNNING
-//     -> TERMINATING  general: TermGeneralApp sent SIGTERM. Base: the service said that it is
-//     going.
+//     -> TERMINATING  general: TermGeneralApp sent SIGTERM. Base: the service says that it goes.
 //     -> RESTARTING   general: RestartApp sent SIGTERM.
 //     -> TERMINATED   exited: classified.
 //   TERMINATING  asked to end. Base: no time-out.
 //     -> TERMINATED   exited: TERMINATED_NORMAL_EXIT, whatever the status says.
 //     -> RUNNING      general, time-out, no kill allowed: RUNNING_ABNORMAL_TERM_TIMEOUT.
 //   RESTARTING   general only. isRestartStarted_ 0: the old process is being ended, and killed
-//   after
-//                the time-out; 1: the new one has been started.
+//                after the time-out; 1: the new one has been started.
 //     -> RUNNING      the new process is seen alive: RUNNING_NORMAL_RESTART.
 //     -> TERMINATED   the new process could not be started, or exited: TERMINATED_ABNORMAL_EXIT.
 //   TERMINATED   exit seen. Base: reported as TERMINATED_ABNORMAL_EXIT at every pass, which drives
-//   the
-//                restart decision, until a restart succeeds or the record is erased. General:
+//                the restart decision, until a restart succeeds or the record is erased. General:
 //                erased from generalAppMap_ in the same pass.
 //
 // Locks: base records are guarded by baseAppMutex_, general records by generalAppMutex_ (core).
