@@ -12,6 +12,13 @@ namespace {
 
 using ::testing::HasSubstr;
 
+std::string Started(const std::string& name) {
+  return "6 [TRACE] Start baseApp success appName=" + name +
+         ", binPath=/opt/test/test-service, pid=#, isDelayCoreAffinity_=0";
+}
+
+const std::string kHashFile = "/etc/zur/base-plat/process-manager/bin_hash.cfg";
+
 // What the boot thread says from main to the end of a boot of "alpha" and "beta".
 const std::vector<std::string> kPlainBoot = {
     "6 ProcMgr: main begin: baseServiceCfgPath: /run/sandbox/base.yaml",
@@ -29,8 +36,7 @@ const std::vector<std::string> kPlainBoot = {
     "3 LoadSharepoolCfg failed: errno=2",
     "6 sharepoolCfg has DEFAULT_MEM_GROUP sharepool group",
     "6 CreateSharepoolGroup group=DEFAULT_MEM_GROUP success",
-    "4 PROCMGR: IntegrityProtect hash config file=/etc/zur/base-plat/process-manager/bin_hash.cfg "
-    "is not exist",
+    "4 PROCMGR: IntegrityProtect hash config file=" + kHashFile + " is not exist",
     "6 PROCMGR: GetLockedMemoryLimitFromCfg limit value=65536",
     "6 PROCMGR: SetLockedMemoryLimit success limit value=65536 ",
     "6 PROCMGR: InquireHomeEnvVariable finished home env=/home/of-1000 ",
@@ -43,12 +49,10 @@ const std::vector<std::string> kPlainBoot = {
     "6 Register sensor node for proc_launcher success. (handle=0x2)",
     "6 [TRACE], ContinueProcMgrInit success",
     "6 [TRACE] InitBaseApplication begin, yaml path=/run/sandbox/base.yaml",
-    "6 [TRACE] Start baseApp success appName=alpha, binPath=/opt/test/test-service, pid=#, "
-    "isDelayCoreAffinity_=0",
+    Started("alpha"),
     "3 PROCMGR : Master ReportAppState failed: invalid fd, owner=iammgr",
     "3 PROCMGR : report alpha's state: 0 to iammgr failed",
-    "6 [TRACE] Start baseApp success appName=beta, binPath=/opt/test/test-service, pid=#, "
-    "isDelayCoreAffinity_=0",
+    Started("beta"),
     "3 PROCMGR : Master ReportAppState failed: invalid fd, owner=iammgr",
     "3 PROCMGR : report beta's state: 0 to iammgr failed",
     "6 [TRACE] InitBaseApplication end",
@@ -134,7 +138,7 @@ TEST_F(Booting, NoFaultOfTheServiceFileStopsIt) {
       {"", ""},
       {"applications: 7\n", ":1:"},
       {"applications:\n  - appName: [\n", ":"},
-      {"\xff\xfe\x00garbage", ":1:"},
+      {std::string("\xff\xfe\0garbage", 10), ":1:"},
       {good + "    restart: sometimes\n", ":6:"},
       {good + "  - appName: alpha\n    binPath: /bin/true\n    uid: 0\n    gid: 0\n", ":6:"},
       {good + "  - binPath: /bin/true\n    uid: 0\n    gid: 0\n", ":6:"},

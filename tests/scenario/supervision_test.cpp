@@ -44,6 +44,9 @@ TEST_F(Supervision, KilledServiceReturnsAndKnowsIt) {
   ASSERT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=1").has_value());
   ASSERT_TRUE(log_.WaitFor("PROCMGR : STARTING to RUNNING appName=steady").has_value());
   EXPECT_EQ(first.Get("env.IS_RESTART"), "0");
+  const std::string started =
+      "6 [TRACE] Start baseApp success appName=steady, binPath=/opt/test/test-service, pid=#, "
+      "isDelayCoreAffinity_=0";
   const std::vector<std::string> expected = {
       "6 PROCMGR : SetExitStatus steady, pid=#",
       "4 PROCMGR : Process=steady, pid=# terminated by calling Kill(), signal=9",
@@ -53,8 +56,7 @@ TEST_F(Supervision, KilledServiceReturnsAndKnowsIt) {
       "3 PROCMGR : report steady's state: 4 to iammgr failed",
       "6 PROCMGR: CheckThread : owner=steady, pid=#, state=TERMINATED will restart now",
       "6 PROCMGR : Restarting process steady",
-      "6 [TRACE] Start baseApp success appName=steady, binPath=/opt/test/test-service, pid=#, "
-      "isDelayCoreAffinity_=0",
+      started,
       "3 PROCMGR : Master ReportAppState failed: invalid fd, owner=iammgr",
       "3 PROCMGR : report steady's state: 0 to iammgr failed",
       "6 ********* PROCMGR : RegServiceCallBack success fd=1, targetProcName=steady",

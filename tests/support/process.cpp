@@ -66,11 +66,11 @@ std::vector<std::string> Environment(const std::map<std::string, std::string>& g
   std::vector<std::string> environment = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"};
   for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
     if (const char* const value = std::getenv(name); value != nullptr) {
-      environment.push_back(std::string(name) + "=" + value);
+      environment.push_back(std::string(name).append("=").append(value));
     }
   }
   for (const auto& [name, value] : given) {
-    environment.push_back(name + "=" + value);
+    environment.push_back(std::string(name).append("=").append(value));
   }
   return environment;
 }

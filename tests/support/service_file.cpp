@@ -30,7 +30,7 @@ std::string ServiceFile(const std::vector<App>& apps) {
     text += "  - appName: " + Quoted(app.name) + "\n    binPath: " + Quoted(app.binPath) + "\n";
     for (const char* identity : {"uid", "gid"}) {
       if (!HasKey(app, identity)) {
-        text += std::string("    ") + identity + ": 0\n";
+        text.append("    ").append(identity).append(": 0\n");
       }
     }
     if (!app.arguments.empty()) {
@@ -40,7 +40,7 @@ std::string ServiceFile(const std::vector<App>& apps) {
       }
     }
     for (const auto& [key, value] : app.keys) {
-      text += "    " + key + ": " + value + "\n";
+      text.append("    ").append(key).append(": ").append(value).append("\n");
     }
   }
   return text;

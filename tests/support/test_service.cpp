@@ -31,6 +31,7 @@
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -46,6 +47,17 @@ namespace {
 [[noreturn]] void Fail(const char* what) {
   (void)fprintf(stderr, "test-service: %s: %s\n", what, strerror(errno));
   _exit(99);
+}
+
+int Number(const char* text) {
+  char* end = nullptr;
+  errno = 0;
+  const long value = strtol(text, &end, 10);
+  if (errno != 0 || end == text || *end != '\0' || value < INT_MIN || value > INT_MAX) {
+    errno = EINVAL;
+    Fail(text);
+  }
+  return static_cast<int>(value);
 }
 
 std::string ReadWhole(const char* path) {
@@ -96,8 +108,7 @@ void AddDescriptors(Report& report) {
   }
   std::string numbers;
   for (const dirent* entry = readdir(folder); entry != nullptr; entry = readdir(folder)) {
-    const int fd = atoi(entry->d_name);
-    if (entry->d_name[0] == '.' || fd == dirfd(folder)) {
+    if (entry->d_name[0] == '.' || Number(entry->d_name) == dirfd(folder)) {
       continue;
     }
     std::array<char, 4096> target{};
@@ -305,18 +316,18 @@ void Obey(int argc, char** argv, int& at, Plan& plan) {
   } else if (flag == "--serve") {
     Serve(Value(argc, argv, at));
   } else if (flag == "--threads") {
-    StartThreads(atoi(Value(argc, argv, at)));
+    StartThreads(Number(Value(argc, argv, at)));
   } else if (flag == "--ignore-term") {
     (void)signal(SIGTERM, SIG_IGN);
   } else if (flag == "--close-output") {
     close(STDOUT_FILENO);
     close(STDERR_FILENO);
   } else if (flag == "--exit-after") {
-    plan.exitAfterMs = atol(Value(argc, argv, at));
+    plan.exitAfterMs = Number(Value(argc, argv, at));
   } else if (flag == "--exit-code") {
-    plan.exitCode = atoi(Value(argc, argv, at));
+    plan.exitCode = Number(Value(argc, argv, at));
   } else if (flag == "--crash") {
-    Crash(atoi(Value(argc, argv, at)));
+    Crash(Number(Value(argc, argv, at)));
   } else if (flag == "--abort-in-thread") {
     pthread_t thread{};
     (void)pthread_create(&thread, nullptr, &AbortThread, nullptr);

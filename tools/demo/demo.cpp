@@ -109,22 +109,28 @@ void Run(bool stay) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunWithArguments(int argc, char** argv) {
   bool stay = false;
   CLI::App app{
       "Boots the example platform in a sandbox, kills a service, shows it return, and runs "
       "applications with pmctl."};
   app.add_flag("--stay", stay, "keep the platform up until Ctrl-C");
   CLI11_PARSE(app, argc, argv);
+  Run(stay);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   (void)std::signal(SIGINT, &OnInterrupt);
   (void)std::signal(SIGTERM, &OnInterrupt);
   try {
-    Run(stay);
-    return 0;
+    return RunWithArguments(argc, argv);
   } catch (const std::exception& e) {
     (void)std::fprintf(stderr, "demo: %s\n", e.what());
-    return 1;
+  } catch (...) {
+    (void)std::fprintf(stderr, "demo: failed for an unknown reason\n");
   }
+  return 1;
 }
