@@ -22,7 +22,7 @@ if grep -rIlE "$work/first|$build" "$work/moved"; then
   exit 1
 fi
 
-cmake -S "$here" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_CXX_FLAGS="$*" \
+cmake -G Ninja -S "$here" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_CXX_FLAGS="$*" \
   -DProcessManagerAgent_DIR="$package" -DSERVICE_SOURCE="$source" >/dev/null
 cmake --build "$work/build" >/dev/null
 
