@@ -193,7 +193,10 @@ bool ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid,
     if (!opening.IsFirst()) {
       return !terms.waitsForOther || JoinOther(procName);
     }
-    nameTable.Set(procName, -1);
+    // A service that doesn't report, but serves, keeps its channel until it is opened anew.
+    if (const int old = nameTable.TakeForClosing(procName); old > 0) {
+      (void)CloseMarked(old);
+    }
     if (!terms.isPeerGone || !terms.isPeerGone()) {
       fd = OpenAndFile(procName, gid, opening, error);
     }
