@@ -1,7 +1,7 @@
 // The state machine of both kinds of record; app/app_info.h tells its states and moves.
-#include <signal.h>
 
 #include <chrono>
+#include <csignal>
 
 #include "app/app_info.h"
 #include "core/log.h"

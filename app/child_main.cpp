@@ -1,9 +1,9 @@
 #include "app/child_main.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <string>
 
 #include "app/child_env.h"

@@ -105,7 +105,7 @@ bool AppInfo::UpdateEnv(const std::vector<std::string>& values) {
   for (const auto& [key, value] : envTemplate_) {
     if (!ParseAndDepend::Instance().IsDynamicPara(value)) {
       envArgv_[key] = value;
-      logText += key + "=" + value + " ";
+      logText.append(key).append("=").append(value).append(" ");
     }
   }
   for (const std::string& text : values) {
@@ -137,7 +137,7 @@ bool AppInfo::UpdateEnvEntry(const std::string& text, std::string& logText) {
     return false;
   }
   envArgv_[key] = value;
-  logText += key + "=" + value + " ";
+  logText.append(key).append("=").append(value).append(" ");
   return true;
 }
 

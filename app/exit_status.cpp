@@ -1,8 +1,8 @@
 // How a process is told to end, and how its end is read.
-#include <signal.h>
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <csignal>
 
 #include "app/app_info.h"
 #include "core/log.h"

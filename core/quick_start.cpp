@@ -1,8 +1,7 @@
 #include "core/quick_start.h"
 
-#include <signal.h>
-
 #include <atomic>
+#include <csignal>
 #include <cstdint>
 
 #include "core/boot_trace.h"

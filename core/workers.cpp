@@ -1,7 +1,7 @@
 // The life of the manager's own threads.
 #include <pthread.h>
-#include <signal.h>
 
+#include <csignal>
 #include <ctime>
 #include <exception>
 
