@@ -43,6 +43,7 @@ void ProcessManager::ReportGeneralApps(const std::vector<AppChange>& changes) {
     return;
   }
   std::vector<AppStateInfo> all;
+  all.reserve(changes.size());
   std::map<std::string, std::vector<AppStateInfo>> byOwner;
   for (const AppChange& change : changes) {
     all.push_back(change.info);
@@ -86,6 +87,7 @@ void ProcessManager::ReportAllApps() {
   {
     const MutexLock lock(generalAppMutex_);
     std::vector<AppStateInfo> list;
+    list.reserve(generalAppMap_.size());
     for (const auto& [name, app] : generalAppMap_) {
       list.push_back(MakeCurrentStateInfo(*app));
     }

@@ -87,14 +87,60 @@ void Stay(const PmTest::Daemon& daemon, Demo::DemoLog& log) {
   log.PrintOn();
 }
 
-void Run(bool stay) {
+std::string WithEarlyApp(const std::string& entries) {
+  return entries +
+         "\n  - appName: early_light\n"
+         "    binPath: /opt/platform/bin/sample_app\n"
+         "    uid: operator\n    gid: operator\n"
+         "    startupPriority: 1\n"
+         "    resGroupName: OTHER\n    cpuset: CtrlCPU\n";
+}
+
+// Prints the kernel log from line `from` on, and yields its length.
+std::size_t PrintKernelLog(const PmTest::Sandbox& sandbox, std::size_t from) {
+  const std::vector<PmTest::LogLine> lines = PmTest::KernelLog(sandbox);
+  for (std::size_t i = from; i < lines.size(); ++i) {
+    std::printf("   kmsg  %s\n", lines[i].text.c_str());
+  }
+  (void)std::fflush(stdout);
+  return lines.size();
+}
+
+// The early phase of a quick start: the kernel log has it, and it lasts until the continue signal.
+void ContinueQuickStart(const PmTest::Sandbox& sandbox, const PmTest::Daemon& daemon) {
+  if (!PmTest::WaitForKernelLog(sandbox, "InitPriorityApps start priority apps finish")) {
+    throw std::runtime_error("the priority applications have not come up");
+  }
+  const std::size_t shown = PrintKernelLog(sandbox, 0);
+  Say("kill -CONT " + std::to_string(daemon.Pid()) + " (the quick start may go on)");
+  if (kill(daemon.Pid(), SIGCONT) != 0 ||
+      !PmTest::WaitForKernelLog(sandbox, "wait success for continue startup")) {
+    throw std::runtime_error("the manager has not heard the continue signal");
+  }
+  (void)PrintKernelLog(sandbox, shown);
+}
+
+void Run(bool stay, bool quick) {
   const PmTest::Sandbox sandbox;
   Demo::InstallPlatform(sandbox);
   const PmTest::LogReader lines(sandbox);
   Demo::DemoLog log(lines, interrupted);
-  Say(std::string("process-manager ") + Demo::kPlatformFile);
-  PmTest::Daemon daemon(sandbox, {Demo::kPlatformFile});
+  std::vector<std::string> arguments = {Demo::kPlatformFile};
+  if (quick) {
+    sandbox.WriteFile(Demo::kOperatorEntries,
+                      WithEarlyApp(sandbox.ReadFile(Demo::kOperatorEntries)));
+    arguments.emplace_back("true");
+  }
+  Say(std::string("process-manager ") + Demo::kPlatformFile + (quick ? " true" : ""));
+  PmTest::Daemon daemon(sandbox, arguments);
+  if (quick) {
+    ContinueQuickStart(sandbox, daemon);
+  }
   Boot(log);
+  if (quick) {
+    Say("the early application belongs to the operator service now");
+    Demo::ShowHandOver(sandbox, "early_light");
+  }
   LoseAndRegain(sandbox, lines, log);
   Say("an operator runs applications");
   Demo::ShowOperator(sandbox);
@@ -111,12 +157,14 @@ void Run(bool stay) {
 
 int RunWithArguments(int argc, char** argv) {
   bool stay = false;
+  bool quick = false;
   CLI::App app{
       "Boots the example platform in a sandbox, kills a service, shows it return, and runs "
       "applications with pmctl."};
   app.add_flag("--stay", stay, "keep the platform up until Ctrl-C");
+  app.add_flag("--quick", quick, "a quick start: an application ahead of the boot, then a SIGCONT");
   CLI11_PARSE(app, argc, argv);
-  Run(stay);
+  Run(stay, quick);
   return 0;
 }
 

@@ -80,4 +80,13 @@ void ShowOperator(const PmTest::Sandbox& sandbox) {
   Show(sandbox, {"status"});
 }
 
+void ShowHandOver(const PmTest::Sandbox& sandbox, const std::string& name) {
+  Show(sandbox, {"query", name});
+  Show(sandbox, {"start", name});  // It runs already: the owner takes it as it is.
+  const nlohmann::json row = RowOf(sandbox, name);
+  if (row.at("owner") != "operator" || row.at("state") != "running") {
+    throw std::runtime_error(name + " has no owner, or doesn't run: " + row.dump());
+  }
+}
+
 }  // namespace Demo

@@ -2,6 +2,8 @@
 #ifndef TOOLS_DEMO_DEMO_OPERATOR_H
 #define TOOLS_DEMO_DEMO_OPERATOR_H
 
+#include <string>
+
 #include "tests/support/sandbox.h"
 
 namespace Demo {
@@ -9,6 +11,10 @@ namespace Demo {
 // Runs applications with pmctl, shows each command with its output, and throws if one of them
 // doesn't end as it should.
 void ShowOperator(const PmTest::Sandbox& sandbox);
+
+// Shows with pmctl that an application which came up before its owner is up and has one. Throws if
+// not.
+void ShowHandOver(const PmTest::Sandbox& sandbox, const std::string& name);
 
 }  // namespace Demo
 

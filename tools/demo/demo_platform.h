@@ -12,6 +12,9 @@ namespace Demo {
 // The file that the manager is started with, inside.
 inline constexpr const char* kPlatformFile = "/etc/zur/platform/platform.yaml";
 
+// What the operator service may start, inside.
+inline constexpr const char* kOperatorEntries = "/etc/zur/platform/entries/operator.yaml";
+
 // The operator's program, inside.
 inline constexpr const char* kPmctl = "/opt/platform/bin/pmctl";
 
