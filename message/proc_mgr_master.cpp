@@ -171,7 +171,7 @@ ProcMgrMaster::~ProcMgrMaster() {
   Detach();
 }
 
-void ProcMgrMaster::Detach() {
+void ProcMgrMaster::Detach() const {
   attachment.Detach(this);
 }
 

@@ -60,7 +60,7 @@ class ProcMgrMaster {
   // Waits until no callback runs in handler_, and lets none in any more: what the handler uses can
   // be destroyed after it. Not to be called by the handler, nor under a lock that it takes. The
   // destructor calls it.
-  void Detach();
+  void Detach() const;
 
   // Opens the channel to `procName`, which must run under `gid`. Blocks until the peer is there: up
   // to 3 minutes, or 30 with "VENTRIX_RUN_MODE" at "1". A name has one opening at a time.

@@ -151,13 +151,13 @@ json OperatorRequests::Operate(const std::string& operation, const json& request
       results.push_back(MakeResult(name, false, ProcMgr::ToText(result)));
     }
   }
-  AddOutcomes(operation, waiter, std::move(sent), deadline, results);
+  AddOutcomes(operation, waiter, sent, deadline, results);
   return {{"results", std::move(results)}};
 }
 
 // Adds the outcome of each of the names.
 void OperatorRequests::AddOutcomes(const std::string& operation, const Outcomes::Waiter& waiter,
-                                   std::vector<std::string> names, SteadyTime deadline,
+                                   const std::vector<std::string>& names, SteadyTime deadline,
                                    json& results) const {
   // The manager is silent about a name that it doesn't know at a start. It handles the frames of a
   // channel in order, so once a query is answered the start has been tried.

@@ -30,14 +30,14 @@ class OperatorRequests {
   [[nodiscard]] std::string Handle(const std::string& request) const;
 
  private:
-  [[nodiscard]] std::string Dispatch(const std::string& request) const;
+  [[nodiscard]] std::string Dispatch(const std::string& text) const;
   [[nodiscard]] nlohmann::json Operate(const std::string& operation,
                                        const nlohmann::json& request) const;
   [[nodiscard]] ProcMgr::Result Send(const std::string& operation, const std::string& name,
                                      const nlohmann::json& request) const;
   [[nodiscard]] bool IsThere(const std::string& name, ProcMgr::SteadyTime deadline) const;
   void AddOutcomes(const std::string& operation, const Outcomes::Waiter& waiter,
-                   std::vector<std::string> names, ProcMgr::SteadyTime deadline,
+                   const std::vector<std::string>& names, ProcMgr::SteadyTime deadline,
                    nlohmann::json& results) const;
   [[nodiscard]] nlohmann::json Query(const nlohmann::json& request) const;
   [[nodiscard]] nlohmann::json Load(const std::string& operation,

@@ -1,6 +1,5 @@
 #include "examples/services/outcomes.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace Example {
@@ -70,13 +69,21 @@ void Outcomes::Free(const std::vector<std::string>& names) {
 }
 
 bool Outcomes::AnyTaken(const std::vector<std::string>& names) const {
-  return std::any_of(names.begin(), names.end(),
-                     [this](const std::string& name) { return slots_.contains(name); });
+  for (const std::string& name : names) {
+    if (slots_.contains(name)) {
+      return true;
+    }
+  }
+  return false;
 }
 
 bool Outcomes::AllReported(const std::vector<std::string>& names) const {
-  return std::all_of(names.begin(), names.end(),
-                     [this](const std::string& name) { return slots_.at(name).has_value(); });
+  for (const std::string& name : names) {
+    if (!slots_.at(name).has_value()) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace Example

@@ -87,7 +87,7 @@ Watcher::~Watcher() {
 }
 
 int Watcher::Start() {
-  sockaddr_un address;
+  sockaddr_un address{};
   if (!MakeAddress(path_, address)) {
     return ENAMETOOLONG;
   }

@@ -99,8 +99,8 @@ TEST_F(Upload, ProcessIsAnnouncedWatchedAndMissed) {
   const std::string otherPid = "--pid=" + std::to_string(other.Pid());
   EXPECT_EQ(RunTool({"--procName=visitor", otherPid}, output), 1);
   EXPECT_EQ(RunTool({"--procName=iammgr", otherPid}, output), 1);
-  EXPECT_EQ(log_.Count("is duplicate with existing pmupload apps"), 1U);
-  EXPECT_EQ(log_.Count("is duplicate with already started apps by pm"), 1U);
+  EXPECT_TRUE(log_.WaitFor("is duplicate with existing pmupload apps").has_value());
+  EXPECT_TRUE(log_.WaitFor("is duplicate with already started apps by pm").has_value());
 
   guest.Signal(SIGKILL);
   ASSERT_TRUE(guest.WaitExit().has_value());
@@ -124,7 +124,8 @@ TEST_F(Upload, StrangersProcessIsNotBelieved) {
   std::string output;
   const std::string pid = std::to_string(rootsOwn.Pid());
   EXPECT_EQ(RunTool({"--procName=stolen", "--pid=" + pid}, output, asGuest), 1) << output;
-  EXPECT_EQ(log_.Count("PROCMGR : pmupload name=stolen, pid=" + pid + " from uid=7000"), 1U);
+  EXPECT_TRUE(
+      log_.WaitFor("PROCMGR : pmupload name=stolen, pid=" + pid + " from uid=7000").has_value());
   EXPECT_EQ(RunTool({"--procName=own", "--", "/bin/true"}, output, asGuest), 0) << output;
 }
 
