@@ -12,8 +12,6 @@
 namespace PmTest {
 namespace {
 
-using ::testing::HasSubstr;
-
 // Everything from the start of the bring-up to its end, of three services of which each waits for
 // the one before.
 const std::vector<std::string> kReportingBoot = {

@@ -125,7 +125,7 @@ TEST_F(Configuration, OwnSettings) {
 TEST_F(Configuration, ProcessesReportThemselvesOnlyIfTheSettingsSaySo) {
   struct Case {
     Content content;
-    bool isServed;
+    bool isServed = false;
   };
   const Case cases[] = {
       {kMissing, false},

@@ -40,7 +40,7 @@ class BeatReceiver {
 
   struct Beat {
     std::string name;
-    ucred sender;
+    ucred sender{};
   };
 
   [[nodiscard]] std::optional<Beat> Receive(milliseconds patience = kPatience) const {
