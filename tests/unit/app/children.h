@@ -9,6 +9,8 @@
 
 #include <csignal>
 
+#include "tests/support/system_error.h"
+
 namespace ProcMgr::App {
 
 // A process that waits for signals. What it is sent is left for the test to reap; what is left at
@@ -16,6 +18,7 @@ namespace ProcMgr::App {
 class WaitingChild {
  public:
   WaitingChild() : pid_(fork()) {
+    PmTest::CheckStep(pid_ >= 0, "fork");
     if (pid_ == 0) {
       for (;;) {
         pause();

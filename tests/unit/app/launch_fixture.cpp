@@ -87,12 +87,17 @@ std::string LaunchTest::Message(const AppInfo& app, const std::string& text) {
 
 void LaunchTest::End(pid_t pid) {
   lastPid_ = pid;
+  ASSERT_GT(pid, 0);
   ASSERT_EQ(kill(pid, SIGKILL), 0);
   ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
 }
 
 int LaunchTest::AwaitEnd(pid_t pid) {
   int status = -1;
+  if (pid < 1) {
+    ADD_FAILURE() << "no child";  // And kill would hit others.
+    return status;
+  }
   const UniqueFd process = PmTest::OpenPidFd(pid);
   if (!PmTest::AwaitExit(process.Get(), PmTest::kPatience)) {
     ADD_FAILURE() << "the child doesn't end";

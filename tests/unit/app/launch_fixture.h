@@ -36,7 +36,10 @@ class LaunchTest : public ::testing::Test {
   // Starts the record's service, waits for its report and ends it.
   template <typename Record>
   PmTest::ServiceReport ReportOf(Record& app) {
-    EXPECT_TRUE(app.StartProcess());
+    if (!app.StartProcess()) {
+      ADD_FAILURE() << "refused";
+      return {};
+    }
     PmTest::ServiceReport report = PmTest::AwaitReport(*sandbox_, kReport, lastPid_);
     EXPECT_EQ(report.Pid(), app.pid_);
     End(app.pid_);
@@ -46,7 +49,10 @@ class LaunchTest : public ::testing::Test {
   // Starts the record's program and yields the wait status with which it ends by itself.
   template <typename Record>
   int StatusOf(Record& app) {
-    EXPECT_TRUE(app.StartProcess());
+    if (!app.StartProcess()) {
+      ADD_FAILURE() << "refused";
+      return -1;
+    }
     return AwaitEnd(app.pid_);
   }
 

@@ -41,7 +41,7 @@ class PrepareStart : public LaunchTest {
   }
 
   void ExpectStarted(BaseAppInfo app) {
-    EXPECT_TRUE(app.StartProcess());
+    ASSERT_TRUE(app.StartProcess());
     EXPECT_EQ(app.state_, ProcessState::STARTING);
     EXPECT_GE(AwaitEnd(app.pid_), 0);
   }

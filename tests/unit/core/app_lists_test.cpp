@@ -42,6 +42,7 @@ class AppLists : public ::testing::Test {
   }
 
   static void End(pid_t pid) {
+    ASSERT_GT(pid, 0);
     ASSERT_EQ(kill(pid, SIGKILL), 0);
     ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
   }
