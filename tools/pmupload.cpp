@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -146,6 +147,7 @@ int Announce(int fd, LoadAppInfo info) {
 int Become(const std::vector<std::string>& command) {
   std::vector<std::string> words = command;
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) {
     argv.push_back(word.data());
   }
@@ -178,9 +180,7 @@ int Run(const Wish& wish) {
   return status == 0 && !wish.command.empty() ? Become(wish.command) : status;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunWithArguments(int argc, char** argv) {
   CLI::App app{
       "Announces a running process to the process manager, or itself before it becomes COMMAND, "
       "and "
@@ -209,4 +209,17 @@ int main(int argc, char** argv) {
     wish.pid = getpid();
   }
   return Run(wish);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return RunWithArguments(argc, argv);
+  } catch (const std::exception& error) {
+    (void)std::fprintf(stderr, "pmupload: %s\n", error.what());
+  } catch (...) {
+    (void)std::fprintf(stderr, "pmupload: failed for an unknown reason\n");
+  }
+  return kNoManager;
 }
