@@ -3,7 +3,7 @@
 
 #include <csignal>
 
-#include "tests/scenario/agent_peer.h"
+#include "tests/support/agent_peer.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {

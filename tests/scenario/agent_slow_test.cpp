@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "core/unique_fd.h"
-#include "tests/scenario/agent_peer.h"
+#include "tests/support/agent_peer.h"
 #include "tests/support/scenario_test.h"
 #include "tests/support/socket_path.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/scenario/agent_peer.h"
+#include "tests/support/agent_peer.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {

@@ -1,7 +1,7 @@
 // A base service's end of its channel, played by the test: it can say anything at any moment, and
 // nothing that the manager sends gets lost, because a thread reads all the time.
-#ifndef TESTS_SCENARIO_AGENT_PEER_H
-#define TESTS_SCENARIO_AGENT_PEER_H
+#ifndef TESTS_SUPPORT_AGENT_PEER_H
+#define TESTS_SUPPORT_AGENT_PEER_H
 
 #include <chrono>
 #include <cstddef>
@@ -99,4 +99,4 @@ class AgentPeer {
 
 }  // namespace PmTest
 
-#endif  // TESTS_SCENARIO_AGENT_PEER_H
+#endif  // TESTS_SUPPORT_AGENT_PEER_H

@@ -1,9 +1,9 @@
-#include "tests/scenario/agent_peer.h"
+#include "tests/support/agent_peer.h"
 
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <cstring>
+#include <stdexcept>
 #include <utility>
 
 #include "core/steady_time.h"
@@ -18,9 +18,17 @@ using ProcMgr::Message::RequestType;
 using ProcMgr::Serialization::PackedItem;
 using ProcMgr::Serialization::PieceList;
 
+// What is packed here is the test's own, so it must fit; and a frame that the manager never sends
+// ends the test program, for the reader's thread has nobody to throw to.
+void Demand(bool holds, const char* what) {
+  if (!holds) {
+    throw std::runtime_error(what);
+  }
+}
+
 PieceList Combine(RequestType type, std::vector<PackedItem> packed) {
   PieceList frames;
-  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrCombinePiecesMsg(type, packed, frames));
+  Demand(ProcMgr::Serialization::ProcMgrCombinePiecesMsg(type, packed, frames), "frames");
   return frames;
 }
 
@@ -112,13 +120,13 @@ bool AgentPeer::SendAll(const PieceList& frames) const {
 
 bool AgentPeer::StartApps(const std::vector<ProcMgr::Message::StartAppInfo>& list) const {
   std::vector<PackedItem> packed;
-  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackStartRequest(list, packed));
+  Demand(ProcMgr::Serialization::ProcMgrPackStartRequest(list, packed), "a start request");
   return SendAll(Combine(RequestType::START_APP, std::move(packed)));
 }
 
 bool AgentPeer::RestartApps(const std::vector<ProcMgr::Message::RestartAppInfo>& list) const {
   std::vector<PackedItem> packed;
-  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackRestartRequest(list, packed));
+  Demand(ProcMgr::Serialization::ProcMgrPackRestartRequest(list, packed), "a restart request");
   return SendAll(Combine(RequestType::RESTART_APP, std::move(packed)));
 }
 
@@ -128,15 +136,16 @@ bool AgentPeer::TermApps(const std::vector<std::string>& names) const {
     list.push_back({name});
   }
   std::vector<PackedItem> packed;
-  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackTermRequest(list, packed));
+  Demand(ProcMgr::Serialization::ProcMgrPackTermRequest(list, packed), "a request for the end");
   return SendAll(Combine(RequestType::TERM_APP, std::move(packed)));
 }
 
 std::string AgentPeer::LoadStartupCfg(const std::map<std::string, std::string>& matchData,
                                       bool reload) {
   std::vector<PackedItem> packed;
-  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackMatchDataAndPathRequest(
-      {matchData, "/the/manager/knows/better"}, packed));
+  Demand(ProcMgr::Serialization::ProcMgrPackMatchDataAndPathRequest(
+             {matchData, "/the/manager/knows/better"}, packed),
+         "a request to load");
   const PieceList frames = Combine(
       reload ? RequestType::RELOAD_STARTUP_CFG : RequestType::LOAD_STARTUP_CFG, std::move(packed));
   const std::uint32_t sequence = ++sequence_;
@@ -155,7 +164,7 @@ std::string AgentPeer::LoadStartupCfg(const std::map<std::string, std::string>& 
 
 std::map<std::string, int> AgentPeer::Query(const std::vector<std::string>& names) {
   RequestMsg frame;
-  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackQueryAppState(names, frame));
+  Demand(ProcMgr::Serialization::ProcMgrPackQueryAppState(names, frame), "a query");
   {
     const ProcMgr::MutexLock lock(mutex_);
     statuses_.clear();
@@ -219,18 +228,19 @@ void AgentPeer::Keep(const RawPacket& packet) {
     return;
   }
   RequestMsg frame;
-  ASSERT_EQ(packet.data.size(), sizeof(frame)) << "not a frame";
+  Demand(packet.data.size() == sizeof(frame), "the manager sent no frame");
   std::memcpy(static_cast<void*>(&frame), packet.data.data(), sizeof(frame));
   if (frame.type == RequestType::APP_STATE_REPORT) {
     std::vector<AppStateInfo> list;
     ProcMgr::Serialization::ProcMgrUnpackedAppStateRequest(&frame, list);
-    EXPECT_FALSE(list.empty());
+    Demand(!list.empty(), "the manager sent an empty report");
     reports_.insert(reports_.end(), list.begin(), list.end());
     return;
   }
-  ASSERT_EQ(frame.type, RequestType::APP_DETAIL_STATUS_REPORT);
+  Demand(frame.type == RequestType::APP_DETAIL_STATUS_REPORT, "the manager sent a request");
   std::map<std::string, int> status;
-  EXPECT_TRUE(ProcMgr::Serialization::ProcMgrUnpackAppDetailStatus(&frame, status));
+  Demand(ProcMgr::Serialization::ProcMgrUnpackAppDetailStatus(&frame, status),
+         "the manager sent a broken answer");
   statuses_.push_back(status);
 }
 
