@@ -99,24 +99,29 @@ class AppInfo {
   // Forgets which threads have been bound. Always true, as ScanDelayCoreAffinityApps wants it.
   [[nodiscard]] bool ClearBoundTids();
 
-  std::string appName_;
+  // What each pass looks at stands together at the front of the record: with many applications a
+  // pass costs what it has to fetch from memory.
   pid_t pid_ = 0;  // Of the current or the last process; never cleared at an exit.
+  ProcessState state_ = ProcessState::INITSTATE;
+  ReportAppStateType reportState_ = ReportAppStateType::INVALID_INTERMEDIATE_STATE;
+  bool isExited_ = false;  // An exit status waits in exitStatus_; the process has been reaped.
+  bool isReporting_ = false;
+  bool isTerminatedByEio_ = false;
+  std::int32_t exitStatus_ = 0;
+
+  std::string appName_;
   std::uint32_t uid_ = 0;
   std::uint32_t gid_ = 0;
   std::vector<std::uint32_t> coreAffinity_;
   std::string resGroupName_;
-  ProcessState state_ = ProcessState::INITSTATE;
-  ReportAppStateType reportState_ = ReportAppStateType::INVALID_INTERMEDIATE_STATE;
   std::string execPath_;
   std::vector<std::string> arguments_;
   std::map<std::string, std::string> envArgv_;
   std::uint32_t termTimeOut_ = 0;  // Milliseconds.
-  bool isTerminatedByEio_ = false;
   std::string homeEnv_;
   bool isSetRtPrio_ = false;
   std::string securityCon_;
   std::string cpuset_;
-  bool isReporting_ = false;
   std::string restart_;
   std::string ownerName_;
   std::int32_t nodeType_ = 0;
@@ -124,8 +129,6 @@ class AppInfo {
   bool isPriorityPending_ = false;
   bool isDelayCoreAffinity_ = false;
   std::set<std::uint32_t> boundTids_;
-  bool isExited_ = false;  // An exit status waits in exitStatus_; the process has been reaped.
-  std::int32_t exitStatus_ = 0;
   SteadyTime startTime_{};
   std::int32_t vfId_ = -1;
   bool isDynamicPara_ = false;

@@ -1,6 +1,7 @@
 #include "core/app_lists.h"
 
 #include <algorithm>
+#include <unordered_map>
 
 #include "core/log.h"
 
@@ -11,12 +12,17 @@ Mutex generalAppMutex_;
 Mutex baseAppMutex_;
 
 std::vector<App::BaseAppInfo> executedBaseApp_;
-std::unordered_map<std::string, GeneralAppPtr> generalAppMap_;
 std::map<pid_t, PmUploadEntry> pmUploadApps_;
 
 namespace {
 
-// The pids of the records in generalAppMap_; more than one name where a number was used again.
+// The general records with a process by their names, and again in the order of their entry: what is
+// done to all of them at every pass walks the second, which is cheaper by far than a chain of
+// nodes.
+std::unordered_map<std::string, GeneralAppPtr> generalAppMap_ GUARDED_BY(generalAppMutex_);
+std::vector<GeneralAppPtr> generalAppsInOrder_ GUARDED_BY(generalAppMutex_);
+
+// The pids of these records; more than one name where a number was used again.
 std::unordered_multimap<pid_t, std::string> generalAppPids_ GUARDED_BY(generalAppMutex_);
 
 unsigned baseEntriesOpen_ GUARDED_BY(baseAppMutex_) = 0;
@@ -44,6 +50,10 @@ bool IsCandidate(const App::AppInfo& app, pid_t pid, SteadyTime limit) {
 }
 
 }  // namespace
+
+const std::vector<GeneralAppPtr>& GeneralAppsInOrder() {
+  return generalAppsInOrder_;
+}
 
 App::BaseAppInfo* FindBaseApp(const std::string& name) {
   const auto found =
@@ -87,6 +97,7 @@ bool LaunchGeneralApp(const GeneralAppPtr& app) {
     return false;
   }
   if (generalAppMap_.emplace(app->appName_, app).second) {
+    generalAppsInOrder_.push_back(app);
     generalAppPids_.emplace(app->pid_, app->appName_);
   } else {
     FilePid(*app, oldPid);
@@ -94,23 +105,22 @@ bool LaunchGeneralApp(const GeneralAppPtr& app) {
   return true;
 }
 
-void StepGeneralApp(const GeneralAppPtr& app) {
-  const pid_t oldPid = app->pid_;
-  app->state_ = app->CheckState();
-  FilePid(*app, oldPid);
+void StepGeneralApp(App::GeneralAppInfo& app, SteadyTime now) {
+  const pid_t oldPid = app.pid_;
+  app.state_ = app.CheckStateAt(now);
+  FilePid(app, oldPid);
 }
 
 void RemoveTerminatedGeneralApps() {
-  for (auto entry = generalAppMap_.begin(); entry != generalAppMap_.end();) {
-    const App::GeneralAppInfo& app = *entry->second;
-    if (app.state_ != ProcessState::TERMINATED) {
-      ++entry;
-      continue;
+  std::erase_if(generalAppsInOrder_, [](const GeneralAppPtr& app) REQUIRES(generalAppMutex_) {
+    if (app->state_ != ProcessState::TERMINATED) {
+      return false;
     }
-    LogInfo("PROCMGR : Process %s removed from the list of generalAppMap_", app.appName_.c_str());
-    DropPid(app.pid_, app.appName_);
-    entry = generalAppMap_.erase(entry);
-  }
+    LogInfo("PROCMGR : Process %s removed from the list of generalAppMap_", app->appName_.c_str());
+    DropPid(app->pid_, app->appName_);
+    generalAppMap_.erase(app->appName_);
+    return true;
+  });
 }
 
 BaseAppEntry::BaseAppEntry() {

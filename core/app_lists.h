@@ -20,7 +20,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "app/app_info.h"
@@ -51,8 +50,11 @@ extern Mutex baseAppMutex_ ACQUIRED_AFTER(generalAppMutex_);
 // Guards every record in executedBaseApp_ too, and generalAppMutex_ every general record, from a
 // start, a restart or a termination on to the end of what it does for one application.
 extern std::vector<App::BaseAppInfo> executedBaseApp_ GUARDED_BY(baseAppMutex_);
-extern std::unordered_map<std::string, GeneralAppPtr> generalAppMap_ GUARDED_BY(generalAppMutex_);
 extern std::map<pid_t, PmUploadEntry> pmUploadApps_ GUARDED_BY(pmUploadMutex_);
+
+// The general records with a process, or with one that ended since the last pass, in the order of
+// their entry.
+[[nodiscard]] const std::vector<GeneralAppPtr>& GeneralAppsInOrder() REQUIRES(generalAppMutex_);
 
 // The first record of that name, or null. The pointer is good for as long as the lock is held.
 [[nodiscard]] App::BaseAppInfo* FindBaseApp(const std::string& name) REQUIRES(baseAppMutex_);
@@ -68,15 +70,14 @@ extern std::map<pid_t, PmUploadEntry> pmUploadApps_ GUARDED_BY(pmUploadMutex_);
     REQUIRES(generalAppMutex_);
 [[nodiscard]] std::size_t FindBaseAppByPid(pid_t pid, SteadyTime& limit) REQUIRES(baseAppMutex_);
 
-// Starts a general record's process, enters the record in generalAppMap_ if it isn't there, and
-// files its pid, so that an exit finds it without a walk. False: no process exists, nothing is
-// changed.
+// Starts a general record's process, enters the record if it isn't there, and files its pid, so
+// that an exit finds it without a walk. False: no process exists, nothing is changed.
 [[nodiscard]] bool LaunchGeneralApp(const GeneralAppPtr& app) REQUIRES(generalAppMutex_);
 
 // One step of a general record's state machine, the pid of a process that it may start filed.
-void StepGeneralApp(const GeneralAppPtr& app) REQUIRES(generalAppMutex_);
+void StepGeneralApp(App::GeneralAppInfo& app, SteadyTime now) REQUIRES(generalAppMutex_);
 
-// Takes every TERMINATED record out of generalAppMap_.
+// Takes every TERMINATED general record out.
 void RemoveTerminatedGeneralApps() REQUIRES(generalAppMutex_);
 
 // Announces that a base record is about to be started and entered. Between its fork and its entry

@@ -206,8 +206,9 @@ void ProcessManager::CheckGeneralApps() {
   std::vector<AppChange> changes;
   {
     const MutexLock lock(generalAppMutex_);
-    for (const auto& [name, app] : generalAppMap_) {
-      StepGeneralApp(app);
+    const SteadyTime now = SteadyNow();
+    for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
+      StepGeneralApp(*app, now);
       if (app->reportState_ == ReportAppStateType::INVALID_INTERMEDIATE_STATE) {
         continue;
       }

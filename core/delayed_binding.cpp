@@ -57,7 +57,7 @@ bool ProcessManager::ScanDelayCoreAffinityApps(bool (App::AppInfo::*operation)()
   bool isOk = true;
   {
     const MutexLock lock(generalAppMutex_);
-    for (const auto& [name, app] : generalAppMap_) {
+    for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
       if (app->isDelayCoreAffinity_) {
         isOk = (app.get()->*operation)() && isOk;
       }
@@ -180,7 +180,7 @@ std::vector<AppCoreInfo> ProcessManager::CollectCores(bool isWakeUpEnable) {
   }
   {
     const MutexLock lock(generalAppMutex_);
-    for (const auto& [name, app] : generalAppMap_) {
+    for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
       if (!IsLeftAlone(*app, isWakeUpEnable)) {
         apps.push_back({static_cast<std::uint32_t>(app->pid_), app->coreAffinity_});
       }

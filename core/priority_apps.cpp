@@ -160,7 +160,7 @@ void ProcessManager::ContinueProcMgrInit() {
 
 void ProcessManager::BindPriorityApps() {
   const MutexLock lock(generalAppMutex_);
-  for (const auto& [name, app] : generalAppMap_) {
+  for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
     // A process that has been reaped leaves a pid that may be a stranger's.
     if (app->startupPriority_ == -1 || app->state_ == ProcessState::TERMINATED || app->isExited_) {
       continue;
@@ -177,7 +177,7 @@ void ProcessManager::HandlePriorityApps(const GeneralAppPtr& app) {
           app->appName_.c_str(), app->pid_, GetProcessStateStr(app->state_).c_str(),
           app->ownerName_.c_str());
   app->isPriorityPending_ = false;
-  StepGeneralApp(app);
+  StepGeneralApp(*app, SteadyNow());
   // The owner asked; if it can't hear the answer it has gone.
   (void)ReportAppState({MakeCurrentStateInfo(*app)}, app->ownerName_);
 }

@@ -76,7 +76,7 @@ void ProcessManager::ReportPriorityApps() {
   std::vector<AppStateInfo> list;
   for (const auto& [name, app] : allGeneralAppMap_) {
     if (app->startupPriority_ != -1) {
-      StepGeneralApp(app);
+      StepGeneralApp(*app, SteadyNow());
       list.push_back(MakeCurrentStateInfo(*app));
     }
   }
@@ -87,8 +87,8 @@ void ProcessManager::ReportAllApps() {
   {
     const MutexLock lock(generalAppMutex_);
     std::vector<AppStateInfo> list;
-    list.reserve(generalAppMap_.size());
-    for (const auto& [name, app] : generalAppMap_) {
+    list.reserve(GeneralAppsInOrder().size());
+    for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
       list.push_back(MakeCurrentStateInfo(*app));
     }
     (void)ReportAppState(list, kAccessService);  // It asks again if it misses something.

@@ -25,7 +25,7 @@ class AppLists : public ::testing::Test {
   ~AppLists() override {
     const MutexLock general(generalAppMutex_);
     const MutexLock base(baseAppMutex_);
-    for (const auto& [name, app] : generalAppMap_) {
+    for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
       End(app->pid_);
       app->state_ = TERMINATED;
     }
@@ -132,7 +132,7 @@ TEST_F(AppLists, APidIsFiledFromTheLaunchToTheRemoval) {
   End(old);
   app->SetExitStatus(SIGKILL);
   app->state_ = RESTARTING;
-  StepGeneralApp(app);
+  StepGeneralApp(*app, SteadyNow());
   ASSERT_NE(app->pid_, old);
   limit = SteadyTime::max();
   EXPECT_EQ(FindGeneralAppByPid(old, limit), "");
