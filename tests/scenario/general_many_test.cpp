@@ -4,7 +4,6 @@
 
 #include <csignal>
 #include <map>
-#include <set>
 
 #include "tests/scenario/general_test.h"
 
@@ -13,74 +12,96 @@ namespace {
 
 using ProcMgr::Message::RequestType;
 
-class GeneralMany : public GeneralTest {};
+constexpr std::size_t kCount = 1000;
 
-TEST_F(GeneralMany, HundredsFromTheFramesOfOneAgentLeaveNothing) {
-  constexpr std::size_t kCount = 300;
-  BootWith({{"app-${[0-9]+}", kService, {}, {}}});
-  const std::size_t descriptors = daemon_->Descriptors().size();
-  const std::size_t threads = daemon_->ThreadCount();
-  std::vector<ProcMgr::Message::StartAppInfo> starts;
-  std::vector<ProcMgr::Message::RestartAppInfo> restarts;
-  std::vector<std::string> names;
-  std::map<std::string, int> running;
-  for (std::size_t i = 0; i < kCount; ++i) {
-    names.push_back("app-" + std::to_string(i));
-    starts.push_back({names.back(), {}, {}});
-    restarts.push_back({names.back(), {}, {}});
-    running[names.back()] = 0;
+class GeneralMany : public GeneralTest {
+ protected:
+  // Names every application and boots.
+  void BootThousand() {
+    for (std::size_t i = 0; i < kCount; ++i) {
+      names_.push_back("app-" + std::to_string(i));
+    }
+    BootWith({{"app-${[0-9]+}", kService, {}, {}}});
   }
-  std::map<std::string, pid_t> pids;
-  // Expects one report of `state` on each, from both who hear of them.
-  const auto expectAll = [&](std::uint32_t state) {
+
+  void StartAll() {
+    std::vector<ProcMgr::Message::StartAppInfo> list;
+    for (const std::string& name : names_) {
+      list.push_back({name, {}, {}});
+    }
+    ASSERT_TRUE(owner_.StartApps(list));
+    ASSERT_NO_FATAL_FAILURE(ExpectOneReportOnEach([](std::size_t) { return 0U; }));
+  }
+
+  void RestartAll() {
+    std::vector<ProcMgr::Message::RestartAppInfo> list;
+    for (const std::string& name : names_) {
+      list.push_back({name, {}, {}});
+    }
+    ASSERT_TRUE(owner_.RestartApps(list));
+    ASSERT_NO_FATAL_FAILURE(ExpectOneReportOnEach([](std::size_t) { return 1U; }));
+  }
+
+  // One half is asked to end, the other dies.
+  void EndAll() {
+    const auto half = names_.begin() + kCount / 2;
+    ASSERT_TRUE(owner_.TermApps({names_.begin(), half}));
+    for (auto name = half; name != names_.end(); ++name) {
+      ASSERT_EQ(kill(pids_[*name], SIGKILL), 0);
+    }
+    ASSERT_NO_FATAL_FAILURE(
+        ExpectOneReportOnEach([](std::size_t index) { return index < kCount / 2 ? 3U : 4U; }));
+    ASSERT_TRUE(log_.WaitForCount("removed from the list of generalAppMap_", kCount));
+  }
+
+  // From both who hear of them; `stateOf` an application's index is the state that it must tell.
+  template <typename StateOf>
+  void ExpectOneReportOnEach(StateOf stateOf) {
     for (AgentPeer* const peer : {&owner_, &iammgr_}) {
-      std::set<std::string> seen;
+      std::map<std::string, std::uint32_t> states;
       for (std::size_t i = 0; i < kCount; ++i) {
         const auto report = peer->NextReport();
-        ASSERT_TRUE(report.has_value()) << seen.size();
-        EXPECT_EQ(report->state, state) << report->appName;
-        EXPECT_TRUE(seen.insert(report->appName).second) << report->appName;
-        pids[report->appName] = report->pid;
+        ASSERT_TRUE(report.has_value()) << peer->Name() << " got " << i;
+        EXPECT_TRUE(states.emplace(report->appName, report->state).second) << report->appName;
+        pids_[report->appName] = report->pid;
+      }
+      for (std::size_t i = 0; i < kCount; ++i) {
+        EXPECT_EQ(states[names_[i]], stateOf(i)) << names_[i];
       }
     }
-  };
-  // As many as an answer of one frame can hold.
-  const auto status = [&](std::size_t begin, std::size_t end) {
-    return owner_.Query({names.begin() + static_cast<std::ptrdiff_t>(begin),
-                         names.begin() + static_cast<std::ptrdiff_t>(end)});
-  };
-  ASSERT_TRUE(owner_.StartApps(starts));
-  ASSERT_NO_FATAL_FAILURE(expectAll(0));
+  }
+
+  // How many of them are said to run.
+  std::size_t CountRunning() {
+    constexpr std::size_t kInAnAnswer = 100;
+    std::size_t running = 0;
+    for (auto begin = names_.begin(); begin != names_.end(); begin += kInAnAnswer) {
+      for (const auto& [name, state] : owner_.Query({begin, begin + kInAnAnswer})) {
+        running += state == 0 ? 1U : 0U;
+      }
+    }
+    return running;
+  }
+
+  std::vector<std::string> names_;
+  std::map<std::string, pid_t> pids_;
+};
+
+TEST_F(GeneralMany, ThousandFromTheFramesOfOneAgentLeaveNothing) {
+  BootThousand();
+  const std::size_t descriptors = daemon_->Descriptors().size();
+  const std::size_t threads = daemon_->ThreadCount();
+  ASSERT_NO_FATAL_FAILURE(StartAll());
   EXPECT_EQ(daemon_->Services().size(), kCount + 3);
-  std::map<std::string, int> answers = status(0, kCount / 2);
-  answers.merge(status(kCount / 2, kCount));
-  EXPECT_EQ(answers, running);
-  const auto firstPids = pids;
-  ASSERT_TRUE(owner_.RestartApps(restarts));
-  ASSERT_NO_FATAL_FAILURE(expectAll(1));
+  EXPECT_EQ(CountRunning(), kCount);
+  const auto firstPids = pids_;
+  ASSERT_NO_FATAL_FAILURE(RestartAll());
   for (const auto& [name, pid] : firstPids) {
-    EXPECT_NE(pids[name], pid) << name;
+    EXPECT_NE(pids_[name], pid) << name;
   }
-  // Half of them are asked to end, half die.
-  std::vector<std::string> asked(names.begin(), names.begin() + kCount / 2);
-  ASSERT_TRUE(owner_.TermApps(asked));
-  for (std::size_t i = kCount / 2; i < kCount; ++i) {
-    ASSERT_EQ(kill(pids[names[i]], SIGKILL), 0);
-  }
-  for (AgentPeer* const peer : {&owner_, &iammgr_}) {
-    std::map<std::string, std::uint32_t> states;
-    for (std::size_t i = 0; i < kCount; ++i) {
-      const auto report = peer->NextReport();
-      ASSERT_TRUE(report.has_value());
-      states[report->appName] = report->state;
-    }
-    EXPECT_EQ(states.size(), kCount);
-    for (std::size_t i = 0; i < kCount; ++i) {
-      EXPECT_EQ(states[names[i]], i < kCount / 2 ? 3U : 4U) << names[i];
-    }
-  }
-  ASSERT_TRUE(log_.WaitForCount("removed from the list of generalAppMap_", kCount));
+  ASSERT_NO_FATAL_FAILURE(EndAll());
   ExpectNothingElse();
+  EXPECT_EQ(CountRunning(), 0U);
   EXPECT_EQ(daemon_->Services().size(), 3U);
   EXPECT_TRUE(daemon_->Zombies().empty());
   EXPECT_EQ(daemon_->Descriptors().size(), descriptors);
