@@ -1,10 +1,10 @@
-// bench-service FILE [--once]: tells the instant of its main and what it has cost until then, and
-// then waits for its end, or ends at once with --once.
+// bench-service FILE [--once|--rest]: tells the instant of its main and what it has cost until
+// then, and then waits for its end, or ends at once with --once.
 //
 // It appends one line "PID NANOSECONDS CPU-NANOSECONDS" to FILE: the monotonic clock, and the CPU
 // time of the process since its fork, which an exec doesn't reset. Before it waits it listens at
-// the socket of its name, where a restarted service is expected; nobody is answered. Linked
-// statically: what is measured is the start, not the loader.
+// the socket of its name, where a restarted service is expected; nobody is answered. With --rest it
+// leaves that socket alone. Linked statically: what is measured is the start, not the loader.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -58,10 +58,11 @@ int main(int argc, char** argv) {
   if (argc < 2 || !Tell(argv[1], now, cpu)) {
     return 2;
   }
-  if (argc > 2 && std::strcmp(argv[2], "--once") == 0) {
+  const char* const how = argc > 2 ? argv[2] : "";
+  if (std::strcmp(how, "--once") == 0) {
     return 0;
   }
-  if (!Listen()) {
+  if (std::strcmp(how, "--rest") != 0 && !Listen()) {
     return 3;
   }
   for (;;) {

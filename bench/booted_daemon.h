@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/host.h"
 #include "bench/marks.h"
 #include "tests/support/daemon.h"
 #include "tests/support/log_reader.h"
@@ -26,10 +27,10 @@ class BootedDaemon {
 
   // The instant just before the daemon's own start, on the monotonic clock.
   [[nodiscard]] long long StartNs() const { return startNs_; }
-  [[nodiscard]] long ResidentKib() const;
-
-  // The CPU time that it takes in a second, in microseconds, looked at for `seconds`.
-  [[nodiscard]] double IdleCpuUsPerSecond(int seconds) const;
+  [[nodiscard]] long ResidentKib() const { return PmBench::ResidentKib(Pid()); }
+  [[nodiscard]] double IdleCpuUsPerSecond(int seconds) const {
+    return PmBench::IdleCpuUsPerSecond(Pid(), seconds);
+  }
 
  private:
   // Writes the service file and yields its path.

@@ -3,9 +3,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -22,9 +26,14 @@
 #include "host/core_affinity_mgr.h"
 #include "tests/support/process.h"
 #include "tests/support/service_file.h"
+#include "tests/support/wait.h"
 
 namespace PmBench {
 namespace {
+
+constexpr const char* kOneByOne = "--floor";
+constexpr const char* kLaunch = "--launch";
+constexpr const char* kAtOnce = "--floor-at-once";
 
 // Starts the service and yields its pid; -1 if that failed.
 using Starter = std::function<pid_t()>;
@@ -39,12 +48,12 @@ std::vector<char> Grow(long kib) {
   return memory;
 }
 
-Starter BareStarter(const std::string& marksPath) {
-  return [marksPath] {
+Starter BareStarter(const std::string& marksPath, const std::string& how) {
+  return [marksPath, how] {
     std::string program = kServicePath;
     std::string file = marksPath;
-    std::string once = "--once";
-    char* const arguments[] = {program.data(), file.data(), once.data(), nullptr};
+    std::string option = how;
+    char* const arguments[] = {program.data(), file.data(), option.data(), nullptr};
     const pid_t child = fork();
     if (child == 0) {
       execv(arguments[0], arguments);
@@ -86,11 +95,53 @@ bool StartAndAwait(const Starter& start) {
   return true;
 }
 
-Starts Measure(const PmTest::Sandbox& sandbox, const std::string& how, const Marks& marks,
-               const std::string& argument, long residentKib, int count) {
-  PmTest::Process process(sandbox, PmTest::ProgramPath("pm-bench"),
-                          {how, std::to_string(residentKib), std::to_string(count), argument},
-                          {{}, how.substr(2)});
+int StartOneByOne(const Starter& start, int count) {
+  const long long cpuBefore = CpuNs(getpid());
+  for (int i = 0; i < count; ++i) {
+    if (!StartAndAwait(start)) {
+      return 1;
+    }
+  }
+  std::printf("cpu %lld\n", CpuNs(getpid()) - cpuBefore);
+  return 0;
+}
+
+bool HasLines(const std::string& path, int count) {
+  std::ifstream file(path);
+  return std::count(std::istreambuf_iterator<char>(file), {}, '\n') >= count;
+}
+
+int StartAtOnce(const std::string& marksPath, int count, int killed) {
+  const Starter start = BareStarter(marksPath, "--rest");
+  std::vector<pid_t> children;
+  std::printf("began %lld\n", MonotonicNs());
+  for (int i = 0; i < count; ++i) {
+    children.push_back(start());
+  }
+  if (std::count(children.begin(), children.end(), -1) != 0 ||
+      !PmTest::Eventually([&] { return HasLines(marksPath, count); })) {
+    return 1;
+  }
+  const long long before = MonotonicNs();
+  for (auto child = children.end() - killed; child != children.end(); ++child) {
+    (void)kill(*child, SIGKILL);
+  }
+  const long long cpuBefore = CpuNs(getpid());
+  for (int i = 0; i < killed; ++i) {
+    if (waitpid(-1, nullptr, 0) < 0) {
+      return 1;
+    }
+  }
+  std::printf("cpu %lld\n", CpuNs(getpid()) - cpuBefore);
+  std::printf("end %lld\n", MonotonicNs() - before);
+  return 0;
+}
+
+// Runs this program in the sandbox and yields what it has told.
+std::map<std::string, long long> RunInside(const PmTest::Sandbox& sandbox,
+                                           const std::vector<std::string>& arguments) {
+  const std::string& how = arguments.front();
+  PmTest::Process process(sandbox, PmTest::ProgramPath("pm-bench"), arguments, {{}, how.substr(2)});
   const auto status = process.WaitExit();
   if (!status.has_value() || *status != 0) {
     throw std::runtime_error("pm-bench " + how + " failed: " + process.Output());
@@ -100,7 +151,13 @@ Starts Measure(const PmTest::Sandbox& sandbox, const std::string& how, const Mar
   for (std::string key; output >> key;) {
     output >> told[key];
   }
+  return told;
+}
 
+Starts Measure(const PmTest::Sandbox& sandbox, const std::string& how, const Marks& marks,
+               const std::string& file, long residentKib, int count) {
+  const auto told =
+      RunInside(sandbox, {how, std::to_string(residentKib), std::to_string(count), file});
   Starts starts;
   starts.parentCpuUs = static_cast<double>(told.at("cpu")) / 1e3 / count;
   std::vector<double> childCpu;
@@ -115,28 +172,47 @@ Starts Measure(const PmTest::Sandbox& sandbox, const std::string& how, const Mar
 
 }  // namespace
 
+bool IsStartingProcess(int argc, char** argv) {
+  return argc > 1 && (std::strcmp(argv[1], kOneByOne) == 0 || std::strcmp(argv[1], kLaunch) == 0 ||
+                      std::strcmp(argv[1], kAtOnce) == 0);
+}
+
 int RunStartingProcess(int argc, char** argv) {
-  const auto kib = argc == 5 ? ProcMgr::ParseNumber<long>(argv[2]) : std::nullopt;
-  const auto count = argc == 5 ? ProcMgr::ParseNumber<int>(argv[3]) : std::nullopt;
-  if (!kib.has_value() || !count.has_value()) {
+  const std::string how = argv[1];
+  const bool isAtOnce = how == kAtOnce;
+  if (argc != (isAtOnce ? 6 : 5)) {
     return 2;
   }
-  const Starter start =
-      std::strcmp(argv[1], "--floor") == 0 ? BareStarter(argv[4]) : ManagersStarter(argv[4]);
-  const std::vector<char> memory = Grow(*kib);
-  const long long cpuBefore = CpuNs(getpid());
-  for (int i = 0; i < *count; ++i) {
-    if (!StartAndAwait(start)) {
-      return 1;
-    }
+  const auto kib = ProcMgr::ParseNumber<long>(argv[2]);
+  const auto count = ProcMgr::ParseNumber<int>(argv[3]);
+  const auto killed = isAtOnce ? ProcMgr::ParseNumber<int>(argv[5]) : 0;
+  if (!kib.has_value() || !count.has_value() || !killed.has_value() || *killed > *count) {
+    return 2;
   }
-  std::printf("cpu %lld\n", CpuNs(getpid()) - cpuBefore);
-  return 0;
+  if (how == kLaunch) {
+    const Starter start = ManagersStarter(argv[4]);
+    const std::vector<char> memory = Grow(*kib);
+    return StartOneByOne(start, *count);
+  }
+  const std::vector<char> memory = Grow(*kib);
+  return isAtOnce ? StartAtOnce(argv[4], *count, *killed)
+                  : StartOneByOne(BareStarter(argv[4], "--once"), *count);
 }
 
 Starts MeasureFloor(const PmTest::Sandbox& sandbox, long residentKib, int count) {
   const Marks marks(sandbox, "floor");
-  return Measure(sandbox, "--floor", marks, marks.Path(), residentKib, count);
+  return Measure(sandbox, kOneByOne, marks, marks.Path(), residentKib, count);
+}
+
+StartsAtOnce MeasureFloorAtOnce(const PmTest::Sandbox& sandbox, long residentKib, int count,
+                                int killed) {
+  const Marks marks(sandbox, "floor-at-once");
+  const auto told = RunInside(sandbox, {kAtOnce, std::to_string(residentKib), std::to_string(count),
+                                        marks.Path(), std::to_string(killed)});
+  const long long lastNs = LastMainNs(marks.Await(static_cast<std::size_t>(count)));
+  return {static_cast<double>(lastNs - told.at("began")) / 1e3,
+          static_cast<double>(told.at("end")) / 1e3,
+          static_cast<double>(told.at("cpu")) / 1e3 / killed};
 }
 
 Starts MeasureLaunch(const PmTest::Sandbox& sandbox, long residentKib, int count) {
@@ -144,7 +220,7 @@ Starts MeasureLaunch(const PmTest::Sandbox& sandbox, long residentKib, int count
   const std::string file = std::string(PmTest::Sandbox::kDir) + "/launch.yaml";
   sandbox.WriteFile(file,
                     PmTest::ServiceFile({{"service", kServicePath, {marks.Path(), "--once"}, {}}}));
-  return Measure(sandbox, "--launch", marks, file, residentKib, count);
+  return Measure(sandbox, kLaunch, marks, file, residentKib, count);
 }
 
 }  // namespace PmBench

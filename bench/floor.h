@@ -24,9 +24,22 @@ struct Starts {
 Starts MeasureFloor(const PmTest::Sandbox& sandbox, long residentKib, int count);
 Starts MeasureLaunch(const PmTest::Sandbox& sandbox, long residentKib, int count);
 
-// The body of that process: pm-bench --floor|--launch KIB COUNT MARKS-FILE. Prints "PID
-// NANOSECONDS", the instant before each start, and at the end "cpu NANOSECONDS". Yields the exit
-// status.
+// The same of many at once: all are forked in a row and live until the last has come to its main.
+// Then the last `killed` of them are killed in a row, and their exits taken.
+struct StartsAtOnce {
+  double startUs = 0;    // From before the first fork to the last main.
+  double endUs = 0;      // From before the first kill to the last exit taken.
+  double exitCpuUs = 0;  // Of the parent, for taking one exit.
+};
+StartsAtOnce MeasureFloorAtOnce(const PmTest::Sandbox& sandbox, long residentKib, int count,
+                                int killed);
+
+// Whether these arguments call for the body of that process, which the next function is:
+// pm-bench --floor|--launch|--floor-at-once KIB COUNT FILE [KILLED], with FILE the marks of the
+// services, or the service file of --launch. It prints "PID NANOSECONDS", the instant before each
+// start, and at the end "cpu NANOSECONDS"; of --floor-at-once, "began NANOSECONDS", an instant, and
+// the durations "end NANOSECONDS" and "cpu NANOSECONDS". Yields the exit status.
+[[nodiscard]] bool IsStartingProcess(int argc, char** argv);
 int RunStartingProcess(int argc, char** argv);
 
 }  // namespace PmBench

@@ -1,11 +1,19 @@
 #include "bench/marks.h"
 
+#include <algorithm>
 #include <sstream>
 #include <stdexcept>
 
 #include "tests/support/wait.h"
 
 namespace PmBench {
+
+long long LastMainNs(const std::vector<Mark>& marks) {
+  return std::max_element(
+             marks.begin(), marks.end(),
+             [](const Mark& left, const Mark& right) { return left.mainNs < right.mainNs; })
+      ->mainNs;
+}
 
 Marks::Marks(const PmTest::Sandbox& sandbox, const std::string& name)
     : sandbox_(sandbox), path_(std::string(PmTest::Sandbox::kDir) + "/marks." + name) {

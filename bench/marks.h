@@ -20,6 +20,9 @@ struct Mark {
   long long cpuNs = 0;   // The process's CPU time from its fork to its main.
 };
 
+// The latest main of a list that isn't empty; marks of several processes may stand in any order.
+long long LastMainNs(const std::vector<Mark>& marks);
+
 // The file of one run; the services append to it.
 class Marks {
  public:

@@ -20,6 +20,15 @@ std::vector<Figure> MeasureIdle();
 // How long 50 services that do nothing take to be up.
 std::vector<Figure> MeasureBoot();
 
+// What a request to start one application costs, and how long it takes from the frame to main.
+std::vector<Figure> MeasureRequests();
+
+// Many applications in one request: their start, what they cost while up, and their ends.
+std::vector<Figure> MeasureMany();
+
+// What an exit and a query cost the manager with few and with very many applications up.
+std::vector<Figure> MeasureLookups();
+
 }  // namespace PmBench
 
 #endif  // BENCH_MEASURES_H

@@ -18,10 +18,10 @@ struct Measure {
 };
 
 constexpr Measure kMeasures[] = {
-    {"launch", &PmBench::MeasureLaunch},
-    {"restart", &PmBench::MeasureRestart},
-    {"boot", &PmBench::MeasureBoot},
-    {"idle", &PmBench::MeasureIdle},
+    {"launch", &PmBench::MeasureLaunch},     {"restart", &PmBench::MeasureRestart},
+    {"boot", &PmBench::MeasureBoot},         {"idle", &PmBench::MeasureIdle},
+    {"requests", &PmBench::MeasureRequests}, {"many", &PmBench::MeasureMany},
+    {"lookups", &PmBench::MeasureLookups},
 };
 
 int Usage() {
@@ -76,8 +76,7 @@ int RunAll(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    if (argc > 1 &&
-        (std::strcmp(argv[1], "--floor") == 0 || std::strcmp(argv[1], "--launch") == 0)) {
+    if (PmBench::IsStartingProcess(argc, argv)) {
       return PmBench::RunStartingProcess(argc, argv);
     }
     return RunAll(argc, argv);

@@ -1,0 +1,24 @@
+// What every measured daemon needs around it, and what is asked about its process.
+#ifndef BENCH_HOST_H
+#define BENCH_HOST_H
+
+#include <sys/types.h>
+
+#include "tests/support/sandbox.h"
+
+namespace PmBench {
+
+// Gives the sandbox the platform's groups, with all cores in them, and bench-service at its place.
+void PrepareHost(const PmTest::Sandbox& sandbox);
+
+[[nodiscard]] long ResidentKib(pid_t pid);
+
+// The CPU time that a process takes in a second, in microseconds, looked at for `seconds`.
+[[nodiscard]] double IdleCpuUsPerSecond(pid_t pid, int seconds);
+
+// The floor of that: what a thread takes that wakes up every 30 ms and does nothing.
+[[nodiscard]] double BareLoopUsPerSecond(int seconds);
+
+}  // namespace PmBench
+
+#endif  // BENCH_HOST_H

@@ -1,0 +1,96 @@
+#include <csignal>
+#include <string>
+
+#include "bench/clock.h"
+#include "bench/floor.h"
+#include "bench/measures.h"
+#include "bench/served_daemon.h"
+
+namespace PmBench {
+namespace {
+
+constexpr int kMost = 1000;
+constexpr int kTerminated = 500;
+constexpr int kKilled = 200;
+constexpr int kIdleSeconds = 10;
+// Ends come to light in a pass, and the last of them may miss the one that is under way.
+constexpr double kTwoPassesMs = 60;
+
+double MsSince(long long ns) {
+  return static_cast<double>(MonotonicNs() - ns) / 1e6;
+}
+
+// Starts `count` applications in one request and yields how many came to their main in a second.
+double StartAll(ServedDaemon& daemon, int count) {
+  const long long sent = MonotonicNs();
+  daemon.Start(0, count);
+  (void)daemon.AwaitReports(count, kStarted);
+  const long long last = LastMainNs(daemon.Applications().Await(static_cast<std::size_t>(count)));
+  return count / (static_cast<double>(last - sent) / 1e9);
+}
+
+void MeasureStart(ServedDaemon& daemon, int count, std::vector<Figure>& figures) {
+  const StartsAtOnce floor = MeasureFloorAtOnce(daemon.Host(), daemon.ResidentKib(), count, count);
+  figures.push_back(
+      {"many: applications up in a second, " + std::to_string(count) + " in a request",
+       StartAll(daemon, count),
+       "1/s",
+       count / (floor.startUs / 1e6),
+       {}});
+}
+
+void MeasureTermination(ServedDaemon& daemon, std::vector<Figure>& figures) {
+  const StartsAtOnce floor =
+      MeasureFloorAtOnce(daemon.Host(), daemon.ResidentKib(), kTerminated, kTerminated);
+  const long long sent = MonotonicNs();
+  daemon.Terminate(0, kTerminated);
+  (void)daemon.AwaitReports(kTerminated, kEnded);
+  const double floorMs = floor.endUs / 1e3;
+  figures.push_back({"many: 500 terminated, request to last report", MsSince(sent), "ms", floorMs,
+                     floorMs + kTwoPassesMs});
+}
+
+void MeasureKills(ServedDaemon& daemon, std::vector<Figure>& figures) {
+  const StartsAtOnce floor =
+      MeasureFloorAtOnce(daemon.Host(), daemon.ResidentKib(), kMost, kKilled);
+  const std::vector<Mark> marks = daemon.Applications().Await(kMost);
+  const long long killed = MonotonicNs();
+  for (std::size_t i = 0; i < kKilled; ++i) {
+    (void)kill(marks[i].pid, SIGKILL);
+  }
+  (void)daemon.AwaitReports(kKilled, kCrashed);
+  const double floorMs = floor.endUs / 1e3;
+  figures.push_back({"many: 200 killed at once, to the last report", MsSince(killed), "ms", floorMs,
+                     floorMs + kTwoPassesMs});
+}
+
+void MeasureWhileUp(const ServedDaemon& daemon, long emptyKib, std::vector<Figure>& figures) {
+  const double each = static_cast<double>(daemon.ResidentKib() - emptyKib) / kMost;
+  figures.push_back({"many: memory of one application of 1000", each, "KiB", {}, 6.0});
+  figures.push_back({"many: idle CPU in a second, 1000 up",
+                     IdleCpuUsPerSecond(daemon.Pid(), kIdleSeconds) / 1e3, "ms",
+                     BareLoopUsPerSecond(kIdleSeconds) / 1e3, 2.0});
+}
+
+}  // namespace
+
+std::vector<Figure> MeasureMany() {
+  std::vector<Figure> figures;
+  {
+    ServedDaemon daemon;
+    MeasureStart(daemon, 100, figures);
+  }
+  {
+    ServedDaemon daemon;
+    MeasureStart(daemon, kTerminated, figures);
+    MeasureTermination(daemon, figures);
+  }
+  ServedDaemon daemon;
+  const long emptyKib = daemon.ResidentKib();
+  MeasureStart(daemon, kMost, figures);
+  MeasureWhileUp(daemon, emptyKib, figures);
+  MeasureKills(daemon, figures);
+  return figures;
+}
+
+}  // namespace PmBench
