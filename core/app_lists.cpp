@@ -25,23 +25,34 @@ std::vector<GeneralAppPtr> generalAppsInOrder_ GUARDED_BY(generalAppMutex_);
 // The pids of these records; more than one name where a number was used again.
 std::unordered_multimap<pid_t, std::string> generalAppPids_ GUARDED_BY(generalAppMutex_);
 
+// Where in executedBaseApp_ a name and a pid stand; several places where a number was used again.
+std::unordered_map<std::string, std::size_t> baseAppNames_ GUARDED_BY(baseAppMutex_);
+std::unordered_multimap<pid_t, std::size_t> baseAppPids_ GUARDED_BY(baseAppMutex_);
+
 unsigned baseEntriesOpen_ GUARDED_BY(baseAppMutex_) = 0;
 CondVar baseEntryCond_;
 
-void DropPid(pid_t pid, const std::string& name) REQUIRES(generalAppMutex_) {
-  const auto [begin, end] = generalAppPids_.equal_range(pid);
+// Takes what `pid` stands for out of an index of pids.
+template <typename Owner>
+void Drop(std::unordered_multimap<pid_t, Owner>& pids, pid_t pid, const Owner& owner) {
+  const auto [begin, end] = pids.equal_range(pid);
   const auto found =
-      std::find_if(begin, end, [&name](const auto& entry) { return entry.second == name; });
+      std::find_if(begin, end, [&owner](const auto& entry) { return entry.second == owner; });
   if (found != end) {
-    generalAppPids_.erase(found);
+    pids.erase(found);
   }
 }
 
 void FilePid(const App::GeneralAppInfo& app, pid_t oldPid) REQUIRES(generalAppMutex_) {
   if (app.pid_ != oldPid) {
-    DropPid(oldPid, app.appName_);
+    Drop(generalAppPids_, oldPid, app.appName_);
     generalAppPids_.emplace(app.pid_, app.appName_);
   }
+}
+
+void IndexBaseApp(std::size_t index) REQUIRES(baseAppMutex_) {
+  baseAppNames_.emplace(executedBaseApp_[index].appName_, index);
+  baseAppPids_.emplace(executedBaseApp_[index].pid_, index);
 }
 
 bool IsCandidate(const App::AppInfo& app, pid_t pid, SteadyTime limit) {
@@ -56,10 +67,36 @@ const std::vector<GeneralAppPtr>& GeneralAppsInOrder() {
 }
 
 App::BaseAppInfo* FindBaseApp(const std::string& name) {
-  const auto found =
-      std::find_if(executedBaseApp_.begin(), executedBaseApp_.end(),
-                   [&name](const App::BaseAppInfo& app) { return app.appName_ == name; });
-  return found == executedBaseApp_.end() ? nullptr : &*found;
+  const auto found = baseAppNames_.find(name);
+  return found == baseAppNames_.end() ? nullptr : &executedBaseApp_[found->second];
+}
+
+void EnterBaseApp(const App::BaseAppInfo& app) {
+  executedBaseApp_.push_back(app);
+  IndexBaseApp(executedBaseApp_.size() - 1);
+}
+
+bool RelaunchBaseApp(App::BaseAppInfo& app) {
+  const pid_t oldPid = app.pid_;
+  if (!app.StartProcess()) {
+    return false;
+  }
+  const auto index = static_cast<std::size_t>(&app - executedBaseApp_.data());
+  Drop(baseAppPids_, oldPid, index);
+  baseAppPids_.emplace(app.pid_, index);
+  return true;
+}
+
+void RemoveBaseApps(const std::function<bool(const App::BaseAppInfo&)>& isDone) {
+  if (std::erase_if(executedBaseApp_, isDone) == 0) {
+    return;
+  }
+  // The records behind a removed one have moved.
+  baseAppNames_.clear();
+  baseAppPids_.clear();
+  for (std::size_t i = 0; i < executedBaseApp_.size(); ++i) {
+    IndexBaseApp(i);
+  }
 }
 
 GeneralAppPtr FindGeneralApp(const std::string& name) {
@@ -82,10 +119,12 @@ std::string FindGeneralAppByPid(pid_t pid, SteadyTime& limit) {
 
 std::size_t FindBaseAppByPid(pid_t pid, SteadyTime& limit) {
   std::size_t candidate = executedBaseApp_.size();
-  for (std::size_t i = 0; i < executedBaseApp_.size(); ++i) {
-    if (IsCandidate(executedBaseApp_[i], pid, limit)) {
-      limit = executedBaseApp_[i].startTime_;
-      candidate = i;
+  const auto [begin, end] = baseAppPids_.equal_range(pid);
+  for (auto entry = begin; entry != end; ++entry) {
+    const App::BaseAppInfo& app = executedBaseApp_[entry->second];
+    if (IsCandidate(app, pid, limit)) {
+      limit = app.startTime_;
+      candidate = entry->second;
     }
   }
   return candidate;
@@ -117,7 +156,7 @@ void RemoveTerminatedGeneralApps() {
       return false;
     }
     LogInfo("PROCMGR : Process %s removed from the list of generalAppMap_", app->appName_.c_str());
-    DropPid(app->pid_, app->appName_);
+    Drop(generalAppPids_, app->pid_, app->appName_);
     generalAppMap_.erase(app->appName_);
     return true;
   });

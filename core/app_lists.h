@@ -17,6 +17,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -48,7 +49,8 @@ extern Mutex generalAppMutex_ ACQUIRED_AFTER(pmUploadMutex_);
 extern Mutex baseAppMutex_ ACQUIRED_AFTER(generalAppMutex_);
 
 // Guards every record in executedBaseApp_ too, and generalAppMutex_ every general record, from a
-// start, a restart or a termination on to the end of what it does for one application.
+// start, a restart or a termination on to the end of what it does for one application. Only the
+// functions below change the list itself, or a pid in it: they keep its indexes.
 extern std::vector<App::BaseAppInfo> executedBaseApp_ GUARDED_BY(baseAppMutex_);
 extern std::map<pid_t, PmUploadEntry> pmUploadApps_ GUARDED_BY(pmUploadMutex_);
 
@@ -56,7 +58,7 @@ extern std::map<pid_t, PmUploadEntry> pmUploadApps_ GUARDED_BY(pmUploadMutex_);
 // their entry.
 [[nodiscard]] const std::vector<GeneralAppPtr>& GeneralAppsInOrder() REQUIRES(generalAppMutex_);
 
-// The first record of that name, or null. The pointer is good for as long as the lock is held.
+// The record of that name, or null. The pointer is good for as long as the lock is held.
 [[nodiscard]] App::BaseAppInfo* FindBaseApp(const std::string& name) REQUIRES(baseAppMutex_);
 
 // The record with a process of that name, or null.
@@ -69,6 +71,18 @@ extern std::map<pid_t, PmUploadEntry> pmUploadApps_ GUARDED_BY(pmUploadMutex_);
 [[nodiscard]] std::string FindGeneralAppByPid(pid_t pid, SteadyTime& limit)
     REQUIRES(generalAppMutex_);
 [[nodiscard]] std::size_t FindBaseAppByPid(pid_t pid, SteadyTime& limit) REQUIRES(baseAppMutex_);
+
+// Enters the record of a started base application at the end of the list. The first of a name
+// keeps it.
+void EnterBaseApp(const App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
+
+// Starts the process of a base record that is in the list again, and files its pid. False: no
+// process exists.
+[[nodiscard]] bool RelaunchBaseApp(App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
+
+// Takes every base record out of which `isDone` says so, asked once each in their order.
+void RemoveBaseApps(const std::function<bool(const App::BaseAppInfo&)>& isDone)
+    REQUIRES(baseAppMutex_);
 
 // Starts a general record's process, enters the record if it isn't there, and files its pid, so
 // that an exit finds it without a walk. False: no process exists, nothing is changed.

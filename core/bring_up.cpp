@@ -137,7 +137,7 @@ bool ProcessManager::StartAndEnter(App::BaseAppInfo& app) {
     return false;
   }
   const MutexLock lock(baseAppMutex_);
-  executedBaseApp_.push_back(app);
+  EnterBaseApp(app);
   if (FindBaseApp(app.appName_) == nullptr) {
     LogError("PROCMGR : InitOneBaseApplication, not find ownerName=%s", app.appName_.c_str());
     return false;

@@ -179,7 +179,7 @@ bool ProcessManager::RestartBaseApp(const std::string& name) {
     return false;
   }
   LogInfo("PROCMGR : Restarting process %s", name.c_str());
-  if (!app->StartProcess()) {
+  if (!RelaunchBaseApp(*app)) {
     LogError("PROCMGR : Restarting process : %s failed ", name.c_str());
     return false;
   }
@@ -246,16 +246,15 @@ void ProcessManager::DropChannel(const App::BaseAppInfo& app) {
 void ProcessManager::RemoveTerminatedApps() {
   {
     const MutexLock lock(baseAppMutex_);
-    for (auto app = executedBaseApp_.begin(); app != executedBaseApp_.end();) {
-      if (app->state_ != ProcessState::TERMINATED || app->IsRestartKept()) {
-        ++app;
-        continue;
+    RemoveBaseApps([this](const App::BaseAppInfo& app) REQUIRES(baseAppMutex_) {
+      if (app.state_ != ProcessState::TERMINATED || app.IsRestartKept()) {
+        return false;
       }
       LogInfo("PROCMGR : Process %s removed from the list of executedBaseApp_",
-              app->appName_.c_str());
-      DropChannel(*app);
-      app = executedBaseApp_.erase(app);
-    }
+              app.appName_.c_str());
+      DropChannel(app);
+      return true;
+    });
   }
   const MutexLock lock(generalAppMutex_);
   RemoveTerminatedGeneralApps();

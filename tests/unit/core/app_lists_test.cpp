@@ -30,7 +30,11 @@ class AppLists : public ::testing::Test {
       app->state_ = TERMINATED;
     }
     RemoveTerminatedGeneralApps();
-    executedBaseApp_.clear();
+    RemoveAllBaseApps();
+  }
+
+  static void RemoveAllBaseApps() REQUIRES(baseAppMutex_) {
+    RemoveBaseApps([](const App::BaseAppInfo&) { return true; });
   }
 
   static GeneralAppPtr Record(const std::string& name) {
@@ -78,7 +82,6 @@ TEST_F(AppLists, AnExitGoesToTheOldestRecordThatAwaitsOne) {
       {{{5}}, {{3}}, "base0"},
       {{{5}}, {{5}}, "general"},  // Asked first; only an older start displaces it.
       {{}, {{7}, {3}, {5}}, "base1"},
-      {{}, {{5}, {5}}, "base0"},
       // What started at the moment of the exit, or behind it, is another process.
       {{{10}}, {{11}}, ""},
       {{{9}}, {{10}}, "general"},
@@ -106,12 +109,12 @@ TEST_F(AppLists, AnExitGoesToTheOldestRecordThatAwaitsOne) {
     fill(*general, row.general.value_or(Claim{0, TERMINATED}));
     {
       const MutexLock lock(baseAppMutex_);
-      executedBaseApp_.clear();
+      RemoveAllBaseApps();
       for (const Claim& claim : row.base) {
         App::BaseAppInfo app{ApplicationManifest()};
         app.appName_ = "base" + std::to_string(executedBaseApp_.size());
         fill(app, claim);
-        executedBaseApp_.push_back(std::move(app));
+        EnterBaseApp(app);
       }
     }
     EXPECT_EQ(OwnerOf(pid, At(10)), row.owner);
@@ -163,6 +166,40 @@ TEST_F(AppLists, APidIsFiledFromTheLaunchToTheRemoval) {
   EXPECT_EQ(FindGeneralAppByPid(app->pid_, limit), "svc");
 }
 
+TEST_F(AppLists, ABaseRecordIsFoundWhereverItHasMovedTo) {
+  const MutexLock lock(baseAppMutex_);
+  for (const char* const name : {"a", "b", "c"}) {
+    App::BaseAppInfo app{ApplicationManifest()};
+    app.appName_ = name;
+    app.execPath_ = "/bin/sleep";
+    app.arguments_ = {"1000"};
+    ASSERT_TRUE(app.StartProcess());
+    EnterBaseApp(app);
+  }
+  const auto ownerOf = [](pid_t pid) REQUIRES(baseAppMutex_) -> std::string {
+    SteadyTime limit = SteadyTime::max();
+    const std::size_t index = FindBaseAppByPid(pid, limit);
+    return index < executedBaseApp_.size() ? executedBaseApp_[index].appName_ : "nobody";
+  };
+  const pid_t ofA = FindBaseApp("a")->pid_;
+  const pid_t ofC = FindBaseApp("c")->pid_;
+  End(FindBaseApp("b")->pid_);
+  RemoveBaseApps([](const App::BaseAppInfo& app) { return app.appName_ == "b"; });
+  EXPECT_EQ(FindBaseApp("b"), nullptr);
+  ASSERT_NE(FindBaseApp("c"), nullptr);
+  EXPECT_EQ(FindBaseApp("c")->pid_, ofC);
+  EXPECT_EQ(ownerOf(ofA), "a");
+  EXPECT_EQ(ownerOf(ofC), "c");
+
+  // A restart in its place.
+  End(ofC);
+  ASSERT_TRUE(RelaunchBaseApp(*FindBaseApp("c")));
+  EXPECT_EQ(ownerOf(ofC), "nobody");
+  EXPECT_EQ(ownerOf(FindBaseApp("c")->pid_), "c");
+  End(FindBaseApp("c")->pid_);
+  End(ofA);
+}
+
 TEST_F(AppLists, ALaunchThatFailsChangesNothing) {
   const GeneralAppPtr app = Record("svc");
   app->execPath_ = "/nonexistent/program";
@@ -197,7 +234,7 @@ TEST_F(AppLists, TheReaperWaitsForEntriesThatAreUnderWay) {
     const MutexLock lock(baseAppMutex_);
     App::BaseAppInfo app{ApplicationManifest()};
     app.appName_ = "late";
-    executedBaseApp_.push_back(std::move(app));
+    EnterBaseApp(app);
   }
   second.reset();
   reaper.join();
