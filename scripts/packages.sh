@@ -7,6 +7,9 @@ BUILD_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libnuma1 # loaded at run time by children that have a memory policy
 )
+# The address sanitizer must free its allocator's locks in the child of a process with threads, or now and then
+# a child of the daemon hangs before its exec; the one of g++ 12 doesn't.
+ASAN_PACKAGES=(clang-19 libclang-rt-19-dev)
 CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-dev python3)
 
 fail() {

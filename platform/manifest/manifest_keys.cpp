@@ -303,9 +303,9 @@ bool IsApplicationKey(std::string_view key) {
 bool ReadApplicationMapping(ValueReader& reader, const YamlNode& mapping, ReadApplication& out) {
   bool isGood = CheckRequired(reader, mapping);
   for (const auto& [key, value] : mapping.children) {
-    const auto* const rule =
-        std::find_if(kRules.begin(), kRules.end(),
-                     [key = key](const KeyRule& candidate) { return candidate.name == key->text; });
+    const auto* const rule = std::find_if(
+        kRules.begin(), kRules.end(),
+        [&name = key->text](const KeyRule& candidate) { return candidate.name == name; });
     if (rule == kRules.end()) {
       reader.UnknownKey(*key, kKeyNames);
     } else {
