@@ -114,6 +114,7 @@ bool HasLines(const std::string& path, int count) {
 int StartAtOnce(const std::string& marksPath, int count, int killed) {
   const Starter start = BareStarter(marksPath, "--rest");
   std::vector<pid_t> children;
+  children.reserve(static_cast<std::size_t>(count));
   std::printf("began %lld\n", MonotonicNs());
   for (int i = 0; i < count; ++i) {
     children.push_back(start());
@@ -189,14 +190,13 @@ int RunStartingProcess(int argc, char** argv) {
   if (!kib.has_value() || !count.has_value() || !killed.has_value() || *killed > *count) {
     return 2;
   }
-  if (how == kLaunch) {
-    const Starter start = ManagersStarter(argv[4]);
+  if (isAtOnce) {
     const std::vector<char> memory = Grow(*kib);
-    return StartOneByOne(start, *count);
+    return StartAtOnce(argv[4], *count, *killed);
   }
+  const Starter start = how == kLaunch ? ManagersStarter(argv[4]) : BareStarter(argv[4], "--once");
   const std::vector<char> memory = Grow(*kib);
-  return isAtOnce ? StartAtOnce(argv[4], *count, *killed)
-                  : StartOneByOne(BareStarter(argv[4], "--once"), *count);
+  return StartOneByOne(start, *count);
 }
 
 Starts MeasureFloor(const PmTest::Sandbox& sandbox, long residentKib, int count) {

@@ -111,7 +111,7 @@ void ProcessManager::PublishAwaitedState() {
 
 void ProcessManager::HandleAbnormalExit(App::BaseAppInfo& app) {
   const std::string& name = app.appName_;
-  LogWarning("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s unexpectedly terminated.",
+  LogWarning("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s unpexpectedly terminated.",
              name.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
   RecycleThreads(app);
   ReportBaseAppState(app, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, IsTerminatedByEio(app));

@@ -4,14 +4,16 @@
 // -------
 //   main              runs the boot (Run), then sits in a join for the rest of its life.
 //   checkThread_      CheckThread: a pass over all records every 30 ms. Every consequence of an
-//   exit,
-//                     every report and every restart happens here.
+//                     exit, every report and every restart happens here.
 //   waitThread_       WaitThread: files the exit of every child in its record, and reaps it.
-//   childMsgThread_   ReciveChildProcessMsgThread: carries what children could not set up to the
-//   log. coreAffinityThread_  CheckCoreAffinityThread, once a delayed binding was requested.
+//   childMsgThread_   ReciveChildProcessMsgThread: carries to the log what children could not set
+//                     up.
+//   coreAffinityThread_
+//                     CheckCoreAffinityThread, once a delayed binding was requested.
 //   signalThread_     PlatformSignalThread: waits for the signals of a delayed binding and of a
-//   wake-up. messaging, upload and heartbeat libraries: call RequstMsgHandler, OnPmUploadApp and
-//                     OnHeartBeatNotify, beside each other and beside the threads above.
+//                     wake-up.
+//   The messaging, upload and heartbeat libraries call RequstMsgHandler, OnPmUploadApp and
+//   OnHeartBeatNotify, beside each other and beside the threads above.
 //
 // Who wakes whom: the check thread and the reaper are woken by time and by the kernel alone. The
 // bring-up waits on stateCond_ for the report of one service; UpdateBaseAppState, the check pass

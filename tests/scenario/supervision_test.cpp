@@ -51,7 +51,7 @@ TEST_F(Supervision, KilledServiceReturnsAndKnowsIt) {
       "6 PROCMGR : SetExitStatus steady, pid=#",
       "4 PROCMGR : Process=steady, pid=# terminated by calling Kill(), signal=9",
       "6 PROCMGR : RUNNING to TERMINATED appName=steady, pid=#",
-      "4 PROCMGR: CheckThread : owner=steady, pid=#, state=TERMINATED unexpectedly terminated.",
+      "4 PROCMGR: CheckThread : owner=steady, pid=#, state=TERMINATED unpexpectedly terminated.",
       "3 PROCMGR : Master ReportAppState failed: invalid fd, owner=iammgr",
       "3 PROCMGR : report steady's state: 4 to iammgr failed",
       "6 PROCMGR: CheckThread : owner=steady, pid=#, state=TERMINATED will restart now",
