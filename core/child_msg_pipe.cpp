@@ -1,5 +1,6 @@
 #include "core/child_msg_pipe.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
@@ -18,6 +19,8 @@ void CreateChildMsgPipe() {
     LogErrorRouted("PROCMGR: creat anonymous pipe failed, errno=%d", errno);
     return;
   }
+  // A text for which there is no room is lost: no child may hang on it before its exec.
+  (void)fcntl(ends[1], F_SETFL, O_WRONLY | O_NONBLOCK);
   HostContext& context = HostContext::Instance();
   context.childMsgReadFd_.Reset(ends[0]);
   context.childMsgWriteFd_.Reset(ends[1]);

@@ -16,8 +16,9 @@ void CreateChildMsgPipe();
 // Closes what is open. Called when no thread reads or forks any more.
 void CloseChildMsgPipe();
 
-// Sends "app=NAME,pid=PID,TEXT" with one write. For a forked child: takes no lock. Ignores
-// failures, for there is nobody left to tell.
+// Sends "app=NAME,pid=PID,TEXT" with one write. For a forked child: takes no lock and never waits,
+// so a text that a full pipe has no room for is lost. Ignores failures, for there is nobody left to
+// tell.
 void WriteChildMsg(std::string_view appName, pid_t pid, std::string_view text);
 
 // Waits for the children's next texts, at most 899 bytes, and logs them. Blocks until a child

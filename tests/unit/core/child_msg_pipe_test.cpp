@@ -73,6 +73,18 @@ TEST_F(ChildMsgPipe, OneReadTakesAtMost899Bytes) {
                                    std::string(1000 + head.size() - 899, 'x'));
 }
 
+TEST_F(ChildMsgPipe, AFullPipeHoldsNoChildUp) {
+  ProcMgr::CreateChildMsgPipe();
+  const int room = fcntl(WriteEnd(), F_GETPIPE_SZ);
+  ASSERT_GT(room, 0);
+  const std::string text(1000, 'x');
+  for (int written = 0; written <= room; written += static_cast<int>(text.size())) {
+    ProcMgr::WriteChildMsg("camera", 17, text);  // Would block for ever: nobody reads.
+  }
+  ProcMgr::ReadChildMsg();
+  EXPECT_TRUE(log_.WaitFor("app=camera,pid=17,xxx")) << log_.Text();
+}
+
 TEST_F(ChildMsgPipe, WithoutAPipeEverybodySkipsTheirWork) {
   ASSERT_EQ(WriteEnd(), -1);
   ProcMgr::WriteChildMsg("camera", 17, "lost");
