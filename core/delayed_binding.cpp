@@ -39,7 +39,12 @@ sigset_t PlatformSignals() {
 }
 
 bool IsLeftAlone(const App::AppInfo& app, bool isWakeUpEnable) {
-  return app.isDelayCoreAffinity_ && isWakeUpEnable;
+  return app.isExited_ || (app.isDelayCoreAffinity_ && isWakeUpEnable);
+}
+
+// A process that has been reaped has left a pid that may be a stranger's.
+bool IsDelayed(const App::AppInfo& app) {
+  return app.isDelayCoreAffinity_ && !app.isExited_;
 }
 
 }  // namespace
@@ -58,14 +63,14 @@ bool ProcessManager::ScanDelayCoreAffinityApps(bool (App::AppInfo::*operation)()
   {
     const MutexLock lock(generalAppMutex_);
     for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
-      if (app->isDelayCoreAffinity_) {
+      if (IsDelayed(*app)) {
         isOk = (app.get()->*operation)() && isOk;
       }
     }
   }
   const MutexLock lock(baseAppMutex_);
   for (App::BaseAppInfo& app : executedBaseApp_) {
-    if (app.isDelayCoreAffinity_) {
+    if (IsDelayed(app)) {
       isOk = (app.*operation)() && isOk;
     }
   }

@@ -1,6 +1,7 @@
 // The delayed core binding and the way back, thread by thread.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <thread>
@@ -75,6 +76,23 @@ TEST_F(DelayedBinding, WakeUpBringsTheDefaultCoresBackAndAllowsTheNextRequest) {
   EXPECT_TRUE(AllOn("0-1"));
   Signal(ProcMgr::BindingSignal());
   EXPECT_TRUE(Eventually([this] { return AllOn("0"); }));
+}
+
+// The record of a service that can't come back keeps a pid that may be a stranger's by now.
+TEST_F(DelayedBinding, ProcessThatHasEndedIsNotBound) {
+  Boot({{"late",
+         kService,
+         {"--report", "/run/sandbox/late"},
+         {{"isDelayCoreAffinity", "true"}, {"coreAffinity", "[0]"}, {"restart", "on-forever"}}}});
+  pid_ = AwaitReport(sandbox_, "/run/sandbox/late").Pid();
+  AwaitBooted();
+  ASSERT_EQ(unlink(sandbox_.Outside(kService).c_str()), 0);
+  ASSERT_EQ(kill(pid_, SIGKILL), 0);
+  ASSERT_TRUE(log_.WaitFor("state=TERMINATED restart failed").has_value());
+  Signal(ProcMgr::BindingSignal());
+  ASSERT_TRUE(log_.WaitFor("CheckCoreAffinityThread finish check").has_value());
+  EXPECT_EQ(log_.Count("delayed core binding failed"), 0U);
+  EXPECT_EQ(log_.Count("BindCoreForDelayApp failed"), 0U);
 }
 
 }  // namespace
