@@ -4,7 +4,6 @@
 #include <string>
 #include <thread>
 
-#include "bench/clock.h"
 #include "bench/marks.h"
 #include "core/sleep.h"
 #include "tests/support/process_table.h"

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include "bench/clock.h"
 #include "tests/support/sandbox.h"
 
 namespace PmBench {
@@ -16,7 +17,17 @@ void PrepareHost(const PmTest::Sandbox& sandbox);
 // The CPU time that a process takes in a second, in microseconds, looked at for `seconds`.
 [[nodiscard]] double IdleCpuUsPerSecond(pid_t pid, int seconds);
 
-// The floor of that: what a thread takes that wakes up every 30 ms and does nothing.
+// What the process takes while `work` is done, its idling apart, in microseconds.
+template <typename Work>
+double CpuUsOf(pid_t pid, double idleUsPerSecond, Work work) {
+  const long long before = MonotonicNs();
+  const long long cpuBefore = CpuNs(pid);
+  work();
+  return static_cast<double>(CpuNs(pid) - cpuBefore) / 1e3 -
+         idleUsPerSecond * static_cast<double>(MonotonicNs() - before) / 1e9;
+}
+
+// The floor of the idling: what a thread takes that wakes up every 30 ms and does nothing.
 [[nodiscard]] double BareLoopUsPerSecond(int seconds);
 
 }  // namespace PmBench

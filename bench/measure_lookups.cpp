@@ -1,7 +1,6 @@
 #include <csignal>
 #include <string>
 
-#include "bench/clock.h"
 #include "bench/floor.h"
 #include "bench/measures.h"
 #include "bench/served_daemon.h"
@@ -15,16 +14,6 @@ constexpr int kRounds = 5;
 constexpr int kExits = 200;  // In a round.
 constexpr int kQueries = 500;
 constexpr double kAllowedGrowth = 1.3;
-
-// What the daemon takes beyond its passes while `work` is done, in microseconds.
-template <typename Work>
-double CpuUsOf(const ServedDaemon& daemon, double idleUs, Work work) {
-  const long long before = MonotonicNs();
-  const long long cpuBefore = CpuNs(daemon.Pid());
-  work();
-  return static_cast<double>(CpuNs(daemon.Pid()) - cpuBefore) / 1e3 -
-         idleUs * static_cast<double>(MonotonicNs() - before) / 1e9;
-}
 
 struct Costs {
   double exitUs = 0;
@@ -43,7 +32,7 @@ Costs MeasureWith(int up) {
   for (int round = 0; round < kRounds; ++round) {
     daemon.Start(up, kExits);
     const std::vector<pid_t> pids = daemon.AwaitReports(kExits, kStarted);
-    costs.exitUs += CpuUsOf(daemon, idleUs, [&] {
+    costs.exitUs += CpuUsOf(daemon.Pid(), idleUs, [&] {
       for (const pid_t pid : pids) {
         (void)kill(pid, SIGKILL);
       }
@@ -52,7 +41,7 @@ Costs MeasureWith(int up) {
   }
   costs.exitUs /= kRounds * kExits;
   // For the last ones, to which a walk would come last.
-  costs.queryUs = CpuUsOf(daemon, idleUs, [&] {
+  costs.queryUs = CpuUsOf(daemon.Pid(), idleUs, [&] {
     for (int i = 0; i < kQueries; ++i) {
       daemon.Query(up - kFew, kFew);
     }

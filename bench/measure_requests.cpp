@@ -40,11 +40,8 @@ std::vector<Figure> MeasureRequests() {
   const double idleUs = IdleCpuUsPerSecond(daemon.Pid(), 3);
   const Starts floor = MeasureFloor(daemon.Host(), daemon.ResidentKib(), kStarts);
 
-  const long long before = MonotonicNs();
-  const long long cpuBefore = CpuNs(daemon.Pid());
-  const std::vector<double> tookUs = StartOneByOne(daemon);
-  const double cpuUs = static_cast<double>(CpuNs(daemon.Pid()) - cpuBefore) / 1e3 -
-                       idleUs * static_cast<double>(MonotonicNs() - before) / 1e9;
+  std::vector<double> tookUs;
+  const double cpuUs = CpuUsOf(daemon.Pid(), idleUs, [&] { tookUs = StartOneByOne(daemon); });
 
   const double floorMedian = Percentile(floor.forkToMainUs, 0.5);
   const double floorP99 = Percentile(floor.forkToMainUs, 0.99);

@@ -42,11 +42,8 @@ std::vector<Figure> MeasureRestart() {
   const double idleUs = daemon.IdleCpuUsPerSecond(3);
   const Starts floor = MeasureFloor(daemon.Host(), daemon.ResidentKib(), kRestarts);
 
-  const long long before = MonotonicNs();
-  const long long cpuBefore = CpuNs(daemon.Pid());
-  const std::vector<double> awayUs = KillAndAwait(daemon);
-  const double cpuUs = static_cast<double>(CpuNs(daemon.Pid()) - cpuBefore) / 1e3 -
-                       idleUs * static_cast<double>(MonotonicNs() - before) / 1e9;
+  std::vector<double> awayUs;
+  const double cpuUs = CpuUsOf(daemon.Pid(), idleUs, [&] { awayUs = KillAndAwait(daemon); });
   std::vector<double> childCpuUs;
   for (const Mark& mark : daemon.Services().Await(kServices + kRestarts)) {
     childCpuUs.push_back(static_cast<double>(mark.cpuNs) / 1e3);
