@@ -22,6 +22,12 @@ UserGroupsResult ReadUserGroups(uid_t uid, UserGroups& groups) {
   return found == -1 ? UserGroupsResult::kTooManyGroups : UserGroupsResult::kOk;
 }
 
+void LoadUserDatabase() {
+  const MutexLock lock(UserLookupLock());
+  UserGroups groups;
+  (void)ReadUserGroups(0, groups);  // Whoever it finds: the look-up is what counts.
+}
+
 bool IsUserInGroup(uid_t uid, gid_t gid) {
   UserGroups groups;
   {

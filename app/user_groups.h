@@ -24,6 +24,11 @@ enum class UserGroupsResult { kOk, kUnknownUser, kTooManyGroups, kWipeFailed };
 // lock's libc locks are free (core/fork_locks.h).
 [[nodiscard]] UserGroupsResult ReadUserGroups(uid_t uid, UserGroups& groups);
 
+// Has libc load what a look-up needs: its configuration and the modules that this names. Children
+// inherit it; otherwise each would load it again, with the loader's locks taken after a fork. Boot
+// thread, before any other thread starts.
+void LoadUserDatabase();
+
 // Whether `gid` is among the groups of the user; false for a user that can't be read. Not for a
 // forked child. May block on the user database.
 [[nodiscard]] bool IsUserInGroup(uid_t uid, gid_t gid);

@@ -16,6 +16,7 @@
 #include <stdexcept>
 
 #include "app/app_info.h"
+#include "app/user_groups.h"
 #include "bench/clock.h"
 #include "bench/figures.h"
 #include "bench/marks.h"
@@ -69,6 +70,7 @@ void PrepareAsTheDaemon() {
   ProcMgr::OpenLog();
   ProcMgr::CreateChildMsgPipe();
   ProcMgr::CoreAffinityMgr::Instance().LoadCpuInfo();
+  ProcMgr::App::LoadUserDatabase();
 }
 
 Starter ManagersStarter(const std::string& serviceFile) {

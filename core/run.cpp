@@ -1,6 +1,7 @@
 // The order of the boot, and the way out.
 #include <exception>
 
+#include "app/user_groups.h"
 #include "core/boot_trace.h"
 #include "core/child_msg_pipe.h"
 #include "core/delayed_binding.h"
@@ -52,6 +53,7 @@ bool ProcessManager::Init() {
   UpdateStartupYaml(HostContext::Instance(), baseServiceCfgPath_);
   SetLockedMemoryLimit();
   InquireHomeEnvVariable();
+  App::LoadUserDatabase();
   if (!HostContext::Instance().isQuickStart_.load()) {
     CoreAffinityMgr::Instance().LoadCpuInfo();
   }
