@@ -71,6 +71,13 @@ class AppInfo {
   // True if there is a process and it is up.
   [[nodiscard]] bool IsRunning() const { return pid_ != 0 && state_ == ProcessState::RUNNING; }
 
+  // True if a step of the state machine would change nothing: the process is up, no exit is on
+  // file, and the last event has been taken.
+  [[nodiscard]] bool IsAtRest() const {
+    return state_ == ProcessState::RUNNING && !isExited_ && !isTerminatedByEio_ &&
+           reportState_ == ReportAppStateType::INVALID_INTERMEDIATE_STATE;
+  }
+
   // Sends SIGTERM. False only for a pid that can't be one: a process that has gone in the meantime
   // is dealt with by its exit status.
   [[nodiscard]] bool TermProcess();

@@ -74,6 +74,9 @@ void ProcessManager::CheckThread() {
 void ProcessManager::CheckBaseApps() {
   const MutexLock lock(baseAppMutex_);
   for (App::BaseAppInfo& app : executedBaseApp_) {
+    if (app.IsAtRest()) {
+      continue;
+    }
     {
       const MutexLock stateLock(stateMutex_);
       app.state_ = app.CheckState();
@@ -208,6 +211,9 @@ void ProcessManager::CheckGeneralApps() {
     const MutexLock lock(generalAppMutex_);
     const SteadyTime now = SteadyNow();
     for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
+      if (app->IsAtRest()) {
+        continue;
+      }
       StepGeneralApp(*app, now);
       if (app->reportState_ == ReportAppStateType::INVALID_INTERMEDIATE_STATE) {
         continue;
