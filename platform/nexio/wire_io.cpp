@@ -4,9 +4,12 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <limits>
 
 namespace ProcMgr::Nexio {
 
@@ -87,6 +90,24 @@ Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length, 
     }
   }
   return Receipt::kPacket;
+}
+
+std::span<std::byte> PacketBuffer(std::unique_ptr<std::byte[]>& buffer) {
+  if (buffer == nullptr) {
+    buffer = std::make_unique_for_overwrite<std::byte[]>(kMaxPacket);
+  }
+  return {buffer.get(), kMaxPacket};
+}
+
+bool WaitReady(int fd, short events, const std::optional<SteadyTime>& deadline) {
+  int wait = -1;
+  if (deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - SteadyNow());
+    wait = static_cast<int>(
+        std::clamp<std::int64_t>(left.count(), 0, std::numeric_limits<int>::max()));
+  }
+  pollfd entry{fd, events, 0};
+  return poll(&entry, 1, wait) > 0;
 }
 
 }  // namespace ProcMgr::Nexio

@@ -4,8 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <span>
 
+#include "core/steady_time.h"
 #include "platform/nexio/packet.h"
 
 namespace ProcMgr::Nexio {
@@ -27,6 +30,13 @@ enum class Patience { kNone, kEndless };
 // With Patience::kEndless it waits for a packet or the end of the connection.
 [[nodiscard]] Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length,
                                     Patience patience);
+
+// The whole of a thread's buffer, which is made at its first use and takes the longest packet.
+[[nodiscard]] std::span<std::byte> PacketBuffer(std::unique_ptr<std::byte[]>& buffer);
+
+// Waits until `fd` is ready for `events` or has hung up; false if neither by `deadline`, or if a
+// signal comes first.
+[[nodiscard]] bool WaitReady(int fd, short events, const std::optional<SteadyTime>& deadline);
 
 }  // namespace ProcMgr::Nexio
 

@@ -1,0 +1,238 @@
+// What a thread of the reactor does with a connection on which something has come.
+#include <sys/socket.h>
+
+#include <chrono>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+#include "core/log.h"
+#include "core/sleep.h"
+#include "platform/nexio/channel.h"
+#include "platform/nexio/wire_io.h"
+
+namespace ProcMgr::Nexio {
+namespace {
+
+// After so many packets the thread goes back to the reactor, so that a channel that never falls
+// silent can't keep it from the others.
+constexpr int kPacketsPerTurn = 64;
+
+// A channel that is served again so soon carries a stream.
+constexpr auto kStreamGap = std::chrono::microseconds(50);
+
+// How long to let packets of a stream gather.
+constexpr std::int64_t kNapNs = 20'000;
+
+constexpr int kMaxReadErrors = 3;
+
+// Where a thread that serves receives.
+std::span<std::byte> ServeBuffer() {
+  thread_local std::unique_ptr<std::byte[]> buffer;
+  return PacketBuffer(buffer);
+}
+
+}  // namespace
+
+void Channel::Serve() {
+  bool detach = false;
+  bool late = false;
+  {
+    const MutexLock lock(mutex_);
+    if (serving_ || closed_) {
+      return;
+    }
+    armed_ = false;
+    posted_ = false;
+    serving_ = true;
+    hasSent_ = false;
+    napped_ = false;
+    inStream_ = SteadyNow() - lastTurn_ < kStreamGap;
+    for (int left = kPacketsPerTurn; left > 0 && ServeOne(); --left) {
+    }
+    serving_ = false;
+    lastTurn_ = SteadyNow();
+    Rest();
+    detach = std::exchange(detachDue_, false);
+    late = closeWanted_;
+  }
+  if (detach) {
+    Detach(late);
+  }
+}
+
+bool Channel::ServeOne() {
+  if (closed_) {
+    return false;
+  }
+  if (!inbox_.empty()) {
+    const StoredRequest stored = std::move(inbox_.front());
+    inbox_.pop_front();
+    inboxBytes_ -= sizeof(StoredRequest) + stored.data.size();
+    changed_.NotifyAll();
+    const NexioRequest request{stored.seq, stored.data.data(),
+                               static_cast<std::uint32_t>(stored.data.size())};
+    DeliverRequest(&request);
+    return true;
+  }
+  if (broken_) {
+    if (!endTold_) {
+      DeliverEnd();
+    }
+    return false;
+  }
+  if (waiterReads_) {
+    return false;
+  }
+  Packet packet;
+  const Read read = ReadPacket(ServeBuffer(), packet);
+  if (read == Read::kNothing) {
+    return NapInStream();
+  }
+  if (read == Read::kBroken) {
+    return true;
+  }
+  napped_ = false;
+  if (packet.kind == PacketKind::kResponse) {
+    Answer(packet);
+  } else if (packet.kind == PacketKind::kHello) {
+    DeliverHello(packet);
+  } else {
+    const NexioRequest request{packet.seq, packet.data, packet.size};
+    DeliverRequest(&request);
+  }
+  return true;
+}
+
+bool Channel::NapInStream() {
+  if (!inStream_ || napped_ || hasSent_) {
+    return false;
+  }
+  mutex_.Unlock();
+  SleepNs(kNapNs);
+  mutex_.Lock();
+  napped_ = true;
+  return true;
+}
+
+Channel::Read Channel::ReadPacket(std::span<std::byte> buffer, Packet& out) {
+  std::size_t length = 0;
+  const Receipt receipt = ReceivePacket(socket_.Get(), buffer, length, Patience::kNone);
+  return TakePacket(buffer, receipt, length, out);
+}
+
+Channel::Read Channel::TakePacket(std::span<std::byte> buffer, Receipt receipt, std::size_t length,
+                                  Packet& out) {
+  while (receipt == Receipt::kError && ++readErrors_ <= kMaxReadErrors) {
+    // A reset stands in front of the packets that came before it: read on.
+    receipt = ReceivePacket(socket_.Get(), buffer, length, Patience::kNone);
+  }
+  if (receipt == Receipt::kNothing && readErrors_ == 0) {
+    return Read::kNothing;
+  }
+  if (receipt != Receipt::kPacket) {
+    Break(nullptr);
+    return Read::kBroken;
+  }
+  const char* fault =
+      length > buffer.size() ? "packet too long" : ParsePacket(buffer.first(length), out);
+  if (fault == nullptr) {
+    fault = FindFault(out);
+  }
+  if (fault != nullptr) {
+    Break(fault);
+    return Read::kBroken;
+  }
+  return Read::kPacket;
+}
+
+const char* Channel::FindFault(const Packet& packet) const {
+  if (awaitsHello_) {
+    const std::string_view name(reinterpret_cast<const char*>(packet.data), packet.size);
+    return packet.kind != PacketKind::kHello ? "no hello"
+           : IsClientName(name)              ? nullptr
+                                             : "hello without a proper name";
+  }
+  if (packet.kind == PacketKind::kHello) {
+    return "unexpected hello";
+  }
+  if (packet.kind == PacketKind::kResponse) {
+    const std::uint64_t count = seqCount_.load();
+    const bool given = count > std::numeric_limits<std::uint32_t>::max() ||
+                       (packet.seq >= 1 && packet.seq <= count);
+    return given ? nullptr : "response to a request that was never sent";
+  }
+  return nullptr;
+}
+
+void Channel::Break(const char* fault) {
+  broken_ = true;
+  fault_ = fault;
+  if (fault != nullptr) {
+    // The peer is to hear of it now and not when the owner closes.
+    (void)shutdown(socket_.Get(), SHUT_RDWR);
+  }
+  changed_.NotifyAll();
+}
+
+template <typename Callback>
+void Channel::RunCallback(const Callback& callback) {
+  inCallback_ = true;
+  callbackThread_ = std::this_thread::get_id();
+  mutex_.Unlock();
+  callback();
+  mutex_.Lock();
+  inCallback_ = false;
+  if (closeWanted_ && !closed_) {
+    Shut();
+    detachDue_ = true;
+  }
+}
+
+void Channel::DeliverHello(const Packet& packet) {
+  awaitsHello_ = false;
+  Reactor::Instance().CancelAlarm(MyToken(), helloDeadline_);
+  peerName_.assign(reinterpret_cast<const char*>(packet.data), packet.size);
+  if (callbacks_->onConnect) {
+    // The name doesn't change any more, so the callback may read it without the lock.
+    const char* const name = peerName_.c_str();
+    RunCallback([this, name, size = packet.size] { callbacks_->onConnect(handle_, name, size); });
+  }
+}
+
+void Channel::DeliverRequest(const NexioRequest* request) {
+  if (callbacks_->onRequest) {
+    RunCallback([this, request] { callbacks_->onRequest(handle_, request); });
+  }
+}
+
+void Channel::DeliverEnd() {
+  endTold_ = true;
+  if (fault_ != nullptr) {
+    const char* const fault = fault_;
+    const std::string name = peerName_;
+    mutex_.Unlock();
+    LogWarning("NEXIO : connection closed: %s, fd=%d, peer=%s, pid=%d", fault, handle_,
+               name.c_str(), peer_.pid);
+    mutex_.Lock();
+  }
+  if (closed_) {
+    return;
+  }
+  if (awaitsHello_) {
+    Shut();
+    detachDue_ = true;
+  } else {
+    DeliverRequest(nullptr);
+  }
+}
+
+void Channel::HelloIsDue() {
+  const MutexLock lock(mutex_);
+  if (awaitsHello_ && !closed_ && !broken_) {
+    Break("no hello in time");
+    Rest();
+  }
+}
+
+}  // namespace ProcMgr::Nexio
