@@ -12,9 +12,9 @@ namespace Testing {
 namespace {
 
 Mutex linesMutex;
-std::vector<LogLine> lines GUARDED_BY(linesMutex);
+std::vector<std::string> lines GUARDED_BY(linesMutex);
 
-__attribute__((format(printf, 3, 0))) void Keep(int level, bool isRouted, const char* format,
+__attribute__((format(printf, 2, 0))) void Keep(const char* level, const char* format,
                                                 va_list args) {
   va_list again;
   va_copy(again, args);
@@ -23,16 +23,12 @@ __attribute__((format(printf, 3, 0))) void Keep(int level, bool isRouted, const 
   std::string text(static_cast<std::size_t>(length < 0 ? 0 : length), '\0');
   (void)std::vsnprintf(text.data(), text.size() + 1, format, args);
   const MutexLock lock(linesMutex);
-  lines.push_back({level, isRouted, std::move(text)});
+  lines.push_back(level + text);
 }
 
 }  // namespace
 
-std::ostream& operator<<(std::ostream& out, const LogLine& line) {
-  return out << (line.isRouted ? "routed " : "plain ") << line.level << ": " << line.text;
-}
-
-std::vector<LogLine> TakeLog() {
+std::vector<std::string> TakeLog() {
   const MutexLock lock(linesMutex);
   return std::exchange(lines, {});
 }
@@ -42,34 +38,22 @@ std::vector<LogLine> TakeLog() {
 void OpenLog() {}
 void CloseLog() {}
 
-#define PM_KEEP_BODY(level, isRouted)           \
-  va_list args;                                 \
-  va_start(args, format);                       \
-  Testing::Keep(level, isRouted, format, args); \
-  va_end(args)
+#define PM_LOG_OPERATION(Name, level)   \
+  void Name(const char* format, ...) {  \
+    va_list args;                       \
+    va_start(args, format);             \
+    Testing::Keep(level, format, args); \
+    va_end(args);                       \
+  }
 
-void LogError(const char* format, ...) {
-  PM_KEEP_BODY(LOG_ERR, false);
-}
-void LogWarning(const char* format, ...) {
-  PM_KEEP_BODY(LOG_WARNING, false);
-}
-void LogInfo(const char* format, ...) {
-  PM_KEEP_BODY(LOG_INFO, false);
-}
-void LogDebug(const char* format, ...) {
-  PM_KEEP_BODY(LOG_DEBUG, false);
-}
-void LogErrorRouted(const char* format, ...) {
-  PM_KEEP_BODY(LOG_ERR, true);
-}
-void LogWarningRouted(const char* format, ...) {
-  PM_KEEP_BODY(LOG_WARNING, true);
-}
-void LogInfoRouted(const char* format, ...) {
-  PM_KEEP_BODY(LOG_INFO, true);
-}
+PM_LOG_OPERATION(LogError, "E ")
+PM_LOG_OPERATION(LogWarning, "W ")
+PM_LOG_OPERATION(LogInfo, "I ")
+PM_LOG_OPERATION(LogDebug, "D ")
+PM_LOG_OPERATION(LogErrorRouted, "RE ")
+PM_LOG_OPERATION(LogWarningRouted, "RW ")
+PM_LOG_OPERATION(LogInfoRouted, "RI ")
 
-#undef PM_KEEP_BODY
+#undef PM_LOG_OPERATION
 
 }  // namespace ProcMgr

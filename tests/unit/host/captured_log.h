@@ -5,33 +5,15 @@
 #ifndef TESTS_UNIT_HOST_CAPTURED_LOG_H
 #define TESTS_UNIT_HOST_CAPTURED_LOG_H
 
-#include <syslog.h>
-
-#include <ostream>
 #include <string>
 #include <vector>
 
 namespace ProcMgr::Testing {
 
-struct LogLine {
-  int level;
-  bool isRouted;
-  std::string text;
-
-  bool operator==(const LogLine&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& out, const LogLine& line);
-
-inline LogLine Plain(int level, std::string text) {
-  return {level, false, std::move(text)};
-}
-inline LogLine Routed(int level, std::string text) {
-  return {level, true, std::move(text)};
-}
-
-// The lines since the last call, in their order. Any thread.
-std::vector<LogLine> TakeLog();
+// The lines since the last call, in their order: the first letter of the level and the text, with
+// an R in front if the call is one that a quick start routes to the kernel log: "E TEXT",
+// "RW TEXT". Any thread.
+std::vector<std::string> TakeLog();
 
 }  // namespace ProcMgr::Testing
 
