@@ -34,20 +34,13 @@ TEST(UniqueFd, ClosesOnceAndOnlyWhatItOwns) {
     UniqueFd& same = heir;
     heir = std::move(same);
     EXPECT_EQ(heir.Get(), second) << "lost by an assignment to itself";
-    EXPECT_TRUE(IsOpen(second));
+
+    const UniqueFd last(heir.Release());
+    EXPECT_EQ(heir.Get(), -1);
+    heir.Reset();
+    EXPECT_TRUE(IsOpen(second)) << "closed although it was handed over";
   }
   EXPECT_FALSE(IsOpen(second));
-}
-
-TEST(UniqueFd, ReleaseHandsTheDescriptorOver) {
-  int fd = -1;
-  {
-    UniqueFd owner(OpenNull());
-    fd = owner.Release();
-    EXPECT_EQ(owner.Get(), -1);
-  }
-  ASSERT_TRUE(IsOpen(fd));
-  const UniqueFd closer(fd);
 }
 
 TEST(UniqueFd, DescriptorZeroIsOneLikeAnyOther) {
