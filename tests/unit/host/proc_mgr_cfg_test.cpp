@@ -4,25 +4,20 @@
 #include <string>
 #include <vector>
 
-#include "core/small_file.h"
 #include "tests/unit/host/host_test.h"
 
 namespace ProcMgr {
 namespace {
 
-using ::testing::ElementsAre;
 using Testing::TakeLog;
 
 class ProcMgrCfgFile : public Testing::HostTest {
  protected:
-  [[nodiscard]] static ProcMgrCfg Load(const std::string& path) {
+  [[nodiscard]] ProcMgrCfg Load(const std::string& text) const {
     (void)TakeLog();
     ProcMgrCfg cfg;
-    LoadProcMgrCfg(path, cfg);
+    LoadProcMgrCfg(Write("procmgr_cfg.yaml", text), cfg);
     return cfg;
-  }
-  [[nodiscard]] ProcMgrCfg LoadText(const std::string& text) const {
-    return Load(Write("procmgr_cfg.yaml", text));
   }
   // How many warnings and errors the load has logged.
   [[nodiscard]] static std::ptrdiff_t Complaints() {
@@ -51,7 +46,7 @@ TEST_F(ProcMgrCfgFile, EachValueFallsBackOnItsOwn) {
   };
   for (const auto& test : kCases) {
     SCOPED_TRACE(test.text);
-    const ProcMgrCfg cfg = LoadText(test.text);
+    const ProcMgrCfg cfg = Load(test.text);
     const WatchDogCfg& dog = cfg.watchDogCfg;
     EXPECT_EQ(std::to_string(dog.enable) + "," + dog.timeout + "," + dog.action + "," +
                   std::to_string(cfg.pmUploadEnable),
@@ -76,22 +71,9 @@ TEST_F(ProcMgrCfgFile, ReadsTheDelayedBinding) {
   };
   for (const auto& test : kCases) {
     SCOPED_TRACE(test.mapping);
-    const ProcMgrCfg cfg = LoadText("delay_core: " + test.mapping);
+    const ProcMgrCfg cfg = Load("delay_core: " + test.mapping);
     EXPECT_EQ(cfg.delayCore, test.settings);
     EXPECT_EQ(Complaints(), test.warnings + 1) << "one of them for the missing watchdog";
-  }
-}
-
-TEST_F(ProcMgrCfgFile, AFileThatCannotBeLoadedLeavesTheDefaults) {
-  const std::string tooLong = "watch_dog: {enable: false}\n#" + std::string(kConfigFileLimit, 'x');
-  for (const std::string& path :
-       {Write("broken", "watch_dog: ["), Write("binary", std::string("\x00\xff\xfe\x01", 4)),
-        Write("long", tooLong), Write("empty", ""), Path("")}) {
-    const ProcMgrCfg cfg = Load(path);
-    EXPECT_TRUE(cfg.watchDogCfg.enable);
-    EXPECT_FALSE(cfg.pmUploadEnable);
-    EXPECT_THAT(TakeLog(),
-                ElementsAre("RE LoadProcMgrCfg file=" + path + " failed. init yaml node failed"));
   }
 }
 
