@@ -45,13 +45,6 @@ ApplicationManifest::Fields First() {
   return fields;
 }
 
-// The defaults, each other than its value in First().
-ApplicationManifest::Fields Other() {
-  ApplicationManifest::Fields fields;
-  fields.appName = "other";
-  return fields;
-}
-
 // What both kinds take over from the manifest when they are made.
 void ExpectCommon(const AppInfo& app, const ApplicationManifest::Fields& fields) {
   EXPECT_EQ(std::tie(app.uid_, app.gid_, app.coreAffinity_, app.resGroupName_, app.cpuset_,
@@ -70,7 +63,18 @@ void ExpectKept(const AppInfo& app, const ApplicationManifest::Fields& fields) {
                      fields.isDelayCoreAffinity, fields.isDynamicPara));
 }
 
+// The same of a general application: its patterns and its owner.
+void ExpectKeptGeneral(const GeneralAppInfo& app, const ApplicationManifest::Fields& fields) {
+  ExpectKept(app, fields);
+  EXPECT_EQ(app.ownerName_, "owner");
+  EXPECT_TRUE(app.isExecPathDynamic_ && app.isArgvDynamic_ && app.isEnvDynamic_ &&
+              app.isVfIdDynamic_);
+  EXPECT_EQ(std::tie(app.execPathPattern_, app.argvTemplate_, app.envTemplate_, app.vfIdPattern_),
+            std::tie(fields.binPath, fields.arguments, fields.envArgv, fields.vfIdPattern));
+}
+
 void ExpectGeneral(const GeneralAppInfo& app, const ApplicationManifest::Fields& fields) {
+  ExpectCommon(app, fields);
   EXPECT_EQ(std::tie(app.nice_, app.isSo_, app.soName_, app.soPath_, app.processBindPath_,
                      app.isForceTerm_, app.heartBeatSwitch_),
             std::tie(fields.nice, fields.isSo, fields.soName, fields.soPath, fields.processBindPath,
@@ -78,27 +82,16 @@ void ExpectGeneral(const GeneralAppInfo& app, const ApplicationManifest::Fields&
   EXPECT_EQ(app.sharepoolGroups_, fields.sharepoolGroups);
 }
 
-void ExpectDynamic(const AppInfo& app, const ApplicationManifest::Fields& fields) {
-  EXPECT_TRUE(app.isExecPathDynamic_ && app.isArgvDynamic_ && app.isEnvDynamic_ &&
-              app.isVfIdDynamic_);
-  EXPECT_EQ(std::tie(app.execPathPattern_, app.argvTemplate_, app.envTemplate_, app.vfIdPattern_),
-            std::tie(fields.binPath, fields.arguments, fields.envArgv, fields.vfIdPattern));
-}
-
 TEST(BaseAppInfo, IsMadeFromItsManifest) {
   homeEnvValue = "/home/first";
   const BaseAppInfo app{ApplicationManifest(First())};
   homeEnvValue.clear();
   EXPECT_EQ(app.appName_, "first");
-  EXPECT_EQ(app.ownerName_, "");
   EXPECT_EQ(app.homeEnv_, "/home/first");
-  EXPECT_EQ(app.state_, ProcessState::INITSTATE);
-  EXPECT_EQ(app.reportState_, ReportAppStateType::INVALID_INTERMEDIATE_STATE);
   EXPECT_TRUE(app.isReporting_);
   EXPECT_EQ(app.dependList_, First().dependList);
   EXPECT_FALSE(app.isForceTerm_);
   EXPECT_EQ(app.startupEntryPath_, "/entry1");
-  EXPECT_FALSE(app.isReady_);
   EXPECT_FALSE(app.isExecPathDynamic_) << "no request reaches a base application";
   ExpectCommon(app, First());
   ExpectKept(app, First());
@@ -107,15 +100,9 @@ TEST(BaseAppInfo, IsMadeFromItsManifest) {
 TEST(GeneralAppInfo, IsMadeFromItsManifestUnderANameOfItsOwn) {
   const GeneralAppInfo app("cam-3", ApplicationManifest(First()), "owner");
   EXPECT_EQ(app.appName_, "cam-3");
-  EXPECT_EQ(app.ownerName_, "owner");
   EXPECT_FALSE(app.isReporting_) << "only base applications report";
-  EXPECT_EQ(app.schedPolicy_, 5);
-  EXPECT_FALSE(app.savedForceTerm_);
-  EXPECT_EQ(app.isRestartStarted_, 0U);
-  ExpectCommon(app, First());
-  ExpectKept(app, First());
   ExpectGeneral(app, First());
-  ExpectDynamic(app, First());
+  ExpectKeptGeneral(app, First());
 }
 
 TEST(GeneralAppInfo, UpdateManifestKeepsThePolicyAndThePatterns) {
@@ -124,13 +111,12 @@ TEST(GeneralAppInfo, UpdateManifestKeepsThePolicyAndThePatterns) {
   app.state_ = ProcessState::RUNNING;
   app.schedPolicy_ = 3;
   app.isPriorityPending_ = true;
-  app.UpdateManifest(ApplicationManifest(Other()));
+  ApplicationManifest::Fields other;  // The defaults, each other than its value before.
+  other.appName = "other";
+  app.UpdateManifest(ApplicationManifest(other));
   EXPECT_EQ(app.appName_, "other");
-  ExpectCommon(app, Other());
-  ExpectGeneral(app, Other());
-  ExpectKept(app, First());
-  ExpectDynamic(app, First());
-  EXPECT_EQ(app.ownerName_, "owner");
+  ExpectGeneral(app, other);
+  ExpectKeptGeneral(app, First());
   EXPECT_EQ(app.pid_, 77);
   EXPECT_TRUE(app.IsRunning());
   EXPECT_EQ(app.schedPolicy_, 3);

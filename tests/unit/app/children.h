@@ -1,9 +1,8 @@
-// Processes of the test's own: how one ended, and one that waits to be signalled.
+// A process of the test's own that waits to be signalled.
 #ifndef TESTS_UNIT_APP_CHILDREN_H
 #define TESTS_UNIT_APP_CHILDREN_H
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,8 +12,7 @@
 
 namespace ProcMgr::App {
 
-// A process that waits for signals. What it is sent is left for the test to reap; what is left at
-// the end is killed.
+// What it is sent is left for the test to reap; what is left at the end is killed.
 class WaitingChild {
  public:
   WaitingChild() : pid_(fork()) {
@@ -36,9 +34,10 @@ class WaitingChild {
 
   [[nodiscard]] pid_t Pid() const { return pid_; }
 
-  // Waits for a change of its state and leaves the change to be seen again.
-  void Await(int options) const {
+  // Sends the signal, waits for the change of its state and leaves the change to be seen again.
+  void Change(int signal, int options) const {
     siginfo_t info{};
+    ASSERT_EQ(kill(pid_, signal), 0);
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid_), &info, options | WNOWAIT), 0);
   }
 
@@ -53,32 +52,6 @@ class WaitingChild {
  private:
   pid_t pid_;
 };
-
-// The wait status of a process that does `end`, and leaves no core file.
-template <typename End>
-int StatusAfter(End end) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const rlimit none{0, 0};
-    (void)setrlimit(RLIMIT_CORE, &none);
-    end();
-    _exit(99);
-  }
-  int status = -1;
-  EXPECT_EQ(waitpid(pid, &status, 0), pid);
-  return status;
-}
-
-inline int Exited(int code) {
-  return StatusAfter([code] { _exit(code); });
-}
-
-inline int KilledBy(int signal) {
-  return StatusAfter([signal] {
-    (void)std::signal(signal, SIG_DFL);
-    (void)raise(signal);
-  });
-}
 
 }  // namespace ProcMgr::App
 

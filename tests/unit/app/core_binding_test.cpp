@@ -12,8 +12,6 @@
 namespace ProcMgr::App {
 namespace {
 
-constexpr pid_t kNoProcess = 4'194'305;  // Above every pid that the kernel gives.
-
 // One core, the first that this process may use, is the control core.
 class CoreBinding : public LaunchTest {
  protected:
@@ -87,38 +85,14 @@ TEST_F(CoreBinding, ChildBindsItselfUnlessItIsDelayed) {
     fields.coreAffinity = row.cores;
     fields.isDelayCoreAffinity = row.isDelayed;
     const std::string expected = row.isBound ? narrow : wide_;
-    GeneralAppInfo general = GeneralRecord(fields);
-    EXPECT_EQ(ReportOf(general).Get("status.Cpus_allowed_list"), expected);
-    BaseAppInfo base = BaseRecord(fields);
-    EXPECT_EQ(ReportOf(base).Get("status.Cpus_allowed_list"), expected);
+    ForBothKinds(fields, [&](auto& app) {
+      EXPECT_EQ(ReportOf(app).Get("status.Cpus_allowed_list"), expected);
+    });
     EXPECT_EQ(PipeText(), "");
   }
 }
 
-TEST_F(CoreBinding, ChildEntersItsGroups) {
-  ApplicationManifest::Fields fields = Fields();
-  fields.resGroupName = "OTHER";
-  fields.cpuset = "CtrlCPU";
-  GeneralAppInfo general = GeneralRecord(fields);
-  BaseAppInfo base = BaseRecord(fields);
-  for (const PmTest::ServiceReport& report : {ReportOf(general), ReportOf(base)}) {
-    EXPECT_TRUE(report.Get("cgroup.memory").ends_with("/OTHER"));
-    EXPECT_TRUE(report.Get("cgroup.cpuset").ends_with("/CtrlCPU"));
-  }
-}
-
-TEST_F(CoreBinding, DelayedBindingReachesAllThreads) {
-  GeneralAppInfo own = Unbound();
-  EXPECT_TRUE(own.BindCoreForDelayApp());
-  EXPECT_EQ(Cores(own.pid_), Lines(3, std::to_string(core_)));
-  GeneralAppInfo other = Unbound();
-  other.coreAffinity_ = {999};  // Not looked at.
-  EXPECT_TRUE(other.BindCoreToDefault());
-  EXPECT_EQ(Cores(other.pid_), Lines(3, std::to_string(core_)));
-  EXPECT_EQ(TakeLog(), Lines{});
-}
-
-TEST_F(CoreBinding, DelayedBindingThatFailsIsToldOnce) {
+TEST_F(CoreBinding, DelayedBindingThatFailsIsTold) {
   GeneralAppInfo app = Unbound();
   app.coreAffinity_ = {999};
   EXPECT_FALSE(app.BindCoreForDelayApp());
@@ -129,10 +103,6 @@ TEST_F(CoreBinding, DelayedBindingThatFailsIsToldOnce) {
     texts += "SetCoreAffinity fail pid=" + std::to_string(id) + ", errno=22;";
   }
   EXPECT_EQ(TakeLog(), Lines{"W PROCMGR : BindCoreForDelayApp failed err=" + texts});
-
-  app.pid_ = kNoProcess;
-  EXPECT_FALSE(app.BindCoreForDelayApp()) << "no thread list";
-  EXPECT_FALSE(app.CheckMissingTids());
 }
 
 TEST_F(CoreBinding, MissingThreadsAreBoundOnce) {
@@ -157,8 +127,8 @@ TEST_F(CoreBinding, MissingThreadsAreBoundOnce) {
     const Lines log = TakeLog();
     ASSERT_EQ(log.size(), 3U);
     EXPECT_EQ(log[1],
-              "W PROCMGR : CheckMissingTids SetCoreAffinityToOs failed err=SetCoreAffinity "
-              "fail pid=" +
+              "W PROCMGR : CheckMissingTids SetCoreAffinityToOs failed "
+              "err=SetCoreAffinity fail pid=" +
                   std::to_string(threads[1]) + ", errno=22;");
   }
 }

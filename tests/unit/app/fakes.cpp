@@ -29,30 +29,19 @@ FakePlatform& Platform() {
 
 using App::Platform;
 
-std::uint32_t platSensorNodeRegister(std::uint32_t, const SensorNodeRecord*, std::uint64_t*) {
-  return 0;
-}
-std::uint32_t platSensorNodeUnregister(std::uint32_t, std::uint64_t) {
-  return 0;
-}
-std::uint32_t platSensorNodeUpdateState(std::uint32_t, std::uint64_t, std::uint32_t) {
-  return 0;
-}
 std::int32_t platGrpCreate(const char*, const PlatGrpAttr*) {
   return 0;
 }
 
 std::int32_t platGetDevNum(std::uint32_t* count) {
-  ++Platform().deviceCalls;
   *count = Platform().deviceCount;
   return Platform().deviceResult;
 }
 
 std::int32_t platMemGetInfo(std::uint32_t vfId, std::uint32_t kind, PlatMemInfo* info) {
-  Platform().vfId = vfId;
-  Platform().kind = kind;
+  constexpr std::uint32_t kMemory = 6;
   *info = Platform().memInfo;
-  return Platform().memResult;
+  return vfId == Platform().vfId && kind == kMemory ? Platform().memResult : -1;
 }
 
 std::int32_t platGrpAddProc(const char* name, pid_t pid, std::uint32_t permission) {
@@ -69,7 +58,5 @@ int IAMInitProc(const AppConfig& config) {
   errno = Platform().accessError;
   return Platform().accessError == 0 ? 0 : -1;
 }
-
-void IAMRetrieveService() {}
 
 }  // namespace ProcMgr

