@@ -28,15 +28,11 @@ inline constexpr const char* kBasics = R"(applications:
 
 class ManifestTest : public ::testing::Test {
  protected:
-  // Parses the file `name` of the folder. The log lines are in lines_, without the folder.
+  // Parses the file `name` of the folder, or of an absolute path, into manifests_. The log lines
+  // are in lines_, without the folder.
   int Parse(const std::string& name, const MatchData& match = {}) {
-    return ParsePath(folder_.Path(name), match);
-  }
-
-  int ParsePath(const std::string& path, const MatchData& match = {}) {
-    manifests_.clear();
-    const int result =
-        ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, path, manifests_, match);
+    const int result = ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, folder_.Path(name),
+                                                            manifests_, match);
     lines_ = log_.Take();
     const std::string prefix = folder_.Path("");
     for (std::string& line : lines_) {
@@ -47,9 +43,10 @@ class ManifestTest : public ::testing::Test {
     return result;
   }
 
-  // The same for a file of this text, "m.yaml".
+  // The same for a file of this text, "m.yaml", and with an empty list to begin with.
   int ParseText(const std::string& text, const MatchData& match = {}) {
     folder_.Write("m.yaml", text);
+    manifests_.clear();
     return Parse("m.yaml", match);
   }
 
