@@ -2,56 +2,49 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/plat/plat_record.h"
+#include "tests/support/temp_folder.h"
+#include "tests/support/threads.h"
 
 namespace ProcMgr {
 namespace {
 
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
 class Plat : public ::testing::Test {
  protected:
-  Plat() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "pm_plat_XXXXXX").string();
-    dir_ = mkdtemp(pattern.data());
-    record_.emplace(dir_ / "plat");
-  }
-  ~Plat() override { std::filesystem::remove_all(dir_); }
-  Plat(const Plat&) = delete;
-  Plat& operator=(const Plat&) = delete;
-
   [[nodiscard]] std::string Shown(const std::string& name) const {
-    std::ifstream file(dir_ / "plat" / name, std::ios::binary);
+    std::ifstream file(folder_.Path("plat/" + name), std::ios::binary);
     return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "no such file";
   }
 
-  std::filesystem::path dir_;
-  std::optional<PlatRecord> record_;
+  PmTest::TempFolder folder_;
+  PlatRecord record_{folder_.Path("plat")};
 };
 
 TEST_F(Plat, SensorsHaveHandlesFromOneAndShowTheirValue) {
-  std::uint64_t first = 0;
-  std::uint64_t second = 0;
-  EXPECT_EQ(record_->RegisterSensor("iammgr", first), 0U);
-  EXPECT_EQ(record_->RegisterSensor("iammgr", second), 0U);
-  EXPECT_EQ(first, 1U);
-  EXPECT_EQ(second, 2U);
-  EXPECT_EQ(record_->UpdateSensor(second, 10), 0U);
-  EXPECT_EQ(record_->UpdateSensor(second, 7), 0U);
+  for (const std::uint64_t expected : {1U, 2U}) {
+    std::uint64_t handle = 0;
+    EXPECT_EQ(record_.RegisterSensor("iammgr", handle), 0U);
+    EXPECT_EQ(handle, expected);
+  }
+  EXPECT_EQ(record_.UpdateSensor(2, 10), 0U);
+  EXPECT_EQ(record_.UpdateSensor(2, 7), 0U);
   EXPECT_EQ(Shown("sensor/iammgr"), "7") << "a shorter value leaves nothing of a longer one";
-  EXPECT_EQ(record_->UpdateSensor(3, 1), 2U);
-  EXPECT_EQ(record_->UnregisterSensor(second), 0U);
-  EXPECT_EQ(record_->UpdateSensor(second, 1), 2U) << "the handle has gone";
-  EXPECT_EQ(record_->UpdateSensor(first, 1), 0U);
+  EXPECT_EQ(record_.UpdateSensor(3, 1), 2U);
+  EXPECT_EQ(record_.UnregisterSensor(2), 0U);
+  EXPECT_EQ(record_.UpdateSensor(2, 1), 2U) << "the handle has gone";
+  EXPECT_EQ(record_.UpdateSensor(1, 1), 0U);
 }
 
 TEST_F(Plat, ASensorNameNeedsNoTerminator) {
@@ -64,19 +57,19 @@ TEST_F(Plat, ASensorNameNeedsNoTerminator) {
 }
 
 TEST_F(Plat, GroupsTakeLivingProcesses) {
-  EXPECT_EQ(record_->CreateGroup(""), 22);
-  EXPECT_EQ(record_->CreateGroup(std::string(64, 'g')), 22);
-  EXPECT_EQ(record_->CreateGroup(std::string(63, 'g')), 0);
-  EXPECT_EQ(record_->CreateGroup("pool"), 0);
+  EXPECT_EQ(record_.CreateGroup(""), 22);
+  EXPECT_EQ(record_.CreateGroup(std::string(64, 'g')), 22);
+  EXPECT_EQ(record_.CreateGroup(std::string(63, 'g')), 0);
+  EXPECT_EQ(record_.CreateGroup("pool"), 0);
   EXPECT_EQ(Shown("group/pool"), "");
-  EXPECT_EQ(record_->CreateGroup("pool"), kPlatGrpExists);
+  EXPECT_EQ(record_.CreateGroup("pool"), kPlatGrpExists);
 
-  EXPECT_EQ(record_->AddProcess("other", getpid(), 6), 2);
+  EXPECT_EQ(record_.AddProcess("other", getpid(), 6), 2);
   for (const pid_t pid : {0, -1, 0x7fffffff}) {
-    EXPECT_EQ(record_->AddProcess("pool", pid, 6), 3) << pid;
+    EXPECT_EQ(record_.AddProcess("pool", pid, 6), 3) << pid;
   }
-  EXPECT_EQ(record_->AddProcess("pool", getpid(), 6), 0);
-  EXPECT_EQ(record_->AddProcess("pool", getpid(), 14), 0);
+  EXPECT_EQ(record_.AddProcess("pool", getpid(), 6), 0);
+  EXPECT_EQ(record_.AddProcess("pool", getpid(), 14), 0);
   const std::string pid = std::to_string(getpid());
   EXPECT_EQ(Shown("group/pool"), pid + " 6\n" + pid + " 14\n");
 }
@@ -86,46 +79,35 @@ TEST_F(Plat, WhatCannotBeShownIsStillKept) {
   EXPECT_EQ(record.CreateGroup("pool"), 0);
   EXPECT_EQ(record.AddProcess("pool", getpid(), 2), 0);
   // A name that would leave the folder is never written.
-  EXPECT_EQ(record_->CreateGroup("../escaped"), 0);
-  EXPECT_FALSE(std::filesystem::exists(dir_ / "plat" / "escaped"));
+  EXPECT_EQ(record_.CreateGroup("../escaped"), 0);
+  EXPECT_EQ(Shown("escaped"), "no such file");
 }
 
 TEST_F(Plat, ThreadsShareOneRecord) {
-  std::vector<std::thread> threads;
-  threads.reserve(4);
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([this, i] {
-      for (int round = 0; round < 100; ++round) {
-        const std::string name = "g" + std::to_string(round);
-        (void)record_->CreateGroup(name);
-        EXPECT_EQ(record_->AddProcess(name, getpid(), static_cast<std::uint32_t>(i)), 0);
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  PmTest::OnThreads(4, [this](int thread) {
+    for (int round = 0; round < 100; ++round) {
+      const std::string name = "g" + std::to_string(round);
+      (void)record_.CreateGroup(name);
+      EXPECT_EQ(record_.AddProcess(name, getpid(), static_cast<std::uint32_t>(thread)), 0);
+    }
+  });
   EXPECT_EQ(std::ranges::count(Shown("group/g50"), '\n'), 4) << "no line of the four is lost";
 }
 
 TEST(NodeList, ReadsNumbersAndRanges) {
-  const struct {
-    const char* text;
-    std::vector<std::int32_t> nodes;  // Empty: no list.
-  } kCases[] = {
-      {"0\n", {0}}, {"0-1\n", {0, 1}}, {"0,2-3", {0, 2, 3}}, {"", {}},      {"\n", {}},
-      {"a", {}},    {"3-1", {}},       {"0,", {}},           {",0", {}},    {"0-", {}},
-      {"-1", {}},   {"0 1", {}},       {"4096", {}},         {"0-1-2", {}}, {"99999999999", {}},
-  };
-  for (const auto& test : kCases) {
+  const auto nodes = [](const char* text) {
     PlatMemInfo info{77, {}};
-    EXPECT_EQ(ParseNodeList(test.text, info), !test.nodes.empty()) << test.text;
-    if (test.nodes.empty()) {
-      EXPECT_EQ(info.nodeCount, 77U) << test.text << ": untouched";
-      continue;
+    if (!ParseNodeList(text, info)) {
+      EXPECT_EQ(info.nodeCount, 77U) << text << ": untouched";
+      return std::vector<std::int32_t>();
     }
-    ASSERT_EQ(info.nodeCount, test.nodes.size()) << test.text;
-    EXPECT_TRUE(std::equal(test.nodes.begin(), test.nodes.end(), info.nodes.begin())) << test.text;
+    return std::vector<std::int32_t>(info.nodes.begin(), info.nodes.begin() + info.nodeCount);
+  };
+  EXPECT_THAT(nodes("0\n"), ElementsAre(0));
+  EXPECT_THAT(nodes("0,2-3"), ElementsAre(0, 2, 3));
+  for (const char* const text :
+       {"", "\n", "a", "3-1", "0,", ",0", "0-", "-1", "0 1", "4096", "0-1-2", "99999999999"}) {
+    EXPECT_THAT(nodes(text), IsEmpty()) << text;
   }
   // More nodes than fit are counted and not stored.
   PlatMemInfo info{};
@@ -134,22 +116,16 @@ TEST(NodeList, ReadsNumbersAndRanges) {
   EXPECT_EQ(info.nodes.back(), 63);
 }
 
-TEST(PlatDevice, TheDeviceCallsWorkInAForkedChild) {
+TEST(PlatDevice, TellsTheNodesOfThisMachine) {
+  std::uint32_t count = 0;
+  EXPECT_EQ(platGetDevNum(&count), 0);
+  EXPECT_EQ(count, 1U);
   if (!std::filesystem::exists("/sys/devices/system/node/online")) {
     GTEST_SKIP() << "this kernel tells no memory nodes";
   }
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    std::uint32_t count = 0;
-    PlatMemInfo info{};
-    const bool isGood = platGetDevNum(&count) == 0 && count == 1 &&
-                        platMemGetInfo(0, 6, &info) == 0 && info.nodeCount >= 1;
-    _exit(isGood ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  PlatMemInfo info{};
+  EXPECT_EQ(platMemGetInfo(0, 6, &info), 0);
+  EXPECT_GE(info.nodeCount, 1U);
 }
 
 }  // namespace
