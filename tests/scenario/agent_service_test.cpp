@@ -40,8 +40,13 @@ TEST_F(AgentService, IsReadyBeatsAndReportsAgainAfterARestart) {
 TEST_F(AgentService, SaysThatItGoesDown) {
   BootHello();
   const std::size_t end = log_.Lines().size();
-  ASSERT_EQ(kill(AwaitStarted("hello"), SIGTERM), 0);
+  const pid_t pid = AwaitStarted("hello");
+  ASSERT_EQ(kill(pid, SIGTERM), 0);
   EXPECT_TRUE(log_.WaitFor("PM revice BASESERVICE_STATE_REPORT msg from hello", end).has_value());
+  EXPECT_TRUE(log_.WaitFor("PROCMGR : Process=hello, pid=" + std::to_string(pid) +
+                               " was self terminated, the exit status is 0.",
+                           end)
+                  .has_value());
 }
 
 }  // namespace
