@@ -3,12 +3,14 @@
 //
 // Input: a byte for the type, a byte whose lowest bit picks the sender, 8 bytes that are added to
 // the true size of the body, the body.
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "core/log.h"
 #include "message/serialization.h"
+#include "tests/fuzz/fuzz_input.h"
+
+using PmTest::Require;
 
 namespace {
 
@@ -20,12 +22,6 @@ const bool silent = [] {
   ProcMgr::SetLogSink([](int, const char*) {});
   return true;
 }();
-
-void Require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
 
 // The names of records that came out of a body whose size is `size`; each takes a byte at least.
 template <typename Record>

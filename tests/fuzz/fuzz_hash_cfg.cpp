@@ -1,18 +1,19 @@
-#include <string_view>
-
 #include "host/integrity_protect.h"
-#include "tests/fuzz/input_file.h"
+#include "tests/fuzz/fuzz_input.h"
 #include "tests/unit/host/captured_log.h"
 
+using PmTest::FuzzText;
+using PmTest::Require;
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  const std::string_view text = FuzzText(data, size);
   ProcMgr::IntegrityProtect protect;
   protect.ParseHashCfg(text);
   // A key holds no '=', so no table lists this name; and a listed name with a blank is refused
   // before a shell sees it.
-  ProcMgr::Fuzz::Require(protect.Check("/bin/no=key"));
+  Require(protect.Check("/bin/no=key"));
   if (text.starts_with("a b=c\n")) {
-    ProcMgr::Fuzz::Require(!protect.Check("/bin/a b"));
+    Require(!protect.Check("/bin/a b"));
   }
   (void)ProcMgr::Testing::TakeLog();
   return 0;

@@ -1,22 +1,17 @@
 // Any bytes as a configuration file, walked as deep as it goes.
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "platform/manifest/kvs_type_yaml.h"
-#include "tests/fuzz/fuzz_file.h"
+#include "tests/fuzz/fuzz_input.h"
+
+using PmTest::FuzzFile;
+using PmTest::Require;
 
 namespace {
 
 // With aliases a short file can be a long walk.
 constexpr int kMaxSteps = 2000;
-
-void Check(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
 
 void Walk(const ProcMgr::KvsTypeYaml& node, int& steps) {
   if (++steps > kMaxSteps) {
@@ -29,9 +24,9 @@ void Walk(const ProcMgr::KvsTypeYaml& node, int& steps) {
   std::vector<std::string> texts;
   const bool isScalar = node.GetString(text);
   const bool isCollection = node.GetArray(children);
-  Check(!(isScalar && isCollection));
-  Check(isScalar || !(node.GetBool(flag) || node.GetUint64(number)));
-  Check(!node.GetSequenceString(texts) || texts.size() == children.size());
+  Require(!(isScalar && isCollection));
+  Require(isScalar || !(node.GetBool(flag) || node.GetUint64(number)));
+  Require(!node.GetSequenceString(texts) || texts.size() == children.size());
   for (const ProcMgr::KvsTypeYaml& child : children) {
     ProcMgr::KvsTypeYaml sub;
     (void)node.GetSubKvs(child.GetKey(), sub);
@@ -43,7 +38,7 @@ void Walk(const ProcMgr::KvsTypeYaml& node, int& steps) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   ProcMgr::KvsTypeYaml root;
-  if (root.InitYamlNode(PmTest::FuzzFile(data, size))) {
+  if (root.InitYamlNode(FuzzFile(data, size))) {
     int steps = 0;
     Walk(root, steps);
   }

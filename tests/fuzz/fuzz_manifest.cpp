@@ -2,25 +2,20 @@
 // length; what it yields can always be walked to its end.
 #include <syslog.h>
 
-#include <cstdint>
-#include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "app/manifest.h"
 #include "core/log.h"
-#include "tests/fuzz/fuzz_file.h"
+#include "tests/fuzz/fuzz_input.h"
+
+using PmTest::FuzzFile;
+using PmTest::Require;
 
 namespace {
 
 constexpr std::size_t kMaxLineBytes = 4096;
-
-void Check(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
 
 std::size_t errorLines = 0;
 
@@ -28,20 +23,20 @@ void CheckLine(int level, const char* text) {
   errorLines += level == LOG_ERR ? 1 : 0;
   std::size_t length = 0;
   for (; text[length] != '\0'; ++length) {
-    Check(text[length] >= ' ' && text[length] <= '~');
+    Require(text[length] >= ' ' && text[length] <= '~');
   }
-  Check(length > 0 && length < kMaxLineBytes);
+  Require(length > 0 && length < kMaxLineBytes);
 }
 
 void CheckManifest(const ProcMgr::ApplicationManifest& manifest) {
   const std::string& name = manifest.GetAppName();
-  Check(!name.empty() && name.size() <= 255 && name.find('\0') == std::string::npos);
-  Check(manifest.GetNice() >= -20 && manifest.GetNice() <= 19);
-  Check(manifest.GetStartupPriority() >= -1);
-  Check(manifest.GetCoreAffinity().size() <= 1024);
+  Require(!name.empty() && name.size() <= 255 && name.find('\0') == std::string::npos);
+  Require(manifest.GetNice() >= -20 && manifest.GetNice() <= 19);
+  Require(manifest.GetStartupPriority() >= -1);
+  Require(manifest.GetCoreAffinity().size() <= 1024);
   for (const auto& [key, value] : manifest.GetEnvArgv()) {
-    Check(!key.empty() && key.find('=') == std::string::npos);
-    Check(value.find('\0') == std::string::npos);
+    Require(!key.empty() && key.find('=') == std::string::npos);
+    Require(value.find('\0') == std::string::npos);
   }
 }
 
@@ -50,7 +45,7 @@ void Walk(const std::vector<std::string>& names) {
   ProcMgr::ParseAndDepend::Instance().GetStartGraph(names, graph);
   while (!graph.IsEmpty()) {
     const std::set<std::string> round = graph.GetNoDependVertices();
-    Check(!round.empty());
+    Require(!round.empty());
     for (const std::string& name : round) {
       graph.Pop(name);
     }
@@ -64,15 +59,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   errorLines = 0;
   std::vector<ProcMgr::ApplicationManifest> manifests;
   const int result = ProcMgr::ParseAndDepend::Instance().ParseYaml(
-      ProcMgr::ParamType::kDefault, PmTest::FuzzFile(data, size), manifests, {{"board", "1"}});
-  Check((result != 0) == (errorLines > 0));
-  Check(result == 0 || manifests.empty());
+      ProcMgr::ParamType::kDefault, FuzzFile(data, size), manifests, {{"board", "1"}});
+  Require((result != 0) == (errorLines > 0));
+  Require(result == 0 || manifests.empty());
   std::vector<std::string> names;
   for (const ProcMgr::ApplicationManifest& manifest : manifests) {
     CheckManifest(manifest);
     names.push_back(manifest.GetAppName());
   }
-  Check(std::set<std::string>(names.begin(), names.end()).size() == names.size());
+  Require(std::set<std::string>(names.begin(), names.end()).size() == names.size());
   Walk(names);
   return 0;
 }

@@ -1,78 +1,56 @@
-// The name table against a plain list of pairs, under any order of openings, closings, claims and
+// The name table against plain maps, under any order of openings, closings, claims and
 // lookups. Input: two bytes a step, the operation with its name and the descriptor.
-#include <cstdlib>
+#include <map>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "message/name_table.h"
+#include "tests/fuzz/fuzz_input.h"
+
+using PmTest::Require;
 
 namespace {
 
-void Require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
-
 // What the table must say, the slow and obvious way.
-class Model {
- public:
-  void Set(const std::string& name, int fd) {
-    for (auto& [known, itsFd] : entries_) {
-      if (known == name) {
-        itsFd = fd;
-        return;
-      }
-    }
-    entries_.emplace_back(name, fd);
-  }
-
+struct Model {
   [[nodiscard]] int FdOf(const std::string& name) const {
-    for (const auto& [known, fd] : entries_) {
-      if (known == name) {
-        return fd;
-      }
-    }
-    return -1;
+    return fds.contains(name) ? fds.at(name) : -1;
   }
 
-  [[nodiscard]] std::string NameOf(int fd) const {
-    for (const auto& [name, itsFd] : entries_) {
-      if (itsFd == fd && fd > 0) {
+  [[nodiscard]] std::string NameOf(int wanted) const {
+    for (const auto& [name, fd] : fds) {
+      if (fd == wanted && fd > 0) {
         return name;
       }
     }
     return {};
   }
 
-  std::set<int> closing_;
-
- private:
-  std::vector<std::pair<std::string, int>> entries_;
+  std::map<std::string, int> fds;
+  std::set<int> closing;
 };
 
 void Step(ProcMgr::NameTable& table, Model& model, int operation, const std::string& name, int fd) {
   switch (operation) {
     case 0:
       // The library never gives a descriptor twice.
-      if (fd > 0 && (!model.NameOf(fd).empty() || model.closing_.contains(fd))) {
+      if (fd > 0 && (!model.NameOf(fd).empty() || model.closing.contains(fd))) {
         return;
       }
       table.Set(name, fd);
-      model.Set(name, fd);
+      model.fds[name] = fd;
       break;
     case 1: {
       const int expected = model.FdOf(name);
       Require(table.TakeForClosing(name) == expected);
-      model.Set(name, -1);
+      model.fds[name] = -1;
       if (expected > 0) {
-        model.closing_.insert(expected);
+        model.closing.insert(expected);
       }
       break;
     }
     default:
-      Require(table.ClaimClosing(fd) == (model.closing_.erase(fd) != 0));
+      Require(table.ClaimClosing(fd) == (model.closing.erase(fd) != 0));
       break;
   }
 }
@@ -90,8 +68,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::string found;
     Require(table.NameOf(fd, found) == !model.NameOf(fd).empty());
     Require(found == model.NameOf(fd));
-    Require(table.IsClosing(fd) == model.closing_.contains(fd));
-    Require(table.Closing().size() == model.closing_.size());
+    Require(table.IsClosing(fd) == model.closing.contains(fd));
+    Require(table.Closing().size() == model.closing.size());
   }
   return 0;
 }

@@ -1,13 +1,10 @@
 // The packet parser of the messaging library: what it takes must be what a sender would have made.
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <span>
-#include <string_view>
 
 #include "platform/nexio/address.h"
 #include "platform/nexio/packet.h"
+#include "tests/fuzz/fuzz_input.h"
 
 namespace Nexio = ProcMgr::Nexio;
 

@@ -1,25 +1,16 @@
 // A pattern up to the first line break, and behind it a value.
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
-#include <string_view>
 
 #include "app/manifest.h"
 #include "platform/manifest/pattern.h"
+#include "tests/fuzz/fuzz_input.h"
 
-namespace {
-
-void Check(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
-
-}  // namespace
+using PmTest::FuzzText;
+using PmTest::Require;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  const std::string_view text = FuzzText(data, size);
   const std::size_t end = std::min(text.find('\n'), text.size());
   const std::string pattern(text.substr(0, end));
   const std::string value(text.substr(std::min(end + 1, text.size())));
@@ -28,20 +19,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // The pieces, put together, are the pattern.
   std::string whole;
   for (const ProcMgr::Manifest::PatternPiece& piece : ProcMgr::Manifest::SplitPattern(pattern)) {
-    Check(piece.isExpression || !piece.text.empty());
+    Require(piece.isExpression || !piece.text.empty());
     whole.append(piece.isExpression ? "${" : "").append(piece.text);
     whole.append(piece.isExpression ? "}" : "");
   }
-  Check(whole == pattern);
+  Require(whole == pattern);
 
   const bool fits = library.IsDynamicParaMatch(pattern, value);
-  Check(fits == library.IsDynamicParaMatch(pattern, value));
+  Require(fits == library.IsDynamicParaMatch(pattern, value));
   if (!library.IsDynamicPara(pattern)) {
-    Check(fits == (pattern == value));
-    Check(library.IsDynamicParaMatch(pattern, pattern));
+    Require(fits == (pattern == value));
+    Require(library.IsDynamicParaMatch(pattern, pattern));
   }
   if (ProcMgr::Manifest::FindBrokenExpression(pattern)) {
-    Check(!fits);
+    Require(!fits);
   }
   return 0;
 }

@@ -1,12 +1,14 @@
 // Requests and responses of the upload service. What was read must survive being written and read
 // again. Input: a byte that picks one of the two, the text.
-#include <cstdlib>
 #include <cstring>
 #include <string>
-#include <string_view>
 
 #include "core/log.h"
 #include "message/upload_msg.h"
+#include "tests/fuzz/fuzz_input.h"
+
+using PmTest::FuzzText;
+using PmTest::Require;
 
 namespace {
 
@@ -14,12 +16,6 @@ const bool silent = [] {
   ProcMgr::SetLogSink([](int, const char*) {});
   return true;
 }();
-
-void Require(bool holds) {
-  if (!holds) {
-    std::abort();
-  }
-}
 
 void FuzzRequest(std::string_view text) {
   PmUpload::UploadMsg msg;
@@ -62,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size == 0) {
     return 0;
   }
-  const std::string_view text(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const std::string_view text = FuzzText(data + 1, size - 1);
   if (data[0] % 2 == 0) {
     FuzzRequest(text);
   } else {

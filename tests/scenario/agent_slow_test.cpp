@@ -15,22 +15,16 @@
 namespace PmTest {
 namespace {
 
+using ::testing::StartsWith;
+
 class SlowAgent : public ScenarioTest {
  protected:
-  static App Reporting(const std::string& name, const std::string& restart = "no") {
-    return {name, kService, {}, {{"isReporting", "true"}, {"restart", restart}}};
-  }
-
   // Sends one datagram as a service that beats does.
   void Beat(const std::string& name) {
     const ProcMgr::UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const SocketPath address(sandbox_.Outside("/run/heartbeat.sock"));
     ASSERT_EQ(sendto(fd.Get(), name.data(), name.size(), 0, address.Get(), address.Size()),
               static_cast<ssize_t>(name.size()));
-  }
-
-  std::string Sensor(const std::string& name) const {
-    return sandbox_.ReadFile("/run/plat/sensor/" + name);
   }
 };
 
@@ -39,12 +33,11 @@ class SlowAgent : public ScenarioTest {
 TEST_F(SlowAgent, ReaderThatStandsStillDelaysNobodyForGood) {
   const RawServer deaf(sandbox_, "iammgr", 0);
   AgentPeer owner(sandbox_, "owner");
-  Boot({Reporting("iammgr"), Reporting("owner", "on-forever")});
+  Boot({Reporting("iammgr"), Reporting("owner", {{"restart", "on-forever"}})});
   const auto iammgr = deaf.AcceptGreeted();
   ASSERT_TRUE(iammgr.has_value());
   ASSERT_TRUE(iammgr->Send(FramePacket(StateFrame(kStateReady))));
-  ASSERT_TRUE(owner.AwaitChannel());
-  ASSERT_TRUE(owner.ReportState(kStateReady));
+  ASSERT_TRUE(owner.BecomeReady());
   AwaitBooted();
   const std::size_t descriptors = daemon_->Descriptors().size();
   const std::size_t threads = daemon_->ThreadCount();
@@ -57,47 +50,42 @@ TEST_F(SlowAgent, ReaderThatStandsStillDelaysNobodyForGood) {
     ++sent;
     ASSERT_EQ(owner.NextReports(1).size(), 1U);
   }
-  EXPECT_TRUE(
-      log_.WaitForCount("PROCMGR : CheckThread : report general apps' changes to IAM failed", 1));
+  EXPECT_TRUE(Await("PROCMGR : CheckThread : report general apps' changes to IAM failed"));
 
   // The owner's next request is under way, waiting for iammgr, when its process dies: closing its
   // channel has to come to an end, and the service comes back.
   const std::size_t before = log_.Lines().size();
   const pid_t pid = AwaitStarted("owner");
   ASSERT_TRUE(owner.TermApps({"last"}));
-  ASSERT_TRUE(log_.WaitFor("TERM_APP msg from owner, appList=last,", before).has_value());
+  ASSERT_TRUE(Await("TERM_APP msg from owner, appList=last,", before));
   ASSERT_EQ(kill(pid, SIGKILL), 0);
-  ASSERT_TRUE(owner.AwaitChannel());
-  ASSERT_TRUE(owner.ReportState(kStateReady));
-  ASSERT_TRUE(log_.WaitFor("PROCMGR: CheckThread : owner=owner, pid=" +
-                               std::to_string(AwaitStarted("owner", before)) +
-                               ", state=STARTING restart success",
-                           before)
-                  .has_value());
+  ASSERT_TRUE(owner.BecomeReady());
+  ASSERT_TRUE(Await(
+      "PROCMGR: CheckThread : owner=owner, pid=" + std::to_string(AwaitStarted("owner", before)) +
+          ", state=STARTING restart success",
+      before));
   EXPECT_TRUE(Eventually([&] { return daemon_->Descriptors().size() == descriptors; }))
       << ::testing::PrintToString(daemon_->Descriptors());
   EXPECT_EQ(daemon_->ThreadCount(), threads);
 }
 
 TEST_F(SlowAgent, LostAndRecoveredHeartbeatsReachTheSensor) {
-  sandbox_.WriteFile("/run/plat/sensor/made", "");
   AgentPeer iammgr(sandbox_, "iammgr");
   Boot({Reporting("iammgr")});
-  ASSERT_TRUE(iammgr.AwaitChannel());
-  ASSERT_TRUE(iammgr.ReportState(kStateReady));
+  ASSERT_TRUE(iammgr.BecomeReady());
   AwaitBooted();
-  EXPECT_TRUE(Eventually([&] { return Sensor("iammgr").substr(0, 1) == "2"; })) << Sensor("iammgr");
+  EXPECT_TRUE(AwaitSensor("iammgr", "2"));
   Beat("iammgr");
   Beat("nobody");
   const std::string lost =
       "Process heart beat notify. (app=iammgr,pid=" + std::to_string(getpid()) + ",status=lost)";
   const auto loss = log_.WaitFor(lost);
   ASSERT_TRUE(loss.has_value());
-  EXPECT_TRUE(Eventually([&] { return Sensor("iammgr").substr(0, 1) == "0"; })) << Sensor("iammgr");
+  EXPECT_TRUE(AwaitSensor("iammgr", "0"));
   EXPECT_EQ(log_.Count("status=recovery"), 0U);
   Beat("iammgr");
-  ASSERT_TRUE(log_.WaitFor("status=recovery)", *loss).has_value());
-  EXPECT_TRUE(Eventually([&] { return Sensor("iammgr").substr(0, 1) == "2"; })) << Sensor("iammgr");
+  ASSERT_TRUE(Await("status=recovery)", *loss));
+  EXPECT_TRUE(AwaitSensor("iammgr", "2"));
   // Told once each, and the process has been left alone.
   EXPECT_EQ(log_.Count("status=recovery"), 1U);
   EXPECT_EQ(log_.Count("PROCMGR : Restarting"), 0U);
@@ -106,8 +94,7 @@ TEST_F(SlowAgent, LostAndRecoveredHeartbeatsReachTheSensor) {
 TEST_F(SlowAgent, HeartMessagesTellOfLossAndDelay) {
   AgentPeer beater(sandbox_, "beater");
   Boot({Reporting("beater")});
-  ASSERT_TRUE(beater.AwaitChannel());
-  ASSERT_TRUE(beater.ReportState(kStateReady));
+  ASSERT_TRUE(beater.BecomeReady());
   AwaitBooted();
   const std::string lost = "PROCMGR : beater lost heart msg, index is ";
   for (const std::uint64_t index : {1U, 2U, 4U, 5U, 5U, 1U, 2U}) {
@@ -121,15 +108,11 @@ TEST_F(SlowAgent, HeartMessagesTellOfLossAndDelay) {
   ASSERT_TRUE(beater.Send(late));
   const auto slow = log_.WaitFor(" - 1 = ");
   ASSERT_TRUE(slow.has_value());
-  EXPECT_EQ(log_.At(*slow).text.rfind("PROCMGR : beater send nexiom cost time ", 0), 0U)
-      << log_.At(*slow).text;
-  std::vector<std::string> losses;
-  for (const LogLine& line : log_.Lines()) {
-    if (line.text.rfind(lost, 0) == 0) {
-      losses.push_back(line.text.substr(lost.size()));
-    }
+  EXPECT_THAT(log_.At(*slow).text, StartsWith("PROCMGR : beater send nexiom cost time "));
+  for (const char* const indices : {"2 / 4", "5 / 5", "5 / 1"}) {
+    EXPECT_EQ(log_.Count(lost + indices), 1U) << indices;
   }
-  EXPECT_EQ(losses, (std::vector<std::string>{"2 / 4", "5 / 5", "5 / 1"}));
+  EXPECT_EQ(log_.Count(lost), 3U);
 }
 
 TEST_F(SlowAgent, ThousandsOfFramesOfSeveralAgentsKeepTheirOrder) {
@@ -144,8 +127,7 @@ TEST_F(SlowAgent, ThousandsOfFramesOfSeveralAgentsKeepTheirOrder) {
   }
   Boot(apps);
   for (const auto& agent : agents) {
-    ASSERT_TRUE(agent->AwaitChannel());
-    ASSERT_TRUE(agent->ReportState(kStateReady));
+    ASSERT_TRUE(agent->BecomeReady());
   }
   AwaitBooted();
   std::vector<std::thread> senders;
@@ -162,9 +144,8 @@ TEST_F(SlowAgent, ThousandsOfFramesOfSeveralAgentsKeepTheirOrder) {
     sender.join();
   }
   for (const auto& agent : agents) {
-    EXPECT_TRUE(log_.WaitFor("PROCMGR : " + agent->Name() + " lost heart msg, index is " +
-                             std::to_string(kFrames) + " / " + std::to_string(kFrames + 2))
-                    .has_value());
+    EXPECT_TRUE(Await("PROCMGR : " + agent->Name() + " lost heart msg, index is " +
+                      std::to_string(kFrames) + " / " + std::to_string(kFrames + 2)));
   }
   EXPECT_EQ(log_.Count(" lost heart msg, "), std::size_t{kAgents});
 }

@@ -10,7 +10,9 @@
 namespace PmTest {
 namespace {
 
+using ::testing::Contains;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 std::string Started(const std::string& name) {
   return "6 [TRACE] Start baseApp success appName=" + name +
@@ -84,7 +86,7 @@ TEST_F(Booting, BadArgumentsEndItAtOnceAndSayWhyOnBothSides) {
     EXPECT_TRUE(WIFEXITED(*status));
     EXPECT_EQ(WEXITSTATUS(*status), 255);
     EXPECT_THAT(daemon_->Output(), HasSubstr(c.output));
-    ASSERT_TRUE(log_.WaitFor(c.line, before).has_value());
+    ASSERT_TRUE(Await(c.line, before));
     // Nothing but this line: it has touched nothing else.
     EXPECT_EQ(log_.Masked(before), std::vector<std::string>{"3 " + c.line});
   }
@@ -99,8 +101,8 @@ TEST_F(Booting, WholeLogOfABootWithServicesThatReportNothing) {
   sandbox_.WriteFile("/etc/vantor_common_env.conf", "MAX_LOCKED_MEMORY_LIMIT=65536\n");
   sandbox_.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml",
                      "watch_dog:\n  enable: false\n  timeout: 30\n  action: 9\n");
-  Boot({{"beta", kService, {}, {}}, {"alpha", kService, {}, {}}});
-  ASSERT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=").has_value());
+  Boot({Service("beta"), Service("alpha")});
+  ASSERT_TRUE(Await("PROCMGR : EnableWatchDog flag="));
   ASSERT_TRUE(log_.WaitForCount("STARTING to RUNNING", 2));
   std::vector<std::string> main;
   std::vector<std::string> check;
@@ -119,29 +121,18 @@ TEST_F(Booting, WholeLogOfABootWithServicesThatReportNothing) {
   }
 }
 
-TEST_F(Booting, TermEndsItTheDefaultWay) {
-  Boot({{"alpha", kService, {}, {}}});
-  AwaitBooted();
-  daemon_->Signal(SIGTERM);
-  const auto status = daemon_->WaitExit();
-  ASSERT_TRUE(status.has_value());
-  EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGTERM);
-}
-
 TEST_F(Booting, NoFaultOfTheServiceFileStopsIt) {
   struct Case {
     std::string text;
     std::string place;  // Where the fault is, behind the file's path.
   };
-  const std::string good = ServiceFile({{"alpha", kService, {}, {}}});
+  const std::string good = ServiceFile({Service("alpha")});
   const Case cases[] = {
       {"", ""},
       {"applications: 7\n", ":1:"},
-      {"applications:\n  - appName: [\n", ":"},
       {std::string("\xff\xfe\0garbage", 10), ":1:"},
       {good + "    restart: sometimes\n", ":6:"},
       {good + "  - appName: alpha\n    binPath: /bin/true\n    uid: 0\n    gid: 0\n", ":6:"},
-      {good + "  - binPath: /bin/true\n    uid: 0\n    gid: 0\n", ":6:"},
       {good + "  - include: missing.yaml\n", ":6:"},
   };
   for (const Case& c : cases) {
@@ -149,15 +140,9 @@ TEST_F(Booting, NoFaultOfTheServiceFileStopsIt) {
     const std::size_t before = log_.Lines().size();
     sandbox_.WriteFile(kBaseFile, c.text);
     Start({kBaseFile});
-    ASSERT_TRUE(log_.WaitFor("PROCMGR : ParseYamlFile failed, ProcMgr return", before).has_value());
-    EXPECT_TRUE(log_.WaitFor(
-                        [&](const LogLine& line) {
-                          return line.level == 3 && line.text.find(kBaseFile + c.place) == 0;
-                        },
-                        before, std::chrono::milliseconds(0))
-                    .has_value())
-        << log_.Text();
-    // It stays up, supervising nothing, until somebody ends it.
+    ASSERT_TRUE(Await("PROCMGR : ParseYamlFile failed, ProcMgr return", before));
+    EXPECT_THAT(log_.Masked(before), Contains(StartsWith("3 " + std::string(kBaseFile) + c.place)));
+    // It stays up, supervising nothing, until somebody ends it the default way.
     EXPECT_TRUE(daemon_->IsRunning());
     EXPECT_TRUE(daemon_->Services().empty());
     daemon_->Signal(SIGTERM);
@@ -166,44 +151,39 @@ TEST_F(Booting, NoFaultOfTheServiceFileStopsIt) {
 }
 
 TEST_F(Booting, StartsOfARoundGoInNameOrderAndFailuresHoldNobodyUp) {
-  Boot({{"zeta", kService, {}, {}},
+  Boot({Service("zeta"),
         {"broken", "/opt/test/missing", {}, {}},
-        {"mid", kService, {}, {}},
-        {"shell", kService, {"$(reboot)"}, {}},
-        {"alpha", kService, {}, {}}});
+        Service("mid"),
+        Service("shell", {"$(reboot)"}),
+        Service("alpha")});
   AwaitBooted();
-  std::vector<std::string> order;
-  for (const std::string& line : log_.Masked()) {
-    const std::string start = "[TRACE] Start baseApp success appName=";
-    if (const std::size_t at = line.find(start); at != std::string::npos) {
-      order.push_back(line.substr(at + start.size(), line.find(',', at) - at - start.size()));
-    }
+  const std::string started = "Start baseApp success appName=";
+  std::size_t from = 0;
+  for (const std::string name : {"alpha", "mid", "zeta"}) {
+    const auto index = log_.WaitFor(started + name + ",", from);
+    ASSERT_TRUE(index.has_value()) << name;
+    from = *index;
   }
-  EXPECT_EQ(order, (std::vector<std::string>{"alpha", "mid", "zeta"}));
+  EXPECT_EQ(log_.Count(started), 3U);
   for (const char* line :
        {"PROCMGR : Start App=broken failed, binPath=/opt/test/missing is not existed !!!",
-        "Start broken failed, state:INITSTATE", "start baseApp=broken failed",
-        "PROCMGR : CheckChildProParas App=shell arguments include illegal str",
-        "start baseApp=shell failed"}) {
+        "start baseApp=broken failed", "start baseApp=shell failed"}) {
     EXPECT_EQ(log_.Count(line), 1U) << line;
   }
-  EXPECT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=0").has_value());
+  EXPECT_TRUE(Await("PROCMGR : EnableWatchDog flag=0"));
   EXPECT_EQ(daemon_->Services().size(), 3U);
 }
 
 TEST_F(Booting, DependenciesThatAreNotRunningRefuseTheStart) {
   // The dependant of a service that ends at once, of a missing name, of itself, and of a circle.
-  Boot({{"early", kService, {}, {{"dependList", "[nobody]"}}},
-        {"first", kService, {}, {}},
-        {"orphan", kService, {}, {{"dependList", "[first, nobody]"}}},
-        {"ring1", kService, {}, {{"dependList", "[ring2]"}}},
-        {"ring2", kService, {}, {{"dependList", "[ring1]"}}}});
+  Boot({Service("early", {}, {{"dependList", "[nobody]"}}), Service("first"),
+        Service("orphan", {}, {{"dependList", "[first, nobody]"}}),
+        Service("ring1", {}, {{"dependList", "[ring2]"}}),
+        Service("ring2", {}, {{"dependList", "[ring1]"}})});
   AwaitBooted();
-  EXPECT_EQ(log_.Count("PROCMGR : early depends on nobody [early => nobody]"), 1U);
   // Nothing had been started when its turn came.
   EXPECT_EQ(log_.Count("PROCMGR : early 's dependcy nobody hasn't been started"), 1U);
   EXPECT_EQ(log_.Count("PROCMGR : ring1 's dependcy ring2 not find,"), 1U);
-  EXPECT_EQ(log_.Count("PROCMGR : ring2 's dependcy ring1 not find,"), 1U);
   EXPECT_EQ(log_.Count("ring1 -> ring2 -> ring1"), 1U);
   for (const char* name : {"early", "orphan", "ring1", "ring2"}) {
     EXPECT_EQ(log_.Count("start baseApp=" + std::string(name) + " failed"), 1U) << name;

@@ -12,8 +12,6 @@
 namespace PmTest {
 namespace {
 
-constexpr const char* kConfig = "/etc/zur/base-plat/process-manager/procmgr_cfg.yaml";
-
 class DelayedBinding : public ScenarioTest {
  protected:
   // Both cores are control cores, so that an unbound child and one that is back on the default
@@ -25,25 +23,20 @@ class DelayedBinding : public ScenarioTest {
   }
 
   void BootDelayed(const std::string& settings) {
-    sandbox_.WriteFile(kConfig, "delay_core: {" + settings + "}\n");
-    Boot({{"late",
-           kService,
-           {"--threads", "2", "--report", "/run/sandbox/late"},
-           {{"isDelayCoreAffinity", "true"}, {"coreAffinity", "[0]"}, {"cpuset", "CtrlCPU"}}}});
+    sandbox_.WriteFile(std::string(kConfigDir) + "procmgr_cfg.yaml",
+                       "delay_core: {" + settings + "}\n");
+    Boot({Service(
+        "late", {"--threads", "2", "--report", "/run/sandbox/late"},
+        {{"isDelayCoreAffinity", "true"}, {"coreAffinity", "[0]"}, {"cpuset", "CtrlCPU"}})});
     pid_ = AwaitReport(sandbox_, "/run/sandbox/late").Pid();
     AwaitBooted();
     ASSERT_TRUE(Eventually([this] { return Threads(pid_).size() == 3; }));
   }
 
-  bool AllOn(const std::string& cores) {
-    for (const pid_t tid : Threads(pid_)) {
-      const std::string status = sandbox_.ReadFile("/proc/" + std::to_string(pid_) + "/task/" +
-                                                   std::to_string(tid) + "/status");
-      if (status.find("Cpus_allowed_list:\t" + cores + "\n") == std::string::npos) {
-        return false;
-      }
-    }
-    return true;
+  [[nodiscard]] bool AllOn(const std::string& cores) const {
+    const std::vector<pid_t> tids = Threads(pid_);
+    return std::all_of(tids.begin(), tids.end(),
+                       [&](pid_t tid) { return StatusField(tid, "Cpus_allowed_list") == cores; });
   }
 
   void Signal(int signal) { ASSERT_EQ(kill(daemon_->Pid(), signal), 0); }
@@ -55,24 +48,24 @@ TEST_F(DelayedBinding, RequestBindsEveryThreadOnceAndForAll) {
   BootDelayed("check_num: 3, wake_up_enable: false, check_interval: 1");
   EXPECT_TRUE(AllOn("0-1"));
   Signal(ProcMgr::BindingSignal());
-  ASSERT_TRUE(log_.WaitFor("PROCMGR: CheckCoreAffinityThread exit now.").has_value());
+  ASSERT_TRUE(Await("PROCMGR: CheckCoreAffinityThread exit now."));
   EXPECT_TRUE(AllOn("0"));
-  EXPECT_TRUE(log_.WaitFor("CheckCoreAffinityThread wakeup,checkInterval=1,checkNum=3,"
-                           "isWakeUpEnable=0")
-                  .has_value());
+  EXPECT_TRUE(
+      Await("CheckCoreAffinityThread wakeup,checkInterval=1,checkNum=3,"
+            "isWakeUpEnable=0"));
   Signal(ProcMgr::BindingSignal());
-  EXPECT_TRUE(log_.WaitFor("SetDelayCoreAffinity return directly").has_value());
+  EXPECT_TRUE(Await("SetDelayCoreAffinity return directly"));
   EXPECT_TRUE(daemon_->IsRunning());
 }
 
 TEST_F(DelayedBinding, WakeUpBringsTheDefaultCoresBackAndAllowsTheNextRequest) {
   BootDelayed("check_num: 2, wake_up_enable: true, check_interval: 0");
   Signal(ProcMgr::BindingSignal());
-  ASSERT_TRUE(log_.WaitFor("CheckCoreAffinityThread finish check").has_value());
+  ASSERT_TRUE(Await("CheckCoreAffinityThread finish check"));
   EXPECT_TRUE(AllOn("0"));
   Signal(ProcMgr::WakeUpSignal());
-  ASSERT_TRUE(log_.WaitFor("WakeUpRecover success").has_value());
-  EXPECT_TRUE(log_.WaitFor("Reset Core Affinity to CpuSet for delay apps, ret=1").has_value());
+  ASSERT_TRUE(Await("WakeUpRecover success"));
+  EXPECT_TRUE(Await("Reset Core Affinity to CpuSet for delay apps, ret=1"));
   EXPECT_TRUE(AllOn("0-1"));
   Signal(ProcMgr::BindingSignal());
   EXPECT_TRUE(Eventually([this] { return AllOn("0"); }));

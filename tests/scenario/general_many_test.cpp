@@ -21,25 +21,16 @@ class GeneralMany : public GeneralTest {
     for (std::size_t i = 0; i < kCount; ++i) {
       names_.push_back("app-" + std::to_string(i));
     }
-    BootWith({{"app-${[0-9]+}", kService, {}, {}}});
+    BootWith({Service("app-${[0-9]+}")});
   }
 
-  void StartAll() {
-    std::vector<ProcMgr::Message::StartAppInfo> list;
+  template <typename Info>
+  std::vector<Info> RequestOfAll() const {
+    std::vector<Info> list;
     for (const std::string& name : names_) {
       list.push_back({name, {}, {}});
     }
-    ASSERT_TRUE(owner_.StartApps(list));
-    ASSERT_NO_FATAL_FAILURE(ExpectOneReportOnEach([](std::size_t) { return 0U; }));
-  }
-
-  void RestartAll() {
-    std::vector<ProcMgr::Message::RestartAppInfo> list;
-    for (const std::string& name : names_) {
-      list.push_back({name, {}, {}});
-    }
-    ASSERT_TRUE(owner_.RestartApps(list));
-    ASSERT_NO_FATAL_FAILURE(ExpectOneReportOnEach([](std::size_t) { return 1U; }));
+    return list;
   }
 
   // One half is asked to end, the other dies.
@@ -91,11 +82,13 @@ TEST_F(GeneralMany, ThousandFromTheFramesOfOneAgentLeaveNothing) {
   BootThousand();
   const std::size_t descriptors = daemon_->Descriptors().size();
   const std::size_t threads = daemon_->ThreadCount();
-  ASSERT_NO_FATAL_FAILURE(StartAll());
+  ASSERT_TRUE(owner_.StartApps(RequestOfAll<ProcMgr::Message::StartAppInfo>()));
+  ASSERT_NO_FATAL_FAILURE(ExpectOneReportOnEach([](std::size_t) { return 0U; }));
   EXPECT_EQ(daemon_->Services().size(), kCount + 3);
   EXPECT_EQ(CountRunning(), kCount);
   const auto firstPids = pids_;
-  ASSERT_NO_FATAL_FAILURE(RestartAll());
+  ASSERT_TRUE(owner_.RestartApps(RequestOfAll<ProcMgr::Message::RestartAppInfo>()));
+  ASSERT_NO_FATAL_FAILURE(ExpectOneReportOnEach([](std::size_t) { return 1U; }));
   for (const auto& [name, pid] : firstPids) {
     EXPECT_NE(pids_[name], pid) << name;
   }
@@ -109,51 +102,35 @@ TEST_F(GeneralMany, ThousandFromTheFramesOfOneAgentLeaveNothing) {
 }
 
 TEST_F(GeneralMany, HostileRequestsHurtNobody) {
-  BootWith({{"good", kService, {}, {}}});
+  BootWith({Service("good")});
   // A pattern that isn't one is refused with its file, and never matches.
-  sandbox_.WriteFile(kEntryFile, ServiceFile({{"odd-${[}", kService, {}, {}}}));
+  sandbox_.WriteFile(kEntryFile, ServiceFile({Service("odd-${[}")}));
   EXPECT_EQ(owner_.LoadStartupCfg(), "15795205");
-  const std::string body1999 = [] {
-    std::string text = "1999#";
-    for (int i = 0; i < 1999; ++i) {
-      text += "#";
-    }
-    return text;
-  }();
   struct Case {
     RequestType type;
     std::string text;
   };
   const Case cases[] = {
       {RequestType::START_APP, ""},
-      {RequestType::START_APP, "####"},
       {RequestType::START_APP, "4294967295#"},
       {RequestType::START_APP, "2000#a#0#0#"},
-      {RequestType::START_APP, "99999999999999999999#a#0#0#"},
-      {RequestType::START_APP, "-1#a#0#0#"},
       {RequestType::START_APP, "1#good#1025#x#"},
-      {RequestType::START_APP, "1#good#4294967295#x#"},
-      {RequestType::START_APP, "1#nobody#0#4#"},
       {RequestType::START_APP, "1#nobody#0#1#3#1#x#"},
       {RequestType::START_APP, "1#nobody#0#1#0#18446744073709551615#x#"},
       {RequestType::START_APP, "1#" + std::string(3900, 'n') + "#0#0#"},
       {RequestType::START_APP, "1#%s%n%s%n#0#0#"},
       {RequestType::START_APP, std::string("1#\0x\n#0#0#", 10)},
-      {RequestType::START_APP, "1999#a#"},
       {RequestType::RESTART_APP, "1#odd-1#0#0#"},
       {RequestType::RESTART_APP, "1#../../bin/sh#1#-c#0#"},
-      {RequestType::TERM_APP, body1999},
-      {RequestType::TERM_APP, "1999#"},
-      {RequestType::BASESERVICE_STATE_REPORT, "1#"},
+      {RequestType::TERM_APP, "1999#" + std::string(1999, '#')},
       {RequestType::BASESERVICE_STATE_REPORT, "1#4000000000#"},
       {RequestType::APP_EXECUTION_REPORT, "1#name#"},
       {RequestType::QUERY_APP_STATE, std::string("\xff\xff\xff\xff", 4)},
       {RequestType::QUERY_APP_STATE, std::string("\1\0\0\0\xff\xff\xff\x7f", 8) + "x"},
       {RequestType::LOAD_STARTUP_CFG, "1#/x#102399#a#"},
-      {RequestType::LOAD_STARTUP_CFG, "#"},
   };
   ASSERT_TRUE(owner_.StartApps({{"good", {}, {}}}));
-  pid_t pid = ExpectBoth(owner_, "good 0").pid;
+  const pid_t pid = ExpectBoth(owner_, "good 0").pid;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text.substr(0, 60));
     ASSERT_TRUE(second_.Send(TextFrame(c.type, c.text)));
@@ -174,10 +151,7 @@ TEST_F(GeneralMany, HostileRequestsHurtNobody) {
   EXPECT_EQ(owner_.PendingReports(), 0U);
   EXPECT_EQ(ReadStat(pid).parent, daemon_->Pid());
   ASSERT_TRUE(owner_.RestartApps({{"good", {}, {}}}));
-  const auto own = owner_.NextReport();
-  ASSERT_TRUE(own.has_value());
-  EXPECT_EQ(own->state, 1U);
-  EXPECT_NE(own->pid, pid);
+  EXPECT_EQ(owner_.NextReports(1), std::vector<std::string>{"good 1"});
   EXPECT_EQ(daemon_->Services().size(), 4U);
   EXPECT_TRUE(daemon_->Zombies().empty());
 }

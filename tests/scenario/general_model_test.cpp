@@ -93,8 +93,6 @@ class GeneralModel : public GeneralTest {
  protected:
   using Reports = std::map<std::string, std::vector<int>>;  // By name, in their order.
 
-  static std::string Mark(const std::string& name) { return "/run/sandbox/mark." + name; }
-
   void MakeApps() {
     std::vector<App> apps;
     for (const bool isStubborn : {false, true}) {
@@ -106,10 +104,10 @@ class GeneralModel : public GeneralTest {
         if (isStubborn) {
           arguments = {"--ignore-term", "--mark", Mark(name)};
         }
-        apps.push_back({name, kService, arguments, {{"termTimeOut", "3600000"}}});
+        apps.push_back(Service(name, arguments, {{"termTimeOut", "3600000"}}));
       }
     }
-    apps.push_back({"many-${[0-9]}", kService, {}, {}});
+    apps.push_back(Service("many-${[0-9]}"));
     for (int i = 0; i < 4; ++i) {
       models_.push_back({"many-" + std::to_string(i), false, true, State::kGone, nullptr, 0, 0});
     }
@@ -181,10 +179,7 @@ class GeneralModel : public GeneralTest {
   void AwaitMarks() {
     for (const Model& app : models_) {
       if (app.isStubborn && app.state == State::kRunning) {
-        ASSERT_TRUE(Eventually([&] {
-          return ("\n" + sandbox_.ReadFile(Mark(app.name)))
-                     .find("\n" + std::to_string(app.pid) + " ") != std::string::npos;
-        }));
+        ASSERT_NO_FATAL_FAILURE(AwaitMark(app.name, app.pid));
       }
     }
   }

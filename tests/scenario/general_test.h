@@ -19,16 +19,10 @@ class GeneralTest : public ScenarioTest {
   // Returns with all three ready, the reports of their own starts taken.
   void BootWith(const std::vector<App>& apps) {
     sandbox_.WriteFile(kEntryFile, ServiceFile(apps));
-    Boot({{"iammgr", kService, {}, {{"isReporting", "true"}}},
-          {"owner",
-           kService,
-           {},
-           {{"isReporting", "true"}, {"dependList", "[iammgr]"}, {"startupEntryPath", kEntryFile}}},
-          {"second", kService, {}, {{"isReporting", "true"}, {"dependList", "[iammgr]"}}}});
-    for (AgentPeer* const peer : {&iammgr_, &owner_, &second_}) {
-      ASSERT_TRUE(peer->AwaitChannel());
-      ASSERT_TRUE(peer->ReportState(kStateReady));
-    }
+    Boot({Reporting("iammgr"),
+          Reporting("owner", {{"dependList", "[iammgr]"}, {"startupEntryPath", kEntryFile}}),
+          Reporting("second", {{"dependList", "[iammgr]"}})});
+    ASSERT_TRUE(iammgr_.BecomeReady() && owner_.BecomeReady() && second_.BecomeReady());
     AwaitBooted();
     ASSERT_EQ(iammgr_.NextReports(2), (std::vector<std::string>{"owner 0", "second 0"}));
     ASSERT_EQ(owner_.LoadStartupCfg(), "0");
@@ -54,6 +48,16 @@ class GeneralTest : public ScenarioTest {
     EXPECT_EQ(own->gid, general->gid);
     EXPECT_EQ(own->eioFlag, general->eioFlag);
     return *own;
+  }
+
+  // The file in which an application says with --mark that it is up.
+  static std::string Mark(const std::string& name) { return "/run/sandbox/mark." + name; }
+
+  void AwaitMark(const std::string& name, pid_t pid) {
+    ASSERT_TRUE(Eventually([&] {
+      return ("\n" + sandbox_.ReadFile(Mark(name))).find("\n" + std::to_string(pid) + " ") !=
+             std::string::npos;
+    }));
   }
 
   // Asks for an end that is answered at once, and expects nobody to have got anything before it.

@@ -1,20 +1,19 @@
 // Configuration files, good and bad: whatever stands in their place, the boot goes on.
+#include <gmock/gmock.h>
 #include <sys/resource.h>
 
-#include <optional>
+#include <filesystem>
 
 #include "core/small_file.h"
 #include "core/text.h"
-#include "tests/scenario/host_test.h"
+#include "tests/support/scenario_test.h"
 
 namespace PmTest {
 namespace {
 
 using ::testing::AnyOf;
-using ::testing::Contains;
 using ::testing::Eq;
 using ::testing::IsSupersetOf;
-using ::testing::StartsWith;
 
 const std::string kOwn = std::string(kConfigDir) + "procmgr_cfg.yaml";
 const std::string kHashes = std::string(kConfigDir) + "bin_hash.cfg";
@@ -22,46 +21,37 @@ const std::string kPools = "/etc/sharepool/pools.yaml";
 const std::string kLimits = "/etc/vantor_common_env.conf";
 const std::string kUsers = "/etc/passwd";
 
-// What stands at the path of a file.
-struct Content {
-  enum class Kind { kMissing, kFolder, kText } kind = Kind::kMissing;
-  std::string text;
-};
-
-Content Text(std::string text) {
-  return {Content::Kind::kText, std::move(text)};
-}
-const Content kMissing;
-const Content kFolder{Content::Kind::kFolder, {}};
-const Content kBinary = Text(std::string("\x7f\x45\x4c\x46\x00\xff\xfe\x01\n\x00\x02", 11));
+// Two texts that stand for something else in the place of the file.
+const std::string kMissing = "(missing)";
+const std::string kFolder = "(folder)";
+const std::string kBinary("\x7f\x45\x4c\x46\x00\xff\xfe\x01\n\x00\x02", 11);
 // One byte more than the manager reads, and nothing wrong with it but that.
-const Content kOversized = Text(std::string(std::size_t{1} << 20, '#') + "\n");
+const std::string kOversized = std::string(std::size_t{1} << 20, '#') + "\n";
 
 struct ConfigCase {
-  std::string what;
-  Content content;
+  std::string text;
   std::vector<std::string> lines;       // What the boot says, masked, the level first.
   std::vector<std::string> never = {};  // Parts of lines that it doesn't say.
 };
 
-class Configuration : public HostTest {
+class Configuration : public ScenarioTest {
  protected:
-  void Put(const std::string& path, const Content& content) const {
-    Remove(path);
-    if (content.kind == Content::Kind::kFolder) {
+  void Put(const std::string& path, const std::string& text) const {
+    std::filesystem::remove_all(sandbox_.Outside(path));
+    if (text == kFolder) {
       std::filesystem::create_directories(sandbox_.Outside(path));
-    } else if (content.kind == Content::Kind::kText) {
-      sandbox_.WriteFile(path, content.text);
+    } else if (text != kMissing) {
+      sandbox_.WriteFile(path, text);
     }
   }
 
-  // Boots once with each content of the file and checks what is said and that a service runs.
+  // Boots once with each text of the file and checks what is said and that a service runs.
   void CheckEach(const std::string& path, const std::vector<ConfigCase>& cases) {
     for (const ConfigCase& c : cases) {
-      SCOPED_TRACE(c.what);
-      Put(path, c.content);
+      SCOPED_TRACE(c.text.substr(0, 100));
+      Put(path, c.text);
       const std::size_t before = log_.Lines().size();
-      Boot({{"plain", kService, {}, {}}});
+      Boot({Service("plain")});
       const std::vector<std::string> lines = AwaitBoot(before);
       EXPECT_THAT(lines, IsSupersetOf(c.lines));
       for (const std::string& part : c.never) {
@@ -75,160 +65,124 @@ class Configuration : public HostTest {
 TEST_F(Configuration, OwnSettings) {
   const std::string failed = "3 LoadProcMgrCfg file=" + kOwn + " failed. ";
   const std::string broken = failed + "init yaml node failed";
-  const std::string defaults =
-      "6 PROCMGR: LoadWatchDogCfg finish enable=1, wdTimeout=60 s, wdAction=2";
-  const std::string noEnable = "4 GetWatchDogEnbale is null !";
+  const std::string finish = "6 PROCMGR: LoadWatchDogCfg finish enable=";
+  const std::string delay = "6 PROCMGR: LoadDelayCoreCfg finish checkNum=";
+  const std::string defaults = finish + "1, wdTimeout=60 s, wdAction=2";
   const std::string noTimeout = "4 GetWatchDogTimeout is null !";
-  const std::string noAction = "4 GetWatchDogAction is null !";
-  CheckEach(
-      kOwn,
-      {
-          {"missing", kMissing, {failed + "errno=2"}, {"LoadWatchDogCfg", "LoadPmUploadCfg"}},
-          {"folder", kFolder, {broken}},
-          {"empty", Text(""), {broken}},
-          {"binary", kBinary, {broken}},
-          {"oversized", kOversized, {broken}},
-          {"malformed", Text("watch_dog: [1,\n"), {broken}, {"LoadWatchDogCfg"}},
-          {"good",
-           Text("watch_dog: {enable: false, timeout: '15', action: 0}\npmupload: {enable: true}\n"
-                "delay_core: {check_num: -1, check_interval: 200, wake_up_enable: true}\n"),
-           {"6 PROCMGR: LoadWatchDogCfg finish enable=0, wdTimeout=15 s, wdAction=0",
-            "6 PROCMGR: LoadPmUploadCfg finish enable=1",
-            "6 PROCMGR: LoadDelayCoreCfg finish checkNum=-1, isWakeUpEnable=1, checkInterval=200"},
-           {"is null !"}},
-          {"wrong values",
-           Text("watch_dog: {enable: perhaps, timeout: -5, action: 3}\npmupload: {}\n"),
-           {noEnable, noTimeout, noAction, defaults, "4 GetPmuploadEnbale is null !",
-            "6 PROCMGR: LoadPmUploadCfg finish enable=1"}},
-          {"no mapping",
-           Text("watch_dog: 7\npmupload: off\n"),
-           {noEnable, noTimeout, noAction, defaults}},
-          {"fraction",
-           Text("watch_dog: {enable: true, timeout: 1.5, action: none}\n"),
-           {noTimeout, noAction, defaults, "3 LoadPmUploadCfg not exist pmupload key"}},
-          // The other settings hang on the presence of the first.
-          {"no watchdog",
-           Text("pmupload: {enable: true}\n"),
-           {"3 LoadWatchDogCfg not exist watch_dog key"},
-           {"LoadPmUploadCfg"}},
-          {"numbers that don't fit",
-           Text("watch_dog: {timeout: 99999999999999999999}\n"
-                "delay_core: {check_num: 300, check_interval: 4294967296}\n"),
-           {"6 PROCMGR: LoadWatchDogCfg finish enable=1, wdTimeout=99999999999999999999 s, "
-            "wdAction=2",
-            "4 LoadDelayCoreCfg check_num=300 is no number from -128 to 127, use 0",
-            "4 LoadDelayCoreCfg check_interval=4294967296 is no number from 0 to 4294967295, use 0",
-            "6 PROCMGR: LoadDelayCoreCfg finish checkNum=0, isWakeUpEnable=0, checkInterval=0"}},
-      });
+  const std::string upload = "6 PROCMGR: LoadPmUploadCfg finish enable=1";
+  CheckEach(kOwn,
+            {
+                {kMissing, {failed + "errno=2"}, {"LoadWatchDogCfg", "LoadPmUploadCfg"}},
+                {kFolder, {broken}},
+                {"", {broken}},
+                {kBinary, {broken}},
+                {kOversized, {broken}},
+                {"watch_dog: [1,\n", {broken}, {"LoadWatchDogCfg"}},
+                {"watch_dog: {enable: false, timeout: '15', action: 0}\npmupload: {enable: true}\n"
+                 "delay_core: {check_num: -1, check_interval: 200, wake_up_enable: true}\n",
+                 {finish + "0, wdTimeout=15 s, wdAction=0", upload,
+                  delay + "-1, isWakeUpEnable=1, checkInterval=200"},
+                 {"is null !"}},
+                {"watch_dog: {enable: perhaps, timeout: -5, action: 3}\npmupload: {}\n",
+                 {"4 GetWatchDogEnbale is null !", noTimeout, "4 GetWatchDogAction is null !",
+                  defaults, "4 GetPmuploadEnbale is null !", upload}},
+                {"watch_dog: 7\npmupload: off\n", {noTimeout, defaults}},
+                {"watch_dog: {timeout: 1.5}\n", {noTimeout, defaults}},
+                // The other settings hang on the presence of the first.
+                {"pmupload: {enable: true}\n",
+                 {"3 LoadWatchDogCfg not exist watch_dog key"},
+                 {"LoadPmUploadCfg"}},
+                {"watch_dog: {timeout: 99999999999999999999}\n"
+                 "delay_core: {check_num: 300, check_interval: 4294967296}\n",
+                 {finish + "1, wdTimeout=99999999999999999999 s, wdAction=2",
+                  "4 LoadDelayCoreCfg check_num=300 is no number from -128 to 127, use 0",
+                  delay + "0, isWakeUpEnable=0, checkInterval=0"}},
+            });
 }
 
 TEST_F(Configuration, ProcessesReportThemselvesOnlyIfTheSettingsSaySo) {
-  struct Case {
-    Content content;
-    bool isServed = false;
-  };
-  const Case cases[] = {
+  const std::pair<std::string, bool> cases[] = {
       {kMissing, false},
-      {Text("watch_dog: {}\n"), false},
-      {Text("watch_dog: {}\npmupload: {}\n"), true},
-      {Text("watch_dog: {}\npmupload: {enable: true}\n"), true},
-      {Text("watch_dog: {}\npmupload: {enable: false}\n"), false},
-      {Text("pmupload: {enable: true}\n"), false},
+      {"watch_dog: {}\n", false},
+      {"watch_dog: {}\npmupload: {}\n", true},
+      {"watch_dog: {}\npmupload: {enable: false}\n", false},
+      {"pmupload: {enable: true}\n", false},
   };
   const std::string socket = "/run/nexio/PROCMGR.sock";
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.content.text);
-    Put(kOwn, c.content);
+  for (const auto& [text, isServed] : cases) {
+    SCOPED_TRACE(text);
+    Put(kOwn, text);
     daemon_.reset();
-    Remove(socket);
+    Put(socket, kMissing);
     const std::size_t before = log_.Lines().size();
-    Boot({{"plain", kService, {}, {}}});
+    Boot({Service("plain")});
     (void)AwaitBoot(before);
-    EXPECT_EQ(std::filesystem::exists(sandbox_.Outside(socket)), c.isServed);
+    EXPECT_EQ(std::filesystem::exists(sandbox_.Outside(socket)), isServed);
   }
 }
 
 TEST_F(Configuration, Digests) {
   const std::string file = "PROCMGR: IntegrityProtect hash config file=" + kHashes;
-  const std::string overlong = std::string(9'000, 'a') + "=" + std::string(999, '0');
-  CheckEach(
-      kHashes,
-      {
-          {"missing", kMissing, {"4 " + file + " is not exist"}},
-          {"folder", kFolder, {"3 " + file + " open failed"}},
-          {"oversized", kOversized, {"3 " + file + " open failed"}},
-          {"empty", Text(""), {}, {"hash config"}},
-          {"good", Text("\nother=00\n\nlast=11"), {}, {"hash config"}},
-          {"malformed",
-           Text("=value\nname=\nnothing\nother=00\n"),
-           {"4 PROCMGR: hash config string==value format is false",
-            "4 PROCMGR: hash config string=name= format is false",
-            "4 PROCMGR: hash config string=nothing format is false"},
-           {"string=other"}},
-          // The name of the service itself, wrongly: if this line counted, the start would fail.
-          {"overlong line",
-           Text("test-service=" + std::string(10'000, '0') + "\n" + overlong),
-           {"4 PROCMGR: hash config line of 10013 characters is too long, begins with=" +
-                ("test-service=" + std::string(242, '0')),
-            "4 PROCMGR: hash config line of 10000 characters is too long, begins with=" +
-                std::string(255, 'a')}},
-      });
-  Put(kHashes, kBinary);
-  const std::size_t before = log_.Lines().size();
-  Boot({{"plain", kService, {}, {}}});
-  const std::vector<std::string> lines = AwaitBoot(before);
-  EXPECT_THAT(lines, Contains(StartsWith("4 PROCMGR: hash config string=\x7f"
-                                         "ELF")));
-  EXPECT_EQ(CountLines(lines, "Start baseApp success appName=plain,"), 1U);
+  const std::string line = "4 PROCMGR: hash config line of ";
+  const std::string wrong = "4 PROCMGR: hash config string=";
+  CheckEach(kHashes, {
+                         {kMissing, {"4 " + file + " is not exist"}},
+                         {kFolder, {"3 " + file + " open failed"}},
+                         {kOversized, {"3 " + file + " open failed"}},
+                         {kBinary, {}},
+                         {"", {}, {"hash config"}},
+                         {"\nother=00\n\nlast=11", {}, {"hash config"}},
+                         {"=value\nname=\nnothing\nother=00\n",
+                          {wrong + "=value format is false", wrong + "name= format is false",
+                           wrong + "nothing format is false"},
+                          {"string=other"}},
+                         // The service itself, wrongly: if this line counted, the start would fail.
+                         {"test-service=" + std::string(10'000, '0'),
+                          {line + "10013 characters is too long, begins with=test-service=" +
+                           std::string(242, '0')}},
+                     });
 }
 
 TEST_F(Configuration, SharePools) {
   const std::string broken =
       "3 sharepool LoadCfgFile file (" + kPools + ") failed, init yaml node failed";
-  const std::string always = "6 CreateSharepoolGroup group=DEFAULT_MEM_GROUP success";
-  const std::string only = "6 sharepoolCfg has DEFAULT_MEM_GROUP sharepool group";
+  const auto made = [](const std::string& group) {
+    return "6 CreateSharepoolGroup group=" + group + " success";
+  };
+  const std::string always = made("DEFAULT_MEM_GROUP");
+  const std::string cfg = "4 cfg=" + kPools;
+  const std::string longName(64, 'G');
   CheckEach(
       kPools,
       {
-          {"missing", kMissing, {always, only}, {"LoadCfgFile"}},
-          {"folder", kFolder, {always, only}, {"LoadCfgFile"}},
-          {"empty", Text(""), {broken, always}},
-          {"binary", kBinary, {broken, always}},
-          {"oversized", kOversized, {broken, always}},
-          {"malformed", Text("sharepool_groups: {A: [}\n"), {broken, always}},
-          {"no keys",
-           Text("other: 1\n"),
+          {kMissing, {always}, {"LoadCfgFile"}},
+          {kFolder, {always}, {"LoadCfgFile"}},
+          {"", {broken, always}},
+          {kBinary, {broken, always}},
+          {kOversized, {broken, always}},
+          {"sharepool_groups: {A: [}\n", {broken, always}},
+          {"other: 1\n",
            {"4 LoadSharepoolGroupCfg not exist sharepool_groups key",
-            "4 cfg=" + kPools + " LoadAdminProLists not exist admin_pro_lists key",
-            "4 cfg=" + kPools + " not exist add_all_groups_white_lists key", always}},
-          {"wrong kinds",
-           Text("sharepool_groups: 7\nadmin_pro_lists: EM\nadd_all_groups_white_lists: {a: b}\n"),
-           {"4 " + kPools + " invalid file!",
-            "4 cfg=" + kPools + " admin_pro_lists is no list of names",
-            "4 cfg=" + kPools + " add_all_groups_white_lists is no list of names", always}},
-          {"sizes",
-           Text("sharepool_groups:\n  - FITS: {mem_size: 18446744073709551615}\n"
-                "  - NONE: {}\n  - HUGE: {mem_size: 18446744073709551616}\n"
-                "  - FITS: {mem_size: 1}\n"),
+            cfg + " LoadAdminProLists not exist admin_pro_lists key",
+            cfg + " not exist add_all_groups_white_lists key", always}},
+          {"sharepool_groups: 7\nadmin_pro_lists: EM\nadd_all_groups_white_lists: {a: b}\n",
+           {"4 " + kPools + " invalid file!", cfg + " admin_pro_lists is no list of names",
+            cfg + " add_all_groups_white_lists is no list of names", always}},
+          {"sharepool_groups:\n  - FITS: {mem_size: 18446744073709551615}\n"
+           "  - HUGE: {mem_size: 18446744073709551616}\n  - FITS: {mem_size: 1}\n",
            {"6 LoadSharepoolGroupCfg groupName=FITS, memSize=18446744073709551615 KB",
-            "6 LoadSharepoolGroupCfg groupName=NONE, memSize=0 KB",
-            "6 LoadSharepoolGroupCfg groupName=HUGE, memSize=0 KB",
-            "4 GetSharepoolGroupMemSize is null !", "6 CreateSharepoolGroup group=FITS success",
-            "6 CreateSharepoolGroup group=HUGE success", always},
+            "6 LoadSharepoolGroupCfg groupName=HUGE, memSize=0 KB", made("FITS"), made("HUGE")},
            {"is existed"}},
-          {"a name that the platform refuses",
-           Text("sharepool_groups: {" + std::string(64, 'G') + ": {mem_size: 1}, OK: {}}\n"),
-           {"3 CreateSharepoolGroup group=" + std::string(64, 'G') + " faild, res=22",
-            "6 CreateSharepoolGroup group=OK success", always}},
+          // A name that the platform refuses.
+          {"sharepool_groups: {" + longName + ": {mem_size: 1}, OK: {}}\n",
+           {"3 CreateSharepoolGroup group=" + longName + " faild, res=22", made("OK"), always}},
       });
   // A broken file keeps no other from being read, and the folder itself may be none.
   sandbox_.WriteFile("/etc/sharepool/more.yaml", "sharepool_groups: {MORE: {mem_size: 5}}\n");
   Put(kPools, kBinary);
-  CheckEach("/etc/sharepool/absent.yaml",
-            {{"two files", kMissing, {broken, "6 CreateSharepoolGroup group=MORE success"}}});
-  CheckEach("/etc/sharepool",
-            {{"no folder", kMissing, {"3 LoadSharepoolCfg failed: errno=2", only}},
-             {"a file", Text(""), {"3 LoadSharepoolCfg failed: errno=20", only}}});
+  CheckEach("/etc/sharepool/absent.yaml", {{kMissing, {broken, made("MORE")}}});
+  CheckEach("/etc/sharepool", {{kMissing, {"3 LoadSharepoolCfg failed: errno=2", always}},
+                               {"", {"3 LoadSharepoolCfg failed: errno=20", always}}});
 }
 
 TEST_F(Configuration, HomeDirectory) {
@@ -238,19 +192,16 @@ TEST_F(Configuration, HomeDirectory) {
   CheckEach(
       kUsers,
       {
-          {"missing", kMissing, {failed + "2"}},
-          {"folder", kFolder, {failed + "21"}},
-          {"oversized", kOversized, {failed + "27"}},
-          {"empty", Text(""), {none}},
-          {"binary", kBinary, {none}},
-          {"nobody", Text("a:x:1000:1001::/home/a:/bin/sh\n"), {none}},
-          {"no newline", Text("a:x:1:1::/a:/b\nb:x:1000:1000:B:/home/b:/bin/sh"), {found + "b "}},
-          {"no folder in the line",
-           Text("a:x:1000:1000\n"),
+          {kMissing, {failed + "2"}},
+          {kFolder, {failed + "21"}},
+          {kOversized, {failed + "27"}},
+          {"", {none}},
+          {kBinary, {none}},
+          {"a:x:1000:1001::/home/a:/bin/sh\n", {none}},
+          {"a:x:1:1::/a:/b\nb:x:1000:1000:B:/home/b:/bin/sh", {found + "b "}},
+          {"a:x:1000:1000\n",
            {"4 PROCMGR: InquireHomeEnvVariable line of 1000:1000 has no home directory"}},
-          {"long line",
-           Text("a:x:1000:1000:" + std::string(10'000, 'c') + ":/home/a:/bin/sh\n"),
-           {found + "a "}},
+          {"a:x:1000:1000:" + std::string(10'000, 'c') + ":/home/a:/bin/sh\n", {found + "a "}},
       });
 }
 
@@ -274,57 +225,50 @@ class LockedMemory : public Configuration {
 
 TEST_F(LockedMemory, FollowsTheFile) {
   const std::string unlimited = Outcome(~std::uint64_t{0});
+  const std::string get = "PROCMGR: GetLockedMemoryLimitFromCfg ";
   const std::string failed = "4 GetLockedMemoryLimitFromCfg fopen " + kLimits + " fail,errno=";
   const std::string noKey =
-      "6 PROCMGR: GetLockedMemoryLimitFromCfg not find MAX_LOCKED_MEMORY_LIMIT= limit cfg, return "
-      "default";
+      "6 " + get + "not find MAX_LOCKED_MEMORY_LIMIT= limit cfg, return default";
   const std::string key = "MAX_LOCKED_MEMORY_LIMIT=";
-  CheckEach(
-      kLimits,
-      {
-          {"missing", kMissing, {failed + "2, return default", unlimited}},
-          {"folder", kFolder, {failed + "21, return default", unlimited}},
-          {"oversized", kOversized, {failed + "27, return default", unlimited}},
-          {"empty", Text(""), {noKey, unlimited}},
-          {"binary", kBinary, {noKey, unlimited}},
-          {"comment", Text("# " + key + "4096\n"), {noKey, unlimited}},
-          {"no newline", Text("OTHER=1\n" + key + "4096"), {Outcome(4096)}},
-          {"first of two", Text(key + "8192\n" + key + "4096\n"), {Outcome(8192)}},
-          {"word",
-           Text(key + "is unlimited\n"),
-           {"6 PROCMGR: GetLockedMemoryLimitFromCfg limit is unlimited", unlimited}},
-          {"no number",
-           Text(key + "none"),
-           {"4 PROCMGR: GetLockedMemoryLimitFromCfg value=none is no number of bytes", Outcome(0)}},
-          {"unit",
-           Text(key + "4096K"),
-           {"4 PROCMGR: GetLockedMemoryLimitFromCfg value=4096K is no number of bytes",
-            Outcome(4096)}},
-          {"too large", Text(key + "99999999999999999999999"), {unlimited}},
-      });
+  CheckEach(kLimits,
+            {
+                {kMissing, {failed + "2, return default", unlimited}},
+                {kFolder, {failed + "21, return default", unlimited}},
+                {kOversized, {failed + "27, return default", unlimited}},
+                {"", {noKey, unlimited}},
+                {kBinary, {noKey, unlimited}},
+                {"# " + key + "4096\n", {noKey, unlimited}},
+                {"OTHER=1\n" + key + "4096", {Outcome(4096)}},
+                {key + "8192\n" + key + "4096\n", {Outcome(8192)}},
+                {key + "is unlimited\n", {"6 " + get + "limit is unlimited", unlimited}},
+                {key + "none", {"4 " + get + "value=none is no number of bytes", Outcome(0)}},
+                {key + "4096K", {"4 " + get + "value=4096K is no number of bytes", Outcome(4096)}},
+                {key + "99999999999999999999999", {unlimited}},
+            });
 }
 
 // What the samples promise their readers.
 TEST_F(LockedMemory, SamplesMeanWhatTheyShow) {
-  const auto install = [&](const std::string& sample, const std::string& path) {
+  const std::pair<const char*, std::string> samples[] = {
+      {"procmgr_cfg.yaml", kOwn},
+      {"bin_hash.cfg", kHashes},
+      {"sharepool/pools.yaml", kPools},
+      {"common_env.conf", kLimits},
+      {"kernel-cmdline.txt", "/proc/cmdline"},
+  };
+  for (const auto& [sample, path] : samples) {
     std::string text;
     ASSERT_EQ(ProcMgr::ReadSmallFile(std::string(PM_SAMPLES_DIR) + "/" + sample,
                                      ProcMgr::kConfigFileLimit, text),
               0)
         << sample;
-    Put(path, Text(text));
-  };
-  install("procmgr_cfg.yaml", kOwn);
-  install("bin_hash.cfg", kHashes);
-  install("sharepool/pools.yaml", kPools);
-  install("common_env.conf", kLimits);
-  install("kernel-cmdline.txt", "/run/sandbox/cmdline");
-  sandbox_.SetKernelCommandLine(sandbox_.ReadFile("/run/sandbox/cmdline"));
+    sandbox_.WriteFile(path, text);
+  }
   const std::string chosen = std::string(kConfigDir) + "startup_small.yaml";
   sandbox_.InstallProgram(ProgramPath("test-service"), "/opt/test/recorder");
-  sandbox_.WriteFile(chosen, ServiceFile({{"plain", kService, {}, {}},
-                                          {"recorder", "/opt/test/recorder", {}, {}}}));
-  Boot({{"never", kService, {}, {}}});
+  sandbox_.WriteFile(chosen,
+                     ServiceFile({Service("plain"), {"recorder", "/opt/test/recorder", {}, {}}}));
+  Boot({Service("never")});
   const std::vector<std::string> lines = AwaitBoot();
   EXPECT_THAT(
       lines,
@@ -333,7 +277,6 @@ TEST_F(LockedMemory, SamplesMeanWhatTheyShow) {
           "6 PROCMGR: LoadPmUploadCfg finish enable=1",
           "6 PROCMGR: LoadDelayCoreCfg finish checkNum=10, isWakeUpEnable=1, checkInterval=200",
           "6 LoadSharepoolGroupCfg groupName=CAMERA_POOL, memSize=65536 KB",
-          "6 LoadSharepoolGroupCfg groupName=RESULT_POOL, memSize=8192 KB",
           "6 sharepoolCfg app pool_admin is admin",
           "6 sharepoolCfg app=/opt/platform/bin/pool_monitor is in while lists",
           Outcome(67108864),
@@ -355,12 +298,11 @@ TEST_F(Configuration, NothingButRubbishLeavesTheDefaults) {
   for (const std::string& path : {kOwn, kHashes, kPools, kLimits}) {
     Put(path, kBinary);
   }
-  sandbox_.SetKernelCommandLine(kBinary.text);
+  sandbox_.SetKernelCommandLine(kBinary);
   rlimit own{};
   ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &own), 0);
   const std::string report = "/run/sandbox/report";
-  sandbox_.WriteFile(kUsers, "root:x:0:0:root:/root:/bin/sh\n\xff\xfe\n");
-  Boot({{"plain", kService, {"--report", report}, {{"cpuset", "CtrlCPU"}}}});
+  Boot({Service("plain", {"--report", report}, {{"cpuset", "CtrlCPU"}})});
   const ServiceReport found = AwaitReport(sandbox_, report);
   EXPECT_EQ(found.Get("env.HOME"), "");
   EXPECT_FALSE(found.Has("env.SHAREPOOL_GROUP_NAME"));
@@ -369,7 +311,7 @@ TEST_F(Configuration, NothingButRubbishLeavesTheDefaults) {
       own.rlim_max == RLIM_INFINITY ? "unlimited" : std::to_string(own.rlim_max);
   EXPECT_THAT(found.Get("limit.memlock"),
               AnyOf(Eq("unlimited,unlimited"), Eq(inherited + "," + inherited)));
-  EXPECT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=").has_value());
+  EXPECT_TRUE(Await("PROCMGR : EnableWatchDog flag="));
 }
 
 }  // namespace

@@ -1,20 +1,17 @@
 // What the platform is told: share pool groups and fault sensors.
-#include <sys/socket.h>
-#include <unistd.h>
+#include <gmock/gmock.h>
 
 #include <csignal>
+#include <filesystem>
 #include <sstream>
 
-#include "message/serialization.h"
-#include "tests/scenario/host_test.h"
-#include "tests/support/raw_peer.h"
-#include "tests/support/socket_path.h"
+#include "tests/support/agent_peer.h"
+#include "tests/support/scenario_test.h"
 
 namespace PmTest {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsSupersetOf;
 
 std::string ReportFile(const std::string& name) {
   return "/run/sandbox/" + name;
@@ -38,7 +35,7 @@ App Owner(const std::string& name, const std::string& entryFile) {
   return app;
 }
 
-class SharePools : public HostTest {
+class SharePools : public ScenarioTest {
  protected:
   // The group's record: "PID VALUE" for each process that the platform was told of.
   std::vector<std::string> Members(const std::string& group) const {
@@ -71,7 +68,7 @@ TEST_F(SharePools, MembersGetTheirGroupsAndOthersGetNone) {
   em.keys = {{"sharepoolGroups", "[{groupName: CAMERA, permission: ro}]"}};
   Boot({Owner("ventrix", "/run/sandbox/ventrix.yaml"), em,
         Owner("other", "/run/sandbox/other.yaml")});
-  const std::vector<std::string> lines = AwaitBoot();
+  AwaitBooted();
 
   const auto report = [&](const char* name) { return AwaitReport(sandbox_, ReportFile(name)); };
   const ServiceReport admin = report("ventrix");
@@ -101,20 +98,6 @@ TEST_F(SharePools, MembersGetTheirGroupsAndOthersGetNone) {
   EXPECT_TRUE(
       AwaitMessage("CheckSharepoolGroupCfg faild groupName=NOWHERE is not legal;"
                    "CheckSharepoolGroupCfg faild permission=sometimes is not legal;"));
-  EXPECT_THAT(
-      lines,
-      IsSupersetOf(std::vector<std::string>{
-          "4 AddSharepoolGroup CheckGroupCfg fail: pid=#, appName=navi, group=NOWHERE, "
-          "permission=rw, err=CheckSharepoolGroupCfg faild groupName=NOWHERE is not legal;",
-          "4 AddSharepoolGroup CheckGroupCfg fail: pid=#, appName=navi, group=IDLE, "
-          "permission=sometimes, err=CheckSharepoolGroupCfg faild permission=sometimes is not "
-          "legal;",
-          "6 AddSharepoolGroup: success, pid=#, appName=navi, groupName=RESULT, permission=",
-          "6 AddSharepoolGroup: success, pid=#, appName=ventrix, groupName=DEFAULT_MEM_GROUP, "
-          "permission=admin",
-          "6 sharepoolCfg app ventrix is admin"}));
-  EXPECT_EQ(CountLines(lines, "appName=other, groupName="), 0U);
-  EXPECT_EQ(CountLines(lines, "appName=radio, groupName="), 0U);
 }
 
 TEST_F(SharePools, DefaultGroupIsThereWithoutAnyFileAndForEveryStart) {
@@ -123,7 +106,7 @@ TEST_F(SharePools, DefaultGroupIsThereWithoutAnyFileAndForEveryStart) {
   Boot({em});
   const ServiceReport first = AwaitReport(sandbox_, ReportFile("EM"));
   EXPECT_EQ(first.Get("env.SHAREPOOL_GROUP_NAME"), "DEFAULT_MEM_GROUP");
-  ASSERT_TRUE(log_.WaitFor("PROCMGR : STARTING to RUNNING appName=EM").has_value());
+  ASSERT_TRUE(Await("PROCMGR : STARTING to RUNNING appName=EM"));
   ASSERT_EQ(kill(first.Pid(), SIGKILL), 0);
   const ServiceReport second = AwaitReport(sandbox_, ReportFile("EM"), first.Pid());
   EXPECT_EQ(second.Get("env.SHAREPOOL_GROUP_NAME"), "DEFAULT_MEM_GROUP");
@@ -147,29 +130,10 @@ TEST_F(SharePools, ListOfWrongEntriesLeavesNoGroup) {
               ElementsAre(AwaitReport(sandbox_, ReportFile("ventrix")).Get("pid") + " 14"));
 }
 
-class FaultSensor : public HostTest {
+class FaultSensor : public ScenarioTest {
  protected:
   static constexpr const char* kOn = "0";
   static constexpr const char* kOff = "2";
-
-  // The state of a sensor; empty if nothing has been told about it.
-  std::string Sensor(const std::string& name) const {
-    return sandbox_.ReadFile("/run/plat/sensor/" + name);
-  }
-  bool AwaitSensor(const std::string& name, const std::string& value) const {
-    return Eventually([&] { return Sensor(name) == value; });
-  }
-
-  // The packet in which a base service says that it is ready.
-  static RawPacket ReadyReport() {
-    std::vector<ProcMgr::Serialization::PackedItem> packed;
-    ProcMgr::Serialization::PieceList frames;
-    EXPECT_TRUE(ProcMgr::Serialization::ProcMgrPackBaseServiceStateRequest({2}, packed));
-    EXPECT_TRUE(ProcMgr::Serialization::ProcMgrCombinePiecesMsg(
-        ProcMgr::Message::RequestType::BASESERVICE_STATE_REPORT, packed, frames));
-    const char* const bytes = reinterpret_cast<const char*>(frames.data());
-    return MakePacket(kRequest, 1, std::string(bytes, sizeof(ProcMgr::Message::RequestMsg)));
-  }
 };
 
 // The test plays the service's end of the channel, so that it decides when the report comes.
@@ -177,61 +141,29 @@ TEST_F(FaultSensor, IsOnFromTheEndOfTheServiceToItsNextReport) {
   // A place that can't be bound keeps the heartbeats out, which move the sensor at a time of their
   // own.
   std::filesystem::create_directories(sandbox_.Outside("/run/heartbeat.sock"));
-  const RawServer server(sandbox_, "iammgr", 0);
-  Boot({{"iammgr", kService, {}, {{"isReporting", "true"}, {"restart", "on-forever"}}}});
-  auto channel = server.AcceptGreeted();
-  ASSERT_TRUE(channel.has_value());
-  ASSERT_TRUE(log_.WaitFor("PROCMGR: waiting for baseApp=iammgr reported state").has_value());
+  AgentPeer iammgr(sandbox_, "iammgr");
+  Boot({Reporting("iammgr", {{"restart", "on-forever"}})});
+  ASSERT_TRUE(iammgr.AwaitChannel());
+  ASSERT_TRUE(Await("PROCMGR: waiting for baseApp=iammgr reported state"));
   EXPECT_EQ(Sensor("iammgr"), "");
-  ASSERT_TRUE(channel->Send(ReadyReport()));
+  ASSERT_TRUE(iammgr.ReportState(kStateReady));
   ASSERT_TRUE(AwaitSensor("iammgr", kOff));
-  ASSERT_TRUE(log_.WaitFor("PROCMGR : EnableWatchDog flag=").has_value());
+  ASSERT_TRUE(Await("PROCMGR : EnableWatchDog flag="));
 
   const std::size_t before = log_.Lines().size();
   ASSERT_EQ(kill(AwaitStarted("iammgr"), SIGKILL), 0);
   ASSERT_TRUE(AwaitSensor("iammgr", kOn));
-  ASSERT_TRUE(channel->AwaitClosed());
-  channel = server.AcceptGreeted();
-  ASSERT_TRUE(channel.has_value());
-  ASSERT_TRUE(log_.WaitFor("state=STARTING restart success", before).has_value());
+  ASSERT_TRUE(iammgr.AwaitChannel());
+  ASSERT_TRUE(Await("state=STARTING restart success", before));
   // That it runs again is not enough.
   EXPECT_EQ(Sensor("iammgr"), kOn);
-  ASSERT_TRUE(channel->Send(ReadyReport()));
+  ASSERT_TRUE(iammgr.ReportState(kStateReady));
   EXPECT_TRUE(AwaitSensor("iammgr", kOff));
-}
-
-TEST_F(FaultSensor, SilenceOfTheHeartPutsItOnAndABeatOff) {
-  const RawServer server(sandbox_, "iammgr", 0);
-  Boot({{"iammgr", kService, {}, {{"isReporting", "true"}}}});
-  const auto channel = server.AcceptGreeted();
-  ASSERT_TRUE(channel.has_value());
-  ASSERT_TRUE(log_.WaitFor("PROCMGR: waiting for baseApp=iammgr reported state").has_value());
-  ASSERT_TRUE(channel->Send(ReadyReport()));
-  (void)AwaitBoot();
-  const pid_t pid = AwaitStarted("iammgr");
-  const auto lost = log_.WaitFor("Process heart beat notify. (app=iammgr,pid=0,status=lost)");
-  ASSERT_TRUE(lost.has_value());
-  EXPECT_TRUE(AwaitSensor("iammgr", kOn));
-  // The manager tells the platform and leaves the process alone.
-  EXPECT_EQ(daemon_->Services(), std::vector<pid_t>{pid});
-
-  const ProcMgr::UniqueFd heart(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  const SocketPath address(sandbox_.Outside("/run/heartbeat.sock"));
-  const std::string beat = "iammgr";
-  // Again and again: one beat alone would soon be followed by the next silence.
-  EXPECT_TRUE(Eventually([&] {
-    (void)sendto(heart.Get(), beat.data(), beat.size(), 0, address.Get(), address.Size());
-    return Sensor("iammgr") == kOff;
-  }));
-  EXPECT_TRUE(log_.WaitFor("Process heart beat notify. (app=iammgr,pid=" +
-                               std::to_string(getpid()) + ",status=recovery)",
-                           *lost)
-                  .has_value());
 }
 
 TEST_F(FaultSensor, StaysOnWhenTheServiceIsGoneForGoodAndKnowsNoOtherName) {
   const auto failing = [](const std::string& name, const char* nodeType) {
-    return App{name, kService, {"--exit-code", "3"}, {{"nodeType", nodeType}}};
+    return Service(name, {"--exit-code", "3"}, {{"nodeType", nodeType}});
   };
   Boot({failing("proc_launcher", "0"),
         failing("iammgr", "7"),
@@ -239,9 +171,7 @@ TEST_F(FaultSensor, StaysOnWhenTheServiceIsGoneForGoodAndKnowsNoOtherName) {
         {"missing", "/opt/test/missing", {}, {}}});
   (void)AwaitBoot();
   for (const std::string name : {"proc_launcher", "iammgr", "stranger"}) {
-    ASSERT_TRUE(
-        log_.WaitFor("PROCMGR : Process " + name + " removed from the list of executedBaseApp_")
-            .has_value());
+    ASSERT_TRUE(Await("PROCMGR : Process " + name + " removed from the list of executedBaseApp_"));
   }
   EXPECT_EQ(Sensor("proc_launcher"), kOn);
   EXPECT_EQ(Sensor("iammgr"), "");

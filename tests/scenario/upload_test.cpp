@@ -5,11 +5,9 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstring>
 #include <optional>
 
-#include "message/request_msg.h"
-#include "tests/support/raw_peer.h"
+#include "tests/support/agent_peer.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
@@ -20,33 +18,21 @@ using ::testing::HasSubstr;
 constexpr const char* kTool = "/opt/test/pmupload";
 constexpr uid_t kUser = 7000;
 
-// The frame in which a base service says that it is ready.
-RawPacket Ready() {
-  ProcMgr::Message::RequestMsg frame;
-  frame.type = ProcMgr::Message::RequestType::BASESERVICE_STATE_REPORT;
-  constexpr std::string_view kBody = "1#2#";
-  frame.size = kBody.copy(frame.data, sizeof(frame.data));
-  return MakePacket(kRequest, 1, std::string(reinterpret_cast<const char*>(&frame), sizeof(frame)));
-}
-
 class Upload : public ScenarioTest {
  protected:
   void SetUp() override {
     ScenarioTest::SetUp();
     sandbox_.InstallProgram(ProgramPath("pmupload"), kTool);
     sandbox_.AddUser("guest", kUser, kUser, "/home/guest");
-    sandbox_.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml",
+    sandbox_.WriteFile(std::string(kConfigDir) + "procmgr_cfg.yaml",
                        "watch_dog: {enable: false}\npmupload: {enable: true}\n");
     std::string groups = "sharepool_groups:\n";
     for (int i = 1; i < kGroups; ++i) {
       groups += "  - group_" + std::to_string(i) + ": {mem_size: 4}\n";
     }
     sandbox_.WriteFile("/etc/sharepool/groups.yaml", groups);
-    server_.emplace(sandbox_, "iammgr", 0);
-    Boot({{"iammgr", kService, {}, {{"isReporting", "true"}}}});
-    access_ = server_->AcceptGreeted();
-    ASSERT_TRUE(access_.has_value());
-    ASSERT_TRUE(access_->Send(Ready()));
+    Boot({Reporting("iammgr")});
+    ASSERT_TRUE(access_.BecomeReady());
     AwaitBooted();
   }
 
@@ -63,20 +49,16 @@ class Upload : public ScenarioTest {
     return status.has_value() && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
   }
 
-  // The body of the next report to "iammgr".
+  // "NAME PID STATE" of the next report to "iammgr".
   std::string NextReport() {
-    const auto packet = access_->Receive();
-    if (!packet.has_value() || packet->data.size() != sizeof(ProcMgr::Message::RequestMsg)) {
-      return "(none)";
-    }
-    ProcMgr::Message::RequestMsg frame;
-    std::memcpy(&frame, packet->data.data(), sizeof(frame));
-    return {frame.data, frame.size};
+    const auto report = access_.NextReport();
+    return report.has_value() ? report->appName + " " + std::to_string(report->pid) + " " +
+                                    std::to_string(report->state)
+                              : "(none)";
   }
 
   static constexpr int kGroups = 1024;
-  std::optional<RawServer> server_;
-  std::optional<RawPeer> access_;
+  AgentPeer access_{sandbox_, "iammgr"};
   int runs_ = 0;
 };
 
@@ -89,28 +71,27 @@ TEST_F(Upload, ProcessIsAnnouncedWatchedAndMissed) {
   EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), kGroups);
   EXPECT_THAT(output, HasSubstr("group_1\n"));
   EXPECT_THAT(output, HasSubstr("DEFAULT_MEM_GROUP\n"));
-  const std::string identity = "1#visitor#" + std::to_string(guest.Pid()) + "#0#";
-  EXPECT_EQ(NextReport(), identity + "0#0#");
-  EXPECT_TRUE(log_.WaitFor("AddSharepoolGroup: success, pid=" + std::to_string(guest.Pid()) +
-                           ", appName=visitor, groupName=group_9, permission=rw")
-                  .has_value());
+  const std::string identity = "visitor " + std::to_string(guest.Pid());
+  EXPECT_EQ(NextReport(), identity + " 0");
+  EXPECT_TRUE(Await("AddSharepoolGroup: success, pid=" + std::to_string(guest.Pid()) +
+                    ", appName=visitor, groupName=group_9, permission=rw"));
 
   Process other(sandbox_, kService, {}, {{}, "other"});
   const std::string otherPid = "--pid=" + std::to_string(other.Pid());
   EXPECT_EQ(RunTool({"--procName=visitor", otherPid}, output), 1);
   EXPECT_EQ(RunTool({"--procName=iammgr", otherPid}, output), 1);
-  EXPECT_TRUE(log_.WaitFor("is duplicate with existing pmupload apps").has_value());
-  EXPECT_TRUE(log_.WaitFor("is duplicate with already started apps by pm").has_value());
+  EXPECT_TRUE(Await("is duplicate with existing pmupload apps"));
+  EXPECT_TRUE(Await("is duplicate with already started apps by pm"));
 
   guest.Signal(SIGKILL);
   ASSERT_TRUE(guest.WaitExit().has_value());
-  EXPECT_EQ(NextReport(), identity + "3#0#");
+  EXPECT_EQ(NextReport(), identity + " 3");
 }
 
 TEST_F(Upload, ToolBecomesItsCommand) {
   std::string output;
   EXPECT_EQ(RunTool({"--procName=worker", "--", "/bin/sh", "-c", "exit 42"}, output), 42) << output;
-  EXPECT_THAT(NextReport(), HasSubstr("1#worker#"));
+  EXPECT_THAT(NextReport(), HasSubstr("worker "));
   EXPECT_EQ(RunTool({"--procName=lost", "--", "/nowhere/program"}, output), 2);
   EXPECT_EQ(RunTool({"--procName=both", "--pid=1", "--", "/bin/true"}, output), 2);
   EXPECT_EQ(RunTool({"--procName=none"}, output), 2);
@@ -124,8 +105,7 @@ TEST_F(Upload, StrangersProcessIsNotBelieved) {
   std::string output;
   const std::string pid = std::to_string(rootsOwn.Pid());
   EXPECT_EQ(RunTool({"--procName=stolen", "--pid=" + pid}, output, asGuest), 1) << output;
-  EXPECT_TRUE(
-      log_.WaitFor("PROCMGR : pmupload name=stolen, pid=" + pid + " from uid=7000").has_value());
+  EXPECT_TRUE(Await("PROCMGR : pmupload name=stolen, pid=" + pid + " from uid=7000"));
   EXPECT_EQ(RunTool({"--procName=own", "--", "/bin/true"}, output, asGuest), 0) << output;
 }
 
@@ -134,8 +114,7 @@ TEST_F(Upload, GarbageCostsALine) {
   ASSERT_TRUE(peer.has_value());
   ASSERT_TRUE(peer->Send(MakePacket(kHello, 0, "tool")));
   ASSERT_TRUE(peer->Send(MakePacket(kRequest, 1, "short")));
-  EXPECT_TRUE(
-      log_.WaitFor("PmHandleRequest: req size=5 bytes, req msg size=3968 bytes").has_value());
+  EXPECT_TRUE(Await("PmHandleRequest: req size=5 bytes, req msg size=3968 bytes"));
   const std::string text = "stolen#/bin/x#1#0#0#0#0#0#";
   std::string frame(3968, '\0');
   frame[0] = static_cast<char>(text.size());

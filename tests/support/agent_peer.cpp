@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
@@ -26,8 +27,11 @@ void Demand(bool holds, const char* what) {
   }
 }
 
-PieceList Combine(RequestType type, std::vector<PackedItem> packed) {
+template <typename Content, typename Pack>
+PieceList Frames(RequestType type, const Content& content, Pack pack) {
+  std::vector<PackedItem> packed;
   PieceList frames;
+  Demand(pack(content, packed), "a request can't be packed");
   Demand(ProcMgr::Serialization::ProcMgrCombinePiecesMsg(type, packed, frames), "frames");
   return frames;
 }
@@ -109,25 +113,19 @@ bool AgentPeer::Send(const RequestMsg& frame) const {
   return SendPacket(FramePacket(frame));
 }
 
-bool AgentPeer::SendAll(const PieceList& frames) const {
-  for (const RequestMsg& frame : frames) {
-    if (!Send(frame)) {
-      return false;
-    }
-  }
-  return true;
+template <typename List, typename Pack>
+bool AgentPeer::Request(RequestType type, const List& list, Pack pack) const {
+  const PieceList frames = Frames(type, list, pack);
+  return std::all_of(frames.begin(), frames.end(),
+                     [this](const RequestMsg& frame) { return Send(frame); });
 }
 
 bool AgentPeer::StartApps(const std::vector<ProcMgr::Message::StartAppInfo>& list) const {
-  std::vector<PackedItem> packed;
-  Demand(ProcMgr::Serialization::ProcMgrPackStartRequest(list, packed), "a start request");
-  return SendAll(Combine(RequestType::START_APP, std::move(packed)));
+  return Request(RequestType::START_APP, list, ProcMgr::Serialization::ProcMgrPackStartRequest);
 }
 
 bool AgentPeer::RestartApps(const std::vector<ProcMgr::Message::RestartAppInfo>& list) const {
-  std::vector<PackedItem> packed;
-  Demand(ProcMgr::Serialization::ProcMgrPackRestartRequest(list, packed), "a restart request");
-  return SendAll(Combine(RequestType::RESTART_APP, std::move(packed)));
+  return Request(RequestType::RESTART_APP, list, ProcMgr::Serialization::ProcMgrPackRestartRequest);
 }
 
 bool AgentPeer::TermApps(const std::vector<std::string>& names) const {
@@ -135,19 +133,15 @@ bool AgentPeer::TermApps(const std::vector<std::string>& names) const {
   for (const std::string& name : names) {
     list.push_back({name});
   }
-  std::vector<PackedItem> packed;
-  Demand(ProcMgr::Serialization::ProcMgrPackTermRequest(list, packed), "a request for the end");
-  return SendAll(Combine(RequestType::TERM_APP, std::move(packed)));
+  return Request(RequestType::TERM_APP, list, ProcMgr::Serialization::ProcMgrPackTermRequest);
 }
 
 std::string AgentPeer::LoadStartupCfg(const std::map<std::string, std::string>& matchData,
                                       bool reload) {
-  std::vector<PackedItem> packed;
-  Demand(ProcMgr::Serialization::ProcMgrPackMatchDataAndPathRequest(
-             {matchData, "/the/manager/knows/better"}, packed),
-         "a request to load");
-  const PieceList frames = Combine(
-      reload ? RequestType::RELOAD_STARTUP_CFG : RequestType::LOAD_STARTUP_CFG, std::move(packed));
+  const PieceList frames =
+      Frames(reload ? RequestType::RELOAD_STARTUP_CFG : RequestType::LOAD_STARTUP_CFG,
+             ProcMgr::Message::StartupCfgInfo{matchData, "/the/manager/knows/better"},
+             ProcMgr::Serialization::ProcMgrPackMatchDataAndPathRequest);
   const std::uint32_t sequence = ++sequence_;
   if (!SendPacket(MakePacket(kRequest, sequence, FrameBytes(frames.at(0))))) {
     return "none";

@@ -46,6 +46,8 @@ class AgentPeer {
 
   // Waits for the manager to open its next channel, which takes the place of the last one.
   [[nodiscard]] bool AwaitChannel(std::chrono::milliseconds patience = kPatience);
+  // The same, and reports that the service is ready.
+  [[nodiscard]] bool BecomeReady() { return AwaitChannel() && ReportState(kStateReady); }
   // Drops the channel without a word.
   void Close();
   // Waits until the manager has closed the channel.
@@ -78,9 +80,10 @@ class AgentPeer {
   [[nodiscard]] std::size_t PendingReports() const EXCLUDES(mutex_);
 
  private:
+  template <typename List, typename Pack>
+  [[nodiscard]] bool Request(ProcMgr::Message::RequestType type, const List& list, Pack pack) const;
   void ReadLoop(const RawPeer& peer) EXCLUDES(mutex_);
   void Keep(const RawPacket& packet) REQUIRES(mutex_);
-  [[nodiscard]] bool SendAll(const std::vector<ProcMgr::Message::RequestMsg>& frames) const;
 
   const std::string name_;
   const RawServer server_;

@@ -31,8 +31,8 @@ class Daemon : public Process {
 
   [[nodiscard]] std::vector<std::string> Descriptors() const { return OpenDescriptors(Pid()); }
   [[nodiscard]] std::size_t ThreadCount() const { return Threads(Pid()).size(); }
-  [[nodiscard]] std::vector<pid_t> Services() const { return LiveChildren(Pid()); }
-  [[nodiscard]] std::vector<pid_t> Zombies() const { return ZombieChildren(Pid()); }
+  [[nodiscard]] std::vector<pid_t> Services() const { return Children(Pid(), false); }
+  [[nodiscard]] std::vector<pid_t> Zombies() const { return Children(Pid(), true); }
 
  private:
   const Sandbox& sandbox_;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <regex>
 #include <sstream>
 
 #include "core/text.h"
@@ -22,120 +23,42 @@ namespace {
 constexpr std::size_t kDatagramLimit = 65536;
 constexpr int kReceiveBuffer = 64 << 20;
 
-// "<PRIORITY>" at the start; the rest of the text stays in `rest`.
-std::optional<int> TakePriority(std::string_view& rest) {
-  const std::size_t close = rest.find('>');
-  if (rest.empty() || rest.front() != '<' || close == std::string_view::npos) {
-    return std::nullopt;
+// Takes a datagram "<PRIORITY>Mmm dd hh:mm:ss IDENT[PID]: TEXT" apart, which is what the C library
+// sends, the pid only if it was told to; anything else is kept whole, so that a test can see it.
+LogLine ParseSyslog(std::string_view datagram) {
+  constexpr std::size_t kTimestamp = std::string_view("Mmm dd hh:mm:ss ").size();
+  LogLine line;
+  line.at = ProcMgr::SteadyNow();
+  // Some texts bring a newline of their own.
+  datagram.remove_suffix(datagram.ends_with('\n') ? 1 : 0);
+  line.text = datagram;
+  const std::size_t start = datagram.find('>') + 1 + kTimestamp;
+  const std::size_t end = datagram.find(": ", start);
+  if (!datagram.starts_with('<') || end == std::string_view::npos) {
+    return line;
   }
-  const auto priority = ProcMgr::ParseNumber<int>(rest.substr(1, close - 1));
-  if (priority.has_value()) {
-    rest.remove_prefix(close + 1);
+  const auto priority = ProcMgr::ParseNumber<int>(datagram.substr(1, datagram.find('>') - 1));
+  line.level = priority.value_or(-1) & 7;
+  line.facility = priority.value_or(-1) >> 3;
+  line.ident = datagram.substr(start, end - start);
+  line.text = datagram.substr(end + 2);
+  if (const std::size_t open = line.ident.rfind('['); open != std::string::npos) {
+    line.pid = std::stoi(line.ident.substr(open + 1));
+    line.ident.resize(open);
   }
-  return priority;
+  return line;
 }
 
-// "IDENT[PID]: " or "IDENT: " at the start.
-void TakeIdent(std::string_view& rest, LogLine& line) {
-  const std::size_t end = rest.find(": ");
-  if (end == std::string_view::npos) {
-    return;
-  }
-  std::string_view ident = rest.substr(0, end);
-  const std::size_t open = ident.rfind('[');
-  if (open != std::string_view::npos && ident.back() == ']') {
-    line.pid =
-        ProcMgr::ParseNumber<pid_t>(ident.substr(open + 1, ident.size() - open - 2)).value_or(0);
-    ident = ident.substr(0, open);
-  }
-  line.ident = ident;
-  rest.remove_prefix(end + 2);
-}
-
-std::size_t DigitCount(std::string_view text) {
-  return std::min(text.find_first_not_of("0123456789"), text.size());
-}
-
-// The length of a boot trace "[SECONDSs][BOOT_TRACE][PM]" at the start of a text, 0 for none.
-std::size_t TraceLength(std::string_view text) {
-  constexpr std::string_view kEnd = "s][BOOT_TRACE][PM]";
-  if (!text.starts_with('[')) {
-    return 0;
-  }
-  const std::size_t seconds = 1 + DigitCount(text.substr(1));
-  if (text.substr(seconds, 1) != ".") {
-    return 0;
-  }
-  const std::size_t end = seconds + 1 + DigitCount(text.substr(seconds + 1));
-  return text.substr(end).starts_with(kEnd) ? end + kEnd.size() : 0;
-}
-
-// True at "pid=", "pid:", "tid=" and "tid:" with a number behind.
-bool IsIdKey(std::string_view text) {
-  return text.size() > 4 && (text.starts_with("pid") || text.starts_with("tid")) &&
-         (text[3] == '=' || text[3] == ':') && DigitCount(text.substr(text[4] == '-' ? 5 : 4)) > 0;
-}
-
-// The prefix "<LEVEL> PROCMGR[PID] " of a kernel log line at the start of a text: sets level and
-// pid and yields its length, or 0 for none.
-std::size_t KernelPrefix(std::string_view text, LogLine& line) {
-  constexpr std::string_view kName = "> PROCMGR[";
-  const std::size_t pid = 2 + kName.size();
-  const std::size_t end = text.find("] ", pid);
-  if (!text.starts_with('<') || text.substr(2, kName.size()) != kName ||
-      end == std::string_view::npos) {
-    return 0;
-  }
-  const auto level = ProcMgr::ParseNumber<int>(text.substr(1, 1));
-  const auto number = ProcMgr::ParseNumber<pid_t>(text.substr(pid, end - pid));
-  if (!level.has_value() || !number.has_value()) {
-    return 0;
-  }
-  line.level = *level;
-  line.ident = "PROCMGR";
-  line.pid = *number;
-  return end + 2;
+bool Holds(const LogLine& line, std::string_view part) {
+  return line.text.find(part) != std::string::npos;
 }
 
 }  // namespace
 
-LogLine ParseSyslog(std::string_view datagram) {
-  LogLine line;
-  line.at = ProcMgr::SteadyNow();
-  std::string_view rest = datagram;
-  const std::optional<int> priority = TakePriority(rest);
-  constexpr std::size_t kTimestamp = std::string_view("Mmm dd hh:mm:ss ").size();
-  if (priority.has_value() && rest.size() >= kTimestamp) {
-    line.level = *priority & 7;
-    line.facility = *priority >> 3;
-    rest.remove_prefix(kTimestamp);
-    TakeIdent(rest, line);
-  }
-  // The C library ends a datagram with neither of them, others do.
-  while (!rest.empty() && (rest.back() == '\n' || rest.back() == '\0')) {
-    rest.remove_suffix(1);
-  }
-  line.text = rest;
-  return line;
-}
-
 std::string Mask(const std::string& text) {
-  std::string masked;
-  for (std::size_t at = 0; at < text.size();) {
-    const std::string_view rest = std::string_view(text).substr(at);
-    if (const std::size_t trace = TraceLength(rest); trace > 0) {
-      masked += "[TRACE]";
-      at += trace;
-    } else if (IsIdKey(rest)) {
-      masked.append(rest.substr(0, 4)).append("#");
-      at += 4;
-      at += text.compare(at, 1, "-") == 0 ? 1 : 0;
-      at += DigitCount(std::string_view(text).substr(at));
-    } else {
-      masked += text[at++];
-    }
-  }
-  return masked;
+  static const std::regex trace(R"(\[\d+\.\d+s\]\[BOOT_TRACE\]\[PM\])");
+  static const std::regex id(R"(([pt]id[=:])-?\d+)");
+  return std::regex_replace(std::regex_replace(text, trace, "[TRACE]"), id, "$1#");
 }
 
 std::string MaskLine(const LogLine& line) {
@@ -205,14 +128,12 @@ std::vector<std::string> LogReader::Masked(std::size_t begin, std::size_t end) c
 std::size_t LogReader::Count(std::string_view part) const {
   const ProcMgr::MutexLock lock(mutex_);
   return static_cast<std::size_t>(std::count_if(
-      lines_.begin(), lines_.end(),
-      [part](const LogLine& line) { return line.text.find(part) != std::string::npos; }));
+      lines_.begin(), lines_.end(), [part](const LogLine& line) { return Holds(line, part); }));
 }
 
 std::optional<std::size_t> LogReader::WaitFor(std::string_view part, std::size_t from,
                                               std::chrono::milliseconds patience) const {
-  return WaitFor([part](const LogLine& line) { return line.text.find(part) != std::string::npos; },
-                 from, patience);
+  return WaitFor([part](const LogLine& line) { return Holds(line, part); }, from, patience);
 }
 
 std::optional<std::size_t> LogReader::WaitFor(const Predicate& predicate, std::size_t from,
@@ -233,18 +154,11 @@ std::optional<std::size_t> LogReader::WaitFor(const Predicate& predicate, std::s
 
 bool LogReader::WaitForCount(std::string_view part, std::size_t count,
                              std::chrono::milliseconds patience) const {
-  const ProcMgr::SteadyTime deadline = ProcMgr::SteadyNow() + patience;
-  std::size_t from = 0;
-  for (std::size_t found = 0; found < count; ++found) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::max(deadline - ProcMgr::SteadyNow(), ProcMgr::SteadyTime::duration::zero()));
-    const std::optional<std::size_t> index = WaitFor(part, from, left);
-    if (!index.has_value()) {
-      return false;
-    }
-    from = *index + 1;
-  }
-  return true;
+  std::size_t found = 0;
+  return count == 0 ||
+         WaitFor([&](const LogLine& line) { return Holds(line, part) && ++found == count; }, 0,
+                 patience)
+             .has_value();
 }
 
 LogLine LogReader::At(std::size_t index) const {
@@ -261,20 +175,17 @@ std::string LogReader::Text() const {
 }
 
 std::vector<LogLine> KernelLog(const Sandbox& sandbox) {
+  static const std::regex prefix(R"(<(\d)> PROCMGR\[(\d+)\] )");
   const std::string text = sandbox.ReadFile("/dev/kmsg");
   std::vector<LogLine> lines;
-  for (std::size_t at = 0; at < text.size();) {
+  for (std::sregex_iterator it(text.begin(), text.end(), prefix), end; it != end; ++it) {
     LogLine line;
-    if (const std::size_t prefix = KernelPrefix(std::string_view(text).substr(at), line);
-        prefix > 0) {
-      lines.push_back(line);
-      at += prefix;
-    } else {
-      if (lines.empty()) {
-        lines.emplace_back();  // Not the manager's; kept, so that a test can see it.
-      }
-      lines.back().text += text[at++];
-    }
+    line.level = std::stoi((*it)[1]);
+    line.ident = "PROCMGR";
+    line.pid = std::stoi((*it)[2]);
+    const auto next = std::next(it);
+    line.text.assign(it->suffix().first, next == end ? text.end() : next->prefix().second);
+    lines.push_back(std::move(line));
   }
   return lines;
 }
@@ -284,9 +195,8 @@ bool WaitForKernelLog(const Sandbox& sandbox, std::string_view part,
   return Eventually(
       [&] {
         const std::vector<LogLine> lines = KernelLog(sandbox);
-        return std::any_of(lines.begin(), lines.end(), [part](const LogLine& line) {
-          return line.text.find(part) != std::string::npos;
-        });
+        return std::any_of(lines.begin(), lines.end(),
+                           [part](const LogLine& line) { return Holds(line, part); });
       },
       patience);
 }

@@ -25,13 +25,10 @@ struct LogLine {
   int level = -1;     // 0 to 7, as syslog counts.
   int facility = -1;  // Its number: 1 for "user".
   std::string ident;
-  pid_t pid = 0;  // 0 if the line names none.
+  pid_t pid = 0;
   std::string text;
   ProcMgr::SteadyTime at;  // When it was read.
 };
-
-// Takes a datagram of syslog apart; what doesn't look like one comes back whole as the text.
-LogLine ParseSyslog(std::string_view datagram);
 
 // Hides in a text what differs between two runs: a boot trace becomes "[TRACE]" and the number
 // behind "pid=", "pid:" or "tid=" becomes "#".

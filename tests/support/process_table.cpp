@@ -42,6 +42,12 @@ std::vector<pid_t> NumberedEntries(const std::string& folder) {
   return numbers;
 }
 
+}  // namespace
+
+std::vector<pid_t> AllProcesses() {
+  return NumberedEntries("/proc");
+}
+
 std::vector<pid_t> Children(pid_t parent, bool zombies) {
   std::vector<pid_t> children;
   for (const pid_t pid : AllProcesses()) {
@@ -53,23 +59,15 @@ std::vector<pid_t> Children(pid_t parent, bool zombies) {
   return children;
 }
 
-}  // namespace
-
-std::vector<pid_t> AllProcesses() {
-  return NumberedEntries("/proc");
-}
-
 ProcessStat ReadStat(pid_t pid) {
   const std::string text = ProcFile(pid, "stat");
-  // The name is the only field that may hold blanks and brackets, so the last bracket ends it.
-  const std::size_t open = text.find('(');
+  // The name, in brackets, is the only field that may hold blanks and brackets of its own.
   const std::size_t close = text.rfind(')');
-  if (open == std::string::npos || close == std::string::npos || close < open) {
+  if (close == std::string::npos) {
     return {};
   }
   ProcessStat stat;
   stat.pid = pid;
-  stat.name = text.substr(open + 1, close - open - 1);
   std::istringstream fields(text.substr(close + 1));
   fields >> stat.state >> stat.parent;
   constexpr int kFieldsBetweenParentAndStart = 17;
@@ -79,14 +77,6 @@ ProcessStat ReadStat(pid_t pid) {
   }
   fields >> stat.startTicks;
   return stat;
-}
-
-std::vector<pid_t> LiveChildren(pid_t parent) {
-  return Children(parent, false);
-}
-
-std::vector<pid_t> ZombieChildren(pid_t parent) {
-  return Children(parent, true);
 }
 
 std::vector<std::string> OpenDescriptors(pid_t pid) {

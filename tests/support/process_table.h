@@ -17,15 +17,13 @@ std::vector<pid_t> AllProcesses();
 struct ProcessStat {
   pid_t pid = 0;
   pid_t parent = 0;
-  char state = '?';  // 'Z' for a zombie, 'T' for a stopped one.
-  std::string name;
+  char state = '?';              // 'Z' for a zombie, 'T' for a stopped one.
   std::uint64_t startTicks = 0;  // With the pid it names a process for good.
 };
 ProcessStat ReadStat(pid_t pid);
 
-// The process and its zombies apart: the children that run, and those that wait to be reaped.
-std::vector<pid_t> LiveChildren(pid_t parent);
-std::vector<pid_t> ZombieChildren(pid_t parent);
+// The children that run, or the zombies, which wait to be reaped.
+std::vector<pid_t> Children(pid_t parent, bool zombies);
 
 // The targets of the open descriptors, as "N -> TARGET", in rising order of N.
 std::vector<std::string> OpenDescriptors(pid_t pid);

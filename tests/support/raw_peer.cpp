@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <bit>
+#include <cstring>
 #include <filesystem>
 
 #include "tests/support/socket_path.h"
@@ -15,24 +17,20 @@
 namespace PmTest {
 namespace {
 
-constexpr std::size_t kHeader = 16;
 constexpr const char* kFolder = "/run/nexio";
 
-void Put(std::string& bytes, std::uint64_t value, int width) {
-  for (int i = 0; i < width; ++i) {
-    bytes.push_back(static_cast<char>(value >> (8 * i)));
-  }
-}
+// As it lies on the wire, on a machine that is little-endian as the wire is.
+struct Header {
+  std::uint32_t magic;
+  std::uint16_t version;
+  std::uint16_t kind;
+  std::uint32_t sequence;
+  std::uint32_t size;
+};
+static_assert(sizeof(Header) == 16 && std::endian::native == std::endian::little);
 
-template <typename Number>
-Number Get(std::string_view bytes, std::size_t at) {
-  Number value = 0;
-  for (std::size_t i = 0; i < sizeof(Number); ++i) {
-    value = static_cast<Number>(
-        value | static_cast<Number>(static_cast<Number>(static_cast<unsigned char>(bytes[at + i]))
-                                    << (8 * i)));
-  }
-  return value;
+std::string NexioSocket(const std::string& name) {
+  return std::string(kFolder) + "/" + name + ".sock";
 }
 
 bool AwaitReadable(int fd, std::chrono::milliseconds patience) {
@@ -61,36 +59,13 @@ ProcMgr::UniqueFd NewSocket() {
 }  // namespace
 
 RawPacket MakePacket(std::uint16_t kind, std::uint32_t sequence, std::string data) {
-  RawPacket packet;
-  packet.kind = kind;
-  packet.sequence = sequence;
-  packet.size = static_cast<std::uint32_t>(data.size());
-  packet.data = std::move(data);
-  return packet;
+  const auto size = static_cast<std::uint32_t>(data.size());
+  return {kPacketMagic, kPacketVersion, kind, sequence, size, std::move(data)};
 }
 
 std::string EncodePacket(const RawPacket& packet) {
-  std::string bytes;
-  Put(bytes, packet.magic, 4);
-  Put(bytes, packet.version, 2);
-  Put(bytes, packet.kind, 2);
-  Put(bytes, packet.sequence, 4);
-  Put(bytes, packet.size, 4);
-  return bytes + packet.data;
-}
-
-std::optional<RawPacket> DecodePacket(std::string_view bytes) {
-  if (bytes.size() < kHeader) {
-    return std::nullopt;
-  }
-  RawPacket packet;
-  packet.magic = Get<std::uint32_t>(bytes, 0);
-  packet.version = Get<std::uint16_t>(bytes, 4);
-  packet.kind = Get<std::uint16_t>(bytes, 6);
-  packet.sequence = Get<std::uint32_t>(bytes, 8);
-  packet.size = Get<std::uint32_t>(bytes, 12);
-  packet.data = bytes.substr(kHeader);
-  return packet;
+  const Header header{packet.magic, packet.version, packet.kind, packet.sequence, packet.size};
+  return std::string(reinterpret_cast<const char*>(&header), sizeof(header)) + packet.data;
 }
 
 std::optional<RawPacket> RawPeer::Receive(std::chrono::milliseconds patience) const {
@@ -102,8 +77,14 @@ std::optional<RawPacket> RawPeer::Receive(std::chrono::milliseconds patience) co
   if (size <= 0) {
     return std::nullopt;
   }
+  Header header{};
   bytes.resize(static_cast<std::size_t>(size));
-  return DecodePacket(bytes);
+  if (bytes.size() < sizeof(header)) {
+    return std::nullopt;
+  }
+  std::memcpy(&header, bytes.data(), sizeof(header));
+  return RawPacket{header.magic,    header.version, header.kind,
+                   header.sequence, header.size,    bytes.substr(sizeof(header))};
 }
 
 bool RawPeer::AwaitClosed(std::chrono::milliseconds patience) const {
@@ -163,10 +144,6 @@ std::optional<RawPeer> ConnectRaw(const Sandbox& sandbox, const std::string& nam
     return std::nullopt;
   }
   return RawPeer(std::move(fd));
-}
-
-std::string NexioSocket(const std::string& name) {
-  return std::string(kFolder) + "/" + name + ".sock";
 }
 
 }  // namespace PmTest

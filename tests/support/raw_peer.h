@@ -38,15 +38,14 @@ struct RawPacket {
 RawPacket MakePacket(std::uint16_t kind, std::uint32_t sequence, std::string data);
 // Its bytes, little-endian: 16 of header and the data as it is.
 std::string EncodePacket(const RawPacket& packet);
-// None if the bytes are fewer than a header.
-std::optional<RawPacket> DecodePacket(std::string_view bytes);
 
 // One end of a connection.
 class RawPeer {
  public:
   explicit RawPeer(ProcMgr::UniqueFd socket) : socket_(std::move(socket)) {}
 
-  // Waits for the next packet; none if the peer has closed or `patience` has passed.
+  // Waits for the next packet; none if the peer has closed, `patience` has passed or what came is
+  // shorter than a header.
   [[nodiscard]] std::optional<RawPacket> Receive(
       std::chrono::milliseconds patience = kPatience) const;
   // Waits until the other side has closed, and drops what comes before that.
@@ -85,9 +84,6 @@ class RawServer {
 
 // Connects to a server of the sandbox. No hello is sent. None if nobody serves the name.
 std::optional<RawPeer> ConnectRaw(const Sandbox& sandbox, const std::string& name);
-
-// Where a server's socket stands, inside.
-std::string NexioSocket(const std::string& name);
 
 }  // namespace PmTest
 

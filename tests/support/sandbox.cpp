@@ -39,25 +39,17 @@ void WriteAll(int fd, const std::string& text, const std::string& path) {
 
 void AppendLine(const std::string& path, const std::string& line) {
   const ProcMgr::UniqueFd file(open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-  CheckStep(file.IsOpen(), "open " + path);
   WriteAll(file.Get(), line + "\n", path);
 }
 
-// A group file with `member` added to the line of `group`.
-std::string AddMember(const std::string& groups, const std::string& group,
-                      const std::string& member) {
-  const std::string start = group + ":";
-  std::size_t at = 0;
-  while (at < groups.size() && groups.compare(at, start.size(), start) != 0) {
-    at = groups.find('\n', at);
-    at = at == std::string::npos ? groups.size() : at + 1;
-  }
-  if (at >= groups.size()) {
+// A group file, in which each line ends, with `member` added to the line of `group`.
+std::string AddMember(std::string groups, const std::string& group, const std::string& member) {
+  const std::size_t line = ("\n" + groups).find("\n" + group + ":");
+  if (line == std::string::npos) {
     throw std::invalid_argument("there is no group " + group + " to add " + member + " to");
   }
-  const std::size_t end = std::min(groups.find('\n', at), groups.size());
-  const bool first = groups[end - 1] == ':';
-  return groups.substr(0, end) + (first ? "" : ",") + member + groups.substr(end);
+  const std::size_t end = groups.find('\n', line);
+  return groups.insert(end, (groups[end - 1] == ':' ? "" : ",") + member);
 }
 
 }  // namespace
@@ -166,7 +158,6 @@ void Sandbox::MakeCpuset(const std::string& name, const std::string& cores) cons
   const auto set = [&](const std::string& file, const std::string& value) {
     const std::string path = root + name + "/" + file;
     const ProcMgr::UniqueFd out(open(Outside(path).c_str(), O_WRONLY | O_CLOEXEC));
-    CheckStep(out.IsOpen(), "open " + path);
     WriteAll(out.Get(), value, path);
   };
   set("cpuset.cpus", cores);

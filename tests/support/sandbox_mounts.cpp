@@ -84,16 +84,6 @@ void BuildDev() {
     MakeFile(path, 0644);
     Bind(std::string("/dev/") + node, path);
   }
-  for (const char* folder : {"pts", "shm"}) {
-    const std::string from = std::string("/dev/") + folder;
-    if (access(from.c_str(), F_OK) == 0) {
-      MakeFolder(dev + "/" + folder);
-      Bind(from, dev + "/" + folder);
-    }
-  }
-  CheckStep(symlink("pts/ptmx", (dev + "/ptmx").c_str()) == 0 &&
-                symlink("/proc/self/fd", (dev + "/fd").c_str()) == 0,
-            "make the links in /dev");
   MakeFile(dev + "/kmsg", 0644);
   CheckStep(mount(dev.c_str(), "/dev", nullptr, MS_MOVE, nullptr) == 0, "move the new /dev");
 }

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/daemon.h"
@@ -15,6 +17,15 @@
 #include "tests/support/service_report.h"
 
 namespace PmTest {
+
+inline constexpr const char* kConfigDir = "/etc/zur/base-plat/process-manager/";
+
+// How many of the lines hold `part`.
+inline std::size_t CountLines(const std::vector<std::string>& lines, const std::string& part) {
+  return static_cast<std::size_t>(
+      std::count_if(lines.begin(), lines.end(),
+                    [&](const std::string& line) { return line.find(part) != std::string::npos; }));
+}
 
 // Gives each test a sandbox with the platform's groups on core 0, its log, and test-service at
 // kService. At the end of a test everything in the sandbox is killed, a sanitizer's report fails
@@ -41,6 +52,16 @@ class ScenarioTest : public ::testing::Test {
     }
   }
 
+  // A test-service of that name, and one that has to report its state as a base service.
+  static App Service(const std::string& name, std::vector<std::string> arguments = {},
+                     Keys keys = {}) {
+    return {name, kService, std::move(arguments), std::move(keys)};
+  }
+  static App Reporting(const std::string& name, Keys keys = {}) {
+    keys.emplace_back("isReporting", "true");
+    return Service(name, {}, std::move(keys));
+  }
+
   // Starts the daemon with the given arguments.
   void Start(const std::vector<std::string>& arguments) { daemon_.emplace(sandbox_, arguments); }
 
@@ -51,8 +72,34 @@ class ScenarioTest : public ::testing::Test {
     Start(arguments);
   }
 
-  // Waits until the bring-up is through.
-  void AwaitBooted() { ASSERT_TRUE(log_.WaitFor("InitBaseApplication end").has_value()); }
+  // Waits for a line behind index `from` that holds `part`.
+  [[nodiscard]] bool Await(std::string_view part, std::size_t from = 0) const {
+    return log_.WaitFor(part, from).has_value();
+  }
+
+  // Waits for a child message in which `text` stands.
+  [[nodiscard]] bool AwaitMessage(const std::string& text) const {
+    return log_
+        .WaitFor([&](const LogLine& line) {
+          return line.level == 4 &&
+                 line.text.starts_with("pm revice child process errinfo size=") &&
+                 line.text.find(text) != std::string::npos;
+        })
+        .has_value();
+  }
+
+  // Waits until the bring-up of the daemon that began to log at `from` is through, and yields what
+  // the log has got from there to that point, as MaskLine gives it. The boot thread logs the end of
+  // the bring-up itself, so nothing that the boot says is missing.
+  std::vector<std::string> AwaitBoot(std::size_t from = 0) {
+    const auto end = log_.WaitFor("InitBaseApplication end", from);
+    if (!end.has_value()) {
+      ADD_FAILURE() << "the boot did not go on";
+      return {};
+    }
+    return log_.Masked(from, *end + 1);
+  }
+  void AwaitBooted() { ASSERT_TRUE(Await("InitBaseApplication end")); }
 
   // Waits for the start of `name` behind index `from` and yields the pid that it names.
   pid_t AwaitStarted(const std::string& name, std::size_t from = 0) {
@@ -63,6 +110,14 @@ class ScenarioTest : public ::testing::Test {
     }
     const std::string text = log_.At(*index).text;
     return std::stoi(text.substr(text.find("pid=") + 4));
+  }
+
+  // What the platform has been told of a sensor: "0" for on, "2" for off; empty if nothing.
+  [[nodiscard]] std::string Sensor(const std::string& name) const {
+    return sandbox_.ReadFile("/run/plat/sensor/" + name);
+  }
+  [[nodiscard]] bool AwaitSensor(const std::string& name, const std::string& value) const {
+    return Eventually([&] { return Sensor(name) == value; });
   }
 
   Sandbox sandbox_;

@@ -8,6 +8,8 @@
 
 namespace PmTest {
 
+using Keys = std::vector<std::pair<std::string, std::string>>;
+
 // One application of a service file. Runs as root unless told otherwise.
 struct App {
   std::string name;
@@ -15,7 +17,7 @@ struct App {
   std::vector<std::string> arguments;
   // Any further key with its value as YAML text, for example {"restart", "on-failure"} or
   // {"dependList", "[a, b]"}; "uid" and "gid" here replace root.
-  std::vector<std::pair<std::string, std::string>> keys;
+  Keys keys;
 };
 
 // The text of a service file with these applications, in this order.

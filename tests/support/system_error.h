@@ -8,15 +8,10 @@
 
 namespace PmTest {
 
-// Throws with the text of errno behind `what`.
-[[noreturn]] inline void FailWithErrno(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
-// Throws unless `ok`; errno must still be that of the step.
+// Throws with the text of errno behind `what` unless `ok`; errno must still be that of the step.
 inline void CheckStep(bool ok, const std::string& what) {
   if (!ok) {
-    FailWithErrno(what);
+    throw std::system_error(errno, std::generic_category(), what);
   }
 }
 

@@ -8,15 +8,11 @@
 //                       nothing from it
 //   --threads N         starts N threads, each named "worker"
 //   --ignore-term       ignores SIGTERM
-//   --close-output      closes standard output and error
-//   --exit-after MS     ends MS milliseconds from now, with the code of --exit-code
-//   --exit-code N       0 unless given; without --exit-after the end comes at once
+//   --exit-code N       ends with the code N
 //   --crash SIGNAL      kills itself with the signal of that number, with no core file
-//   --abort-in-thread   aborts on a thread
 //
 // It is linked statically and uses no library of the project, so that its start costs as little as
 // a program's can.
-#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <pthread.h>
@@ -37,6 +33,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -91,149 +88,106 @@ void Mark(const char* path) {
   close(fd);
 }
 
-class Report {
- public:
-  void Add(const std::string& key, const std::string& value) { text_ += key + "=" + value + "\n"; }
-  void Add(const std::string& key, long long value) { Add(key, std::to_string(value)); }
-  const std::string& Text() const { return text_; }
-
- private:
-  std::string text_;
-};
-
-void AddDescriptors(Report& report) {
-  DIR* const folder = opendir("/proc/self/fd");
-  if (folder == nullptr) {
-    Fail("/proc/self/fd");
-  }
-  std::string numbers;
-  for (const dirent* entry = readdir(folder); entry != nullptr; entry = readdir(folder)) {
-    if (entry->d_name[0] == '.' || Number(entry->d_name) == dirfd(folder)) {
-      continue;
-    }
-    std::array<char, 4096> target{};
-    (void)!readlinkat(dirfd(folder), entry->d_name, target.data(), target.size() - 1);
-    report.Add(std::string("fd.") + entry->d_name, target.data());
-    numbers += (numbers.empty() ? "" : ",") + std::string(entry->d_name);
-  }
-  closedir(folder);
-  report.Add("fds", numbers);
+void AddLine(std::string& report, const std::string& key, const std::string& value) {
+  report += key + "=" + value + "\n";
 }
 
-void AddIdentity(Report& report) {
-  uid_t ruid = 0;
-  uid_t euid = 0;
-  uid_t suid = 0;
-  gid_t rgid = 0;
-  gid_t egid = 0;
-  gid_t sgid = 0;
-  (void)getresuid(&ruid, &euid, &suid);
-  (void)getresgid(&rgid, &egid, &sgid);
-  report.Add("uids",
-             std::to_string(ruid) + "," + std::to_string(euid) + "," + std::to_string(suid));
-  report.Add("gids",
-             std::to_string(rgid) + "," + std::to_string(egid) + "," + std::to_string(sgid));
-  std::vector<gid_t> groups(65536);
-  const int count = getgroups(static_cast<int>(groups.size()), groups.data());
+template <typename... Values>
+std::string Joined(Values... values) {
   std::string text;
-  for (int i = 0; i < count; ++i) {
-    text += (i == 0 ? "" : ",") + std::to_string(groups[static_cast<std::size_t>(i)]);
-  }
-  report.Add("groups", text);
+  ((text += (text.empty() ? "" : ",") + std::to_string(values)), ...);
+  return text;
 }
 
-void AddLimits(Report& report) {
-  struct {
-    const char* name;
-    __rlimit_resource_t resource;
-  } const limits[] = {{"memlock", RLIMIT_MEMLOCK}, {"rtprio", RLIMIT_RTPRIO},
-                      {"nofile", RLIMIT_NOFILE},   {"core", RLIMIT_CORE},
-                      {"nproc", RLIMIT_NPROC},     {"nice", RLIMIT_NICE}};
+void AddDescriptors(std::string& report) {
+  const std::string folder = "/proc/" + std::to_string(getpid()) + "/fd";
+  std::string numbers;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    const std::string number = entry.path().filename();
+    const std::string target = std::filesystem::read_symlink(entry.path());
+    if (target != folder) {  // That one is the iterator's own.
+      AddLine(report, "fd." + number, target);
+      numbers += (numbers.empty() ? "" : ",") + number;
+    }
+  }
+  AddLine(report, "fds", numbers);
+}
+
+void AddIdentity(std::string& report) {
+  std::array<uid_t, 3> uids{};
+  std::array<gid_t, 3> gids{};
+  (void)getresuid(&uids[0], &uids[1], &uids[2]);
+  (void)getresgid(&gids[0], &gids[1], &gids[2]);
+  AddLine(report, "uids", Joined(uids[0], uids[1], uids[2]));
+  AddLine(report, "gids", Joined(gids[0], gids[1], gids[2]));
+  std::vector<gid_t> groups(65536);
+  groups.resize(static_cast<std::size_t>(getgroups(65536, groups.data())));
+  std::string text;
+  for (const gid_t group : groups) {
+    text += (text.empty() ? "" : ",") + std::to_string(group);
+  }
+  AddLine(report, "groups", text);
+}
+
+void AddLimit(std::string& report, const char* key, __rlimit_resource_t resource) {
   const auto text = [](rlim_t value) {
     return value == RLIM_INFINITY ? std::string("unlimited") : std::to_string(value);
   };
-  for (const auto& limit : limits) {
-    rlimit value{};
-    (void)getrlimit(limit.resource, &value);
-    report.Add(std::string("limit.") + limit.name,
-               text(value.rlim_cur) + "," + text(value.rlim_max));
-  }
+  rlimit value{};
+  (void)getrlimit(resource, &value);
+  AddLine(report, key, text(value.rlim_cur) + "," + text(value.rlim_max));
 }
 
-void AddScheduling(Report& report) {
-  report.Add("policy", sched_getscheduler(0));
+void AddScheduling(std::string& report) {
   sched_param parameters{};
   (void)sched_getparam(0, &parameters);
-  report.Add("priority", parameters.sched_priority);
-  errno = 0;
-  report.Add("nice", getpriority(PRIO_PROCESS, 0));
+  AddLine(report, "policy", Joined(sched_getscheduler(0)));
+  AddLine(report, "priority", Joined(parameters.sched_priority));
+  AddLine(report, "nice", Joined(getpriority(PRIO_PROCESS, 0)));
   int mode = -1;
   std::array<unsigned long, 16> nodes{};
   (void)syscall(SYS_get_mempolicy, &mode, nodes.data(), nodes.size() * 64, nullptr, 0);
-  report.Add("mempolicy", std::to_string(mode) + "," + std::to_string(nodes[0]));
+  AddLine(report, "mempolicy", Joined(mode, nodes[0]));
 }
 
-// "Key:\tVALUE" of /proc/self/status as "status.Key=VALUE": the mask of cores and of memory nodes,
-// blocked, ignored and caught signals, capabilities.
-void AddStatus(Report& report) {
-  const std::string status = ReadWhole("/proc/self/status");
-  for (std::size_t at = 0; at < status.size();) {
-    const std::size_t end = std::min(status.find('\n', at), status.size());
-    const std::string line = status.substr(at, end - at);
-    if (const std::size_t colon = line.find(":\t"); colon != std::string::npos) {
-      report.Add("status." + line.substr(0, colon), line.substr(colon + 2));
-    }
-    at = end + 1;
-  }
-}
-
-void AddCgroups(Report& report) {
-  const std::string text = ReadWhole("/proc/self/cgroup");
+// The lines of a file of /proc/self as "GROUPKey=VALUE". A line is "Key:\tVALUE" in "status", with
+// the mask of cores, blocked and ignored signals, capabilities; and "NUMBER:Key:VALUE" in "cgroup".
+void AddFile(std::string& report, const char* path, const std::string& group, bool isNumbered) {
+  const std::string text = ReadWhole(path);
   for (std::size_t at = 0; at < text.size();) {
     const std::size_t end = std::min(text.find('\n', at), text.size());
-    const std::string line = text.substr(at, end - at);
-    const std::size_t first = line.find(':');
-    const std::size_t second = line.find(':', first + 1);
-    if (second != std::string::npos) {
-      report.Add("cgroup." + line.substr(first + 1, second - first - 1), line.substr(second + 1));
-    }
+    const std::size_t key = isNumbered ? text.find(':', at) + 1 : at;
+    const std::size_t colon = std::min(text.find(':', key), end);
+    const std::size_t value = std::min(isNumbered ? colon + 1 : colon + 2, end);
+    AddLine(report, group + text.substr(key, colon - key), text.substr(value, end - value));
     at = end + 1;
   }
 }
 
 // Written beside its place and moved there, so that nobody reads half of it.
 void WriteReport(const char* path, int argc, char** argv) {
-  Report report;
+  std::string report;
   AddDescriptors(report);
-  report.Add("pid", getpid());
-  report.Add("ppid", getppid());
+  AddLine(report, "pid", Joined(getpid()));
   AddIdentity(report);
-  AddLimits(report);
+  AddLimit(report, "limit.memlock", RLIMIT_MEMLOCK);
+  AddLimit(report, "limit.rtprio", RLIMIT_RTPRIO);
   AddScheduling(report);
-  AddStatus(report);
-  AddCgroups(report);
-  const mode_t mask = umask(0);
-  (void)umask(mask);
-  report.Add("umask", mask);
-  std::array<char, 4096> folder{};
-  report.Add("cwd", getcwd(folder.data(), folder.size()) == nullptr ? "" : folder.data());
-  report.Add("argc", argc);
+  AddFile(report, "/proc/self/status", "status.", false);
+  AddFile(report, "/proc/self/cgroup", "cgroup.", true);
+  AddLine(report, "argc", Joined(argc));
   for (int i = 0; i < argc; ++i) {
-    report.Add("argv." + std::to_string(i), argv[i]);
+    AddLine(report, "argv." + Joined(i), argv[i]);
   }
   for (char** entry = environ; *entry != nullptr; ++entry) {
-    const char* const equals = strchr(*entry, '=');
-    if (equals != nullptr) {
-      report.Add("env." + std::string(*entry, static_cast<std::size_t>(equals - *entry)),
-                 equals + 1);
-    }
+    report += "env." + std::string(*entry) + "\n";
   }
   const std::string draft = std::string(path) + "." + std::to_string(getpid());
   const int fd = open(draft.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) {
     Fail(draft.c_str());
   }
-  WriteWhole(fd, report.Text(), path);
+  WriteWhole(fd, report, path);
   close(fd);
   // A folder with the sticky bit keeps one user from replacing another's file.
   if (rename(draft.c_str(), path) != 0) {
@@ -280,22 +234,6 @@ void StartThreads(int count) {
   Fail("the signal did not end this process");
 }
 
-void* AbortThread(void*) {
-  abort();
-}
-
-[[noreturn]] void ExitAfter(long milliseconds, int code) {
-  timespec left{milliseconds / 1000, (milliseconds % 1000) * 1'000'000};
-  while (nanosleep(&left, &left) != 0) {
-  }
-  _exit(code);
-}
-
-struct Plan {
-  long exitAfterMs = -1;
-  int exitCode = -1;
-};
-
 // Yields the flag's value and moves on, or ends the program: a test that misspells is told so.
 const char* Value(int argc, char** argv, int& at) {
   if (at + 1 >= argc) {
@@ -305,7 +243,7 @@ const char* Value(int argc, char** argv, int& at) {
   return argv[++at];
 }
 
-void Obey(int argc, char** argv, int& at, Plan& plan) {
+void Obey(int argc, char** argv, int& at) {
   const std::string flag = argv[at];
   if (flag == "--mark") {
     Mark(Value(argc, argv, at));
@@ -319,18 +257,10 @@ void Obey(int argc, char** argv, int& at, Plan& plan) {
     StartThreads(Number(Value(argc, argv, at)));
   } else if (flag == "--ignore-term") {
     (void)signal(SIGTERM, SIG_IGN);
-  } else if (flag == "--close-output") {
-    close(STDOUT_FILENO);
-    close(STDERR_FILENO);
-  } else if (flag == "--exit-after") {
-    plan.exitAfterMs = Number(Value(argc, argv, at));
   } else if (flag == "--exit-code") {
-    plan.exitCode = Number(Value(argc, argv, at));
+    _exit(Number(Value(argc, argv, at)));
   } else if (flag == "--crash") {
     Crash(Number(Value(argc, argv, at)));
-  } else if (flag == "--abort-in-thread") {
-    pthread_t thread{};
-    (void)pthread_create(&thread, nullptr, &AbortThread, nullptr);
   } else {
     errno = EINVAL;
     Fail(argv[at]);
@@ -340,12 +270,8 @@ void Obey(int argc, char** argv, int& at, Plan& plan) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Plan plan;
   for (int at = 1; at < argc; ++at) {
-    Obey(argc, argv, at, plan);
-  }
-  if (plan.exitAfterMs >= 0 || plan.exitCode >= 0) {
-    ExitAfter(plan.exitAfterMs < 0 ? 0 : plan.exitAfterMs, plan.exitCode < 0 ? 0 : plan.exitCode);
+    Obey(argc, argv, at);
   }
   WaitForever(nullptr);
 }

@@ -1,7 +1,6 @@
 #include "tests/unit/message/fake_nexio.h"
 
 #include <optional>
-#include <utility>
 
 #include "core/sleep.h"
 
@@ -26,44 +25,14 @@ FakeNexio& FakeNexio::Instance() {
 }
 
 void FakeNexio::Reset() {
-  const MutexLock lock(mutex_);
+  const std::lock_guard lock(mutex_);
   state_ = State();
-}
-
-void FakeNexio::ScriptOpen(std::vector<int> results) {
-  const MutexLock lock(mutex_);
-  state_.openResults.assign(results.begin(), results.end());
-}
-
-void FakeNexio::ScriptClose(std::vector<int> results) {
-  const MutexLock lock(mutex_);
-  state_.closeResults.assign(results.begin(), results.end());
-}
-
-void FakeNexio::ScriptSend(std::vector<int> results) {
-  const MutexLock lock(mutex_);
-  state_.sendResults.assign(results.begin(), results.end());
-}
-
-void FakeNexio::ScriptServer(int result) {
-  const MutexLock lock(mutex_);
-  state_.serverResult = result;
-}
-
-void FakeNexio::OnOpen(std::function<void(int fd)> hook) {
-  const MutexLock lock(mutex_);
-  state_.onOpen = std::move(hook);
-}
-
-void FakeNexio::OnSleep(std::function<void()> hook) {
-  const MutexLock lock(mutex_);
-  state_.onSleep = std::move(hook);
 }
 
 void FakeNexio::Deliver(int fd, const NexioRequest* request) {
   NexioRequestCallback callback;
   {
-    const MutexLock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     const auto found = state_.callbacks.find(fd);
     if (found == state_.callbacks.end()) {
       return;
@@ -72,46 +41,17 @@ void FakeNexio::Deliver(int fd, const NexioRequest* request) {
     state_.running[fd] = std::this_thread::get_id();
   }
   callback(fd, request);
-  const MutexLock lock(mutex_);
+  const std::lock_guard lock(mutex_);
   state_.running.erase(fd);
-}
-
-std::vector<Opened> FakeNexio::OpenedChannels() {
-  const MutexLock lock(mutex_);
-  return state_.opened;
-}
-
-std::vector<int> FakeNexio::TakeCloseCalls() {
-  const MutexLock lock(mutex_);
-  return std::exchange(state_.closeCalls, {});
-}
-
-int FakeNexio::TimesClosed(int fd) {
-  const MutexLock lock(mutex_);
-  return state_.timesClosed[fd];
-}
-
-std::vector<Sent> FakeNexio::TakeSent() {
-  const MutexLock lock(mutex_);
-  return std::exchange(state_.sent, {});
-}
-
-std::vector<std::int64_t> FakeNexio::Sleeps() {
-  const MutexLock lock(mutex_);
-  return state_.sleeps;
-}
-
-NexioServerParam FakeNexio::ServerParam() {
-  const MutexLock lock(mutex_);
-  return state_.serverParam;
 }
 
 int FakeNexio::Open(const NexioOpenParam& param) {
   int fd = 0;
   std::function<void(int)> hook;
   {
-    const MutexLock lock(mutex_);
-    state_.opened.push_back({param.peerName, param.timeout, param.gid, param.cancelFd});
+    const std::lock_guard lock(mutex_);
+    state_.opened.push_back(param);
+    state_.openedNames.emplace_back(param.peerName);
     if (const auto result = Next(state_.openResults); result.has_value() && *result < 1) {
       return *result;
     }
@@ -126,7 +66,7 @@ int FakeNexio::Open(const NexioOpenParam& param) {
 }
 
 int FakeNexio::Close(int fd) {
-  const MutexLock lock(mutex_);
+  const std::lock_guard lock(mutex_);
   state_.closeCalls.push_back(fd);
   if (const auto result = Next(state_.closeResults); result.has_value()) {
     return *result;
@@ -144,7 +84,7 @@ int FakeNexio::Close(int fd) {
 }
 
 int FakeNexio::Send(int fd, std::uint32_t seq, const void* data, std::uint32_t size) {
-  const MutexLock lock(mutex_);
+  const std::lock_guard lock(mutex_);
   const int result = Next(state_.sendResults).value_or(0);
   if (result >= 0) {
     state_.sent.push_back({fd, seq, {static_cast<const char*>(data), size}});
@@ -152,16 +92,10 @@ int FakeNexio::Send(int fd, std::uint32_t seq, const void* data, std::uint32_t s
   return result;
 }
 
-int FakeNexio::CreateServer(const NexioServerParam& param) {
-  const MutexLock lock(mutex_);
-  state_.serverParam = param;
-  return state_.serverResult;
-}
-
 void FakeNexio::Sleep(std::int64_t nanoseconds) {
   std::function<void()> hook;
   {
-    const MutexLock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     state_.sleeps.push_back(nanoseconds);
     hook = state_.onSleep;
   }
@@ -172,24 +106,27 @@ void FakeNexio::Sleep(std::int64_t nanoseconds) {
 
 }  // namespace Test
 
+using Test::FakeNexio;
+
 int NexioOpen(const NexioOpenParam& param) {
-  return Test::FakeNexio::Instance().Open(param);
+  return FakeNexio::Instance().Open(param);
 }
 
 int NexioClosePipe(int fd) {
-  return Test::FakeNexio::Instance().Close(fd);
+  return FakeNexio::Instance().Close(fd);
 }
 
 int NexioSendRequest(int fd, const NexioRequest& request) {
-  return Test::FakeNexio::Instance().Send(fd, request.seq, request.data, request.size);
+  return FakeNexio::Instance().Send(fd, request.seq, request.data, request.size);
 }
 
 int NexioSendResponse(int fd, const NexioResponse& response) {
-  return Test::FakeNexio::Instance().Send(fd, response.seq, response.data, response.size);
+  return FakeNexio::Instance().Send(fd, response.seq, response.data, response.size);
 }
 
 int NexioCreateServer(const NexioServerParam& param) {
-  return Test::FakeNexio::Instance().CreateServer(param);
+  FakeNexio::Instance()->serverParam = param;
+  return FakeNexio::Instance()->serverResult;
 }
 
 int NexioRPCSync(int, const NexioRequest&, NexioResponse&) {
@@ -202,7 +139,7 @@ int NexioTimedRPCSync(int, const NexioRequest&, NexioResponse&, std::uint32_t) {
 
 // In the place of core/sleep.h's.
 void SleepNs(std::int64_t nanoseconds) {
-  Test::FakeNexio::Instance().Sleep(nanoseconds);
+  FakeNexio::Instance().Sleep(nanoseconds);
 }
 
 }  // namespace ProcMgr

@@ -9,21 +9,14 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "core/mutex.h"
 #include "message/nexio.h"
 
 namespace ProcMgr::Test {
-
-struct Opened {
-  std::string peerName;
-  std::uint32_t timeout = 0;
-  gid_t gid = 0;
-  int cancelFd = -1;
-};
 
 struct Sent {
   int fd = 0;
@@ -33,51 +26,24 @@ struct Sent {
 
 class FakeNexio {
  public:
-  static FakeNexio& Instance();
-
-  // Forgets everything but the descriptors used so far, which never come back.
-  void Reset();
-
-  // Results for the next calls, in order.
-  void ScriptOpen(std::vector<int> results);
-  void ScriptClose(std::vector<int> results);
-  void ScriptSend(std::vector<int> results);
-  void ScriptServer(int result);
-
-  // Runs at the end of every NexioOpen that succeeds, before it returns.
-  void OnOpen(std::function<void(int fd)> hook);
-  // Runs instead of every sleep.
-  void OnSleep(std::function<void()> hook);
-
-  // Delivers a request as the library would: from this thread, marked as a running callback.
-  void Deliver(int fd, const NexioRequest* request);
-
-  std::vector<Opened> OpenedChannels();
-  std::vector<int> TakeCloseCalls();
-  // How often closing `fd` has succeeded.
-  int TimesClosed(int fd);
-  std::vector<Sent> TakeSent();
-  std::vector<std::int64_t> Sleeps();
-  NexioServerParam ServerParam();
-
-  // What the functions of the library do.
-  int Open(const NexioOpenParam& param);
-  int Close(int fd);
-  int Send(int fd, std::uint32_t seq, const void* data, std::uint32_t size);
-  int CreateServer(const NexioServerParam& param);
-  void Sleep(std::int64_t nanoseconds);
-
- private:
   struct State {
+    // Results for the next calls, in order.
     std::deque<int> openResults;
     std::deque<int> closeResults;
     std::deque<int> sendResults;
     int serverResult = 0;
-    std::function<void(int)> onOpen;
+    // Runs at the end of every NexioOpen that succeeds, before it returns.
+    std::function<void(int fd)> onOpen;
+    // Runs instead of every sleep.
     std::function<void()> onSleep;
+
+    // The channels that are open, and the threads that run their callbacks.
     std::map<int, NexioRequestCallback> callbacks;
     std::map<int, std::thread::id> running;
-    std::vector<Opened> opened;
+
+    // What has been asked for.
+    std::vector<NexioOpenParam> opened;
+    std::vector<std::string> openedNames;
     std::vector<int> closeCalls;
     std::map<int, int> timesClosed;
     std::vector<Sent> sent;
@@ -85,9 +51,36 @@ class FakeNexio {
     NexioServerParam serverParam;
   };
 
-  Mutex mutex_;
-  State state_ GUARDED_BY(mutex_);
-  int nextFd_ GUARDED_BY(mutex_) = 1;
+  // The state, locked to the end of the expression.
+  class Locked {
+   public:
+    explicit Locked(FakeNexio& fake) : lock_(fake.mutex_), state_(fake.state_) {}
+    State* operator->() { return &state_; }
+
+   private:
+    std::unique_lock<std::mutex> lock_;
+    State& state_;
+  };
+  Locked operator->() { return Locked(*this); }
+
+  static FakeNexio& Instance();
+
+  // Forgets everything but the descriptors used so far, which never come back.
+  void Reset();
+
+  // Delivers a request as the library would: from this thread, marked as a running callback.
+  void Deliver(int fd, const NexioRequest* request);
+
+  // What the functions of the library do.
+  int Open(const NexioOpenParam& param);
+  int Close(int fd);
+  int Send(int fd, std::uint32_t seq, const void* data, std::uint32_t size);
+  void Sleep(std::int64_t nanoseconds);
+
+ private:
+  std::mutex mutex_;
+  State state_;
+  int nextFd_ = 1;
 };
 
 }  // namespace ProcMgr::Test

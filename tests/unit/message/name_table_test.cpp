@@ -9,34 +9,6 @@
 namespace ProcMgr {
 namespace {
 
-TEST(NameTable, KeepsBothDirectionsInStep) {
-  NameTable table;
-  std::string name = "untouched";
-  EXPECT_EQ(table.FdOf("a"), -1);
-  table.Set("a", -1);
-  EXPECT_FALSE(table.NameOf(-1, name));
-  table.Set("a", 5);
-  table.Set("b", 6);
-  table.Set("a", 7);
-  EXPECT_EQ(table.FdOf("a"), 7);
-  EXPECT_FALSE(table.NameOf(5, name));
-  EXPECT_EQ(name, "untouched");
-  EXPECT_TRUE(table.NameOf(7, name));
-  EXPECT_EQ(name, "a");
-
-  EXPECT_EQ(table.TakeForClosing("a"), 7);
-  EXPECT_EQ(table.FdOf("a"), -1);
-  EXPECT_FALSE(table.NameOf(7, name));
-  EXPECT_TRUE(table.IsClosing(7));
-  EXPECT_EQ(table.TakeForClosing("a"), -1);
-  EXPECT_EQ(table.TakeForClosing("never"), -1);
-  EXPECT_FALSE(table.IsClosing(-1));
-  EXPECT_TRUE(table.ClaimClosing(7));
-  EXPECT_FALSE(table.ClaimClosing(7));
-  EXPECT_TRUE(table.NameOf(6, name));
-  EXPECT_EQ(name, "b");
-}
-
 constexpr std::chrono::milliseconds kNoLimit{0};
 
 bool IsReadable(int fd, int timeoutMs) {
@@ -44,17 +16,13 @@ bool IsReadable(int fd, int timeoutMs) {
   return poll(&entry, 1, timeoutMs) == 1;
 }
 
-TEST(Openings, WaitIsBounded) {
+TEST(Openings, WaitIsBoundedAndNeedsAnOpening) {
   Openings openings;
   const std::string name = "a";
-  const Openings::Scope opening(openings, name, kNoLimit);
-  EXPECT_FALSE(openings.WaitUntilFiled(std::chrono::milliseconds(20), [] { return false; }));
-}
-
-TEST(Openings, NoWaitWithoutAnOpening) {
-  Openings openings;
-  const std::string name = "a";
-  { const Openings::Scope over(openings, name, kNoLimit); }
+  {
+    const Openings::Scope opening(openings, name, kNoLimit);
+    EXPECT_FALSE(openings.WaitUntilFiled(std::chrono::milliseconds(20), [] { return false; }));
+  }
   EXPECT_FALSE(openings.WaitUntilFiled(std::chrono::hours(1), [] { return false; }));
 }
 
