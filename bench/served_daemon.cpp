@@ -1,18 +1,13 @@
 #include "bench/served_daemon.h"
 
-#include <stdexcept>
-
 #include "message/request_msg.h"
 #include "tests/support/service_file.h"
+#include "tests/support/system_error.h"
 
 namespace PmBench {
 namespace {
 
-void Demand(bool holds, const std::string& what) {
-  if (!holds) {
-    throw std::runtime_error(what);
-  }
-}
+using PmTest::Demand;
 
 std::vector<std::string> Names(int first, int count) {
   std::vector<std::string> names;

@@ -201,16 +201,16 @@ void Reactor::CancelAlarm(Token token, SteadyTime when) {
 }
 
 void Reactor::SetTimer() {
-  itimerspec spec{};
+  itimerspec setting{};
   if (!alarms_.empty()) {
     // The steady clock is CLOCK_MONOTONIC. 0 would stop the timer, and no alarm is that old.
     const auto since = alarms_.begin()->first.time_since_epoch();
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
-    spec.it_value.tv_sec = seconds.count();
-    spec.it_value.tv_nsec =
+    setting.it_value.tv_sec = seconds.count();
+    setting.it_value.tv_nsec =
         std::chrono::duration_cast<std::chrono::nanoseconds>(since - seconds).count();
   }
-  (void)timerfd_settime(timer_.Get(), TFD_TIMER_ABSTIME, &spec, nullptr);
+  (void)timerfd_settime(timer_.Get(), TFD_TIMER_ABSTIME, &setting, nullptr);
 }
 
 void Reactor::RunAlarms() {

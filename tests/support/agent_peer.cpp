@@ -4,11 +4,11 @@
 
 #include <algorithm>
 #include <cstring>
-#include <stdexcept>
 #include <utility>
 
 #include "core/steady_time.h"
 #include "message/serialization.h"
+#include "tests/support/system_error.h"
 
 namespace PmTest {
 namespace {
@@ -18,14 +18,6 @@ using ProcMgr::Message::RequestMsg;
 using ProcMgr::Message::RequestType;
 using ProcMgr::Serialization::PackedItem;
 using ProcMgr::Serialization::PieceList;
-
-// What is packed here is the test's own, so it must fit; and a frame that the manager never sends
-// ends the test program, for the reader's thread has nobody to throw to.
-void Demand(bool holds, const char* what) {
-  if (!holds) {
-    throw std::runtime_error(what);
-  }
-}
 
 template <typename Content, typename Pack>
 PieceList Frames(RequestType type, const Content& content, Pack pack) {
@@ -216,6 +208,7 @@ void AgentPeer::ReadLoop(const RawPeer& peer) {
   changed_.NotifyAll();
 }
 
+// A frame that the manager never sends ends the test program: a reader has nobody to throw to.
 void AgentPeer::Keep(const RawPacket& packet) {
   if (packet.kind == kResponse) {
     responses_[packet.sequence] = packet.data;

@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_SYSTEM_ERROR_H
 
 #include <cerrno>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 
@@ -12,6 +13,13 @@ namespace PmTest {
 inline void CheckStep(bool ok, const std::string& what) {
   if (!ok) {
     throw std::system_error(errno, std::generic_category(), what);
+  }
+}
+
+// The same for what has no errno.
+inline void Demand(bool ok, const std::string& what) {
+  if (!ok) {
+    throw std::runtime_error(what);
   }
 }
 

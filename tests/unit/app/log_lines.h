@@ -6,22 +6,16 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/log_capture.h"
 #include "tests/support/log_reader.h"
+#include "tests/support/taken_log.h"
 
 namespace ProcMgr::App {
 
 using Lines = std::vector<std::string>;
 
-// From before main, so that no line is missed.
-inline PmTest::LogCapture logCapture;
+using PmTest::TakeLog;
 
-// The lines since the last call, each with the first letter of its level in front: "E TEXT".
-inline Lines TakeLog() {
-  return logCapture.Take();
-}
-
-// The same with traces and pids hidden, as PmTest::Mask does it.
+// The lines since the last call, with traces and pids hidden, as PmTest::Mask does it.
 inline Lines MaskedLog() {
   Lines log = TakeLog();
   std::transform(log.begin(), log.end(), log.begin(), PmTest::Mask);

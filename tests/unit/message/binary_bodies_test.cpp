@@ -2,16 +2,16 @@
 #include <gtest/gtest.h>
 
 #include "message/serialization.h"
+#include "tests/support/taken_log.h"
 #include "tests/unit/message/frames.h"
-#include "tests/unit/message/taken_log.h"
 
 namespace ProcMgr::Serialization {
 namespace {
 
 using Message::RequestType;
+using PmTest::TakeLog;
 using Test::Body;
 using Test::Frame;
-using Test::TakeLog;
 using ::testing::IsEmpty;
 using Names = std::vector<std::string>;
 using namespace std::string_literals;

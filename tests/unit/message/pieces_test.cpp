@@ -3,15 +3,15 @@
 #include <cstring>
 
 #include "message/serialization.h"
+#include "tests/support/taken_log.h"
 #include "tests/unit/message/frames.h"
-#include "tests/unit/message/taken_log.h"
 
 namespace ProcMgr::Serialization {
 namespace {
 
 using Message::RequestType;
+using PmTest::TakeLog;
 using Test::Body;
-using Test::TakeLog;
 
 std::string Digest(const Message::RequestMsg& frame) {
   const std::string body = Body(frame);

@@ -11,16 +11,16 @@
 #include <utility>
 
 #include "core/mutex.h"
+#include "tests/support/taken_log.h"
 #include "tests/unit/message/fake_nexio.h"
-#include "tests/unit/message/taken_log.h"
 
 namespace ProcMgr {
 namespace {
 
 using Message::RequestMsg;
 using Message::RequestType;
+using PmTest::TakeLog;
 using Test::FakeNexio;
-using Test::TakeLog;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;

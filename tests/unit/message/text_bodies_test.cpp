@@ -5,8 +5,8 @@
 
 #include "message/serialization.h"
 #include "message/text_fields.h"
+#include "tests/support/taken_log.h"
 #include "tests/unit/message/frames.h"
-#include "tests/unit/message/taken_log.h"
 
 namespace ProcMgr::Message {
 
@@ -75,8 +75,8 @@ namespace {
 
 using Message::RequestType;
 using Message::Show;
+using PmTest::TakeLog;
 using Test::Frame;
-using Test::TakeLog;
 using Texts = std::vector<std::string>;
 
 template <typename Content>

@@ -5,12 +5,12 @@
 
 #include <cstring>
 
-#include "tests/unit/message/taken_log.h"
+#include "tests/support/taken_log.h"
 
 namespace PmUpload {
 namespace {
 
-using ProcMgr::Test::TakeLog;
+using PmTest::TakeLog;
 using ::testing::ElementsAre;
 
 UploadMsg Request(std::string_view text) {

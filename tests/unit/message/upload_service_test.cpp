@@ -6,15 +6,15 @@
 #include <cstring>
 #include <utility>
 
+#include "tests/support/taken_log.h"
 #include "tests/unit/message/fake_nexio.h"
-#include "tests/unit/message/taken_log.h"
 
 namespace PmUpload {
 namespace {
 
+using PmTest::TakeLog;
 using ProcMgr::NexioRequest;
 using ProcMgr::Test::FakeNexio;
-using ProcMgr::Test::TakeLog;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
