@@ -8,11 +8,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <limits>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -149,13 +146,8 @@ void Watcher::WaitForWork() {
     const MutexLock lock(mutex_);
     next = table_.NextCheck();
   }
-  int wait = -1;
-  if (next) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - SteadyNow()).count();
-    wait = static_cast<int>(std::clamp<std::int64_t>(left, 0, std::numeric_limits<int>::max()));
-  }
   pollfd entries[] = {{socket_.Get(), POLLIN, 0}, {wake_.Get(), POLLIN, 0}};
-  (void)poll(entries, 2, wait);
+  (void)poll(entries, 2, next ? MillisecondsUntil(*next) : -1);
   eventfd_t count = 0;
   (void)eventfd_read(wake_.Get(), &count);
 }

@@ -96,12 +96,11 @@ void ArrivalWatch::WaitTick(SteadyTime deadline) {
 }
 
 void ArrivalWatch::Poll(SteadyTime until) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - SteadyNow());
-  constexpr std::chrono::milliseconds kLongest = std::chrono::hours(1);
-  const auto wait = std::clamp(left, std::chrono::milliseconds(0), kLongest);
+  constexpr int kLongestMs = 3'600'000;
+  const int wait = std::min(MillisecondsUntil(until), kLongestMs);
   // poll passes over a negative descriptor.
   std::array<pollfd, 2> entries{{{inotify_.Get(), POLLIN, 0}, {cancelFd_, POLLIN, 0}}};
-  if (poll(entries.data(), entries.size(), static_cast<int>(wait.count())) > 0) {
+  if (poll(entries.data(), entries.size(), wait) > 0) {
     Drain();
   }
 }

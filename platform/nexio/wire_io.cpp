@@ -4,12 +4,9 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <limits>
 
 namespace ProcMgr::Nexio {
 
@@ -100,14 +97,8 @@ std::span<std::byte> PacketBuffer(std::unique_ptr<std::byte[]>& buffer) {
 }
 
 bool WaitReady(int fd, short events, const std::optional<SteadyTime>& deadline) {
-  int wait = -1;
-  if (deadline) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - SteadyNow());
-    wait = static_cast<int>(
-        std::clamp<std::int64_t>(left.count(), 0, std::numeric_limits<int>::max()));
-  }
   pollfd entry{fd, events, 0};
-  return poll(&entry, 1, wait) > 0;
+  return poll(&entry, 1, deadline ? MillisecondsUntil(*deadline) : -1) > 0;
 }
 
 }  // namespace ProcMgr::Nexio

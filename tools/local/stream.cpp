@@ -6,7 +6,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <limits>
 #include <stdexcept>
 #include <system_error>
 
@@ -19,14 +18,11 @@ namespace {
 
 void Await(int fd, short event, Deadline deadline, const char* what) {
   while (true) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - ProcMgr::SteadyNow()).count();
-    if (left <= 0) {
+    const int limit = ProcMgr::MillisecondsUntil(deadline);
+    if (limit == 0) {
       Fail(ETIMEDOUT, what);
     }
     pollfd entry{fd, event, 0};
-    const int limit =
-        static_cast<int>(std::min<std::int64_t>(left, std::numeric_limits<int>::max()));
     const int ready = poll(&entry, 1, limit);
     if (ready > 0) {
       return;
