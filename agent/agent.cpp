@@ -11,8 +11,8 @@
 #include "agent/manager_link.h"
 #include "agent/process_manager_agent.h"
 #include "agent/request_frames.h"
+#include "base/text.h"
 #include "core/log.h"
-#include "core/text.h"
 
 namespace ProcMgr {
 namespace {

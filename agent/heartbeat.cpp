@@ -8,9 +8,9 @@
 #include <iterator>
 #include <utility>
 
+#include "base/block_signals.h"
+#include "base/steady_time.h"
 #include "core/log.h"
-#include "core/steady_time.h"
-#include "platform/block_signals.h"
 
 namespace ProcMgr {
 namespace {

@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "agent/process_manager_agent.h"
-#include "core/mutex.h"
-#include "core/unique_fd.h"
+#include "base/mutex.h"
+#include "base/unique_fd.h"
 
 namespace ProcMgr {
 

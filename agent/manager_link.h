@@ -29,8 +29,8 @@
 
 #include "agent/process_manager_agent.h"
 #include "agent/request_frames.h"
-#include "core/mutex.h"
-#include "core/steady_time.h"
+#include "base/mutex.h"
+#include "base/steady_time.h"
 #include "message/nexio.h"
 #include "message/request_msg.h"
 #include "message/serialization.h"

@@ -43,7 +43,7 @@
 #include <string>
 #include <vector>
 
-#include "core/app_state.h"
+#include "base/app_state.h"
 #include "message/request_msg.h"
 
 namespace ProcMgr {

@@ -49,8 +49,8 @@
 #include <vector>
 
 #include "app/manifest.h"
-#include "core/app_state.h"
-#include "core/steady_time.h"
+#include "base/app_state.h"
+#include "base/steady_time.h"
 
 namespace ProcMgr::App {
 

@@ -14,7 +14,7 @@ namespace {
 // The groups follow the user's own entries, its primary group included, and not the configured gid.
 bool SetGroups(uid_t uid, std::string& err) {
   UserGroups groups;
-  // The lock that guards the user database in the manager is free in a child (core/fork_locks.h).
+  // The lock that guards the user database in the manager is free in a child (base/fork_locks.h).
   switch (ReadUserGroups(uid, groups)) {
     case UserGroupsResult::kUnknownUser:
       err += "getpwuid is null;";

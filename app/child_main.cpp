@@ -9,7 +9,7 @@
 #include "app/child_env.h"
 #include "app/child_identity.h"
 #include "app/child_mem_policy.h"
-#include "core/child_msg_pipe.h"
+#include "base/child_msg_pipe.h"
 #include "core/host_context.h"
 #include "host/cgroups.h"
 #include "host/core_affinity_mgr.h"

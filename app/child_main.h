@@ -8,7 +8,7 @@
 //    to an error text, which goes to the manager through the child message pipe.
 // 2. Of libc, only what is async-signal-safe is called, or what is known to be free at the fork:
 //    malloc and stdio (glibc frees them itself in the child), the user database and syslog (the
-//    manager holds their locks over every fork, core/fork_locks.h, and has had libc load the
+//    manager holds their locks over every fork, base/fork_locks.h, and has had libc load the
 //    database's modules at the boot), setenv (the manager calls it in main, before its first
 //    thread, and never again), dlopen (the manager's own threads never load a library).
 // 3. The child ends in execv or _exit; nothing unwinds, no destructor of the manager runs.

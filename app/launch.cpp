@@ -6,7 +6,7 @@
 #include "app/app_info.h"
 #include "app/child_main.h"
 #include "app/share_groups.h"
-#include "core/boot_trace.h"
+#include "base/boot_trace.h"
 #include "core/log.h"
 
 namespace ProcMgr::App {

@@ -10,9 +10,9 @@
 
 #include "app/app_info.h"
 #include "app/user_groups.h"
+#include "base/standard_path.h"
 #include "core/host_context.h"
 #include "core/log.h"
-#include "core/standard_path.h"
 #include "host/core_affinity_mgr.h"
 #include "host/integrity_protect.h"
 

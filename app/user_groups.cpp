@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "core/fork_locks.h"
+#include "base/fork_locks.h"
 #include "platform/securec/securec.h"
 
 namespace ProcMgr::App {

@@ -21,7 +21,7 @@ enum class UserGroupsResult { kOk, kUnknownUser, kTooManyGroups, kWipeFailed };
 
 // Reads the primary and the supplementary groups of the user with `uid`, and wipes what libc keeps
 // of the password record. The caller holds UserLookupLock(), or is a forked child, in which that
-// lock's libc locks are free (core/fork_locks.h).
+// lock's libc locks are free (base/fork_locks.h).
 [[nodiscard]] UserGroupsResult ReadUserGroups(uid_t uid, UserGroups& groups);
 
 // Has libc load what a look-up needs: its configuration and the modules that this names. Children

@@ -21,10 +21,10 @@
 #include <thread>
 #include <vector>
 
-#include "core/mutex.h"
-#include "core/sleep.h"
-#include "core/steady_time.h"
-#include "core/unique_fd.h"
+#include "base/mutex.h"
+#include "base/sleep.h"
+#include "base/steady_time.h"
+#include "base/unique_fd.h"
 #include "message/nexio.h"
 #include "platform/nexio/nexio_peer.h"
 

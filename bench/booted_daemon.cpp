@@ -3,7 +3,7 @@
 #include <stdexcept>
 
 #include "bench/clock.h"
-#include "tests/support/service_file.h"
+#include "sandbox/service_file.h"
 
 namespace PmBench {
 
@@ -21,15 +21,15 @@ BootedDaemon::BootedDaemon(int services,
 std::string BootedDaemon::Prepare(
     int services, const std::vector<std::pair<std::string, std::string>>& keys) const {
   PrepareHost(sandbox_);
-  std::vector<PmTest::App> apps;
+  std::vector<PmSandbox::App> apps;
   apps.reserve(static_cast<std::size_t>(services));
   for (int i = 0; i < services; ++i) {
-    PmTest::App app{"service" + std::to_string(i), kServicePath, {marks_.Path()}, keys};
+    PmSandbox::App app{"service" + std::to_string(i), kServicePath, {marks_.Path()}, keys};
     app.keys.emplace_back("envArgv", "{PROC_NAME: " + app.name + "}");
     apps.push_back(std::move(app));
   }
-  std::string path = std::string(PmTest::Sandbox::kDir) + "/base.yaml";
-  sandbox_.WriteFile(path, apps.empty() ? "applications: []\n" : PmTest::ServiceFile(apps));
+  std::string path = std::string(PmSandbox::Sandbox::kDir) + "/base.yaml";
+  sandbox_.WriteFile(path, apps.empty() ? "applications: []\n" : PmSandbox::ServiceFile(apps));
   return path;
 }
 

@@ -8,9 +8,9 @@
 
 #include "bench/host.h"
 #include "bench/marks.h"
-#include "tests/support/daemon.h"
-#include "tests/support/log_reader.h"
-#include "tests/support/sandbox.h"
+#include "sandbox/daemon.h"
+#include "sandbox/log_reader.h"
+#include "sandbox/sandbox.h"
 
 namespace PmBench {
 
@@ -21,7 +21,7 @@ class BootedDaemon {
   explicit BootedDaemon(int services,
                         const std::vector<std::pair<std::string, std::string>>& keys = {});
 
-  [[nodiscard]] const PmTest::Sandbox& Host() const { return sandbox_; }
+  [[nodiscard]] const PmSandbox::Sandbox& Host() const { return sandbox_; }
   [[nodiscard]] const Marks& Services() const { return marks_; }
   [[nodiscard]] pid_t Pid() const { return daemon_.Pid(); }
 
@@ -37,12 +37,12 @@ class BootedDaemon {
   [[nodiscard]] std::string Prepare(
       int services, const std::vector<std::pair<std::string, std::string>>& keys) const;
 
-  PmTest::Sandbox sandbox_;
-  PmTest::LogReader log_{sandbox_};
+  PmSandbox::Sandbox sandbox_;
+  PmSandbox::LogReader log_{sandbox_};
   Marks marks_{sandbox_, "services"};
   std::string serviceFile_;
   long long startNs_;
-  PmTest::Daemon daemon_;
+  PmSandbox::Daemon daemon_;
 };
 
 }  // namespace PmBench

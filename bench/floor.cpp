@@ -17,17 +17,17 @@
 
 #include "app/app_info.h"
 #include "app/user_groups.h"
+#include "base/child_msg_pipe.h"
+#include "base/text.h"
 #include "bench/clock.h"
 #include "bench/figures.h"
 #include "bench/marks.h"
-#include "core/child_msg_pipe.h"
 #include "core/host_context.h"
 #include "core/log.h"
-#include "core/text.h"
 #include "host/core_affinity_mgr.h"
-#include "tests/support/process.h"
-#include "tests/support/service_file.h"
-#include "tests/support/wait.h"
+#include "sandbox/process.h"
+#include "sandbox/service_file.h"
+#include "sandbox/wait.h"
 
 namespace PmBench {
 namespace {
@@ -41,7 +41,7 @@ using Starter = std::function<pid_t()>;
 
 // Memory that fork has to copy the tables of, up to `kib` of the whole process.
 std::vector<char> Grow(long kib) {
-  const long own = std::stol(PmTest::StatusField(getpid(), "VmRSS"));
+  const long own = std::stol(PmSandbox::StatusField(getpid(), "VmRSS"));
   std::vector<char> memory;
   if (kib > own) {
     memory.resize(static_cast<std::size_t>(kib - own) * 1024, 'x');
@@ -122,7 +122,7 @@ int StartAtOnce(const std::string& marksPath, int count, int killed) {
     children.push_back(start());
   }
   if (std::count(children.begin(), children.end(), -1) != 0 ||
-      !PmTest::Eventually([&] { return HasLines(marksPath, count); })) {
+      !PmSandbox::Eventually([&] { return HasLines(marksPath, count); })) {
     return 1;
   }
   const long long before = MonotonicNs();
@@ -141,10 +141,11 @@ int StartAtOnce(const std::string& marksPath, int count, int killed) {
 }
 
 // Runs this program in the sandbox and yields what it has told.
-std::map<std::string, long long> RunInside(const PmTest::Sandbox& sandbox,
+std::map<std::string, long long> RunInside(const PmSandbox::Sandbox& sandbox,
                                            const std::vector<std::string>& arguments) {
   const std::string& how = arguments.front();
-  PmTest::Process process(sandbox, PmTest::ProgramPath("pm-bench"), arguments, {{}, how.substr(2)});
+  PmSandbox::Process process(sandbox, PmSandbox::ProgramPath("pm-bench"), arguments,
+                             {{}, how.substr(2)});
   const auto status = process.WaitExit();
   if (!status.has_value() || *status != 0) {
     throw std::runtime_error("pm-bench " + how + " failed: " + process.Output());
@@ -157,7 +158,7 @@ std::map<std::string, long long> RunInside(const PmTest::Sandbox& sandbox,
   return told;
 }
 
-Starts Measure(const PmTest::Sandbox& sandbox, const std::string& how, const Marks& marks,
+Starts Measure(const PmSandbox::Sandbox& sandbox, const std::string& how, const Marks& marks,
                const std::string& file, long residentKib, int count) {
   const auto told =
       RunInside(sandbox, {how, std::to_string(residentKib), std::to_string(count), file});
@@ -201,12 +202,12 @@ int RunStartingProcess(int argc, char** argv) {
   return StartOneByOne(start, *count);
 }
 
-Starts MeasureFloor(const PmTest::Sandbox& sandbox, long residentKib, int count) {
+Starts MeasureFloor(const PmSandbox::Sandbox& sandbox, long residentKib, int count) {
   const Marks marks(sandbox, "floor");
   return Measure(sandbox, kOneByOne, marks, marks.Path(), residentKib, count);
 }
 
-StartsAtOnce MeasureFloorAtOnce(const PmTest::Sandbox& sandbox, long residentKib, int count,
+StartsAtOnce MeasureFloorAtOnce(const PmSandbox::Sandbox& sandbox, long residentKib, int count,
                                 int killed) {
   const Marks marks(sandbox, "floor-at-once");
   const auto told = RunInside(sandbox, {kAtOnce, std::to_string(residentKib), std::to_string(count),
@@ -217,11 +218,11 @@ StartsAtOnce MeasureFloorAtOnce(const PmTest::Sandbox& sandbox, long residentKib
           static_cast<double>(told.at("cpu")) / 1e3 / killed};
 }
 
-Starts MeasureLaunch(const PmTest::Sandbox& sandbox, long residentKib, int count) {
+Starts MeasureLaunch(const PmSandbox::Sandbox& sandbox, long residentKib, int count) {
   const Marks marks(sandbox, "launch");
-  const std::string file = std::string(PmTest::Sandbox::kDir) + "/launch.yaml";
-  sandbox.WriteFile(file,
-                    PmTest::ServiceFile({{"service", kServicePath, {marks.Path(), "--once"}, {}}}));
+  const std::string file = std::string(PmSandbox::Sandbox::kDir) + "/launch.yaml";
+  sandbox.WriteFile(
+      file, PmSandbox::ServiceFile({{"service", kServicePath, {marks.Path(), "--once"}, {}}}));
   return Measure(sandbox, kLaunch, marks, file, residentKib, count);
 }
 

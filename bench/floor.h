@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/sandbox.h"
+#include "sandbox/sandbox.h"
 
 namespace PmBench {
 
@@ -21,8 +21,8 @@ struct Starts {
 
 // Each starts bench-service `count` times in the sandbox, from a process with `residentKib` of
 // memory. Throws if a start fails.
-Starts MeasureFloor(const PmTest::Sandbox& sandbox, long residentKib, int count);
-Starts MeasureLaunch(const PmTest::Sandbox& sandbox, long residentKib, int count);
+Starts MeasureFloor(const PmSandbox::Sandbox& sandbox, long residentKib, int count);
+Starts MeasureLaunch(const PmSandbox::Sandbox& sandbox, long residentKib, int count);
 
 // The same of many at once: all are forked in a row and live until the last has come to its main.
 // Then the last `killed` of them are killed in a row, and their exits taken.
@@ -31,7 +31,7 @@ struct StartsAtOnce {
   double endUs = 0;      // From before the first kill to the last exit taken.
   double exitCpuUs = 0;  // Of the parent, for taking one exit.
 };
-StartsAtOnce MeasureFloorAtOnce(const PmTest::Sandbox& sandbox, long residentKib, int count,
+StartsAtOnce MeasureFloorAtOnce(const PmSandbox::Sandbox& sandbox, long residentKib, int count,
                                 int killed);
 
 // Whether these arguments call for the body of that process, which the next function is:

@@ -4,20 +4,20 @@
 #include <string>
 #include <thread>
 
+#include "base/sleep.h"
 #include "bench/marks.h"
-#include "core/sleep.h"
-#include "tests/support/process_table.h"
+#include "sandbox/process_table.h"
 
 namespace PmBench {
 
-void PrepareHost(const PmTest::Sandbox& sandbox) {
+void PrepareHost(const PmSandbox::Sandbox& sandbox) {
   const unsigned cores = std::max(std::thread::hardware_concurrency(), 1U);
   sandbox.MakePlatformGroups("0-" + std::to_string(cores - 1));
-  sandbox.InstallProgram(PmTest::ProgramPath("bench-service"), kServicePath);
+  sandbox.InstallProgram(PmSandbox::ProgramPath("bench-service"), kServicePath);
 }
 
 long ResidentKib(pid_t pid) {
-  return std::stol(PmTest::StatusField(pid, "VmRSS"));
+  return std::stol(PmSandbox::StatusField(pid, "VmRSS"));
 }
 
 double IdleCpuUsPerSecond(pid_t pid, int seconds) {

@@ -5,12 +5,12 @@
 #include <sys/types.h>
 
 #include "bench/clock.h"
-#include "tests/support/sandbox.h"
+#include "sandbox/sandbox.h"
 
 namespace PmBench {
 
 // Gives the sandbox the platform's groups, with all cores in them, and bench-service at its place.
-void PrepareHost(const PmTest::Sandbox& sandbox);
+void PrepareHost(const PmSandbox::Sandbox& sandbox);
 
 [[nodiscard]] long ResidentKib(pid_t pid);
 

@@ -4,7 +4,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "tests/support/wait.h"
+#include "sandbox/wait.h"
 
 namespace PmBench {
 
@@ -15,8 +15,8 @@ long long LastMainNs(const std::vector<Mark>& marks) {
       ->mainNs;
 }
 
-Marks::Marks(const PmTest::Sandbox& sandbox, const std::string& name)
-    : sandbox_(sandbox), path_(std::string(PmTest::Sandbox::kDir) + "/marks." + name) {
+Marks::Marks(const PmSandbox::Sandbox& sandbox, const std::string& name)
+    : sandbox_(sandbox), path_(std::string(PmSandbox::Sandbox::kDir) + "/marks." + name) {
   sandbox.WriteFile(path_, "", 0666);
 }
 
@@ -31,7 +31,7 @@ std::vector<Mark> Marks::Read() const {
 
 std::vector<Mark> Marks::Await(std::size_t count) const {
   std::vector<Mark> marks;
-  if (!PmTest::Eventually([&] { return (marks = Read()).size() >= count; })) {
+  if (!PmSandbox::Eventually([&] { return (marks = Read()).size() >= count; })) {
     throw std::runtime_error(std::to_string(marks.size()) + " of " + std::to_string(count) +
                              " services came to their main");
   }

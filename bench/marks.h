@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/sandbox.h"
+#include "sandbox/sandbox.h"
 
 namespace PmBench {
 
@@ -26,7 +26,7 @@ long long LastMainNs(const std::vector<Mark>& marks);
 // The file of one run; the services append to it.
 class Marks {
  public:
-  Marks(const PmTest::Sandbox& sandbox, const std::string& name);
+  Marks(const PmSandbox::Sandbox& sandbox, const std::string& name);
 
   // Its path inside the sandbox: the first argument of the services.
   [[nodiscard]] const std::string& Path() const { return path_; }
@@ -38,7 +38,7 @@ class Marks {
  private:
   [[nodiscard]] std::vector<Mark> Read() const;
 
-  const PmTest::Sandbox& sandbox_;
+  const PmSandbox::Sandbox& sandbox_;
   std::string path_;
 };
 

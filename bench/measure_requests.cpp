@@ -1,11 +1,11 @@
 #include <random>
 #include <vector>
 
+#include "base/sleep.h"
 #include "bench/clock.h"
 #include "bench/floor.h"
 #include "bench/measures.h"
 #include "bench/served_daemon.h"
-#include "core/sleep.h"
 
 namespace PmBench {
 namespace {

@@ -1,11 +1,11 @@
 #include <csignal>
 #include <random>
 
+#include "base/sleep.h"
 #include "bench/booted_daemon.h"
 #include "bench/clock.h"
 #include "bench/floor.h"
 #include "bench/measures.h"
-#include "core/sleep.h"
 
 namespace PmBench {
 namespace {

@@ -1,13 +1,13 @@
 #include "bench/served_daemon.h"
 
 #include "message/request_msg.h"
-#include "tests/support/service_file.h"
-#include "tests/support/system_error.h"
+#include "sandbox/service_file.h"
+#include "sandbox/system_error.h"
 
 namespace PmBench {
 namespace {
 
-using PmTest::Demand;
+using PmSandbox::Demand;
 
 std::vector<std::string> Names(int first, int count) {
   std::vector<std::string> names;
@@ -25,26 +25,26 @@ ServedDaemon::ServedDaemon() : serviceFile_(Prepare()), daemon_(sandbox_, {servi
 
 std::string ServedDaemon::Prepare() const {
   PrepareHost(sandbox_);
-  const std::string folder = PmTest::Sandbox::kDir;
+  const std::string folder = PmSandbox::Sandbox::kDir;
   sandbox_.WriteFile(
       folder + "/applications.yaml",
-      PmTest::ServiceFile({{"app-${[0-9]+}", kServicePath, {marks_.Path(), "--rest"}, {}}}));
+      PmSandbox::ServiceFile({{"app-${[0-9]+}", kServicePath, {marks_.Path(), "--rest"}, {}}}));
   const std::vector<std::string> arguments = {services_.Path(), "--rest"};
   sandbox_.WriteFile(
       folder + "/base.yaml",
-      PmTest::ServiceFile({{"iammgr", kServicePath, arguments, {{"isReporting", "true"}}},
-                           {"owner",
-                            kServicePath,
-                            arguments,
-                            {{"isReporting", "true"},
-                             {"dependList", "[iammgr]"},
-                             {"startupEntryPath", folder + "/applications.yaml"}}}}));
+      PmSandbox::ServiceFile({{"iammgr", kServicePath, arguments, {{"isReporting", "true"}}},
+                              {"owner",
+                               kServicePath,
+                               arguments,
+                               {{"isReporting", "true"},
+                                {"dependList", "[iammgr]"},
+                                {"startupEntryPath", folder + "/applications.yaml"}}}}));
   return folder + "/base.yaml";
 }
 
 void ServedDaemon::Boot() {
-  for (PmTest::AgentPeer* const agent : {&iammgr_, &owner_}) {
-    Demand(agent->AwaitChannel() && agent->ReportState(PmTest::kStateReady),
+  for (PmSandbox::AgentPeer* const agent : {&iammgr_, &owner_}) {
+    Demand(agent->AwaitChannel() && agent->ReportState(PmSandbox::kStateReady),
            agent->Name() + " got no channel:\n" + log_.Text());
   }
   Demand(log_.WaitFor("InitBaseApplication end").has_value(),

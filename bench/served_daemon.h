@@ -13,10 +13,10 @@
 
 #include "bench/host.h"
 #include "bench/marks.h"
-#include "tests/support/agent_peer.h"
-#include "tests/support/daemon.h"
-#include "tests/support/log_reader.h"
-#include "tests/support/sandbox.h"
+#include "sandbox/agent_peer.h"
+#include "sandbox/daemon.h"
+#include "sandbox/log_reader.h"
+#include "sandbox/sandbox.h"
 
 namespace PmBench {
 
@@ -26,7 +26,7 @@ class ServedDaemon {
   // fails, as all operations do.
   ServedDaemon();
 
-  [[nodiscard]] const PmTest::Sandbox& Host() const { return sandbox_; }
+  [[nodiscard]] const PmSandbox::Sandbox& Host() const { return sandbox_; }
   // Of the applications, in the order of their starts.
   [[nodiscard]] const Marks& Applications() const { return marks_; }
   [[nodiscard]] pid_t Pid() const { return daemon_.Pid(); }
@@ -47,14 +47,14 @@ class ServedDaemon {
   [[nodiscard]] std::string Prepare() const;
   void Boot();
 
-  PmTest::Sandbox sandbox_;
-  PmTest::LogReader log_{sandbox_};
-  PmTest::AgentPeer iammgr_{sandbox_, "iammgr"};
-  PmTest::AgentPeer owner_{sandbox_, "owner"};
+  PmSandbox::Sandbox sandbox_;
+  PmSandbox::LogReader log_{sandbox_};
+  PmSandbox::AgentPeer iammgr_{sandbox_, "iammgr"};
+  PmSandbox::AgentPeer owner_{sandbox_, "owner"};
   Marks services_{sandbox_, "services"};
   Marks marks_{sandbox_, "applications"};
   std::string serviceFile_;
-  PmTest::Daemon daemon_;
+  PmSandbox::Daemon daemon_;
 };
 
 // States of a report, as the frames carry them.

@@ -1,6 +1,8 @@
 # How every target of the project is built: one set of warnings, one set of hardening flags, and the
 # functions pm_library, pm_program, pm_unit_test and pm_fuzz_target.
 
+include(${CMAKE_CURRENT_LIST_DIR}/rooms.cmake)
+
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
@@ -47,6 +49,7 @@ function(pm_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
   target_link_libraries(${name} PUBLIC pm_flags ${ARG_LINK})
+  pm_in_room(${name})
 endfunction()
 
 # pm_program(NAME SOURCES... LINK targets...): a program in bin/ of the build folder.
@@ -54,4 +57,5 @@ function(pm_program name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE pm_flags ${ARG_LINK})
+  pm_in_room(${name})
 endfunction()

@@ -24,8 +24,8 @@
 #include <vector>
 
 #include "app/app_info.h"
-#include "core/mutex.h"
-#include "core/steady_time.h"
+#include "base/mutex.h"
+#include "base/steady_time.h"
 
 namespace ProcMgr {
 

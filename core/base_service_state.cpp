@@ -1,6 +1,6 @@
 // What a base service says about itself.
+#include "base/boot_trace.h"
 #include "core/app_lists.h"
-#include "core/boot_trace.h"
 #include "core/faults.h"
 #include "core/log.h"
 #include "core/process_manager.h"

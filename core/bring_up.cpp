@@ -1,11 +1,11 @@
 // The base services come up: round by round along their dependency graph, one at a time.
+#include "base/boot_trace.h"
+#include "base/sleep.h"
 #include "core/app_lists.h"
-#include "core/boot_trace.h"
 #include "core/faults.h"
 #include "core/host_context.h"
 #include "core/log.h"
 #include "core/process_manager.h"
-#include "core/sleep.h"
 #include "host/kernel_cmdline.h"
 #include "host/watchdog.h"
 #include "platform/heartbeat/heartbeat.h"

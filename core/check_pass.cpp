@@ -1,11 +1,11 @@
 // The supervision loop: a pass over all records, every 30 ms.
 #include <chrono>
 
+#include "base/sleep.h"
 #include "core/app_lists.h"
 #include "core/faults.h"
 #include "core/log.h"
 #include "core/process_manager.h"
-#include "core/sleep.h"
 #include "host/core_affinity_mgr.h"
 #include "platform/heartbeat/heartbeat.h"
 

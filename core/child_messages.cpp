@@ -1,7 +1,7 @@
-#include "core/child_msg_pipe.h"
+#include "base/child_msg_pipe.h"
+#include "base/sleep.h"
 #include "core/log.h"
 #include "core/process_manager.h"
-#include "core/sleep.h"
 
 namespace ProcMgr {
 

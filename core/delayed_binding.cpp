@@ -7,11 +7,11 @@
 #include <csignal>
 #include <utility>
 
+#include "base/sleep.h"
 #include "core/app_lists.h"
 #include "core/host_context.h"
 #include "core/log.h"
 #include "core/process_manager.h"
-#include "core/sleep.h"
 #include "host/core_affinity_mgr.h"
 
 namespace ProcMgr {

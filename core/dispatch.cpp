@@ -4,10 +4,10 @@
 #include <cstring>
 #include <exception>
 
-#include "core/boot_trace.h"
+#include "base/boot_trace.h"
+#include "base/steady_time.h"
 #include "core/log.h"
 #include "core/process_manager.h"
-#include "core/steady_time.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {

@@ -2,9 +2,9 @@
 
 #include <map>
 
+#include "base/mutex.h"
 #include "core/app_lists.h"
 #include "core/log.h"
-#include "core/mutex.h"
 #include "platform/heartbeat/heartbeat.h"
 #include "platform/plat/plat.h"
 #include "platform/securec/securec.h"

@@ -3,8 +3,8 @@
 // Each request works through its list with generalAppMutex_ held for one entry at a time. What can
 // be said at once is collected in a list of changes and reported when the list is through, outside
 // the lock; what takes time is reported by the check pass.
+#include "base/boot_trace.h"
 #include "core/app_lists.h"
-#include "core/boot_trace.h"
 #include "core/faults.h"
 #include "core/log.h"
 #include "core/process_manager.h"

@@ -9,7 +9,7 @@
 #include <map>
 #include <string>
 
-#include "core/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace ProcMgr {
 
@@ -35,7 +35,7 @@ struct HostContext {
   std::atomic<bool> delayCoreAffinityReceived_ = false;
   // Stops a scan of the core binding thread that is under way.
   std::atomic<bool> coreAffinityCheckSuspend_ = false;
-  // The two ends of the child message pipe (core/child_msg_pipe.h).
+  // The two ends of the child message pipe (base/child_msg_pipe.h).
   UniqueFd childMsgReadFd_;
   UniqueFd childMsgWriteFd_;
 };

@@ -11,10 +11,10 @@
 #include <cstring>
 #include <string>
 
-#include "core/fork_locks.h"
+#include "base/fork_locks.h"
+#include "base/mutex.h"
+#include "base/unique_fd.h"
 #include "core/host_context.h"
-#include "core/mutex.h"
-#include "core/unique_fd.h"
 
 namespace ProcMgr {
 namespace {

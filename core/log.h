@@ -6,7 +6,7 @@
 // name: error 3, warning 4, information 6, debug 7. The text stands whole at its call site.
 //
 // Any thread may call. syslog's own lock is taken only inside this unit, under a lock that is held
-// over every fork (core/fork_locks.h), so a child never finds it taken.
+// over every fork (base/fork_locks.h), so a child never finds it taken.
 #ifndef CORE_LOG_H
 #define CORE_LOG_H
 

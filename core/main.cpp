@@ -6,13 +6,14 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/boot_trace.h"
+#include "base/standard_path.h"
 #include "core/app_lists.h"
-#include "core/boot_trace.h"
 #include "core/host_context.h"
 #include "core/log.h"
 #include "core/process_manager.h"
-#include "core/standard_path.h"
 #include "platform/iam/iam.h"
+#include "platform/timer/generic_timer.h"
 
 namespace ProcMgr {
 namespace {
@@ -65,6 +66,7 @@ bool ResolvePath(const char* argument, std::string& path) {
 int Main(int argc, char** argv) {
   HostContext& context = HostContext::Instance();
   context.pid_ = getpid();
+  SetBootClock({&GenericTimerCount, &GenericTimerFrequency});
   OpenLog();
   (void)signal(SIGPIPE, SIG_IGN);
   if (argc < 2) {

@@ -10,7 +10,7 @@
 
 #include <string>
 
-#include "core/mutex.h"
+#include "base/mutex.h"
 
 namespace ProcMgr {
 

@@ -4,8 +4,8 @@
 #include <tuple>
 #include <utility>
 
+#include "base/boot_trace.h"
 #include "core/app_lists.h"
-#include "core/boot_trace.h"
 #include "core/faults.h"
 #include "core/log.h"
 #include "core/process_manager.h"

@@ -35,8 +35,8 @@
 
 #include "app/app_info.h"
 #include "app/manifest.h"
+#include "base/mutex.h"
 #include "core/app_lists.h"
-#include "core/mutex.h"
 #include "core/opening_guard.h"
 #include "host/core_affinity_mgr.h"
 #include "host/proc_mgr_cfg.h"

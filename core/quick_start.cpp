@@ -4,10 +4,11 @@
 #include <csignal>
 #include <cstdint>
 
-#include "core/boot_trace.h"
+#include "base/boot_trace.h"
+#include "base/sleep.h"
 #include "core/host_context.h"
 #include "core/log.h"
-#include "core/sleep.h"
+#include "platform/timer/generic_timer.h"
 
 namespace ProcMgr {
 namespace {

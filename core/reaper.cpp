@@ -5,10 +5,10 @@
 // stranger, and whoever signals it under the same lock hits the right process or its zombie.
 #include <sys/wait.h>
 
+#include "base/sleep.h"
 #include "core/app_lists.h"
 #include "core/log.h"
 #include "core/process_manager.h"
-#include "core/sleep.h"
 
 namespace ProcMgr {
 namespace {

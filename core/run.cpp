@@ -2,8 +2,8 @@
 #include <exception>
 
 #include "app/user_groups.h"
-#include "core/boot_trace.h"
-#include "core/child_msg_pipe.h"
+#include "base/boot_trace.h"
+#include "base/child_msg_pipe.h"
 #include "core/delayed_binding.h"
 #include "core/faults.h"
 #include "core/host_context.h"

@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
+#include "base/printable.h"
 #include "core/app_lists.h"
 #include "core/log.h"
-#include "core/printable.h"
 #include "core/process_manager.h"
 #include "host/core_affinity_mgr.h"
 #include "host/sharepool_cfg.h"

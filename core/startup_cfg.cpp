@@ -1,6 +1,6 @@
 // The start-up configuration of general applications: what a base service may ask to be started.
+#include "base/boot_trace.h"
 #include "core/app_lists.h"
-#include "core/boot_trace.h"
 #include "core/log.h"
 #include "core/process_manager.h"
 #include "message/serialization.h"

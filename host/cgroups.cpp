@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <iterator>
 
+#include "base/small_file.h"
 #include "core/host_context.h"
 #include "core/log.h"
-#include "core/small_file.h"
 #include "host/core_affinity_mgr.h"
 
 namespace ProcMgr {

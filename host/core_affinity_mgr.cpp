@@ -10,10 +10,10 @@
 #include <thread>
 #include <utility>
 
+#include "base/small_file.h"
+#include "base/standard_path.h"
+#include "base/text.h"
 #include "core/log.h"
-#include "core/small_file.h"
-#include "core/standard_path.h"
-#include "core/text.h"
 #include "host/dir_stream.h"
 
 namespace ProcMgr {

@@ -8,7 +8,7 @@
 // The core lists are filled on the boot thread before anybody reads them, and never change again;
 // they take no lock. The thread table has the one lock of the class. What runs in a forked child
 // (SetCoreAffinityToOs and what it calls) reads the core lists alone and takes no lock but the
-// log's, which is free in a child (core/fork_locks.h).
+// log's, which is free in a child (base/fork_locks.h).
 #ifndef HOST_CORE_AFFINITY_MGR_H
 #define HOST_CORE_AFFINITY_MGR_H
 
@@ -23,7 +23,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/mutex.h"
+#include "base/mutex.h"
 
 namespace ProcMgr {
 

@@ -4,9 +4,9 @@
 #include <limits>
 #include <optional>
 
+#include "base/small_file.h"
+#include "base/text.h"
 #include "core/log.h"
-#include "core/small_file.h"
-#include "core/text.h"
 #include "host/core_affinity_mgr.h"
 #include "host/text_lines.h"
 

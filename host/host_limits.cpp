@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "base/small_file.h"
+#include "base/text.h"
 #include "core/log.h"
-#include "core/small_file.h"
-#include "core/text.h"
 #include "host/text_lines.h"
 
 namespace ProcMgr {

@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <optional>
 
+#include "base/sleep.h"
+#include "base/small_file.h"
 #include "core/log.h"
-#include "core/sleep.h"
-#include "core/small_file.h"
 #include "host/text_lines.h"
 
 namespace ProcMgr {

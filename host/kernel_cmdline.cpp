@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <map>
 
-#include "core/child_msg_pipe.h"
+#include "base/child_msg_pipe.h"
+#include "base/small_file.h"
+#include "base/standard_path.h"
 #include "core/log.h"
-#include "core/small_file.h"
-#include "core/standard_path.h"
 #include "host/text_lines.h"
 
 namespace ProcMgr {

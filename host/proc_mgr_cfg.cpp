@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
+#include "base/text.h"
 #include "core/log.h"
-#include "core/text.h"
 
 namespace ProcMgr {
 namespace {

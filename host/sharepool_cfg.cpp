@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "base/standard_path.h"
 #include "core/log.h"
-#include "core/standard_path.h"
 #include "host/dir_stream.h"
 #include "platform/plat/plat.h"
 

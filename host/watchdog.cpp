@@ -10,10 +10,10 @@
 #include <limits>
 #include <optional>
 
+#include "base/small_file.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "core/log.h"
-#include "core/small_file.h"
-#include "core/text.h"
-#include "core/unique_fd.h"
 
 namespace ProcMgr {
 namespace {

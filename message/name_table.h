@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "core/mutex.h"
-#include "core/steady_time.h"
-#include "core/unique_fd.h"
+#include "base/mutex.h"
+#include "base/steady_time.h"
+#include "base/unique_fd.h"
 
 namespace ProcMgr {
 

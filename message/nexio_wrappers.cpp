@@ -1,6 +1,6 @@
 #include "message/nexio_wrappers.h"
 
-#include "core/sleep.h"
+#include "base/sleep.h"
 
 namespace ProcMgr {
 namespace {

@@ -7,11 +7,11 @@
 #include <cstring>
 #include <utility>
 
-#include "core/app_state.h"
-#include "core/boot_trace.h"
+#include "base/app_state.h"
+#include "base/boot_trace.h"
+#include "base/mutex.h"
+#include "base/sleep.h"
 #include "core/log.h"
-#include "core/mutex.h"
-#include "core/sleep.h"
 #include "message/name_table.h"
 #include "message/nexio_wrappers.h"
 

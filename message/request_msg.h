@@ -82,7 +82,7 @@ struct AppStateInfo {
   std::string appName;
   std::int32_t pid = 0;
   std::uint32_t gid = 0;
-  std::uint32_t state = 0;    // The number of a ReportAppStateType (core/app_state.h).
+  std::uint32_t state = 0;    // The number of a ReportAppStateType (base/app_state.h).
   std::uint32_t eioFlag = 0;  // 1: the process ended because its program couldn't be read.
 };
 

@@ -4,9 +4,9 @@
 #include <string_view>
 #include <utility>
 
+#include "base/printable.h"
+#include "base/sleep.h"
 #include "core/log.h"
-#include "core/printable.h"
-#include "core/sleep.h"
 #include "message/nexio_wrappers.h"
 
 namespace PmUpload {

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "app/manifest.h"
+#include "base/printable.h"
 #include "core/log.h"
-#include "core/printable.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 #include "examples/services/known_apps.h"
 
 #include "app/manifest.h"
-#include "core/small_file.h"
-#include "core/text.h"
+#include "base/small_file.h"
+#include "base/text.h"
 
 namespace Example {
 namespace {

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "core/app_state.h"
+#include "base/app_state.h"
 #include "tools/local/local_client.h"
 
 namespace Example {

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "core/mutex.h"
-#include "core/steady_time.h"
+#include "base/mutex.h"
+#include "base/steady_time.h"
 #include "message/request_msg.h"
 
 namespace Example {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "core/app_state.h"
+#include "base/app_state.h"
 
 namespace Example {
 namespace {

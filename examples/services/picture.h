@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "core/mutex.h"
+#include "base/mutex.h"
 #include "examples/services/known_apps.h"
 #include "message/request_msg.h"
 

@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "agent/process_manager_agent.h"
-#include "core/steady_time.h"
+#include "base/steady_time.h"
 
 namespace Example {
 

@@ -5,10 +5,10 @@
 #include <string_view>
 #include <utility>
 
+#include "base/immortal.h"
+#include "base/mutex.h"
 #include "core/log.h"
-#include "core/mutex.h"
 #include "platform/heartbeat/heartbeat_watcher.h"
-#include "platform/immortal.h"
 
 namespace ProcMgr {
 namespace {

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/steady_time.h"
+#include "base/steady_time.h"
 #include "platform/heartbeat/heartbeat.h"
 
 namespace ProcMgr::HeartBeat {

@@ -14,8 +14,8 @@
 #include <system_error>
 #include <utility>
 
+#include "base/block_signals.h"
 #include "core/log.h"
-#include "platform/block_signals.h"
 
 namespace ProcMgr::HeartBeat {
 namespace {

@@ -7,9 +7,9 @@
 #include <thread>
 #include <vector>
 
-#include "core/mutex.h"
-#include "core/steady_time.h"
-#include "core/unique_fd.h"
+#include "base/mutex.h"
+#include "base/steady_time.h"
+#include "base/unique_fd.h"
 #include "platform/heartbeat/heartbeat_table.h"
 
 namespace ProcMgr::HeartBeat {

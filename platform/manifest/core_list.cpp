@@ -4,7 +4,7 @@
 #include <optional>
 #include <utility>
 
-#include "core/text.h"
+#include "base/text.h"
 
 namespace ProcMgr::Manifest {
 namespace {

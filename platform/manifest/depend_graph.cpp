@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "app/manifest.h"
+#include "base/printable.h"
 #include "core/log.h"
-#include "core/printable.h"
 #include "platform/manifest/circles.h"
 
 namespace ProcMgr {

@@ -1,7 +1,7 @@
 #include "platform/manifest/faults.h"
 
+#include "base/printable.h"
 #include "core/log.h"
-#include "core/printable.h"
 
 namespace ProcMgr::Manifest {
 

@@ -3,8 +3,8 @@
 #include <exception>
 #include <utility>
 
-#include "core/small_file.h"
-#include "core/text.h"
+#include "base/small_file.h"
+#include "base/text.h"
 #include "platform/manifest/manifest_values.h"
 #include "platform/manifest/yaml_tree.h"
 

@@ -8,8 +8,8 @@
 #include <system_error>
 #include <utility>
 
-#include "core/printable.h"
-#include "core/user_lookup.h"
+#include "base/printable.h"
+#include "base/user_lookup.h"
 #include "platform/manifest/pattern.h"
 
 namespace ProcMgr::Manifest {

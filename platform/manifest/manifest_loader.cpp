@@ -9,9 +9,9 @@
 #include <unordered_map>
 #include <utility>
 
-#include "core/printable.h"
-#include "core/small_file.h"
-#include "core/standard_path.h"
+#include "base/printable.h"
+#include "base/small_file.h"
+#include "base/standard_path.h"
 #include "platform/manifest/manifest_keys.h"
 
 namespace ProcMgr::Manifest {

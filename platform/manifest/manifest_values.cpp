@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "core/printable.h"
+#include "base/printable.h"
 #include "platform/manifest/core_list.h"
 #include "platform/manifest/nearest_word.h"
 

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "app/manifest.h"
+#include "base/mutex.h"
+#include "base/printable.h"
 #include "core/log.h"
-#include "core/mutex.h"
-#include "core/printable.h"
 #include "platform/manifest/manifest_loader.h"
 #include "platform/manifest/pattern.h"
 

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "core/printable.h"
+#include "base/printable.h"
 
 namespace ProcMgr::Manifest {
 namespace {

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/mutex.h"
+#include "base/mutex.h"
 
 namespace re2 {
 class RE2;

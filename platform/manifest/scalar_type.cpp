@@ -4,7 +4,7 @@
 #include <cctype>
 #include <limits>
 
-#include "core/text.h"
+#include "base/text.h"
 #include "platform/manifest/manifest_values.h"
 
 namespace ProcMgr::Manifest {

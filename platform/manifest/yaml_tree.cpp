@@ -9,7 +9,7 @@
 #include <array>
 #include <sstream>
 
-#include "core/printable.h"
+#include "base/printable.h"
 #include "platform/manifest/utf8.h"
 
 namespace ProcMgr::Manifest {

@@ -11,8 +11,8 @@
 #include <chrono>
 #include <cstdio>
 
+#include "base/sleep.h"
 #include "core/log.h"
-#include "core/sleep.h"
 #include "platform/nexio/arrival_watch.h"
 
 namespace ProcMgr::Nexio {

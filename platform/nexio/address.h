@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "core/steady_time.h"
-#include "core/unique_fd.h"
+#include "base/steady_time.h"
+#include "base/unique_fd.h"
 
 namespace ProcMgr::Nexio {
 

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <utility>
 
-#include "core/mutex.h"
-#include "platform/immortal.h"
+#include "base/immortal.h"
+#include "base/mutex.h"
 #include "platform/nexio/address.h"
 
 namespace ProcMgr::Nexio {

@@ -2,8 +2,8 @@
 #ifndef PLATFORM_NEXIO_ARRIVAL_WATCH_H
 #define PLATFORM_NEXIO_ARRIVAL_WATCH_H
 
-#include "core/steady_time.h"
-#include "core/unique_fd.h"
+#include "base/steady_time.h"
+#include "base/unique_fd.h"
 
 namespace ProcMgr::Nexio {
 

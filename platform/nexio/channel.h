@@ -28,9 +28,9 @@
 #include <thread>
 #include <vector>
 
-#include "core/mutex.h"
-#include "core/steady_time.h"
-#include "core/unique_fd.h"
+#include "base/mutex.h"
+#include "base/steady_time.h"
+#include "base/unique_fd.h"
 #include "message/nexio.h"
 #include "platform/nexio/nexio_peer.h"
 #include "platform/nexio/packet.h"

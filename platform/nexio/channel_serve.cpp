@@ -6,8 +6,8 @@
 #include <string_view>
 #include <utility>
 
+#include "base/sleep.h"
 #include "core/log.h"
-#include "core/sleep.h"
 #include "platform/nexio/channel.h"
 #include "platform/nexio/wire_io.h"
 

@@ -4,8 +4,8 @@
 
 #include <string_view>
 
-#include "core/steady_time.h"
-#include "core/unique_fd.h"
+#include "base/steady_time.h"
+#include "base/unique_fd.h"
 #include "platform/nexio/nexio_peer.h"
 
 namespace ProcMgr::Nexio {

@@ -4,7 +4,7 @@
 #include <limits>
 #include <utility>
 
-#include "platform/immortal.h"
+#include "base/immortal.h"
 #include "platform/nexio/channel.h"
 #include "platform/nexio/server.h"
 

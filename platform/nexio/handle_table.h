@@ -6,7 +6,7 @@
 #include <set>
 #include <unordered_map>
 
-#include "core/mutex.h"
+#include "base/mutex.h"
 
 namespace ProcMgr::Nexio {
 

@@ -15,8 +15,8 @@
 #include <system_error>
 #include <thread>
 
-#include "platform/block_signals.h"
-#include "platform/immortal.h"
+#include "base/block_signals.h"
+#include "base/immortal.h"
 
 namespace ProcMgr::Nexio {
 namespace {

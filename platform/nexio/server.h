@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "core/mutex.h"
+#include "base/mutex.h"
 #include "platform/nexio/address.h"
 #include "platform/nexio/channel.h"
 #include "platform/nexio/nexio_peer.h"

@@ -8,7 +8,7 @@
 #include <optional>
 #include <span>
 
-#include "core/steady_time.h"
+#include "base/steady_time.h"
 #include "platform/nexio/packet.h"
 
 namespace ProcMgr::Nexio {

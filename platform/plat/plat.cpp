@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "core/small_file.h"
+#include "base/small_file.h"
 #include "platform/plat/plat_record.h"
 
 namespace ProcMgr {

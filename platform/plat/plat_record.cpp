@@ -11,8 +11,8 @@
 #include <string_view>
 #include <utility>
 
-#include "core/text.h"
-#include "core/unique_fd.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 
 namespace ProcMgr {
 namespace {

@@ -9,7 +9,7 @@
 #include <set>
 #include <string>
 
-#include "core/mutex.h"
+#include "base/mutex.h"
 #include "platform/plat/plat.h"
 
 namespace ProcMgr {

@@ -1,6 +1,6 @@
-#include <ctime>
+#include "platform/timer/generic_timer.h"
 
-#include "core/boot_trace.h"
+#include <ctime>
 
 namespace ProcMgr {
 

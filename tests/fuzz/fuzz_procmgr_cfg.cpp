@@ -1,4 +1,4 @@
-#include "core/text.h"
+#include "base/text.h"
 #include "host/proc_mgr_cfg.h"
 #include "tests/fuzz/fuzz_input.h"
 #include "tests/unit/host/captured_log.h"

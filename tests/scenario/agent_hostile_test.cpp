@@ -3,7 +3,7 @@
 
 #include <csignal>
 
-#include "tests/support/agent_peer.h"
+#include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {

@@ -7,10 +7,10 @@
 #include <memory>
 #include <thread>
 
-#include "core/unique_fd.h"
-#include "tests/support/agent_peer.h"
+#include "base/unique_fd.h"
+#include "sandbox/agent_peer.h"
+#include "sandbox/socket_path.h"
 #include "tests/support/scenario_test.h"
-#include "tests/support/socket_path.h"
 
 namespace PmTest {
 namespace {

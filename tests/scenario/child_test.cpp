@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "core/text.h"
+#include "base/text.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {

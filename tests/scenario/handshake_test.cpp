@@ -6,7 +6,7 @@
 #include <map>
 #include <memory>
 
-#include "tests/support/agent_peer.h"
+#include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {

@@ -4,8 +4,8 @@
 
 #include <filesystem>
 
-#include "core/small_file.h"
-#include "core/text.h"
+#include "base/small_file.h"
+#include "base/text.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {

@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "core/small_file.h"
+#include "base/small_file.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <sstream>
 
-#include "tests/support/agent_peer.h"
+#include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {

@@ -7,8 +7,8 @@
 #include <csignal>
 #include <nlohmann/json.hpp>
 
-#include "core/small_file.h"
-#include "core/text.h"
+#include "base/small_file.h"
+#include "base/text.h"
 #include "tests/support/scenario_test.h"
 #include "tools/demo/demo_platform.h"
 

@@ -8,9 +8,9 @@
 #include <utility>
 #include <vector>
 
-#include "core/fork_locks.h"
+#include "base/fork_locks.h"
+#include "base/mutex.h"
 #include "core/log.h"
-#include "core/mutex.h"
 
 namespace PmTest {
 

@@ -1,4 +1,4 @@
-#include "tests/support/log_reader.h"
+#include "sandbox/log_reader.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 
 #include "core/log.h"
 
-namespace PmTest {
+namespace PmSandbox {
 namespace {
 
 TEST(LogReader, LosesNothingOfManySendersAndKeepsTheOrderOfEach) {
@@ -43,4 +43,4 @@ TEST(LogReader, LosesNothingOfManySendersAndKeepsTheOrderOfEach) {
 }
 
 }  // namespace
-}  // namespace PmTest
+}  // namespace PmSandbox

@@ -1,4 +1,4 @@
-#include "tests/support/sandbox.h"
+#include "sandbox/sandbox.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,10 +10,10 @@
 #include <filesystem>
 #include <memory>
 
-#include "tests/support/process.h"
+#include "sandbox/process.h"
 #include "tests/support/service_report.h"
 
-namespace PmTest {
+namespace PmSandbox {
 namespace {
 
 // Holds on to a cgroup, so that one can see whether it has been removed, wherever it is mounted.
@@ -35,7 +35,7 @@ pid_t LeaveOrphan(const Sandbox& sandbox) {
       sandbox, "/bin/sh",
       {"-c", std::string("/opt/test/test-service --ignore-term --report ") + kReport + " &"}, {});
   (void)shell.WaitExit();
-  return AwaitReport(sandbox, kReport).Pid();
+  return PmTest::AwaitReport(sandbox, kReport).Pid();
 }
 
 TEST(Sandbox, TwoHoldTheirOwnFilesAndTheHostHoldsNone) {
@@ -97,4 +97,4 @@ TEST(Sandbox, NextOneRemovesWhatAKilledOwnerLeft) {
 }
 
 }  // namespace
-}  // namespace PmTest
+}  // namespace PmSandbox

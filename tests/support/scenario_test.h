@@ -10,13 +10,15 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/daemon.h"
-#include "tests/support/log_reader.h"
-#include "tests/support/sandbox.h"
-#include "tests/support/service_file.h"
+#include "sandbox/daemon.h"
+#include "sandbox/log_reader.h"
+#include "sandbox/sandbox.h"
+#include "sandbox/service_file.h"
 #include "tests/support/service_report.h"
 
 namespace PmTest {
+
+using namespace PmSandbox;  // The stage on which the tests play.
 
 inline constexpr const char* kConfigDir = "/etc/zur/base-plat/process-manager/";
 

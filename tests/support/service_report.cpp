@@ -3,8 +3,8 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "core/text.h"
-#include "tests/support/wait.h"
+#include "base/text.h"
+#include "sandbox/wait.h"
 
 namespace PmTest {
 

@@ -7,9 +7,11 @@
 #include <map>
 #include <string>
 
-#include "tests/support/sandbox.h"
+#include "sandbox/sandbox.h"
 
 namespace PmTest {
+
+using namespace PmSandbox;  // The stage on which the tests play.
 
 class ServiceReport {
  public:

@@ -7,10 +7,12 @@
 #include <thread>
 #include <vector>
 
-#include "core/mutex.h"
-#include "tests/support/wait.h"
+#include "base/mutex.h"
+#include "sandbox/wait.h"
 
 namespace PmTest {
+
+using namespace PmSandbox;  // The stage on which the tests play.
 
 using Lines = std::vector<std::string>;
 

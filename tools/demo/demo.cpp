@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/daemon.h"
-#include "tests/support/log_reader.h"
-#include "tests/support/sandbox.h"
+#include "sandbox/daemon.h"
+#include "sandbox/log_reader.h"
+#include "sandbox/sandbox.h"
 #include "tools/demo/demo_log.h"
 #include "tools/demo/demo_operator.h"
 #include "tools/demo/demo_platform.h"
@@ -33,7 +33,7 @@ void Say(const std::string& text) {
 }
 
 void Boot(Demo::DemoLog& log) {
-  const PmTest::LogLine end =
+  const PmSandbox::LogLine end =
       log.Await({"EnableWatchDog flag="}, "the boot did not come to its end");
   if (!end.text.ends_with("flag=1")) {
     throw std::runtime_error("a service could not be started; see the lines marked E");
@@ -49,7 +49,7 @@ pid_t PidOf(const std::vector<Demo::ServiceRow>& rows, const std::string& name) 
   throw std::runtime_error(name + " isn't running");
 }
 
-void LoseAndRegain(const PmTest::Sandbox& sandbox, const PmTest::LogReader& lines,
+void LoseAndRegain(const PmSandbox::Sandbox& sandbox, const PmSandbox::LogReader& lines,
                    Demo::DemoLog& log) {
   const pid_t pid = PidOf(Demo::CollectTable(sandbox, lines.Lines()), kVictim);
   Say("kill -9 " + std::to_string(pid) + " (" + kVictim + ")");
@@ -81,7 +81,7 @@ void CheckRows(const std::vector<Demo::ServiceRow>& rows) {
   }
 }
 
-void Stay(const PmTest::Daemon& daemon, Demo::DemoLog& log) {
+void Stay(const PmSandbox::Daemon& daemon, Demo::DemoLog& log) {
   Say("the platform stays up; the manager is process " + std::to_string(daemon.Pid()) +
       "; look around with: nsenter -m -t " + std::to_string(daemon.Pid()) + "; Ctrl-C ends it");
   log.PrintOn();
@@ -97,8 +97,8 @@ std::string WithEarlyApp(const std::string& entries) {
 }
 
 // Prints the kernel log from line `from` on, and yields its length.
-std::size_t PrintKernelLog(const PmTest::Sandbox& sandbox, std::size_t from) {
-  const std::vector<PmTest::LogLine> lines = PmTest::KernelLog(sandbox);
+std::size_t PrintKernelLog(const PmSandbox::Sandbox& sandbox, std::size_t from) {
+  const std::vector<PmSandbox::LogLine> lines = PmSandbox::KernelLog(sandbox);
   for (std::size_t i = from; i < lines.size(); ++i) {
     std::printf("   kmsg  %s\n", lines[i].text.c_str());
   }
@@ -107,23 +107,23 @@ std::size_t PrintKernelLog(const PmTest::Sandbox& sandbox, std::size_t from) {
 }
 
 // The early phase of a quick start: the kernel log has it, and it lasts until the continue signal.
-void ContinueQuickStart(const PmTest::Sandbox& sandbox, const PmTest::Daemon& daemon) {
-  if (!PmTest::WaitForKernelLog(sandbox, "InitPriorityApps start priority apps finish")) {
+void ContinueQuickStart(const PmSandbox::Sandbox& sandbox, const PmSandbox::Daemon& daemon) {
+  if (!PmSandbox::WaitForKernelLog(sandbox, "InitPriorityApps start priority apps finish")) {
     throw std::runtime_error("the priority applications have not come up");
   }
   const std::size_t shown = PrintKernelLog(sandbox, 0);
   Say("kill -CONT " + std::to_string(daemon.Pid()) + " (the quick start may go on)");
   if (kill(daemon.Pid(), SIGCONT) != 0 ||
-      !PmTest::WaitForKernelLog(sandbox, "wait success for continue startup")) {
+      !PmSandbox::WaitForKernelLog(sandbox, "wait success for continue startup")) {
     throw std::runtime_error("the manager has not heard the continue signal");
   }
   (void)PrintKernelLog(sandbox, shown);
 }
 
 void Run(bool stay, bool quick) {
-  const PmTest::Sandbox sandbox;
+  const PmSandbox::Sandbox sandbox;
   Demo::InstallPlatform(sandbox);
-  const PmTest::LogReader lines(sandbox);
+  const PmSandbox::LogReader lines(sandbox);
   Demo::DemoLog log(lines, interrupted);
   std::vector<std::string> arguments = {Demo::kPlatformFile};
   if (quick) {
@@ -132,7 +132,7 @@ void Run(bool stay, bool quick) {
     arguments.emplace_back("true");
   }
   Say(std::string("process-manager ") + Demo::kPlatformFile + (quick ? " true" : ""));
-  PmTest::Daemon daemon(sandbox, arguments);
+  PmSandbox::Daemon daemon(sandbox, arguments);
   if (quick) {
     ContinueQuickStart(sandbox, daemon);
   }

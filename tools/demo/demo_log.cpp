@@ -24,24 +24,24 @@ char LevelLetter(int level) {
 
 }  // namespace
 
-std::optional<PmTest::LogLine> DemoLog::PrintNext() {
+std::optional<PmSandbox::LogLine> DemoLog::PrintNext() {
   if (!log_.WaitFor("", next_, std::chrono::milliseconds(100)).has_value()) {
     return std::nullopt;
   }
-  PmTest::LogLine line = log_.At(next_++);
+  PmSandbox::LogLine line = log_.At(next_++);
   const std::chrono::duration<double> since = line.at - start_;
   std::printf("%8.3f %c %s\n", since.count(), LevelLetter(line.level), line.text.c_str());
   (void)std::fflush(stdout);
   return line;
 }
 
-PmTest::LogLine DemoLog::Await(std::vector<std::string> parts, const std::string& what) {
+PmSandbox::LogLine DemoLog::Await(std::vector<std::string> parts, const std::string& what) {
   const ProcMgr::SteadyTime deadline = ProcMgr::SteadyNow() + kPatience;
   while (ProcMgr::SteadyNow() < deadline) {
     if (interrupted_) {
       throw std::runtime_error("interrupted");
     }
-    const std::optional<PmTest::LogLine> line = PrintNext();
+    const std::optional<PmSandbox::LogLine> line = PrintNext();
     if (line.has_value() &&
         std::erase_if(parts,
                       [&](const std::string& part) {

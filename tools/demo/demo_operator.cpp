@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/process.h"
+#include "sandbox/process.h"
 #include "tools/demo/demo_platform.h"
 
 namespace Demo {
@@ -21,8 +21,8 @@ struct Result {
   std::string output;
 };
 
-Result RunPmctl(const PmTest::Sandbox& sandbox, const std::vector<std::string>& arguments) {
-  PmTest::Process pmctl(sandbox, kPmctl, arguments, {{}, "pmctl"});
+Result RunPmctl(const PmSandbox::Sandbox& sandbox, const std::vector<std::string>& arguments) {
+  PmSandbox::Process pmctl(sandbox, kPmctl, arguments, {{}, "pmctl"});
   const auto status = pmctl.WaitExit();
   if (!status.has_value() || !WIFEXITED(*status)) {
     throw std::runtime_error("pmctl has not come to its end");
@@ -30,7 +30,7 @@ Result RunPmctl(const PmTest::Sandbox& sandbox, const std::vector<std::string>& 
   return {WEXITSTATUS(*status), pmctl.Output()};
 }
 
-void Show(const PmTest::Sandbox& sandbox, const std::vector<std::string>& arguments,
+void Show(const PmSandbox::Sandbox& sandbox, const std::vector<std::string>& arguments,
           int expectedStatus = 0) {
   std::string command = "pmctl";
   for (const std::string& argument : arguments) {
@@ -45,7 +45,7 @@ void Show(const PmTest::Sandbox& sandbox, const std::vector<std::string>& argume
 }
 
 // The row of an application in the picture of the access manager.
-nlohmann::json RowOf(const PmTest::Sandbox& sandbox, const std::string& name) {
+nlohmann::json RowOf(const PmSandbox::Sandbox& sandbox, const std::string& name) {
   const auto picture = nlohmann::json::parse(RunPmctl(sandbox, {"status", "--json"}).output);
   for (const nlohmann::json& row : picture.at("processes")) {
     if (row.at("name") == name) {
@@ -56,20 +56,20 @@ nlohmann::json RowOf(const PmTest::Sandbox& sandbox, const std::string& name) {
 }
 
 // The death is in the picture once the manager has told of it.
-void KillAndAwaitReport(const PmTest::Sandbox& sandbox, const std::string& name) {
+void KillAndAwaitReport(const PmSandbox::Sandbox& sandbox, const std::string& name) {
   const auto pid = RowOf(sandbox, name).at("pid").get<pid_t>();
   std::printf("\n$ kill -9 %d\n", pid);
   if (kill(pid, SIGKILL) != 0) {
     throw std::runtime_error("can't kill " + name);
   }
-  if (!PmTest::Eventually([&] { return RowOf(sandbox, name).at("state") == "failed"; })) {
+  if (!PmSandbox::Eventually([&] { return RowOf(sandbox, name).at("state") == "failed"; })) {
     throw std::runtime_error("nobody has told of the end of " + name);
   }
 }
 
 }  // namespace
 
-void ShowOperator(const PmTest::Sandbox& sandbox) {
+void ShowOperator(const PmSandbox::Sandbox& sandbox) {
   Show(sandbox, {"start", "recorder", "stubborn"});
   Show(sandbox, {"start", "encoder1", "--arg", "--h264", "--env", "QUALITY=high"});
   Show(sandbox, {"query", "encoder1", "recorder", "stubborn"});
@@ -80,7 +80,7 @@ void ShowOperator(const PmTest::Sandbox& sandbox) {
   Show(sandbox, {"status"});
 }
 
-void ShowHandOver(const PmTest::Sandbox& sandbox, const std::string& name) {
+void ShowHandOver(const PmSandbox::Sandbox& sandbox, const std::string& name) {
   Show(sandbox, {"query", name});
   Show(sandbox, {"start", name});  // It runs already: the owner takes it as it is.
   const nlohmann::json row = RowOf(sandbox, name);

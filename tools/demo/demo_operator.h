@@ -4,17 +4,17 @@
 
 #include <string>
 
-#include "tests/support/sandbox.h"
+#include "sandbox/sandbox.h"
 
 namespace Demo {
 
 // Runs applications with pmctl, shows each command with its output, and throws if one of them
 // doesn't end as it should.
-void ShowOperator(const PmTest::Sandbox& sandbox);
+void ShowOperator(const PmSandbox::Sandbox& sandbox);
 
 // Shows with pmctl that an application which came up before its owner is up and has one. Throws if
 // not.
-void ShowHandOver(const PmTest::Sandbox& sandbox, const std::string& name);
+void ShowHandOver(const PmSandbox::Sandbox& sandbox, const std::string& name);
 
 }  // namespace Demo
 

@@ -47,8 +47,8 @@ std::string ReadHostFile(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void InstallFiles(const PmTest::Sandbox& sandbox) {
-  const std::filesystem::path source = PmTest::ProgramPath("../share/platform");
+void InstallFiles(const PmSandbox::Sandbox& sandbox) {
+  const std::filesystem::path source = PmSandbox::ProgramPath("../share/platform");
   for (const char* file :
        {"platform.yaml", "services/access.yaml", "services/sensing.yaml", "services/driving.yaml",
         "services/operator.yaml", "entries/operator.yaml"}) {
@@ -67,7 +67,7 @@ std::string OnlineCores() {
   return cores.empty() ? "0" : cores;
 }
 
-void MakeGroups(const PmTest::Sandbox& sandbox) {
+void MakeGroups(const PmSandbox::Sandbox& sandbox) {
   sandbox.MakePlatformGroups(OnlineCores());
   for (const char* hierarchy : {"cpu", "memory"}) {
     sandbox.MakeGroup(hierarchy, "sensing");
@@ -75,7 +75,7 @@ void MakeGroups(const PmTest::Sandbox& sandbox) {
 }
 
 // Only the service itself may put its socket there.
-void MakeSocketFolder(const PmTest::Sandbox& sandbox, const std::string& service,
+void MakeSocketFolder(const PmSandbox::Sandbox& sandbox, const std::string& service,
                       const std::string& user) {
   const std::string folder = sandbox.Outside("/run/pm/" + service);
   std::filesystem::create_directories(folder);
@@ -99,7 +99,7 @@ const std::vector<PlatformService>& PlatformServices() {
   return services;
 }
 
-void InstallPlatform(const PmTest::Sandbox& sandbox) {
+void InstallPlatform(const PmSandbox::Sandbox& sandbox) {
   MakeGroups(sandbox);
   for (const User& user : kUsers) {
     sandbox.AddUser(user.name, user.id, user.id, std::string("/home/") + user.name,
@@ -107,13 +107,13 @@ void InstallPlatform(const PmTest::Sandbox& sandbox) {
   }
   for (const PlatformService& service : PlatformServices()) {
     // Each program may be run by its own user's group and nobody else.
-    sandbox.InstallProgram(PmTest::ProgramPath(service.name), "/opt/platform/bin/" + service.name,
-                           0, GroupOf(service.user), 0750);
+    sandbox.InstallProgram(PmSandbox::ProgramPath(service.name),
+                           "/opt/platform/bin/" + service.name, 0, GroupOf(service.user), 0750);
   }
   // What people run by way of the operator, and the program with which they do it.
-  sandbox.InstallProgram(PmTest::ProgramPath("sample_app"), "/opt/platform/bin/sample_app", 0,
+  sandbox.InstallProgram(PmSandbox::ProgramPath("sample_app"), "/opt/platform/bin/sample_app", 0,
                          GroupOf("operator"), 0750);
-  sandbox.InstallProgram(PmTest::ProgramPath("pmctl"), kPmctl);
+  sandbox.InstallProgram(PmSandbox::ProgramPath("pmctl"), kPmctl);
   MakeSocketFolder(sandbox, "iammgr", "iam");
   MakeSocketFolder(sandbox, "operator", "operator");
   sandbox.WriteFile("/run/platform/README", "The services of the platform meet here.\n");

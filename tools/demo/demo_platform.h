@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/sandbox.h"
+#include "sandbox/sandbox.h"
 
 namespace Demo {
 
@@ -28,7 +28,7 @@ struct PlatformService {
 const std::vector<PlatformService>& PlatformServices();
 
 // Gives the sandbox the platform's users, groups, programs and files. Throws with what is missing.
-void InstallPlatform(const PmTest::Sandbox& sandbox);
+void InstallPlatform(const PmSandbox::Sandbox& sandbox);
 
 }  // namespace Demo
 

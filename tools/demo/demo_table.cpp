@@ -4,15 +4,15 @@
 #include <cstdio>
 #include <sstream>
 
-#include "core/small_file.h"
-#include "core/text.h"
-#include "tests/support/process_table.h"
+#include "base/small_file.h"
+#include "base/text.h"
+#include "sandbox/process_table.h"
 #include "tools/demo/demo_platform.h"
 
 namespace Demo {
 namespace {
 
-using PmTest::LogLine;
+using PmSandbox::LogLine;
 
 constexpr std::size_t kProcFileLimit = 65536;
 
@@ -56,7 +56,7 @@ void ReadLog(const std::vector<LogLine>& log, const PlatformService& service, Se
 }
 
 // The name of the user with this id in the sandbox's own /etc/passwd.
-std::string UserName(const PmTest::Sandbox& sandbox, const std::string& id) {
+std::string UserName(const PmSandbox::Sandbox& sandbox, const std::string& id) {
   std::istringstream lines(sandbox.ReadFile("/etc/passwd"));
   for (std::string line; std::getline(lines, line);) {
     const std::size_t name = line.find(':');
@@ -80,24 +80,24 @@ std::string CpuGroup(pid_t pid) {
   return {};
 }
 
-void ReadProc(const PmTest::Sandbox& sandbox, ServiceRow& row) {
-  const PmTest::ProcessStat stat = PmTest::ReadStat(row.pid);
+void ReadProc(const PmSandbox::Sandbox& sandbox, ServiceRow& row) {
+  const PmSandbox::ProcessStat stat = PmSandbox::ReadStat(row.pid);
   if (row.pid == 0) {
     row.state = "not started";
   } else if (stat.pid == 0 || stat.state == 'Z') {
     row.state = "ended";
   } else {
     row.state = "running";
-    const std::string ids = PmTest::StatusField(row.pid, "Uid");
+    const std::string ids = PmSandbox::StatusField(row.pid, "Uid");
     row.user = UserName(sandbox, ids.substr(0, ids.find('\t')));
-    row.cores = PmTest::StatusField(row.pid, "Cpus_allowed_list");
+    row.cores = PmSandbox::StatusField(row.pid, "Cpus_allowed_list");
     row.group = CpuGroup(row.pid);
   }
 }
 
 }  // namespace
 
-std::vector<ServiceRow> CollectTable(const PmTest::Sandbox& sandbox,
+std::vector<ServiceRow> CollectTable(const PmSandbox::Sandbox& sandbox,
                                      const std::vector<LogLine>& log) {
   std::vector<ServiceRow> rows;
   for (const PlatformService& service : PlatformServices()) {

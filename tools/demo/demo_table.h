@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/log_reader.h"
+#include "sandbox/log_reader.h"
 
 namespace Demo {
 
@@ -25,8 +25,8 @@ struct ServiceRow {
 
 // Reads the rows off the log and /proc, one per service of the platform, in their order. The users
 // are those of the sandbox.
-std::vector<ServiceRow> CollectTable(const PmTest::Sandbox& sandbox,
-                                     const std::vector<PmTest::LogLine>& log);
+std::vector<ServiceRow> CollectTable(const PmSandbox::Sandbox& sandbox,
+                                     const std::vector<PmSandbox::LogLine>& log);
 
 void PrintTable(const std::vector<ServiceRow>& rows);
 

@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "core/unique_fd.h"
+#include "base/unique_fd.h"
 #include "tools/local/stream.h"
 
 namespace Local {

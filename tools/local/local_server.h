@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace Local {
 

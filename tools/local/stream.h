@@ -8,7 +8,7 @@
 #include <chrono>
 #include <string>
 
-#include "core/steady_time.h"
+#include "base/steady_time.h"
 
 namespace Local {
 

@@ -12,8 +12,8 @@
 #include <system_error>
 #include <vector>
 
-#include "core/printable.h"
-#include "core/sleep.h"
+#include "base/printable.h"
+#include "base/sleep.h"
 #include "tools/local/local_client.h"
 #include "tools/pmctl/table.h"
 

@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "core/printable.h"
+#include "base/printable.h"
 
 namespace PmCtl {
 namespace {

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "agent/process_manager_agent.h"
+#include "sandbox/process_table.h"
+#include "sandbox/system_error.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/process_table.h"
-#include "tests/support/system_error.h"
 #include "tests/support/threads.h"
 #include "tests/unit/agent/fake_manager.h"
 

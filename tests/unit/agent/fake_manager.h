@@ -12,9 +12,9 @@
 #include <utility>
 
 #include "agent/process_manager_agent.h"
-#include "tests/support/raw_peer.h"
-#include "tests/support/sandbox.h"
-#include "tests/support/wait.h"
+#include "sandbox/raw_peer.h"
+#include "sandbox/sandbox.h"
+#include "sandbox/wait.h"
 
 namespace ProcMgr {
 
@@ -26,6 +26,8 @@ inline void PrintTo(Result result, std::ostream* out) {
 }  // namespace ProcMgr
 
 namespace PmTest {
+
+using namespace PmSandbox;  // The stage on which the tests play.
 
 // A number of a binary body.
 inline std::string Word(std::size_t value) {

@@ -8,10 +8,10 @@
 #include <filesystem>
 
 #include "agent/process_manager_agent.h"
-#include "core/unique_fd.h"
-#include "tests/support/process_table.h"
-#include "tests/support/socket_path.h"
-#include "tests/support/system_error.h"
+#include "base/unique_fd.h"
+#include "sandbox/process_table.h"
+#include "sandbox/socket_path.h"
+#include "sandbox/system_error.h"
 #include "tests/unit/agent/fake_manager.h"
 
 namespace PmTest {

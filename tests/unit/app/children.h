@@ -8,7 +8,7 @@
 
 #include <csignal>
 
-#include "tests/support/system_error.h"
+#include "sandbox/system_error.h"
 
 namespace ProcMgr::App {
 
@@ -16,7 +16,7 @@ namespace ProcMgr::App {
 class WaitingChild {
  public:
   WaitingChild() : pid_(fork()) {
-    PmTest::CheckStep(pid_ >= 0, "fork");
+    PmSandbox::CheckStep(pid_ >= 0, "fork");
     if (pid_ == 0) {
       for (;;) {
         pause();

@@ -4,8 +4,8 @@
 
 #include "core/host_context.h"
 #include "host/core_affinity_mgr.h"
-#include "tests/support/process_table.h"
-#include "tests/support/wait.h"
+#include "sandbox/process_table.h"
+#include "sandbox/wait.h"
 #include "tests/unit/app/launch_fixture.h"
 #include "tests/unit/app/log_lines.h"
 
@@ -26,7 +26,7 @@ class CoreBinding : public LaunchTest {
     if (CPU_COUNT(&own) < 2) {
       GTEST_SKIP() << "on one core no binding is seen";
     }
-    wide_ = PmTest::StatusField(getpid(), "Cpus_allowed_list");
+    wide_ = PmSandbox::StatusField(getpid(), "Cpus_allowed_list");
     sandbox_->MakePlatformGroups(std::to_string(core_));
     CoreAffinityMgr::Instance().LoadCpuInfo();
     ASSERT_EQ(CoreAffinityMgr::Instance().CtrlCpus(), std::vector<std::uint32_t>{core_});
@@ -41,7 +41,7 @@ class CoreBinding : public LaunchTest {
     fields.isDelayCoreAffinity = true;
     GeneralAppInfo app = GeneralRecord(fields);
     EXPECT_TRUE(app.StartProcess());
-    EXPECT_TRUE(PmTest::Eventually([&] { return PmTest::Threads(app.pid_).size() == 3; }));
+    EXPECT_TRUE(PmSandbox::Eventually([&] { return PmSandbox::Threads(app.pid_).size() == 3; }));
     EXPECT_EQ(Cores(app.pid_), Lines(3, wide_));
     (void)TakeLog();
     return app;
@@ -50,8 +50,8 @@ class CoreBinding : public LaunchTest {
   // The allowed cores of each thread.
   static Lines Cores(pid_t pid) {
     Lines cores;
-    for (const pid_t tid : PmTest::Threads(pid)) {
-      cores.push_back(PmTest::StatusField(tid, "Cpus_allowed_list"));
+    for (const pid_t tid : PmSandbox::Threads(pid)) {
+      cores.push_back(PmSandbox::StatusField(tid, "Cpus_allowed_list"));
     }
     return cores;
   }
@@ -97,7 +97,7 @@ TEST_F(CoreBinding, DelayedBindingThatFailsIsTold) {
   app.coreAffinity_ = {999};
   EXPECT_FALSE(app.BindCoreForDelayApp());
   std::string texts;
-  std::vector<pid_t> ids = PmTest::Threads(app.pid_);
+  std::vector<pid_t> ids = PmSandbox::Threads(app.pid_);
   ids.insert(ids.begin(), app.pid_);  // The process first, then each thread.
   for (const pid_t id : ids) {
     texts += "SetCoreAffinity fail pid=" + std::to_string(id) + ", errno=22;";
@@ -107,7 +107,7 @@ TEST_F(CoreBinding, DelayedBindingThatFailsIsTold) {
 
 TEST_F(CoreBinding, MissingThreadsAreBoundOnce) {
   GeneralAppInfo app = Unbound();
-  const std::vector<pid_t> threads = PmTest::Threads(app.pid_);
+  const std::vector<pid_t> threads = PmSandbox::Threads(app.pid_);
   app.boundTids_ = {1, static_cast<std::uint32_t>(threads[1])};
   EXPECT_FALSE(app.CheckMissingTids()) << "two were missing";
   const std::string narrow = std::to_string(core_);

@@ -7,11 +7,11 @@
 #include <thread>
 
 #include "app/user_groups.h"
-#include "core/child_msg_pipe.h"
+#include "base/child_msg_pipe.h"
+#include "base/user_lookup.h"
 #include "core/log.h"
-#include "core/user_lookup.h"
-#include "tests/support/pid_fd.h"
-#include "tests/support/wait.h"
+#include "sandbox/pid_fd.h"
+#include "sandbox/wait.h"
 #include "tests/unit/app/launch_fixture.h"
 
 namespace ProcMgr::App {
@@ -29,8 +29,8 @@ template <typename Record>
 void Launch(Record app, std::atomic<int>& ended) {
   for (int i = 0; i < kLaunchesEach; ++i) {
     ASSERT_TRUE(app.StartProcess());
-    const UniqueFd process = PmTest::OpenPidFd(app.pid_);
-    if (!PmTest::AwaitExit(process.Get(), PmTest::kPatience)) {
+    const UniqueFd process = PmSandbox::OpenPidFd(app.pid_);
+    if (!PmSandbox::AwaitExit(process.Get(), PmSandbox::kPatience)) {
       ADD_FAILURE() << "launch " << i << " hangs before its exec";
       return;  // The sandbox kills it.
     }

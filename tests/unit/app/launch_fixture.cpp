@@ -8,10 +8,12 @@
 #include <array>
 #include <csignal>
 
-#include "core/child_msg_pipe.h"
+#include "base/boot_trace.h"
+#include "base/child_msg_pipe.h"
 #include "core/host_context.h"
-#include "tests/support/pid_fd.h"
-#include "tests/support/wait.h"
+#include "platform/timer/generic_timer.h"
+#include "sandbox/pid_fd.h"
+#include "sandbox/wait.h"
 #include "tests/unit/app/fakes.h"
 #include "tests/unit/app/log_lines.h"
 
@@ -19,13 +21,14 @@ namespace ProcMgr::App {
 
 void LaunchTest::SetUp() {
   ResetPlatform();
+  SetBootClock({&GenericTimerCount, &GenericTimerFrequency});
   (void)signal(SIGPIPE, SIG_IGN);  // As the manager does.
-  sandbox_ = std::make_unique<PmTest::Sandbox>();
+  sandbox_ = std::make_unique<PmSandbox::Sandbox>();
   sandbox_->AddGroup("apps", kAppGid);
   sandbox_->AddGroup("extra", kExtraGid);
   sandbox_->AddUser("app", kAppUid, kAppUserGid, "/home/app", {"extra"});
-  sandbox_->InstallProgram(PmTest::ProgramPath("test-service"), kService, 0, kAppUserGid, 0750);
-  inside_ = std::make_unique<PmTest::Sandbox::Inside>(*sandbox_);
+  sandbox_->InstallProgram(PmSandbox::ProgramPath("test-service"), kService, 0, kAppUserGid, 0750);
+  inside_ = std::make_unique<PmSandbox::Sandbox::Inside>(*sandbox_);
   CreateChildMsgPipe();
   (void)TakeLog();
 }
@@ -94,8 +97,8 @@ void LaunchTest::End(pid_t pid) {
 
 int LaunchTest::AwaitEnd(pid_t pid) {
   int status = -1;
-  const UniqueFd process = PmTest::OpenPidFd(pid);
-  if (!PmTest::AwaitExit(process.Get(), PmTest::kPatience)) {
+  const UniqueFd process = PmSandbox::OpenPidFd(pid);
+  if (!PmSandbox::AwaitExit(process.Get(), PmSandbox::kPatience)) {
     ADD_FAILURE() << "the child doesn't end";
     (void)kill(pid, SIGKILL);
   }

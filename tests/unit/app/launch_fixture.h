@@ -8,9 +8,9 @@
 #include <string>
 
 #include "app/app_info.h"
-#include "tests/support/sandbox.h"
+#include "sandbox/sandbox.h"
+#include "sandbox/system_error.h"
 #include "tests/support/service_report.h"
-#include "tests/support/system_error.h"
 
 namespace ProcMgr::App {
 
@@ -70,18 +70,18 @@ class LaunchTest : public ::testing::Test {
   // The message of a child that says `text`.
   [[nodiscard]] static std::string Message(const AppInfo& app, const std::string& text);
 
-  std::unique_ptr<PmTest::Sandbox> sandbox_;
+  std::unique_ptr<PmSandbox::Sandbox> sandbox_;
 
  private:
   template <typename Record>
   static void Start(Record& app) {
     // Behind a refusal there is no process to wait for, and to kill its pid would mean others.
-    PmTest::CheckStep(app.StartProcess() && app.pid_ > 0, "start");
+    PmSandbox::CheckStep(app.StartProcess() && app.pid_ > 0, "start");
   }
   void End(pid_t pid);
   [[nodiscard]] static int AwaitEnd(pid_t pid);
 
-  std::unique_ptr<PmTest::Sandbox::Inside> inside_;
+  std::unique_ptr<PmSandbox::Sandbox::Inside> inside_;
   pid_t lastPid_ = 0;
 };
 

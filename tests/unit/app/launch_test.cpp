@@ -8,7 +8,7 @@
 
 #include "app/share_groups.h"
 #include "host/sharepool_cfg.h"
-#include "tests/support/process_table.h"
+#include "sandbox/process_table.h"
 #include "tests/unit/app/fakes.h"
 #include "tests/unit/app/launch_fixture.h"
 #include "tests/unit/app/log_lines.h"
@@ -50,7 +50,7 @@ TEST_F(Launch, BothKindsBecomeTheApplicationsUser) {
 // Root may lack the right to raise a hard limit, in a container for example.
 bool MayRaiseLimits() {
   constexpr int kCapSysResource = 24;
-  const std::string capabilities = PmTest::StatusField(getpid(), "CapEff");
+  const std::string capabilities = PmSandbox::StatusField(getpid(), "CapEff");
   return ((std::stoull(capabilities, nullptr, 16) >> kCapSysResource) & 1) != 0;
 }
 

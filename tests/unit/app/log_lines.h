@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/log_reader.h"
+#include "sandbox/log_reader.h"
 #include "tests/support/taken_log.h"
 
 namespace ProcMgr::App {
@@ -15,10 +15,10 @@ using Lines = std::vector<std::string>;
 
 using PmTest::TakeLog;
 
-// The lines since the last call, with traces and pids hidden, as PmTest::Mask does it.
+// The lines since the last call, with traces and pids hidden, as PmSandbox::Mask does it.
 inline Lines MaskedLog() {
   Lines log = TakeLog();
-  std::transform(log.begin(), log.end(), log.begin(), PmTest::Mask);
+  std::transform(log.begin(), log.end(), log.begin(), PmSandbox::Mask);
   return log;
 }
 

@@ -7,8 +7,8 @@
 #include <optional>
 #include <thread>
 
+#include "sandbox/wait.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/wait.h"
 
 namespace ProcMgr {
 namespace {
@@ -225,7 +225,7 @@ TEST_F(AppLists, TheReaperWaitsForEntriesThatAreUnderWay) {
     const App::BaseAppInfo* const app = FindBaseApp("late");
     found = app == nullptr ? "nobody" : app->appName_;
   });
-  EXPECT_TRUE(PmTest::Eventually([&] {
+  EXPECT_TRUE(PmSandbox::Eventually([&] {
     const MutexLock lock(baseAppMutex_);
     return isWaiting;
   }));

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "base/mutex.h"
 #include "core/log.h"
-#include "core/mutex.h"
 
 namespace ProcMgr {
 namespace Testing {

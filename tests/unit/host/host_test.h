@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "core/small_file.h"
+#include "base/small_file.h"
 #include "tests/support/temp_folder.h"
 #include "tests/unit/host/captured_log.h"
 

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/process_table.h"
+#include "sandbox/process_table.h"
 #include "tests/unit/host/host_test.h"
 
 namespace ProcMgr {
@@ -91,7 +91,7 @@ TEST_F(Integrity, SeveralThreadsCheckWhileAReaperTakesTheirChildren) {
   IntegrityProtect protect;
   protect.ParseHashCfg("app=" + kAbcDigest + "\nother=" + kAbcDigest);
   const std::string other = Write("bin/other", "abcd");
-  const std::size_t descriptors = PmTest::OpenDescriptors(getpid()).size();
+  const std::size_t descriptors = PmSandbox::OpenDescriptors(getpid()).size();
   std::atomic<bool> isRunning = true;
   std::thread reaper([&isRunning] {
     while (isRunning) {
@@ -115,7 +115,7 @@ TEST_F(Integrity, SeveralThreadsCheckWhileAReaperTakesTheirChildren) {
   isRunning = false;
   reaper.join();
   EXPECT_EQ(wrong, 0);
-  EXPECT_EQ(PmTest::OpenDescriptors(getpid()).size(), descriptors);
+  EXPECT_EQ(PmSandbox::OpenDescriptors(getpid()).size(), descriptors);
 }
 
 }  // namespace

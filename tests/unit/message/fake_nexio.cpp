@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "core/sleep.h"
+#include "base/sleep.h"
 
 namespace ProcMgr {
 namespace Test {
@@ -137,7 +137,7 @@ int NexioTimedRPCSync(int, const NexioRequest&, NexioResponse&, std::uint32_t) {
   return kNexioTimeout;
 }
 
-// In the place of core/sleep.h's.
+// In the place of base/sleep.h's.
 void SleepNs(std::int64_t nanoseconds) {
   FakeNexio::Instance().Sleep(nanoseconds);
 }

@@ -10,7 +10,7 @@
 #include <thread>
 #include <utility>
 
-#include "core/mutex.h"
+#include "base/mutex.h"
 #include "tests/support/taken_log.h"
 #include "tests/unit/message/fake_nexio.h"
 

@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "core/unique_fd.h"
+#include "base/unique_fd.h"
 #include "platform/heartbeat/heartbeat_table.h"
 #include "platform/heartbeat/heartbeat_watcher.h"
-#include "tests/support/socket_path.h"
+#include "sandbox/socket_path.h"
 #include "tests/support/temp_folder.h"
 #include "tests/support/threads.h"
 
@@ -151,7 +151,7 @@ class WatcherTest : public testing::Test {
   }
   void Send(const std::string& bytes) const {
     const UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const PmTest::SocketPath address(path_);
+    const PmSandbox::SocketPath address(path_);
     EXPECT_EQ(sendto(fd.Get(), bytes.data(), bytes.size(), 0, address.Get(), address.Size()),
               static_cast<ssize_t>(bytes.size()));
   }

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "core/small_file.h"
+#include "base/small_file.h"
 #include "tests/support/threads.h"
 #include "tests/unit/platform/manifest_fixture.h"
 

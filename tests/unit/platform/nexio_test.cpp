@@ -16,11 +16,11 @@
 #include <optional>
 #include <thread>
 
-#include "core/sleep.h"
+#include "base/sleep.h"
 #include "message/nexio_wrappers.h"
 #include "platform/nexio/nexio_peer.h"
-#include "tests/support/process_table.h"
-#include "tests/support/socket_path.h"
+#include "sandbox/process_table.h"
+#include "sandbox/socket_path.h"
 #include "tests/unit/platform/nexio_world.h"
 
 namespace PmTest {

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "tests/support/process_table.h"
+#include "sandbox/process_table.h"
 
 namespace PmTest {
 namespace {

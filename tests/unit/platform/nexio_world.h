@@ -10,13 +10,15 @@
 #include <vector>
 
 #include "message/nexio.h"
-#include "tests/support/log_reader.h"
-#include "tests/support/raw_peer.h"
-#include "tests/support/sandbox.h"
+#include "sandbox/log_reader.h"
+#include "sandbox/raw_peer.h"
+#include "sandbox/sandbox.h"
+#include "sandbox/wait.h"
 #include "tests/support/threads.h"
-#include "tests/support/wait.h"
 
 namespace PmTest {
+
+using namespace PmSandbox;  // The stage on which the tests play.
 
 // The program's sandbox; the main thread, and the library's threads with it, are inside.
 const Sandbox& Box();

@@ -1,0 +1,26 @@
+// Reading a small file whole, and appending an id to a tasks file.
+#ifndef BASE_SMALL_FILE_H
+#define BASE_SMALL_FILE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace ProcMgr {
+
+// What no configuration file of the manager may exceed, in bytes.
+inline constexpr std::size_t kConfigFileLimit = std::size_t{1} << 20;
+
+// Reads the file at `path` into `out`, at most `limit` bytes of it. Yields 0, or the errno of the
+// failure (EFBIG for a file that has more, EISDIR for a directory) with `out` untouched. Files of
+// /proc, which tell no size, are read like any other. Never follows a fifo into a wait.
+[[nodiscard]] int ReadSmallFile(const std::string& path, std::size_t limit, std::string& out);
+
+// Appends the decimal `id` and a newline to the existing file at `path` with one write. Yields 0 or
+// the errno of the failure. Safe in a forked child.
+[[nodiscard]] int AppendId(const std::string& path, std::int64_t id);
+
+}  // namespace ProcMgr
+
+#endif  // BASE_SMALL_FILE_H

@@ -1,0 +1,35 @@
+# Holds the links between the project's libraries to cmake/rooms.txt.
+
+set_property(DIRECTORY ${PROJECT_SOURCE_DIR} APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS cmake/rooms.txt)
+file(STRINGS ${PROJECT_SOURCE_DIR}/cmake/rooms.txt room_lines REGEX "^[a-z]+:")
+foreach(line ${room_lines})
+  string(REGEX MATCH "^([a-z]+):(.*)$" matched "${line}")
+  set(room ${CMAKE_MATCH_1})
+  separate_arguments(below UNIX_COMMAND "${CMAKE_MATCH_2}")
+  set(rooms_of_${room} ${room} ${below})
+endforeach()
+
+# pm_in_room(TARGET): files the target under the folder that it is made in, and checks at the end of
+# the configuration what it links.
+function(pm_in_room target)
+  file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
+  string(REGEX REPLACE "/.*" "" room "${folder}")
+  if(NOT DEFINED rooms_of_${room})
+    message(FATAL_ERROR "${target}: cmake/rooms.txt doesn't know the room '${room}'")
+  endif()
+  set_target_properties(${target} PROPERTIES PM_ROOM ${room})
+  cmake_language(EVAL CODE "cmake_language(DEFER DIRECTORY [[${PROJECT_SOURCE_DIR}]] CALL pm_check_links ${target})")
+endfunction()
+
+function(pm_check_links target)
+  get_target_property(room ${target} PM_ROOM)
+  get_target_property(links ${target} LINK_LIBRARIES)
+  foreach(link ${links})
+    if(TARGET ${link})
+      get_target_property(other ${link} PM_ROOM)
+      if(other AND NOT other IN_LIST rooms_of_${room})
+        message(FATAL_ERROR "${room}/ stands below ${other}/: ${target} may not link ${link}")
+      endif()
+    endif()
+  endforeach()
+endfunction()

@@ -1,0 +1,43 @@
+// The real process-manager in a sandbox.
+#ifndef SANDBOX_DAEMON_H
+#define SANDBOX_DAEMON_H
+
+#include <string>
+#include <vector>
+
+#include "sandbox/process.h"
+#include "sandbox/sandbox.h"
+
+namespace PmSandbox {
+
+class Daemon : public Process {
+ public:
+  // Starts the build's process-manager with the given arguments, the path of a service file first.
+  Daemon(const Sandbox& sandbox, const std::vector<std::string>& arguments,
+         const Process::Options& options = {{}, "process-manager"})
+      : Process(sandbox, ProgramPath("process-manager"), arguments, options), sandbox_(sandbox) {}
+
+  // Ends the manager first, so that it brings nothing back, and then all that it had started.
+  ~Daemon() { KillAll(); }
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  void KillAll() {
+    if (IsRunning()) {
+      (void)KillAndAwait(Pid());
+    }
+    sandbox_.KillAll();
+  }
+
+  [[nodiscard]] std::vector<std::string> Descriptors() const { return OpenDescriptors(Pid()); }
+  [[nodiscard]] std::size_t ThreadCount() const { return Threads(Pid()).size(); }
+  [[nodiscard]] std::vector<pid_t> Services() const { return Children(Pid(), false); }
+  [[nodiscard]] std::vector<pid_t> Zombies() const { return Children(Pid(), true); }
+
+ private:
+  const Sandbox& sandbox_;
+};
+
+}  // namespace PmSandbox
+
+#endif  // SANDBOX_DAEMON_H
