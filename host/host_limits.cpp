@@ -21,6 +21,8 @@ namespace {
 constexpr std::string_view kLimitKey = "MAX_LOCKED_MEMORY_LIMIT=";
 constexpr std::uint64_t kUnlimited = ~std::uint64_t{0};
 static_assert(RLIM_INFINITY == kUnlimited);
+// Far above what the C library takes for a line of the user database.
+constexpr std::size_t kMaxPasswdLine = 16384;
 
 // The number that `value`, a rest of a line with its newline, begins with. What isn't wholly a
 // number of bytes is used as strtoull reads it, for that has always been its meaning, but not
@@ -79,24 +81,26 @@ std::uint64_t ParseLockedMemoryLimit(std::string_view text) {
 }
 
 void InquireHomeEnvVariable(const std::string& path, const std::string& key) {
-  std::string text;
-  if (const int error = ReadSmallFile(path, kConfigFileLimit, text); error != 0) {
+  std::string line;
+  const auto isWanted = [&line, &key](std::string_view text, std::size_t) {
+    const bool isFound = text.find(key) != std::string_view::npos;
+    if (isFound) {
+      line = text;
+    }
+    return !isFound;
+  };
+  if (const int error = ReadLines(path, kMaxPasswdLine, isWanted); error != 0) {
     LogErrorRouted("fopen %s fail, errno=%d", path.c_str(), error);
     return;
   }
-  std::string_view rest = text;
-  std::string_view line;
-  while (line.find(key) == std::string_view::npos) {
-    if (rest.empty()) {
-      LogInfoRouted("PROCMGR: InquireHomeEnvVariable not find %s env", key.c_str());
-      return;
-    }
-    line = TakeLine(rest);
+  if (line.empty()) {
+    LogInfoRouted("PROCMGR: InquireHomeEnvVariable not find %s env", key.c_str());
+    return;
   }
   // name:password:uid:gid:comment:HOME:shell
   const std::size_t begin = line.find('/');
   const std::size_t end = line.rfind(':');
-  if (begin == std::string_view::npos || end == std::string_view::npos || end < begin) {
+  if (begin == std::string::npos || end == std::string::npos || end < begin) {
     LogWarningRouted("PROCMGR: InquireHomeEnvVariable line of %s has no home directory",
                      key.c_str());
     return;

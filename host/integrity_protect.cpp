@@ -74,32 +74,38 @@ void IntegrityProtect::LoadHashCfg(const std::string& path) {
     LogWarning("PROCMGR: IntegrityProtect hash config file=%s is not exist", path.c_str());
     return;
   }
-  std::string text;
-  if (ReadSmallFile(path, kConfigFileLimit, text) != 0) {
+  // Of any size: a table that is too large to be read would let every binary through.
+  const auto take = [this](std::string_view line, std::size_t length) {
+    ParseHashLine(std::string(line), length);
+    return true;
+  };
+  if (ReadLines(path, kMaxLine, take) != 0) {
     LogError("PROCMGR: IntegrityProtect hash config file=%s open failed", path.c_str());
-    return;
   }
-  ParseHashCfg(text);
 }
 
 void IntegrityProtect::ParseHashCfg(std::string_view text) {
   while (!text.empty()) {
     const std::string line(TakeLine(text));
-    if (line.empty()) {
-      continue;
-    }
-    if (line.size() > kMaxLine) {
-      LogWarning("PROCMGR: hash config line of %zu characters is too long, begins with=%s",
-                 line.size(), line.substr(0, kMaxLine).c_str());
-      continue;
-    }
-    const std::size_t equals = line.find('=');
-    if (equals == std::string::npos || equals == 0 || equals == line.size() - 1) {
-      LogWarning("PROCMGR: hash config string=%s format is false", line.c_str());
-      continue;
-    }
-    binHashMap_.insert_or_assign(line.substr(0, equals), line.substr(equals + 1));
+    ParseHashLine(line.substr(0, kMaxLine), line.size());
   }
+}
+
+void IntegrityProtect::ParseHashLine(const std::string& line, std::size_t length) {
+  if (line.empty()) {
+    return;
+  }
+  if (length > kMaxLine) {
+    LogWarning("PROCMGR: hash config line of %zu characters is too long, begins with=%s", length,
+               line.c_str());
+    return;
+  }
+  const std::size_t equals = line.find('=');
+  if (equals == std::string::npos || equals == 0 || equals == line.size() - 1) {
+    LogWarning("PROCMGR: hash config string=%s format is false", line.c_str());
+    return;
+  }
+  binHashMap_.insert_or_assign(line.substr(0, equals), line.substr(equals + 1));
 }
 
 bool IntegrityProtect::Check(const std::string& binPath) const {

@@ -30,6 +30,9 @@ class IntegrityProtect {
   [[nodiscard]] bool Check(const std::string& binPath) const;
 
  private:
+  // Takes one line, cut off behind the longest that is legal, and its whole length.
+  void ParseHashLine(const std::string& line, std::size_t length);
+
   // File name to digest, 64 lower-case hexadecimal digits if it is to match.
   std::unordered_map<std::string, std::string> binHashMap_;
 };

@@ -128,7 +128,7 @@ TEST_F(Configuration, Digests) {
   CheckEach(kHashes, {
                          {kMissing, {"4 " + file + " is not exist"}},
                          {kFolder, {"3 " + file + " open failed"}},
-                         {kOversized, {"3 " + file + " open failed"}},
+                         {kOversized + "=wrong\n", {wrong + "=wrong format is false"}},
                          {kBinary, {}},
                          {"", {}, {"hash config"}},
                          {"\nother=00\n\nlast=11", {}, {"hash config"}},
@@ -194,7 +194,7 @@ TEST_F(Configuration, HomeDirectory) {
       {
           {kMissing, {failed + "2"}},
           {kFolder, {failed + "21"}},
-          {kOversized, {failed + "27"}},
+          {kOversized + "a:x:1000:1000::/home/a:/bin/sh\n", {found + "a "}},
           {"", {none}},
           {kBinary, {none}},
           {"a:x:1000:1001::/home/a:/bin/sh\n", {none}},

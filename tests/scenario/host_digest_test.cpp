@@ -67,7 +67,12 @@ TEST_F(Digest, DecidesAboutTheStart) {
       {"longer", right + "0", false},
       {"shorter", right.substr(1), false},
   };
+  // Larger than any other configuration file may be: a table that isn't read lets everything
+  // through.
   std::string hashes = "right=overruled by the later line\n";
+  while (hashes.size() < std::size_t{1} << 20) {
+    hashes += "elsewhere-" + std::to_string(hashes.size()) + "=" + right + "\n";
+  }
   std::vector<App> apps;
   for (const Case& c : cases) {
     apps.push_back({c.name, Install("/opt/test/" + c.name), {}, {}});

@@ -15,6 +15,7 @@
 namespace {
 
 using ProcMgr::AppendId;
+using ProcMgr::ReadLines;
 using ProcMgr::ReadSmallFile;
 
 class SmallFile : public testing::Test, protected PmTest::TempFolder {
@@ -51,6 +52,41 @@ TEST_F(SmallFile, ReadsEveryByteUpToTheLimitOrTellsWhyNot) {
     std::string out = "untouched";
     EXPECT_EQ(ReadSmallFile(c.path, c.limit, out), c.error) << c.path;
     EXPECT_EQ(out, c.error == 0 ? c.bytes : "untouched") << c.path;
+  }
+}
+
+TEST_F(SmallFile, GivesTheLinesOfAFileOfAnySize) {
+  const std::string block(4095, 'b');
+  std::string large;
+  for (int i = 0; i < 400; ++i) {
+    large += block + "\n";  // More than a configuration file may have in one piece.
+  }
+  const struct {
+    std::string path;
+    int error;
+    std::string told;  // Of each line its beginning and its length.
+  } cases[] = {
+      {Write("none", ""), 0, ""},
+      {Write("last", "one\n\nthree"), 0, "one 3,  0, thre 5, "},
+      {Write("stop", "one\nstop\nthree\n"), 0, "one 3, "},
+      {Write("across", block + "xy\nz\n"), 0, "bbbb 4097, z 1, "},
+      {Write("large", large + "end"), 0, "bbbb 4095, *400, end 3, "},
+      {Path("missing"), ENOENT, ""},
+      {Path(""), EISDIR, ""},
+  };
+  for (const auto& c : cases) {
+    std::string told;
+    std::string last;
+    int same = 0;
+    const auto take = [&](std::string_view line, std::size_t length) {
+      const std::string entry = std::string(line) + " " + std::to_string(length) + ", ";
+      same = entry == last ? same + 1 : 1;
+      told += same == 1 ? entry : same == 400 ? "*400, " : "";
+      last = entry;
+      return line != "stop" || (told.resize(told.size() - entry.size()), false);
+    };
+    EXPECT_EQ(ReadLines(c.path, 4, take), c.error) << c.path;
+    EXPECT_EQ(told, c.told) << c.path;
   }
 }
 
