@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <string_view>
@@ -33,10 +32,6 @@ constexpr std::uint32_t kReadBit = 2;
 constexpr std::uint32_t kWriteBit = 4;
 constexpr std::uint32_t kAllocBit = 8;
 
-bool Holds(const std::vector<std::string>& names, const std::string& name) {
-  return std::find(names.begin(), names.end(), name) != names.end();
-}
-
 std::uint32_t PermissionValue(const SharepoolGroupsInfo& group) {
   if (group.permission == kReadOnly) {
     return kReadBit;
@@ -64,16 +59,13 @@ std::uint64_t GetSharepoolGroupMemSize(const KvsTypeYaml& node) {
   return size;
 }
 
-void AppendNew(const KvsTypeYaml& node, const std::string& path, const char* key,
-               std::vector<std::string>& names) {
+void AppendNew(const KvsTypeYaml& node, const std::string& path, const char* key, NameList& names) {
   std::vector<std::string> found;
   if (!node.GetSequenceString(found)) {
     LogWarningRouted("cfg=%s %s is no list of names", path.c_str(), key);
   }
   for (std::string& name : found) {
-    if (!Holds(names, name)) {
-      names.push_back(std::move(name));
-    }
+    names.Add(std::move(name));
   }
 }
 
@@ -87,6 +79,12 @@ bool IsRegularFile(const std::string& path, unsigned char type) {
 }
 
 }  // namespace
+
+void NameList::Add(std::string name) {
+  if (known_.insert(name).second) {
+    names_.push_back(std::move(name));
+  }
+}
 
 SharepoolCfg& SharepoolCfg::Instance() {
   static SharepoolCfg cfg;
@@ -149,7 +147,7 @@ void SharepoolCfg::LoadSharepoolGroupCfg(const KvsTypeYaml& root, const std::str
     LogInfoRouted("LoadSharepoolGroupCfg groupName=%s, memSize=%lu KB", group.groupName.c_str(),
                   group.memSize);
     // The first definition of a name stands, and its size with it.
-    if (!HasGroup(group.groupName)) {
+    if (knownGroups_.insert(group.groupName).second) {
       groups_.push_back(group);
     }
   }
@@ -175,13 +173,14 @@ void SharepoolCfg::LoadWhiteLists(const KvsTypeYaml& root, const std::string& pa
 
 void SharepoolCfg::FinishSharepoolCfg() {
   groups_.push_back({kDefaultSharepoolGroup, 0});
-  for (const std::string& name : adminProLists_) {
+  knownGroups_.insert(kDefaultSharepoolGroup);
+  for (const std::string& name : adminProLists_.InOrder()) {
     LogInfoRouted("sharepoolCfg app %s is admin", name.c_str());
   }
   for (const SharepoolGroupCfg& group : groups_) {
     LogInfoRouted("sharepoolCfg has %s sharepool group", group.groupName.c_str());
   }
-  for (const std::string& name : whiteLists_) {
+  for (const std::string& name : whiteLists_.InOrder()) {
     LogInfoRouted("sharepoolCfg app=%s is in while lists", name.c_str());
   }
   for (const SharepoolGroupCfg& group : groups_) {
@@ -208,7 +207,7 @@ void SharepoolCfg::CreateSharepoolGroup() const {
 
 std::vector<SharepoolGroupsInfo> SharepoolCfg::GetAppSharepoolGroups(
     const std::string& appName, const std::vector<SharepoolGroupsInfo>& manifestGroups) const {
-  if (Holds(adminProLists_, appName)) {
+  if (adminProLists_.Holds(appName)) {
     std::vector<SharepoolGroupsInfo> all;
     all.reserve(groups_.size());
     for (const SharepoolGroupCfg& group : groups_) {
@@ -275,23 +274,18 @@ void SharepoolCfg::SetSharepoolGroupEnv(const std::string& appName,
 
 bool SharepoolCfg::CheckSharepoolGroupCfg(const SharepoolGroupsInfo& group,
                                           std::string& err) const {
-  if (!HasGroup(group.groupName)) {
+  if (!knownGroups_.contains(group.groupName)) {
     err += "CheckSharepoolGroupCfg faild groupName=" + group.groupName + " is not legal;";
     return false;
   }
   // A group that bears the name of an admin application takes any permission.
   const std::string& permission = group.permission;
-  if (permission.empty() || Holds(adminProLists_, group.groupName) || permission == kAdmin ||
+  if (permission.empty() || adminProLists_.Holds(group.groupName) || permission == kAdmin ||
       permission == kAlloc || permission == kReadWrite || permission == kReadOnly) {
     return true;
   }
   err += "CheckSharepoolGroupCfg faild permission=" + permission + " is not legal;";
   return false;
-}
-
-bool SharepoolCfg::HasGroup(const std::string& name) const {
-  return std::any_of(groups_.begin(), groups_.end(),
-                     [&name](const SharepoolGroupCfg& group) { return group.groupName == name; });
 }
 
 }  // namespace ProcMgr

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/manifest/kvs_type_yaml.h"
@@ -22,6 +23,18 @@ inline constexpr const char* kDefaultSharepoolGroup = "DEFAULT_MEM_GROUP";
 struct SharepoolGroupCfg {
   std::string groupName;
   std::uint64_t memSize = 0;  // KB
+};
+
+// Names in the order of their first appearance, none of them twice.
+class NameList {
+ public:
+  void Add(std::string name);
+  [[nodiscard]] bool Holds(const std::string& name) const { return known_.contains(name); }
+  [[nodiscard]] const std::vector<std::string>& InOrder() const { return names_; }
+
+ private:
+  std::vector<std::string> names_;
+  std::unordered_set<std::string> known_;
 };
 
 class SharepoolCfg {
@@ -55,9 +68,11 @@ class SharepoolCfg {
 
   // The groups in the order of their first appearance, the default group last.
   [[nodiscard]] const std::vector<SharepoolGroupCfg>& Groups() const { return groups_; }
-  [[nodiscard]] const std::vector<std::string>& AdminProLists() const { return adminProLists_; }
+  [[nodiscard]] const std::vector<std::string>& AdminProLists() const {
+    return adminProLists_.InOrder();
+  }
   // The binary paths of self-reported processes that get all groups.
-  [[nodiscard]] const std::vector<std::string>& WhiteLists() const { return whiteLists_; }
+  [[nodiscard]] const std::vector<std::string>& WhiteLists() const { return whiteLists_.InOrder(); }
   // The names of Groups(), in its order.
   [[nodiscard]] const std::vector<std::string>& GroupNames() const { return groupNames_; }
 
@@ -71,11 +86,11 @@ class SharepoolCfg {
   void LoadSharepoolGroupCfg(const KvsTypeYaml& root, const std::string& path);
   void LoadAdminProLists(const KvsTypeYaml& root, const std::string& path);
   void LoadWhiteLists(const KvsTypeYaml& root, const std::string& path);
-  [[nodiscard]] bool HasGroup(const std::string& name) const;
 
   std::vector<SharepoolGroupCfg> groups_;
-  std::vector<std::string> adminProLists_;
-  std::vector<std::string> whiteLists_;
+  std::unordered_set<std::string> knownGroups_;  // The names in groups_.
+  NameList adminProLists_;
+  NameList whiteLists_;
   std::vector<std::string> groupNames_;
 };
 

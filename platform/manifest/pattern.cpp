@@ -11,8 +11,8 @@ namespace ProcMgr::Manifest {
 namespace {
 
 constexpr std::string_view kOpening = "${";
-// Patterns come from configuration files, so there are few; whoever has more compiles again.
-constexpr std::size_t kMaxKept = 256;
+// Patterns come from configuration files, so there are few; whoever has more compiles some again.
+constexpr std::size_t kMaxKept = 1024;
 // Program and states of one expression. Without room for its states RE2 falls back on a slower
 // method, linear all the same.
 constexpr std::int64_t kExpressionMemory = std::int64_t{1} << 20;
@@ -144,11 +144,24 @@ PatternCache::Compiled PatternCache::Get(const std::string& pattern,
   // Compiled without the lock: two threads may do the same work once, and nobody waits for it.
   Compiled compiled = Compile(pieces);
   const MutexLock lock(mutex_);
-  if (compiled_.size() >= kMaxKept) {
-    compiled_.clear();
-  }
-  compiled_[pattern] = compiled;
+  Keep(pattern, compiled);
   return compiled;
+}
+
+// A look for a name asks all patterns in turn. If the oldest made room, none would be kept until
+// it is asked again as soon as there is one too many; where chance decides, only the share that
+// doesn't fit is compiled anew.
+void PatternCache::Keep(const std::string& pattern, const Compiled& compiled) {
+  if (!compiled_.emplace(pattern, compiled).second) {
+    return;
+  }
+  if (kept_.size() < kMaxKept) {
+    kept_.push_back(pattern);
+    return;
+  }
+  std::string& victim = kept_[random_() % kept_.size()];
+  compiled_.erase(victim);
+  victim = pattern;
 }
 
 }  // namespace ProcMgr::Manifest

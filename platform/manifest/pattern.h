@@ -3,11 +3,12 @@
 #define PLATFORM_MANIFEST_PATTERN_H
 
 #include <cstddef>
-#include <map>
 #include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "base/mutex.h"
@@ -48,8 +49,13 @@ class PatternCache {
   [[nodiscard]] Compiled Get(const std::string& pattern, const std::vector<PatternPiece>& pieces)
       EXCLUDES(mutex_);
 
+  void Keep(const std::string& pattern, const Compiled& compiled) REQUIRES(mutex_);
+
   Mutex mutex_;
-  std::map<std::string, Compiled> compiled_ GUARDED_BY(mutex_);
+  std::unordered_map<std::string, Compiled> compiled_ GUARDED_BY(mutex_);
+  // The keys of compiled_, so that one of them can be drawn.
+  std::vector<std::string> kept_ GUARDED_BY(mutex_);
+  std::minstd_rand random_ GUARDED_BY(mutex_);
 };
 
 }  // namespace ProcMgr::Manifest

@@ -69,6 +69,18 @@ TEST(Pattern, BrokenOneIsAPatternThatNeverFits) {
   }
 }
 
+// More of them than are kept compiled, asked in turn as a look for a name does.
+TEST(Pattern, AnswersAreTheSameWhateverIsKept) {
+  const ParseAndDepend& library = ParseAndDepend::Instance();
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 1200; ++i) {
+      const std::string pattern = "${[a-z]+}" + std::to_string(i);
+      EXPECT_TRUE(library.IsDynamicParaMatch(pattern, "app" + std::to_string(i))) << pattern;
+      EXPECT_FALSE(library.IsDynamicParaMatch(pattern, "0" + std::to_string(i))) << pattern;
+    }
+  }
+}
+
 // A backtracking matcher needs longer than the universe has for these.
 TEST(Pattern, MatchingIsLinear) {
   const ParseAndDepend& library = ParseAndDepend::Instance();
