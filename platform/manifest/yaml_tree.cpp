@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "base/printable.h"
+#include "platform/manifest/nesting.h"
 #include "platform/manifest/utf8.h"
 
 namespace ProcMgr::Manifest {
@@ -18,6 +19,18 @@ namespace {
 Place PlaceOf(const YAML::Mark& mark) {
   // A null mark has -1 everywhere.
   return {std::max(mark.line, 0) + 1, std::max(mark.column, 0) + 1};
+}
+
+Place PlaceOf(std::string_view text, std::size_t offset) {
+  const std::string_view before = text.substr(0, offset);
+  const auto line = static_cast<int>(std::count(before.begin(), before.end(), '\n'));
+  const auto column = static_cast<int>(offset - (before.rfind('\n') + 1));
+  return {line + 1, column + 1};
+}
+
+std::string TooDeep() {
+  return "collections nest deeper than " + std::to_string(kMaxYamlDepth) +
+         " levels; a service file needs four";
 }
 
 // The word for null that stands at the beginning of `text`; empty if there is none.
@@ -176,8 +189,7 @@ class TreeBuilder : public YAML::EventHandler {
 
   void Open(const YAML::Mark& mark, YamlNode::Kind kind, YAML::anchor_t anchor) {
     if (levels_.size() == kMaxYamlDepth) {
-      throw BuilderFault(mark, "collections nest deeper than " + std::to_string(kMaxYamlDepth) +
-                                   " levels; a service file needs four");
+      throw BuilderFault(mark, TooDeep());
     }
     const std::size_t before = expanded_;
     levels_.push_back({&Add(mark, kind, anchor), nullptr, before});
@@ -204,13 +216,13 @@ std::optional<YamlFault> ParseYamlText(std::string_view text, YamlDocument& out)
     text.remove_prefix(kByteOrderMark.size());
   }
   if (const auto bad = FindBadByte(text)) {
-    const std::string_view before = text.substr(0, *bad);
-    const auto line = static_cast<int>(std::count(before.begin(), before.end(), '\n'));
-    const auto column = static_cast<int>(*bad - (before.rfind('\n') + 1));
-    return YamlFault{{line + 1, column + 1},
+    return YamlFault{PlaceOf(text, *bad),
                      "the byte " + Quoted(text.substr(*bad, 1)) +
                          " can't stand in a YAML file; it must be UTF-8 text without control "
                          "characters"};
+  }
+  if (const auto deep = FindDeepNesting(text)) {
+    return YamlFault{PlaceOf(text, *deep), TooDeep()};
   }
   try {
     std::istringstream stream{std::string(text)};

@@ -102,6 +102,10 @@ TEST_F(ManifestFiles, IncludesAreBounded) {
 
 TEST_F(ManifestFiles, FileThatIsNoServiceFileIsOneFault) {
   std::string bomb = "a0: &a0 [x, x, x, x, x, x, x, x, x, x]\n";
+  std::string indicators;
+  for (int i = 0; i < 100000; ++i) {
+    indicators += "- ? ";
+  }
   std::string deep;
   for (int i = 1; i < 10; ++i) {
     const std::string name = "a" + std::to_string(i);
@@ -136,6 +140,9 @@ TEST_F(ManifestFiles, FileThatIsNoServiceFileIsOneFault) {
       {"mapping as key", "applications: []\n? {a: b}\n: c\n",
        "2:3: a key is a mapping; it must be a single word"},
       {"deep list", std::string(500000, '['), "collections nest deeper than 64 levels"},
+      {"deep braces", "# {\n" + std::string(900000, '{'),
+       "2:1024: collections nest deeper than 64 levels"},
+      {"deep line", "a:\n  " + indicators, "2:131: collections nest deeper than 64 levels"},
       {"deep block", deep, "collections nest deeper than 64 levels"},
       {"alias bomb", bomb, "the aliases of this file write out to more than"},
       {"alias of itself", "a: &a [*a]\n",
