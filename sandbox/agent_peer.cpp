@@ -122,6 +122,7 @@ bool AgentPeer::RestartApps(const std::vector<ProcMgr::Message::RestartAppInfo>&
 
 bool AgentPeer::TermApps(const std::vector<std::string>& names) const {
   std::vector<ProcMgr::Message::TermAppInfo> list;
+  list.reserve(names.size());
   for (const std::string& name : names) {
     list.push_back({name});
   }

@@ -55,7 +55,7 @@ class PatternCache {
   std::unordered_map<std::string, Compiled> compiled_ GUARDED_BY(mutex_);
   // The keys of compiled_, so that one of them can be drawn.
   std::vector<std::string> kept_ GUARDED_BY(mutex_);
-  std::minstd_rand random_ GUARDED_BY(mutex_);
+  std::minstd_rand random_ GUARDED_BY(mutex_){std::random_device{}()};
 };
 
 }  // namespace ProcMgr::Manifest
