@@ -1,6 +1,7 @@
 #include "agent/heartbeat.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -18,11 +19,15 @@ namespace {
 // Where the manager receives beats. It takes the group of the sender from the kernel, not from us.
 constexpr char kBeatSocket[] = "/run/heartbeat.sock";
 
+// How long a beat waits for room: as long as there is time until the next one.
+constexpr timeval kPatience{0, 500'000};
+
 }  // namespace
 
 BeatSender::BeatSender(std::string name)
-    : name_(std::move(name)),
-      socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
+    : name_(std::move(name)), socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  (void)setsockopt(socket_.Get(), SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof(kPatience));
+}
 
 Result BeatSender::Beat() const {
   sockaddr_un address{};

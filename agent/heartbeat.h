@@ -18,7 +18,8 @@ class BeatSender {
  public:
   explicit BeatSender(std::string name);
 
-  // Never blocks. Every beat is addressed anew, so it finds a manager that was restarted.
+  // The manager's queue is short and all services share it: a beat that finds it full waits for
+  // room, at most 500 ms. Every beat is addressed anew, so it finds a manager that was restarted.
   [[nodiscard]] Result Beat() const;
 
  private:

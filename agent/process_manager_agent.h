@@ -175,7 +175,8 @@ class Agent {
                                         std::uint32_t* code = nullptr) noexcept;
 
   // One beat of the heart: a datagram to the manager. kNoReceiver: nobody is there to hear it.
-  // Never blocks. For a service that would rather beat from its own loop, about every 500 ms, so
+  // The manager's queue is short: one that finds it full waits for room, at most 500 ms, then the
+  // result is kBusy. For a service that would rather beat from its own loop, about every 500 ms, so
   // that a loop that hangs falls silent.
   [[nodiscard]] Result Beat() noexcept;
   // One heart message with the next number, counted from 1 on each channel. It lets the manager

@@ -20,8 +20,6 @@
 namespace ProcMgr::HeartBeat {
 namespace {
 
-constexpr mode_t kSocketMode = 0666;
-
 // Beats taken off the socket before deadlines are looked at: more than a queue holds, and yet
 // bounded, so that a flood can't keep a loss from being told.
 constexpr int kBeatsPerTurn = 1024;
@@ -41,8 +39,12 @@ bool IsServed(const sockaddr_un& address) {
   return connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
-// Binds `fd`. Yields 0 or an errno.
+// Binds `fd` and makes the file the owner's alone. Yields 0 or an errno.
 int Bind(int fd, const sockaddr_un& address) {
+  // The file takes its mode from the socket, so it is never open to anybody else.
+  if (fchmod(fd, SocketAccess::kOwnerOnly) != 0) {
+    return errno;
+  }
   const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
   if (bind(fd, generic, sizeof(address)) != 0) {
     if (errno != EADDRINUSE || IsServed(address)) {
@@ -54,7 +56,7 @@ int Bind(int fd, const sockaddr_un& address) {
       return errno;
     }
   }
-  return chmod(address.sun_path, kSocketMode) == 0 ? 0 : errno;
+  return 0;
 }
 
 const ucred* FindCredentials(msghdr& message) {
@@ -69,7 +71,8 @@ const ucred* FindCredentials(msghdr& message) {
 
 }  // namespace
 
-Watcher::Watcher(std::string path, Limits limits) : path_(std::move(path)), table_(limits) {}
+Watcher::Watcher(std::string path, Limits limits)
+    : path_(std::move(path)), table_(limits), access_(path_) {}
 
 Watcher::~Watcher() {
   if (!thread_.joinable()) {
@@ -119,6 +122,7 @@ void Watcher::Retract() {
 void Watcher::Register(std::string_view name, gid_t gid, HeartBeatNotify notify) {
   const MutexLock lock(mutex_);
   table_.Register(name, gid, notify, SteadyNow());
+  access_.Admit(gid);
   (void)eventfd_write(wake_.Get(), 1);
 }
 

@@ -11,6 +11,7 @@
 #include "base/steady_time.h"
 #include "base/unique_fd.h"
 #include "platform/heartbeat/heartbeat_table.h"
+#include "platform/heartbeat/socket_access.h"
 
 namespace ProcMgr::HeartBeat {
 
@@ -24,11 +25,12 @@ class Watcher {
   Watcher(const Watcher&) = delete;
   Watcher& operator=(const Watcher&) = delete;
 
-  // Binds the socket (mode 0666) and starts the thread; once. A socket file that nobody serves is
-  // replaced. Yields 0 or an errno.
+  // Binds the socket and starts the thread; once. A socket file that nobody serves is replaced.
+  // Yields 0 or an errno.
   [[nodiscard]] int Start();
 
-  // Neither waits for a notification.
+  // Neither waits for a notification. Register admits the group to the socket; a group stays
+  // admitted when its registration ends.
   void Register(std::string_view name, gid_t gid, HeartBeatNotify notify) EXCLUDES(mutex_);
   void Unregister(std::string_view name) EXCLUDES(mutex_);
 
@@ -52,6 +54,7 @@ class Watcher {
   // A leaf, never held during a notification.
   Mutex mutex_;
   Table table_ GUARDED_BY(mutex_);
+  SocketAccess access_ GUARDED_BY(mutex_);
   bool stopping_ GUARDED_BY(mutex_) = false;
 };
 
