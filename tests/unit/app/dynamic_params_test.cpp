@@ -112,7 +112,7 @@ TEST(UpdateDynamicParam, EnvIsBuiltFromTheTemplateAtEachRequest) {
     SCOPED_TRACE(::testing::PrintToString(row.values));
     EXPECT_EQ(app.UpdateDynamicParam({}, {{2, row.values}}), row.line.starts_with(updated));
     EXPECT_EQ(app.envArgv_, row.env);
-    EXPECT_EQ(TakeLog().back(), row.line);
+    EXPECT_EQ(LastLine(), row.line);
   }
 }
 

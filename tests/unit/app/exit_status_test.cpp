@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include "app/app_info.h"
-#include "tests/unit/app/children.h"
+#include "tests/support/children.h"
 #include "tests/unit/app/log_lines.h"
 
 namespace ProcMgr::App {
 namespace {
+
+using PmTest::WaitingChild;
 
 constexpr pid_t kNoProcess = 4'194'305;  // Above every pid that the kernel gives.
 
@@ -51,8 +53,7 @@ TEST(SendSignal, RefusesWhatIsNoProcess) {
     EXPECT_FALSE(RecordOf(pid).TermProcess());
   }
   EXPECT_FALSE(SendSignal(SIGCONT, "svc", kNoProcess));
-  EXPECT_EQ(MaskedLog().back(),
-            "E PROCMGR : SendSignal failed: kill failed appName=svc, pid=#, errno=3");
+  EXPECT_EQ(LastLine(), "E PROCMGR : SendSignal failed: kill failed appName=svc, pid=#, errno=3");
 }
 
 TEST(TermProcess, AsksTheProcessToEndWhetherItIsThereOrNot) {
@@ -71,8 +72,7 @@ TEST(TermProcess, NeverSignalsARecordWhoseExitIsOnFile) {
   GeneralAppInfo app = RecordOf(stranger.Pid());
   app.SetExitStatus(0);
   EXPECT_TRUE(app.TermProcess());
-  EXPECT_EQ(MaskedLog().back(),
-            "E PROCMGR : SendSignal failed: kill failed appName=svc, pid=#, errno=3");
+  EXPECT_EQ(LastLine(), "E PROCMGR : SendSignal failed: kill failed appName=svc, pid=#, errno=3");
   EXPECT_EQ(app.ProbeProcess(), 1);
   ASSERT_EQ(kill(stranger.Pid(), SIGINT), 0);
   EXPECT_EQ(stranger.Reap(), SIGINT) << "another signal has come first";

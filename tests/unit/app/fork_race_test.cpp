@@ -1,8 +1,6 @@
 // Launches from several threads at once while others log and look users up. A child is a copy of a
 // process whose other threads have vanished: were one of them in syslog or in the user database
 // just then, a child that needs the same lock of libc would wait for ever before its exec.
-#include <sys/wait.h>
-
 #include <atomic>
 #include <thread>
 
@@ -10,8 +8,7 @@
 #include "base/child_msg_pipe.h"
 #include "base/user_lookup.h"
 #include "core/log.h"
-#include "sandbox/pid_fd.h"
-#include "sandbox/wait.h"
+#include "tests/support/children.h"
 #include "tests/unit/app/launch_fixture.h"
 
 namespace ProcMgr::App {
@@ -29,14 +26,7 @@ template <typename Record>
 void Launch(Record app, std::atomic<int>& ended) {
   for (int i = 0; i < kLaunchesEach; ++i) {
     ASSERT_TRUE(app.StartProcess());
-    const UniqueFd process = PmSandbox::OpenPidFd(app.pid_);
-    if (!PmSandbox::AwaitExit(process.Get(), PmSandbox::kPatience)) {
-      ADD_FAILURE() << "launch " << i << " hangs before its exec";
-      return;  // The sandbox kills it.
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(app.pid_, &status, 0), app.pid_);
-    ASSERT_EQ(status, 0);
+    ASSERT_EQ(PmTest::Reap(app.pid_), 0) << "launch " << i;
     ++ended;
   }
 }

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -12,8 +11,7 @@
 #include "base/child_msg_pipe.h"
 #include "core/host_context.h"
 #include "platform/timer/generic_timer.h"
-#include "sandbox/pid_fd.h"
-#include "sandbox/wait.h"
+#include "tests/support/children.h"
 #include "tests/unit/app/fakes.h"
 #include "tests/unit/app/log_lines.h"
 
@@ -92,18 +90,7 @@ void LaunchTest::AddCrowdedUser(uid_t uid, std::size_t count) {
 void LaunchTest::End(pid_t pid) {
   lastPid_ = pid;
   ASSERT_EQ(kill(pid, SIGKILL), 0);
-  ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
-}
-
-int LaunchTest::AwaitEnd(pid_t pid) {
-  int status = -1;
-  const UniqueFd process = PmSandbox::OpenPidFd(pid);
-  if (!PmSandbox::AwaitExit(process.Get(), PmSandbox::kPatience)) {
-    ADD_FAILURE() << "the child doesn't end";
-    (void)kill(pid, SIGKILL);
-  }
-  EXPECT_EQ(waitpid(pid, &status, 0), pid);
-  return status;
+  EXPECT_EQ(PmTest::Reap(pid), SIGKILL);
 }
 
 }  // namespace ProcMgr::App

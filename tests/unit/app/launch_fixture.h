@@ -10,6 +10,7 @@
 #include "app/app_info.h"
 #include "sandbox/sandbox.h"
 #include "sandbox/system_error.h"
+#include "tests/support/children.h"
 #include "tests/support/service_report.h"
 
 namespace ProcMgr::App {
@@ -59,7 +60,7 @@ class LaunchTest : public ::testing::Test {
   template <typename Record>
   static int StatusOf(Record& app) {
     Start(app);
-    return AwaitEnd(app.pid_);
+    return PmTest::Reap(app.pid_);
   }
 
   // Adds a user that is a member of that many groups, from 5000 on, beside its own.
@@ -79,7 +80,6 @@ class LaunchTest : public ::testing::Test {
     PmSandbox::CheckStep(app.StartProcess() && app.pid_ > 0, "start");
   }
   void End(pid_t pid);
-  [[nodiscard]] static int AwaitEnd(pid_t pid);
 
   std::unique_ptr<PmSandbox::Sandbox::Inside> inside_;
   pid_t lastPid_ = 0;

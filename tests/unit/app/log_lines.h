@@ -22,6 +22,12 @@ inline Lines MaskedLog() {
   return log;
 }
 
+// The last of them; empty if there was none.
+inline std::string LastLine() {
+  const Lines log = MaskedLog();
+  return log.empty() ? std::string() : log.back();
+}
+
 }  // namespace ProcMgr::App
 
 #endif  // TESTS_UNIT_APP_LOG_LINES_H

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "sandbox/wait.h"
+#include "tests/support/children.h"
 #include "tests/support/log_capture.h"
 
 namespace ProcMgr {
@@ -48,7 +49,7 @@ class AppLists : public ::testing::Test {
   static void End(pid_t pid) {
     ASSERT_GT(pid, 0);
     ASSERT_EQ(kill(pid, SIGKILL), 0);
-    ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
+    EXPECT_EQ(PmTest::Reap(pid), SIGKILL);
   }
 
   // Whom an exit of `pid` that is seen at `limit` belongs to; both lists are asked as the reaper

@@ -112,6 +112,7 @@ TEST_F(ManifestValues, PatternMakesAnApplicationDynamic) {
   };
   for (const auto& c : cases) {
     ASSERT_EQ(ParseText(std::string(kBasics) + "    " + c.line + "\n"), 0) << c.line;
+    ASSERT_THAT(manifests_, SizeIs(1));
     EXPECT_EQ(manifests_[0].GetIsDynamicPara(), c.isDynamic) << c.line;
   }
   ASSERT_EQ(ParseText("applications: [{appName: 'w${[^/#]+}', binPath: '${/opt/.*}', uid: 1, "
@@ -224,10 +225,11 @@ TEST_F(ManifestValues, MatchTakesAnApplicationOnlyIfEveryPairIsGiven) {
   ASSERT_EQ(ParseText(text, {{"board", "2"}, {"mode", "Fast"}}), 0);
   EXPECT_THAT(Names(), ElementsAre("all"));
   ASSERT_EQ(ParseText(text, {{"board", "1"}, {"other", "x"}}), 0);
+  ASSERT_THAT(Names(), ElementsAre("cam", "all"));
   EXPECT_EQ(manifests_[0].GetBinPath(), "/small");
   ASSERT_EQ(ParseText(text, {{"board", "2"}, {"mode", "fast"}}), 0);
+  ASSERT_THAT(Names(), ElementsAre("cam", "all"));
   EXPECT_EQ(manifests_[0].GetBinPath(), "/large");
-  EXPECT_THAT(Names(), ElementsAre("cam", "all"));
   // What isn't taken is checked all the same.
   EXPECT_NE(ParseText("applications: [{appName: a, match: {x: y}}]"), 0);
 }

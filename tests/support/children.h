@@ -1,0 +1,74 @@
+// Processes of the test's own: none outlives the test, and none is waited for without a limit.
+#ifndef TESTS_SUPPORT_CHILDREN_H
+#define TESTS_SUPPORT_CHILDREN_H
+
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <utility>
+
+#include "sandbox/pid_fd.h"
+#include "sandbox/system_error.h"
+#include "sandbox/wait.h"
+
+namespace PmTest {
+
+// Waits for the end of a child and yields its wait status. One that doesn't end is a failure of the
+// test, and is killed.
+inline int Reap(pid_t child) {
+  const ProcMgr::UniqueFd process = PmSandbox::OpenPidFd(child);
+  if (process.IsOpen() && !PmSandbox::AwaitExit(process.Get(), PmSandbox::kPatience)) {
+    ADD_FAILURE() << "child " << child << " doesn't end";
+    PmSandbox::SignalPidFd(process.Get(), SIGKILL);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return status;
+}
+
+// One that waits to be signalled. What it is sent is left for the test to reap.
+class WaitingChild {
+ public:
+  WaitingChild() : pid_(fork()) {
+    PmSandbox::CheckStep(pid_ >= 0, "fork");
+    if (pid_ == 0) {
+      (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+      for (;;) {
+        pause();
+      }
+    }
+  }
+  ~WaitingChild() {
+    if (pid_ > 0) {
+      (void)kill(pid_, SIGKILL);
+      (void)PmTest::Reap(pid_);
+    }
+  }
+  WaitingChild(const WaitingChild&) = delete;
+  WaitingChild& operator=(const WaitingChild&) = delete;
+
+  [[nodiscard]] pid_t Pid() const { return pid_; }
+
+  // Sends the signal, waits for the change of its state and leaves the change to be seen again.
+  void Change(int signal, int options) const {
+    siginfo_t info{};
+    ASSERT_EQ(kill(pid_, signal), 0);
+    ASSERT_TRUE(PmSandbox::Eventually([&] {
+      return waitid(P_PID, static_cast<id_t>(pid_), &info, options | WNOWAIT | WNOHANG) == 0 &&
+             info.si_pid == pid_;
+    }));
+  }
+
+  // Waits for its end and takes the status.
+  [[nodiscard]] int Reap() { return PmTest::Reap(std::exchange(pid_, -1)); }
+
+ private:
+  pid_t pid_;
+};
+
+}  // namespace PmTest
+
+#endif  // TESTS_SUPPORT_CHILDREN_H
