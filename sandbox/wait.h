@@ -2,16 +2,31 @@
 #ifndef SANDBOX_WAIT_H
 #define SANDBOX_WAIT_H
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 
 #include "base/sleep.h"
 #include "base/steady_time.h"
+#include "base/text.h"
 
 namespace PmSandbox {
 
-// How long anything may take before a test calls it lost. Generous: a loaded machine under a
-// sanitizer must not fail, and a test that passes never waits this long.
-inline constexpr std::chrono::milliseconds kPatience{60'000};
+// How many times the patience of an idle machine this one needs: a sanitizer slows everything down,
+// and whoever knows that the machine is slow or busy says so with PM_TEST_PATIENCE=NUMBER.
+inline int PatienceFactor() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  constexpr int kBuild = 3;
+#else
+  constexpr int kBuild = 1;
+#endif
+  const char* const given = std::getenv("PM_TEST_PATIENCE");
+  return kBuild * std::max(1, ProcMgr::ParseNumber<int>(given == nullptr ? "" : given).value_or(1));
+}
+
+// How long anything may take before a test calls it lost. Generous: a test that passes never waits
+// this long.
+inline const std::chrono::milliseconds kPatience = PatienceFactor() * std::chrono::seconds(60);
 
 // Looks at `condition` every 2 ms until it holds. Yields false if `patience` has passed first.
 template <typename Condition>

@@ -74,7 +74,6 @@ TEST_F(SlowAgent, LostAndRecoveredHeartbeatsReachTheSensor) {
   Boot({Reporting("iammgr")});
   ASSERT_TRUE(iammgr.BecomeReady());
   AwaitBooted();
-  EXPECT_TRUE(AwaitSensor("iammgr", "2"));
   Beat("iammgr");
   Beat("nobody");
   const std::string lost =
@@ -82,12 +81,13 @@ TEST_F(SlowAgent, LostAndRecoveredHeartbeatsReachTheSensor) {
   const auto loss = log_.WaitFor(lost);
   ASSERT_TRUE(loss.has_value());
   EXPECT_TRUE(AwaitSensor("iammgr", "0"));
-  EXPECT_EQ(log_.Count("status=recovery"), 0U);
   Beat("iammgr");
   ASSERT_TRUE(Await("status=recovery)", *loss));
   EXPECT_TRUE(AwaitSensor("iammgr", "2"));
-  // Told once each, and the process has been left alone.
-  EXPECT_EQ(log_.Count("status=recovery"), 1U);
+  // Told once each, and the process has been left alone. On a machine that is slow enough the wait
+  // for the first beat may have been told before.
+  EXPECT_EQ(log_.Count(lost), 1U);
+  EXPECT_EQ(CountLines(log_.Masked(*loss), "status=recovery"), 1U);
   EXPECT_EQ(log_.Count("PROCMGR : Restarting"), 0U);
 }
 

@@ -17,7 +17,9 @@ class DelayedBinding : public ScenarioTest {
   // Both cores are control cores, so that an unbound child and one that is back on the default
   // cores run on both.
   void SetUp() override {
-    ASSERT_GE(std::thread::hardware_concurrency(), 2U) << "needs two cores to tell masks apart";
+    if (std::thread::hardware_concurrency() < 2) {
+      GTEST_SKIP() << "needs two cores to tell masks apart";
+    }
     sandbox_.MakePlatformGroups("0-1");
     sandbox_.InstallProgram(ProgramPath("test-service"), kService);
   }

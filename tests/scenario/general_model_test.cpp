@@ -153,7 +153,7 @@ class GeneralModel : public GeneralTest {
       }
       Reports got;
       for (; count > 0; --count) {
-        const auto report = peer->NextReport(std::chrono::seconds(20));
+        const auto report = peer->NextReport();
         if (!report.has_value()) {
           break;
         }
