@@ -1,6 +1,5 @@
 #include "host/kernel_cmdline.h"
 #include "tests/fuzz/fuzz_input.h"
-#include "tests/unit/host/captured_log.h"
 
 using PmTest::FuzzText;
 using PmTest::Require;
@@ -16,6 +15,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string path = "/argument";
   ProcMgr::UpdateStartupYaml(context, path);
   Require(path.starts_with('/'));
-  (void)ProcMgr::Testing::TakeLog();
   return 0;
 }

@@ -2,7 +2,6 @@
 
 #include "host/core_affinity_mgr.h"
 #include "tests/fuzz/fuzz_input.h"
-#include "tests/unit/host/captured_log.h"
 
 using PmTest::FuzzText;
 using PmTest::Require;
@@ -18,6 +17,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       Require(core < 1024);
     }
   }
-  (void)ProcMgr::Testing::TakeLog();
   return 0;
 }

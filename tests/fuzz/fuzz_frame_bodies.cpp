@@ -6,7 +6,6 @@
 #include <cstring>
 #include <string>
 
-#include "core/log.h"
 #include "message/serialization.h"
 #include "tests/fuzz/fuzz_input.h"
 
@@ -17,11 +16,6 @@ namespace {
 using ProcMgr::Message::RequestMsg;
 using ProcMgr::Message::RequestType;
 namespace Codec = ProcMgr::Serialization;
-
-const bool silent = [] {
-  ProcMgr::SetLogSink([](int, const char*) {});
-  return true;
-}();
 
 // The names of records that came out of a body whose size is `size`; each takes a byte at least.
 template <typename Record>

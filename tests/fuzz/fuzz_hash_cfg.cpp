@@ -1,6 +1,5 @@
 #include "host/integrity_protect.h"
 #include "tests/fuzz/fuzz_input.h"
-#include "tests/unit/host/captured_log.h"
 
 using PmTest::FuzzText;
 using PmTest::Require;
@@ -15,6 +14,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (text.starts_with("a b=c\n")) {
     Require(!protect.Check("/bin/a b"));
   }
-  (void)ProcMgr::Testing::TakeLog();
   return 0;
 }

@@ -1,6 +1,5 @@
 #include "host/host_limits.h"
 #include "tests/fuzz/fuzz_input.h"
-#include "tests/unit/host/captured_log.h"
 
 using PmTest::FuzzFile;
 using PmTest::FuzzText;
@@ -15,6 +14,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   ProcMgr::homeEnvValue.clear();
   ProcMgr::InquireHomeEnvVariable(FuzzFile(data, size));
   Require(ProcMgr::homeEnvValue.empty() || ProcMgr::homeEnvValue.starts_with('/'));
-  (void)ProcMgr::Testing::TakeLog();
   return 0;
 }

@@ -1,7 +1,6 @@
 #include "base/text.h"
 #include "host/proc_mgr_cfg.h"
 #include "tests/fuzz/fuzz_input.h"
-#include "tests/unit/host/captured_log.h"
 
 using PmTest::FuzzFile;
 using PmTest::Require;
@@ -12,6 +11,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const ProcMgr::WatchDogCfg& watchDog = cfg.watchDogCfg;
   Require(!watchDog.timeout.empty() && ProcMgr::IsStrDigits(watchDog.timeout));
   Require(watchDog.action == "0" || watchDog.action == "1" || watchDog.action == "2");
-  (void)ProcMgr::Testing::TakeLog();
   return 0;
 }

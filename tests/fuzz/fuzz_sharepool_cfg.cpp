@@ -3,7 +3,6 @@
 
 #include "host/sharepool_cfg.h"
 #include "tests/fuzz/fuzz_input.h"
-#include "tests/unit/host/captured_log.h"
 
 using PmTest::FuzzFile;
 using PmTest::Require;
@@ -20,6 +19,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const std::string& admin : cfg.AdminProLists()) {
     Require(cfg.GetAppSharepoolGroups(admin, {}).size() == names.size() + 1);
   }
-  (void)ProcMgr::Testing::TakeLog();
   return 0;
 }

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <string>
 
-#include "core/log.h"
 #include "message/upload_msg.h"
 #include "tests/fuzz/fuzz_input.h"
 
@@ -11,11 +10,6 @@ using PmTest::FuzzText;
 using PmTest::Require;
 
 namespace {
-
-const bool silent = [] {
-  ProcMgr::SetLogSink([](int, const char*) {});
-  return true;
-}();
 
 void FuzzRequest(std::string_view text) {
   PmUpload::UploadMsg msg;

@@ -1,25 +1,29 @@
 #include "host/core_affinity_mgr.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <future>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "tests/unit/host/host_test.h"
-#include "tests/unit/host/parked_thread.h"
+#include "tests/support/taken_log.h"
+#include "tests/support/temp_folder.h"
 
 namespace ProcMgr {
 namespace {
 
+using PmTest::TakeLog;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using Testing::ParkedThread;
-using Testing::TakeLog;
 
 using Cores = std::vector<std::uint32_t>;
 
@@ -37,10 +41,44 @@ Cores MaskOf(std::uint32_t tid) {
   return cores;
 }
 
-class CoreAffinity : public Testing::HostTest {
+// A thread that does nothing until it is let go.
+class ParkedThread {
+ public:
+  explicit ParkedThread(const std::string& name)
+      : thread_([this] {
+          tid_.set_value(static_cast<std::uint32_t>(gettid()));
+          release_.get_future().wait();
+        }) {
+    Rename(name);
+    id_ = tid_.get_future().get();
+  }
+  ~ParkedThread() { End(); }
+  ParkedThread(const ParkedThread&) = delete;
+  ParkedThread& operator=(const ParkedThread&) = delete;
+
+  [[nodiscard]] std::uint32_t Tid() const { return id_; }
+  void Rename(const std::string& name) {
+    (void)pthread_setname_np(thread_.native_handle(), name.c_str());
+  }
+  void End() {
+    if (thread_.joinable()) {
+      release_.set_value();
+      thread_.join();
+    }
+  }
+
+ private:
+  std::promise<std::uint32_t> tid_;
+  std::promise<void> release_;
+  std::uint32_t id_ = 0;
+  std::thread thread_;  // Last: it uses the others.
+};
+
+class CoreAffinity : public ::testing::Test, protected PmTest::TempFolder {
  protected:
   // The test needs two cores to see a move. A machine with one can't tell a binding from none.
   void SetUp() override {
+    (void)TakeLog();  // Lines of the test before.
     ASSERT_EQ(sched_getaffinity(0, sizeof(before_), &before_), 0);
     const Cores allowed = MaskOf(0);
     if (allowed.size() < 2 || allowed[1] >= cpuCount) {

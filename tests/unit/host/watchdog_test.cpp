@@ -1,21 +1,24 @@
 #include "host/watchdog.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "tests/unit/host/host_test.h"
+#include "tests/support/taken_log.h"
+#include "tests/support/temp_folder.h"
 
 namespace ProcMgr {
 namespace {
 
+using PmTest::TakeLog;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using Testing::TakeLog;
 
 // What the operations asked of the kernel, and what it answers. Plain function pointers take no
 // state along.
@@ -47,7 +50,7 @@ int FakeIoctl(int fd, unsigned long request, unsigned long argument) {
   return kernel.result;
 }
 
-class WatchDog : public Testing::HostTest {
+class WatchDog : public ::testing::Test, protected PmTest::TempFolder {
  protected:
   WatchDog() {
     kernel = {};
