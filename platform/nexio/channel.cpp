@@ -16,6 +16,7 @@ Channel::Channel(int handle, UniqueFd socket, const NexioPeer& peer, std::string
     : handle_(handle),
       socket_(std::move(socket)),
       peer_(peer),
+      reactor_(Reactor::Opened()),
       callbacks_(std::move(callbacks)),
       peerName_(std::move(peerName)) {}
 
@@ -24,21 +25,25 @@ Channel::Channel(int handle, UniqueFd socket, const NexioPeer& peer, std::shared
     : handle_(handle),
       socket_(std::move(socket)),
       peer_(peer),
+      reactor_(Reactor::Accepted()),
       server_(std::move(server)),
       callbacks_(std::move(callbacks)),
       helloDeadline_(helloDeadline),
-      awaitsHello_(true) {}
+      awaitsHello_(true) {
+  peerName_.reserve(kMaxClientName);
+}
 
 int Channel::Start() {
   const MutexLock lock(mutex_);
   if (closed_) {
     return 0;
   }
-  if (awaitsHello_) {
-    Reactor::Instance().SetAlarm(MyToken(), helloDeadline_);
-  }
   armed_ = true;
-  return Reactor::Instance().Watch(socket_.Get(), MyToken());
+  const int result = reactor_.Watch(socket_.Get(), MyToken());
+  if (result == 0 && awaitsHello_) {
+    reactor_.SetAlarm(MyToken(), helloDeadline_);
+  }
+  return result;
 }
 
 int Channel::SendRequest(const NexioRequest& request) {
@@ -95,7 +100,7 @@ int Channel::Close() {
 }
 
 void Channel::Rest() {
-  if (closed_ || serving_ || waiterReads_) {
+  if (closed_ || serving_ || reads_) {
     return;
   }
   if (!inbox_.empty() || (broken_ && !endTold_)) {
@@ -107,16 +112,13 @@ void Channel::Rest() {
     changed_.NotifyAll();
   } else if (!armed_) {
     armed_ = true;
-    Reactor::Instance().Arm(socket_.Get(), MyToken());
+    reactor_.Arm(socket_.Get(), MyToken());
   }
 }
 
 void Channel::Shut() {
   closed_ = true;
-  if (awaitsHello_) {
-    Reactor::Instance().CancelAlarm(MyToken(), helloDeadline_);
-  }
-  Reactor::Instance().Forget(socket_.Get());
+  reactor_.Forget(socket_.Get(), MyToken());
   // The peer hears of it at once, though a sender may hold the socket for a moment still.
   (void)shutdown(socket_.Get(), SHUT_RDWR);
   inbox_.clear();

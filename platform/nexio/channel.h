@@ -2,9 +2,9 @@
 //
 // Its life: it is watched from its Start on; when epoll says that something has come, one thread of
 // the reactor serves it: it reads a packet, runs the callback, reads the next. When there is no
-// more, or after its turn, it arms the socket again and leaves. So callbacks come one at a time and
-// in order, and the kernel's queue is the only one there is: a slow callback leaves packets where
-// they count against their sender.
+// more, or after its slice of time, it arms the socket again and leaves. So callbacks come one at a
+// time and in order, and the kernel's queue is the only one there is: a slow callback leaves
+// packets where they count against their sender.
 //
 // A thread that waits for a response doesn't wait for a thread of the reactor: it reads the socket
 // itself, which saves a change of threads and works even if all four are busy or it is one of
@@ -71,9 +71,10 @@ class Channel {
 
   [[nodiscard]] const NexioPeer& Peer() const { return peer_; }
 
-  // Called by the reactor: something has come; the time for the hello is up.
-  void Serve() EXCLUDES(mutex_);
-  void HelloIsDue() EXCLUDES(mutex_);
+  // Called by the reactor: something has come, to be received into `buffer`; the time is up for the
+  // hello or, later on, for leaving the socket unwatched.
+  void Serve(std::span<std::byte> buffer) EXCLUDES(mutex_);
+  void AlarmIsDue() EXCLUDES(mutex_);
 
  private:
   // A thread that waits for a response, on its stack.
@@ -91,20 +92,26 @@ class Channel {
   [[nodiscard]] Token MyToken() const { return {TokenKind::kChannel, handle_}; }
 
   // Does the next thing there is to do for the serving thread; false if there is none.
-  bool ServeOne() REQUIRES(mutex_);
+  bool ServeOne(std::span<std::byte> buffer) REQUIRES(mutex_);
   // Nothing has come. In a stream, a thread that went to sleep at once would be woken for every
   // single packet, which costs the sender more than the packet itself; so it naps and finds
-  // several. Not if this turn has sent anything: the peer may be waiting for it, and its next
-  // packet comes after it. Yields whether to look again.
+  // several. Yields whether to look again.
   bool NapInStream() REQUIRES(mutex_);
   // Takes one packet off the socket and checks it. A packet that breaks a rule, like the end of
   // the connection, breaks the channel.
   Read ReadPacket(std::span<std::byte> buffer, Packet& out) REQUIRES(mutex_);
+  // The same, with a short wait for the packet. In a row of questions and answers the next question
+  // then comes at half the cost of the way through epoll.
+  Read LingerForPacket(std::span<std::byte> buffer, Packet& out) REQUIRES(mutex_);
   // The same for what has been received already.
   Read TakePacket(std::span<std::byte> buffer, Receipt receipt, std::size_t length, Packet& out)
       REQUIRES(mutex_);
   [[nodiscard]] const char* FindFault(const Packet& packet) const REQUIRES(mutex_);
   void Break(const char* fault) REQUIRES(mutex_);
+
+  // Releases the lock for the line. A shortage costs the packet at hand and nothing else.
+  void TellNoMemory() REQUIRES(mutex_);
+  void TellFault() REQUIRES(mutex_);
 
   // These run a callback, with the lock released.
   void DeliverHello(const Packet& packet) REQUIRES(mutex_);
@@ -124,6 +131,9 @@ class Channel {
 
   // Sees to it that what comes next finds somebody, when nobody reads any more.
   void Rest() REQUIRES(mutex_);
+  // The same after a call. While one call follows the other, nobody watches in between, which would
+  // cost each of them two ways into the kernel: the next call finds what has come, or an alarm.
+  void RestAfterCall() REQUIRES(mutex_);
   void Shut() REQUIRES(mutex_);
   // Takes the handle out of the process's tables. `late`: the close was asked for earlier, and the
   // one who asked may ask again.
@@ -133,6 +143,7 @@ class Channel {
   const int handle_;
   const UniqueFd socket_;
   const NexioPeer peer_;
+  Reactor& reactor_;
   const std::shared_ptr<Server> server_;  // None for a connection that this side opened.
   const std::shared_ptr<const Callbacks> callbacks_;
   const SteadyTime helloDeadline_;
@@ -142,7 +153,7 @@ class Channel {
   // Set once, under the lock; read by senders without it.
   std::atomic<bool> broken_ = false;
   std::atomic<bool> closed_ = false;
-  // A hint: something was sent since the turn began.
+  // A hint: something was sent since the last packet came.
   std::atomic<bool> hasSent_ = false;
 
   // Taken after a server's lock and before the reactor's. Never held during a callback.
@@ -152,17 +163,20 @@ class Channel {
   bool awaitsHello_ GUARDED_BY(mutex_) = false;
   bool armed_ GUARDED_BY(mutex_) = false;
   bool posted_ GUARDED_BY(mutex_) = false;
-  bool serving_ GUARDED_BY(mutex_) = false;      // A thread of the reactor is in Serve.
-  bool waiterReads_ GUARDED_BY(mutex_) = false;  // A thread in Call reads the socket.
+  bool serving_ GUARDED_BY(mutex_) = false;  // A thread of the reactor is in Serve.
+  bool reads_ GUARDED_BY(mutex_) = false;    // A thread reads the socket outside the lock.
   bool inCallback_ GUARDED_BY(mutex_) = false;
   std::thread::id callbackThread_ GUARDED_BY(mutex_);
   bool closeWanted_ GUARDED_BY(mutex_) = false;  // Close came while a callback ran.
   bool detachDue_ GUARDED_BY(mutex_) = false;    // Serve closed it and must detach it.
   bool endTold_ GUARDED_BY(mutex_) = false;
   bool strayTold_ GUARDED_BY(mutex_) = false;  // A response for nobody has been logged.
-  bool inStream_ GUARDED_BY(mutex_) = false;   // This turn began soon after the last one.
+  bool inStream_ GUARDED_BY(mutex_) = false;   // This turn began at once after the last one,
+  bool inRow_ GUARDED_BY(mutex_) = false;      // or soon after it.
   bool napped_ GUARDED_BY(mutex_) = false;     // The turn has slept since the last packet.
   SteadyTime lastTurn_ GUARDED_BY(mutex_);
+  SteadyTime lastCall_ GUARDED_BY(mutex_);
+  bool watchDelayed_ GUARDED_BY(mutex_) = false;  // An alarm will have the socket watched.
   int readErrors_ GUARDED_BY(mutex_) = 0;
   const char* fault_ GUARDED_BY(mutex_) = nullptr;
   std::list<Waiter*> waiters_ GUARDED_BY(mutex_);

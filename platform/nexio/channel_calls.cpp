@@ -2,7 +2,11 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include "core/log.h"
@@ -15,25 +19,45 @@ namespace {
 // What the inbox may hold before nobody reads on; the rest waits with its sender.
 constexpr std::size_t kInboxLimit = std::size_t{1} << 20;
 
-// Where a thread that waits receives. It may be one that serves, in a callback, while the request
-// that it is working on still lies in its other buffer.
+// A call that ends so soon after another one is likely to be followed by a third.
+constexpr auto kCallGap = std::chrono::microseconds(200);
+
+// What a request may have to wait that comes between two such calls.
+constexpr auto kWatchDelay = std::chrono::milliseconds(2);
+
+// Where a thread that waits receives; empty if there is no memory for it. It may be a thread that
+// serves, in a callback, while the request that it is working on still lies in its other buffer.
 std::span<std::byte> CallBuffer() {
   thread_local std::unique_ptr<std::byte[]> buffer;
-  return PacketBuffer(buffer);
+  if (buffer == nullptr) {
+    try {
+      buffer = std::make_unique_for_overwrite<std::byte[]>(kMaxPacket);
+    } catch (const std::bad_alloc&) {
+      return {};
+    }
+  }
+  return {buffer.get(), kMaxPacket};
 }
 
 }  // namespace
 
 int Channel::Call(const NexioRequest& request, NexioResponse& response,
                   std::optional<SteadyTime> deadline) {
+  if (CallBuffer().empty()) {
+    return -ENOMEM;
+  }
   const MutexLock lock(mutex_);
   if (closed_ || broken_) {
     return closed_ ? kNexioBadFd : kNexioBroken;
   }
   Waiter waiter;
+  try {
+    waiters_.push_back(&waiter);
+  } catch (const std::bad_alloc&) {
+    return -ENOMEM;
+  }
   waiter.seq = static_cast<std::uint32_t>(++seqCount_);
   waiter.response = &response;
-  waiters_.push_back(&waiter);
   StopWatching();
   const int sent =
       SendPacket(socket_.Get(), PacketKind::kRequest, waiter.seq, request.data, request.size);
@@ -42,8 +66,20 @@ int Channel::Call(const NexioRequest& request, NexioResponse& response,
   }
   AwaitResponse(waiter, deadline);
   waiters_.remove(&waiter);
-  Rest();
+  RestAfterCall();
   return *waiter.result;
+}
+
+void Channel::RestAfterCall() {
+  const SteadyTime now = SteadyNow();
+  const bool inRow = now - std::exchange(lastCall_, now) < kCallGap;
+  const bool quiet =
+      waiters_.empty() && inbox_.empty() && !closed_ && !broken_ && !serving_ && !armed_;
+  if (!inRow || !quiet) {
+    Rest();
+  } else if (!std::exchange(watchDelayed_, true)) {
+    reactor_.SetAlarm(MyToken(), now + kWatchDelay);
+  }
 }
 
 void Channel::AwaitResponse(Waiter& waiter, const std::optional<SteadyTime>& deadline) {
@@ -52,7 +88,7 @@ void Channel::AwaitResponse(Waiter& waiter, const std::optional<SteadyTime>& dea
       waiter.result = closed_ ? kNexioBadFd : kNexioBroken;
     } else if (deadline && SteadyNow() >= *deadline) {
       waiter.result = kNexioTimeout;
-    } else if (!waiterReads_ && !InboxIsFull()) {
+    } else if (!reads_ && !InboxIsFull()) {
       ReadForWaiter(deadline);
     } else if (deadline) {
       (void)changed_.WaitUntil(mutex_, *deadline);
@@ -64,16 +100,19 @@ void Channel::AwaitResponse(Waiter& waiter, const std::optional<SteadyTime>& dea
 
 void Channel::ReadForWaiter(const std::optional<SteadyTime>& deadline) {
   StopWatching();
-  waiterReads_ = true;
+  reads_ = true;
   mutex_.Unlock();
   std::size_t length = 0;
+  // Most answers come at once; for the others it takes a second call into the kernel.
   Receipt receipt = Receipt::kNothing;
-  if (!deadline || WaitReady(socket_.Get(), POLLIN, deadline)) {
-    receipt = ReceivePacket(socket_.Get(), CallBuffer(), length,
-                            deadline ? Patience::kNone : Patience::kEndless);
+  if (!deadline || *deadline - SteadyNow() > kBriefWait) {
+    receipt = ReceivePacket(socket_.Get(), CallBuffer(), length, Patience::kBrief);
+  }
+  if (receipt == Receipt::kNothing && WaitReady(socket_.Get(), POLLIN, deadline)) {
+    receipt = ReceivePacket(socket_.Get(), CallBuffer(), length, Patience::kNone);
   }
   mutex_.Lock();
-  waiterReads_ = false;
+  reads_ = false;
   Packet packet;
   if (closed_ || broken_ || TakePacket(CallBuffer(), receipt, length, packet) != Read::kPacket) {
     return;
@@ -88,7 +127,7 @@ void Channel::ReadForWaiter(const std::optional<SteadyTime>& deadline) {
 void Channel::StopWatching() {
   if (armed_) {
     armed_ = false;
-    Reactor::Instance().Disarm(socket_.Get(), MyToken());
+    reactor_.Disarm(socket_.Get(), MyToken());
   }
 }
 
@@ -97,7 +136,12 @@ bool Channel::InboxIsFull() const {
 }
 
 void Channel::StoreRequest(const Packet& packet) {
-  inbox_.push_back({packet.seq, {packet.data, packet.data + packet.size}});
+  try {
+    inbox_.push_back({packet.seq, {packet.data, packet.data + packet.size}});
+  } catch (const std::bad_alloc&) {
+    TellNoMemory();
+    return;
+  }
   // The record itself counts too, or empty requests would cost nothing.
   inboxBytes_ += sizeof(StoredRequest) + packet.size;
   CallServer();
@@ -106,7 +150,7 @@ void Channel::StoreRequest(const Packet& packet) {
 void Channel::CallServer() {
   if (!serving_ && !posted_) {
     posted_ = true;
-    Reactor::Instance().Post(MyToken());
+    reactor_.Post(MyToken());
   }
 }
 

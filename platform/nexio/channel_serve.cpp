@@ -3,9 +3,12 @@
 
 #include <chrono>
 #include <limits>
+#include <new>
+#include <string>
 #include <string_view>
 #include <utility>
 
+#include "base/printable.h"
 #include "base/sleep.h"
 #include "core/log.h"
 #include "platform/nexio/channel.h"
@@ -14,9 +17,10 @@
 namespace ProcMgr::Nexio {
 namespace {
 
-// After so many packets the thread goes back to the reactor, so that a channel that never falls
-// silent can't keep it from the others.
-constexpr int kPacketsPerTurn = 64;
+// After so long the thread goes back to the reactor, once the callback has returned, so that a
+// channel that never falls silent can't keep it from the others. Time, not packets, because a
+// callback may be slow.
+constexpr auto kSlice = std::chrono::milliseconds(2);
 
 // A channel that is served again so soon carries a stream.
 constexpr auto kStreamGap = std::chrono::microseconds(50);
@@ -24,17 +28,14 @@ constexpr auto kStreamGap = std::chrono::microseconds(50);
 // How long to let packets of a stream gather.
 constexpr std::int64_t kNapNs = 20'000;
 
-constexpr int kMaxReadErrors = 3;
+// A channel that is served again so soon after an answer carries questions in a row.
+constexpr auto kRowGap = std::chrono::microseconds(200);
 
-// Where a thread that serves receives.
-std::span<std::byte> ServeBuffer() {
-  thread_local std::unique_ptr<std::byte[]> buffer;
-  return PacketBuffer(buffer);
-}
+constexpr int kMaxReadErrors = 3;
 
 }  // namespace
 
-void Channel::Serve() {
+void Channel::Serve(std::span<std::byte> buffer) {
   bool detach = false;
   bool late = false;
   {
@@ -47,8 +48,10 @@ void Channel::Serve() {
     serving_ = true;
     hasSent_ = false;
     napped_ = false;
-    inStream_ = SteadyNow() - lastTurn_ < kStreamGap;
-    for (int left = kPacketsPerTurn; left > 0 && ServeOne(); --left) {
+    const SteadyTime begin = SteadyNow();
+    inStream_ = begin - lastTurn_ < kStreamGap;
+    inRow_ = begin - lastTurn_ < kRowGap;
+    while (ServeOne(buffer) && SteadyNow() - begin < kSlice) {
     }
     serving_ = false;
     lastTurn_ = SteadyNow();
@@ -61,7 +64,7 @@ void Channel::Serve() {
   }
 }
 
-bool Channel::ServeOne() {
+bool Channel::ServeOne(std::span<std::byte> buffer) {
   if (closed_) {
     return false;
   }
@@ -81,11 +84,11 @@ bool Channel::ServeOne() {
     }
     return false;
   }
-  if (waiterReads_) {
+  if (reads_) {
     return false;
   }
   Packet packet;
-  const Read read = ReadPacket(ServeBuffer(), packet);
+  const Read read = ReadPacket(buffer, packet);
   if (read == Read::kNothing) {
     return NapInStream();
   }
@@ -105,7 +108,7 @@ bool Channel::ServeOne() {
 }
 
 bool Channel::NapInStream() {
-  if (!inStream_ || napped_ || hasSent_) {
+  if (!inStream_ || napped_) {
     return false;
   }
   mutex_.Unlock();
@@ -116,9 +119,28 @@ bool Channel::NapInStream() {
 }
 
 Channel::Read Channel::ReadPacket(std::span<std::byte> buffer, Packet& out) {
+  if (hasSent_.exchange(false, std::memory_order_relaxed) && inRow_ && reactor_.BeginLinger()) {
+    return LingerForPacket(buffer, out);
+  }
   std::size_t length = 0;
   const Receipt receipt = ReceivePacket(socket_.Get(), buffer, length, Patience::kNone);
   return TakePacket(buffer, receipt, length, out);
+}
+
+Channel::Read Channel::LingerForPacket(std::span<std::byte> buffer, Packet& out) {
+  reads_ = true;
+  mutex_.Unlock();
+  std::size_t length = 0;
+  const Receipt receipt = ReceivePacket(socket_.Get(), buffer, length, Patience::kBrief);
+  reactor_.EndLinger();
+  mutex_.Lock();
+  reads_ = false;
+  napped_ = true;
+  if (!waiters_.empty()) {
+    // Somebody has begun to wait for a response, and couldn't read.
+    changed_.NotifyAll();
+  }
+  return closed_ || broken_ ? Read::kNothing : TakePacket(buffer, receipt, length, out);
 }
 
 Channel::Read Channel::TakePacket(std::span<std::byte> buffer, Receipt receipt, std::size_t length,
@@ -180,9 +202,17 @@ void Channel::RunCallback(const Callback& callback) {
   inCallback_ = true;
   callbackThread_ = std::this_thread::get_id();
   mutex_.Unlock();
-  callback();
+  bool noMemory = false;
+  try {
+    callback();
+  } catch (const std::bad_alloc&) {
+    noMemory = true;
+  }
   mutex_.Lock();
   inCallback_ = false;
+  if (noMemory) {
+    TellNoMemory();
+  }
   if (closeWanted_ && !closed_) {
     Shut();
     detachDue_ = true;
@@ -191,7 +221,8 @@ void Channel::RunCallback(const Callback& callback) {
 
 void Channel::DeliverHello(const Packet& packet) {
   awaitsHello_ = false;
-  Reactor::Instance().CancelAlarm(MyToken(), helloDeadline_);
+  reactor_.CancelAlarm(MyToken());
+  // Into memory that was taken with the connection.
   peerName_.assign(reinterpret_cast<const char*>(packet.data), packet.size);
   if (callbacks_->onConnect) {
     // The name doesn't change any more, so the callback may read it without the lock.
@@ -209,12 +240,7 @@ void Channel::DeliverRequest(const NexioRequest* request) {
 void Channel::DeliverEnd() {
   endTold_ = true;
   if (fault_ != nullptr) {
-    const char* const fault = fault_;
-    const std::string name = peerName_;
-    mutex_.Unlock();
-    LogWarning("NEXIO : connection closed: %s, fd=%d, peer=%s, pid=%d", fault, handle_,
-               name.c_str(), peer_.pid);
-    mutex_.Lock();
+    TellFault();
   }
   if (closed_) {
     return;
@@ -227,12 +253,33 @@ void Channel::DeliverEnd() {
   }
 }
 
-void Channel::HelloIsDue() {
+void Channel::TellNoMemory() {
+  mutex_.Unlock();
+  LogError("NEXIO : no memory, a packet is lost, fd=%d", handle_);
+  mutex_.Lock();
+}
+
+void Channel::TellFault() {
+  std::string shown;
+  try {
+    shown = Printable(peerName_);
+  } catch (const std::bad_alloc&) {
+    // The line goes without the name rather than not at all.
+  }
+  const char* const fault = fault_;
+  mutex_.Unlock();
+  LogWarning("NEXIO : connection closed: %s, fd=%d, peer=%s, pid=%d", fault, handle_, shown.c_str(),
+             peer_.pid);
+  mutex_.Lock();
+}
+
+void Channel::AlarmIsDue() {
   const MutexLock lock(mutex_);
+  watchDelayed_ = false;
   if (awaitsHello_ && !closed_ && !broken_) {
     Break("no hello in time");
-    Rest();
   }
+  Rest();
 }
 
 }  // namespace ProcMgr::Nexio

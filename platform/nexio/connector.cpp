@@ -55,7 +55,7 @@ int Greet(int fd, gid_t gid, std::string_view ownName, NexioPeer& peer) {
   if (peer.gid != gid) {
     return kNexioDenied;
   }
-  WidenQueue(fd);
+  PrepareSocket(fd);
   const int result = SendPacket(fd, PacketKind::kHello, 0, ownName.data(),
                                 static_cast<std::uint32_t>(ownName.size()));
   // A peer that has gone again may have said something first. It must not be lost, so this is a
@@ -120,12 +120,6 @@ int ReadPeer(int fd, NexioPeer& out) {
   }
   out = {credentials.pid, credentials.uid, credentials.gid};
   return 0;
-}
-
-void WidenQueue(int fd) {
-  // The kernel counts its own overhead too, up to twice the data, and cuts the wish to its limit.
-  constexpr int kWish = 1 << 20;
-  (void)setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kWish, sizeof(kWish));
 }
 
 }  // namespace ProcMgr::Nexio

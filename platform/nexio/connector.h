@@ -21,9 +21,6 @@ namespace ProcMgr::Nexio {
 // Reads who is at the other end of a connected socket. Yields 0 or a negative errno.
 [[nodiscard]] int ReadPeer(int fd, NexioPeer& out);
 
-// Sees to it that the send queue holds a few packets of the greatest size.
-void WidenQueue(int fd);
-
 }  // namespace ProcMgr::Nexio
 
 #endif  // PLATFORM_NEXIO_CONNECTOR_H

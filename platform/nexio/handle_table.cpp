@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <limits>
+#include <new>
 #include <utility>
 
 #include "base/immortal.h"
@@ -69,7 +70,12 @@ void HandleTable::RemoveLate(int handle) {
     return;
   }
   channel = node.mapped();
-  late_.insert(handle);
+  try {
+    late_.insert(handle);
+  } catch (const std::bad_alloc&) {
+    // Who asks again is told that there is no such descriptor, which is true too.
+    return;
+  }
   if (late_.size() > kMaxLate) {
     late_.erase(late_.begin());
   }

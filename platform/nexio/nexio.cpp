@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -26,16 +28,16 @@ using Nexio::HandleTable;
 // How long a server of an ordinary user waits for root to make the socket directory.
 constexpr auto kDirectoryPatience = std::chrono::seconds(10);
 
-void OnWake(Nexio::Token token, Nexio::Wake why) {
+void OnWake(Nexio::Token token, Nexio::Wake why, std::span<std::byte> buffer) {
   if (token.kind == Nexio::TokenKind::kServer) {
     if (const auto server = HandleTable::Instance().FindServer(token.handle)) {
       server->Accept();
     }
   } else if (const auto channel = HandleTable::Instance().FindChannel(token.handle)) {
     if (why == Nexio::Wake::kAlarm) {
-      channel->HelloIsDue();
+      channel->AlarmIsDue();
     } else {
-      channel->Serve();
+      channel->Serve(buffer);
     }
   }
 }
@@ -52,12 +54,12 @@ std::string OwnName() {
 
 }  // namespace
 
-int NexioOpen(const NexioOpenParam& param) {
+int NexioOpen(const NexioOpenParam& param) try {
   if (param.peerName == nullptr || !Nexio::IsServerName(param.peerName)) {
     return kNexioBadName;
   }
   const SteadyTime deadline = SteadyNow() + std::chrono::milliseconds(param.timeout);
-  if (const int result = Nexio::Reactor::Instance().Start(&OnWake); result < 0) {
+  if (const int result = Nexio::Reactor::Opened().Start(&OnWake); result < 0) {
     return result;
   }
   // Best effort: a server that comes before us and isn't root waits for it.
@@ -83,20 +85,22 @@ int NexioOpen(const NexioOpenParam& param) {
     return started;
   }
   return handle;
+} catch (const std::bad_alloc&) {
+  return -ENOMEM;
 }
 
 int NexioCreateServer(const NexioServerParam& param) {
   return NexioCreateFilteredServer(param, nullptr);
 }
 
-int NexioCreateFilteredServer(const NexioServerParam& param, NexioPeerFilter filter) {
+int NexioCreateFilteredServer(const NexioServerParam& param, NexioPeerFilter filter) try {
   const char* const given =
       param.serverName != nullptr ? param.serverName : secure_getenv("PROC_NAME");
   if (given == nullptr || !Nexio::IsServerName(given)) {
     return kNexioBadName;
   }
   const std::string name = given;
-  if (const int result = Nexio::Reactor::Instance().Start(&OnWake); result < 0) {
+  if (const int result = Nexio::Reactor::Accepted().Start(&OnWake); result < 0) {
     return result;
   }
   Nexio::Claim claim;
@@ -121,6 +125,8 @@ int NexioCreateFilteredServer(const NexioServerParam& param, NexioPeerFilter fil
     return started;
   }
   return handle;
+} catch (const std::bad_alloc&) {
+  return -ENOMEM;
 }
 
 int NexioSendRequest(int fd, const NexioRequest& request) {

@@ -7,7 +7,6 @@ namespace {
 
 constexpr std::uint32_t kMagic = 0x4f58454e;
 constexpr std::uint16_t kVersion = 1;
-constexpr std::size_t kMaxClientName = 255;
 
 constexpr std::size_t kVersionAt = 4;
 constexpr std::size_t kKindAt = 6;

@@ -19,6 +19,7 @@ namespace ProcMgr::Nexio {
 
 inline constexpr std::size_t kHeaderSize = 16;
 inline constexpr std::size_t kMaxPacket = kHeaderSize + kNexioMaxData;
+inline constexpr std::size_t kMaxClientName = 255;
 
 enum class PacketKind : std::uint16_t { kHello = 1, kRequest = 2, kResponse = 3 };
 

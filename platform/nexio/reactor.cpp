@@ -7,16 +7,22 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <iterator>
 #include <limits>
+#include <memory>
+#include <new>
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "base/block_signals.h"
 #include "base/immortal.h"
+#include "platform/nexio/packet.h"
 
 namespace ProcMgr::Nexio {
 namespace {
@@ -27,8 +33,16 @@ constexpr auto kExitGrace = std::chrono::seconds(1);
 constexpr std::uint64_t kJobsToken = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t kTimerToken = kJobsToken - 1;
 
-// Set on the reactor's own threads; one of them may be the one that calls exit.
-thread_local bool onReactorThread = false;
+// How many of the threads may linger; the rest take what comes from others.
+constexpr int kMaxLingering = kThreads / 2;
+
+// Whose thread this is, if it is a reactor's; one of them may be the one that calls exit.
+thread_local const Reactor* ownReactor = nullptr;
+
+struct Reactors {
+  Reactor opened{"nexio-"};
+  Reactor accepted{"nexio-in-"};
+};
 
 std::uint64_t Pack(Token token) {
   return (static_cast<std::uint64_t>(token.kind) << 32) | static_cast<std::uint32_t>(token.handle);
@@ -48,8 +62,12 @@ Token Unpack(std::uint64_t bits) {
 
 }  // namespace
 
-Reactor& Reactor::Instance() {
-  return Immortal<Reactor>();
+Reactor& Reactor::Opened() {
+  return Immortal<Reactors>().opened;
+}
+
+Reactor& Reactor::Accepted() {
+  return Immortal<Reactors>().accepted;
 }
 
 int Reactor::Start(Handler handler) {
@@ -69,7 +87,7 @@ int Reactor::Start(Handler handler) {
   }
   owner_ = getpid();
   started_.store(true, std::memory_order_release);
-  (void)std::atexit([] { Instance().Stop(); });
+  [[maybe_unused]] static const int registered = std::atexit(&StopAll);
   return 0;
 }
 
@@ -100,34 +118,56 @@ int Reactor::StartThreads() {
   int result = 0;
   while (threads_ < kThreads && result == 0) {
     try {
-      std::thread thread([this] { ThreadBody(); });
-      const std::string name = "nexio-" + std::to_string(threads_);
+      auto memory = std::make_unique_for_overwrite<std::byte[]>(kMaxPacket);
+      const std::string name = name_ + std::to_string(threads_);
+      std::thread thread([this, buffer = std::move(memory)] {
+        ThreadBody({buffer.get(), kMaxPacket});
+      });
       (void)pthread_setname_np(thread.native_handle(), name.c_str());
       thread.detach();
       ++threads_;
     } catch (const std::system_error& error) {
       result = -error.code().value();
+    } catch (const std::bad_alloc&) {
+      result = -ENOMEM;
     }
   }
   return result;
 }
 
-void Reactor::Stop() {
+void Reactor::StopAll() {
+  const SteadyTime deadline = SteadyNow() + kExitGrace;
+  Reactor* const all[] = {&Opened(), &Accepted()};
+  bool runs[std::size(all)] = {};
+  std::transform(std::begin(all), std::end(all), runs,
+                 [](Reactor* each) { return each->AskToStop(); });
+  for (std::size_t i = 0; i < std::size(all); ++i) {
+    if (runs[i]) {
+      all[i]->AwaitStop(deadline);
+    }
+  }
+}
+
+bool Reactor::AskToStop() {
   if (getpid() != owner_) {
-    return;  // A forked child that ends with exit has none of the threads.
+    return false;  // A forked child that ends with exit has none of the threads.
   }
   const MutexLock lock(mutex_);
   stopping_.store(true);
   // Left unread, the count wakes one thread after the other.
   (void)eventfd_write(jobsReady_.Get(), kThreads);
-  const int others = onReactorThread ? 1 : 0;
-  const SteadyTime deadline = SteadyNow() + kExitGrace;
+  return true;
+}
+
+void Reactor::AwaitStop(SteadyTime deadline) {
+  const int others = ownReactor == this ? 1 : 0;
+  const MutexLock lock(mutex_);
   while (threads_ > others && threadGone_.WaitUntil(mutex_, deadline)) {
   }
 }
 
-void Reactor::ThreadBody() noexcept {
-  onReactorThread = true;
+void Reactor::ThreadBody(std::span<std::byte> buffer) noexcept {
+  ownReactor = this;
   // The slack of 50 us that threads have by default is more than the naps of a busy channel.
   (void)prctl(PR_SET_TIMERSLACK, 1000UL);
   while (!stopping_.load()) {
@@ -136,11 +176,11 @@ void Reactor::ThreadBody() noexcept {
       continue;
     }
     if (event.data.u64 == kJobsToken) {
-      RunJob();
+      RunJob(buffer);
     } else if (event.data.u64 == kTimerToken) {
-      RunAlarms();
+      RunAlarms(buffer);
     } else {
-      handler_(Unpack(event.data.u64), Wake::kReady);
+      handler_(Unpack(event.data.u64), Wake::kReady, buffer);
     }
   }
   const MutexLock lock(mutex_);
@@ -148,8 +188,20 @@ void Reactor::ThreadBody() noexcept {
   threadGone_.NotifyAll();
 }
 
-int Reactor::Watch(int fd, Token token) const {
-  return Control(epoll_.Get(), EPOLL_CTL_ADD, fd, EPOLLIN | EPOLLONESHOT, Pack(token));
+int Reactor::Watch(int fd, Token token) {
+  const MutexLock lock(mutex_);
+  try {
+    const std::size_t needed = watched_ + 1;
+    if (std::min(jobs_.capacity(), alarms_.capacity()) < needed) {
+      jobs_.reserve(2 * needed);
+      alarms_.reserve(2 * needed);
+    }
+  } catch (const std::bad_alloc&) {
+    return -ENOMEM;
+  }
+  const int result = Control(epoll_.Get(), EPOLL_CTL_ADD, fd, EPOLLIN | EPOLLONESHOT, Pack(token));
+  watched_ += result == 0 ? 1 : 0;
+  return result;
 }
 
 void Reactor::Arm(int fd, Token token) const {
@@ -160,17 +212,24 @@ void Reactor::Disarm(int fd, Token token) const {
   (void)Control(epoll_.Get(), EPOLL_CTL_MOD, fd, EPOLLONESHOT, Pack(token));
 }
 
-void Reactor::Forget(int fd) const {
-  (void)Control(epoll_.Get(), EPOLL_CTL_DEL, fd, 0, 0);
-}
-
-void Reactor::Post(Token token) {
+void Reactor::Forget(int fd, Token token) {
   const MutexLock lock(mutex_);
-  jobs_.push_back(token);
-  (void)eventfd_write(jobsReady_.Get(), 1);
+  if (Control(epoll_.Get(), EPOLL_CTL_DEL, fd, 0, 0) == 0) {
+    --watched_;
+    std::erase(jobs_, token);
+    std::erase_if(alarms_, [token](const Alarm& each) { return each.token == token; });
+  }
 }
 
-void Reactor::RunJob() {
+void Reactor::Post(Token token) noexcept {
+  const MutexLock lock(mutex_);
+  if (std::find(jobs_.begin(), jobs_.end(), token) == jobs_.end()) {
+    jobs_.push_back(token);
+    (void)eventfd_write(jobsReady_.Get(), 1);
+  }
+}
+
+void Reactor::RunJob(std::span<std::byte> buffer) {
   eventfd_t count = 0;
   if (eventfd_read(jobsReady_.Get(), &count) != 0) {
     // Another thread that was woken by the same count has taken it.
@@ -180,57 +239,70 @@ void Reactor::RunJob() {
   {
     const MutexLock lock(mutex_);
     if (jobs_.empty()) {
-      return;  // The count was Stop's.
+      return;  // The count was for a stop, or for a token that was forgotten.
     }
     token = jobs_.front();
-    jobs_.pop_front();
+    jobs_.erase(jobs_.begin());
   }
-  handler_(token, Wake::kReady);
+  handler_(token, Wake::kReady, buffer);
 }
 
-void Reactor::SetAlarm(Token token, SteadyTime when) {
+void Reactor::SetAlarm(Token token, SteadyTime when) noexcept {
   const MutexLock lock(mutex_);
-  alarms_.emplace(when, token);
+  const auto later =
+      std::upper_bound(alarms_.begin(), alarms_.end(), when,
+                       [](SteadyTime time, const Alarm& each) { return time < each.when; });
+  alarms_.insert(later, {when, token});
   SetTimer();
 }
 
-void Reactor::CancelAlarm(Token token, SteadyTime when) {
+void Reactor::CancelAlarm(Token token) {
   // The timer may then fire for nothing, which sets it for the next alarm.
   const MutexLock lock(mutex_);
-  alarms_.erase({when, token});
+  std::erase_if(alarms_, [token](const Alarm& each) { return each.token == token; });
 }
 
 void Reactor::SetTimer() {
+  // The steady clock is CLOCK_MONOTONIC. 0 would stop the timer, and no alarm is that old.
   itimerspec setting{};
-  if (!alarms_.empty()) {
-    // The steady clock is CLOCK_MONOTONIC. 0 would stop the timer, and no alarm is that old.
-    const auto since = alarms_.begin()->first.time_since_epoch();
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
-    setting.it_value.tv_sec = seconds.count();
-    setting.it_value.tv_nsec =
-        std::chrono::duration_cast<std::chrono::nanoseconds>(since - seconds).count();
-  }
+  const auto since = alarms_.front().when.time_since_epoch();
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
+  setting.it_value.tv_sec = seconds.count();
+  setting.it_value.tv_nsec =
+      std::chrono::duration_cast<std::chrono::nanoseconds>(since - seconds).count();
   (void)timerfd_settime(timer_.Get(), TFD_TIMER_ABSTIME, &setting, nullptr);
 }
 
-void Reactor::RunAlarms() {
+void Reactor::RunAlarms(std::span<std::byte> buffer) {
   std::uint64_t expirations = 0;
   if (read(timer_.Get(), &expirations, sizeof(expirations)) < 0) {
     return;
   }
-  std::deque<Token> due;
-  {
-    const MutexLock lock(mutex_);
-    const SteadyTime now = SteadyNow();
-    while (!alarms_.empty() && alarms_.begin()->first <= now) {
-      due.push_back(alarms_.begin()->second);
-      alarms_.erase(alarms_.begin());
-    }
+  while (const std::optional<Token> token = TakeDueAlarm()) {
+    handler_(*token, Wake::kAlarm, buffer);
+  }
+}
+
+std::optional<Token> Reactor::TakeDueAlarm() {
+  const MutexLock lock(mutex_);
+  if (alarms_.empty()) {
+    return std::nullopt;
+  }
+  if (alarms_.front().when > SteadyNow()) {
     SetTimer();
+    return std::nullopt;
   }
-  for (const Token token : due) {
-    handler_(token, Wake::kAlarm);
+  const Token token = alarms_.front().token;
+  alarms_.erase(alarms_.begin());
+  return token;
+}
+
+bool Reactor::BeginLinger() {
+  if (++lingering_ <= kMaxLingering) {
+    return true;
   }
+  --lingering_;
+  return false;
 }
 
 }  // namespace ProcMgr::Nexio

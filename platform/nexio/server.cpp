@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "platform/nexio/connector.h"
 #include "platform/nexio/handle_table.h"
+#include "platform/nexio/wire_io.h"
 
 namespace ProcMgr::Nexio {
 namespace {
@@ -40,7 +41,7 @@ Server::Server(int handle, std::string name, Claim claim, std::uint32_t maxClien
 
 int Server::Start() {
   const MutexLock lock(mutex_);
-  return Reactor::Instance().Watch(claim_.listener.Get(), MyToken());
+  return Reactor::Accepted().Watch(claim_.listener.Get(), MyToken());
 }
 
 void Server::Accept() {
@@ -51,7 +52,7 @@ void Server::Accept() {
   }
   const MutexLock lock(mutex_);
   if (!closed_) {
-    Reactor::Instance().Arm(claim_.listener.Get(), MyToken());
+    Reactor::Accepted().Arm(claim_.listener.Get(), MyToken());
   }
 }
 
@@ -69,7 +70,7 @@ bool Server::AcceptOne() {
   if (handle == 0 || !Enter(handle)) {
     return true;
   }
-  WidenQueue(fd.Get());
+  PrepareSocket(fd.Get());
   const auto channel = std::make_shared<Channel>(handle, std::move(fd), peer, shared_from_this(),
                                                  callbacks_, SteadyNow() + kHelloLimit);
   HandleTable::Instance().Add(handle, channel);
@@ -99,9 +100,9 @@ UniqueFd Server::Take(bool& again) {
     if (!std::exchange(shortageTold_, true)) {
       LogError("NEXIO : server %s can't accept, errno=%d", name_.c_str(), error);
     }
-    Reactor::Instance().SetAlarm(MyToken(), SteadyNow() + kShortagePause);
+    Reactor::Accepted().SetAlarm(MyToken(), SteadyNow() + kShortagePause);
   } else if (error == EAGAIN) {
-    Reactor::Instance().Arm(claim_.listener.Get(), MyToken());
+    Reactor::Accepted().Arm(claim_.listener.Get(), MyToken());
   } else {
     again = true;  // The client has gone again, or a signal came.
   }
@@ -145,7 +146,7 @@ int Server::Close() {
     const MutexLock lock(mutex_);
     if (!closed_) {
       closed_ = true;
-      Reactor::Instance().Forget(claim_.listener.Get());
+      Reactor::Accepted().Forget(claim_.listener.Get(), MyToken());
       ReleaseName(name_, claim_);
     }
     clients.assign(clients_.begin(), clients_.end());

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 
 #include <array>
@@ -67,6 +68,15 @@ int SendPacket(int fd, PacketKind kind, std::uint32_t seq, const void* data, std
   return sent < 0 ? ResultOf(errno) : 0;
 }
 
+void PrepareSocket(int fd) {
+  // The kernel counts its own overhead too, up to twice the data, and cuts the wish to its limit.
+  constexpr int kWish = 1 << 20;
+  (void)setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &kWish, sizeof(kWish));
+  // One tick of the kernel, or two.
+  constexpr timeval kBrief{0, 1000};
+  (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kBrief, sizeof(kBrief));
+}
+
 Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length, Patience patience) {
   const int flags = MSG_TRUNC | (patience == Patience::kNone ? MSG_DONTWAIT : 0);
   // A plain recv: descriptors that a peer passes along are dropped by the kernel. MSG_TRUNC makes
@@ -87,13 +97,6 @@ Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length, 
     }
   }
   return Receipt::kPacket;
-}
-
-std::span<std::byte> PacketBuffer(std::unique_ptr<std::byte[]>& buffer) {
-  if (buffer == nullptr) {
-    buffer = std::make_unique_for_overwrite<std::byte[]>(kMaxPacket);
-  }
-  return {buffer.get(), kMaxPacket};
 }
 
 bool WaitReady(int fd, short events, const std::optional<SteadyTime>& deadline) {

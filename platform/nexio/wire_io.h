@@ -2,9 +2,9 @@
 #ifndef PLATFORM_NEXIO_WIRE_IO_H
 #define PLATFORM_NEXIO_WIRE_IO_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <span>
 
@@ -25,14 +25,19 @@ enum class Receipt {
   kError,  // The peer has gone without reading everything. What it had sent is still to be read.
 };
 
-enum class Patience { kNone, kEndless };
+enum class Patience { kNone, kBrief };
 
-// With Patience::kEndless it waits for a packet or the end of the connection.
+// What Patience::kBrief may come to, with what the kernel adds to the socket's limit. The kernel's
+// timer for it costs nothing while packets come, unlike that of poll.
+inline constexpr auto kBriefWait = std::chrono::milliseconds(20);
+
+// Prepares a connected socket: its send queue holds a few packets of the greatest size, and a brief
+// wait on it ends.
+void PrepareSocket(int fd);
+
+// With Patience::kBrief it waits a few milliseconds for a packet or the end of the connection.
 [[nodiscard]] Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length,
                                     Patience patience);
-
-// The whole of a thread's buffer, which is made at its first use and takes the longest packet.
-[[nodiscard]] std::span<std::byte> PacketBuffer(std::unique_ptr<std::byte[]>& buffer);
 
 // Waits until `fd` is ready for `events` or has hung up; false if neither by `deadline`, or if a
 // signal comes first.

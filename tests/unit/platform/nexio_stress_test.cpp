@@ -4,9 +4,11 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <list>
 #include <set>
 #include <thread>
 
+#include "base/sleep.h"
 #include "tests/unit/platform/nexio_world.h"
 
 namespace PmTest {
@@ -125,6 +127,61 @@ TEST(NexioRace, ClosedServerTakesItsConnectionsWithIt) {
   EXPECT_EQ(toldBusy.Await(1), Lines{"end"});
   EXPECT_TRUE(Close(server));
   EXPECT_EQ(ProcMgr::NexioClosePipe(server), ProcMgr::kNexioBadFd);
+}
+
+// 40 clients whose callbacks don't return hold every thread that a server may have.
+TEST(NexioRace, ClientsOfAServerLeaveOpenedChannelsTheirThreads) {
+  constexpr int kClients = 40;
+  constexpr int kThreads = 4;
+  Gate gate;
+  ProcMgr::NexioServerParam param;
+  param.serverName = "crowded";
+  param.requestCallback = [&gate](int, const ProcMgr::NexioRequest*) { gate.Pass(); };
+  const int server = ProcMgr::NexioCreateServer(param);
+  std::list<Channel> clients;
+  for (int i = 0; i < kClients; ++i) {
+    clients.emplace_back("crowded");
+    EXPECT_EQ(SendText(clients.back().fd, "hold"), 0);
+  }
+  EXPECT_TRUE(gate.AwaitArrivals(kThreads));
+  LineRecorder told;
+  const RawChannel opened("opened", Into(told));
+  opened.Request(1, "heard");
+  EXPECT_EQ(told.Await(1), Lines{"heard"});
+  gate.Open();
+  EXPECT_TRUE(Close(server));
+}
+
+// As many channels as there are threads have a slow callback and much to do; another one that has
+// something comes soon, not when they are through.
+TEST(NexioRace, SlowCallbacksHoldAThreadForASliceOfTimeOnly) {
+  constexpr int kBusy = 4;
+  constexpr int kPackets = 40;
+  constexpr std::int64_t kSlowNs = 3'000'000;
+  Gate gate;
+  std::atomic<int> done = 0;
+  std::list<RawChannel> busy;
+  for (int i = 0; i < kBusy; ++i) {
+    busy.emplace_back("slow", [&](int, const ProcMgr::NexioRequest* request) {
+      if (request != nullptr) {
+        gate.Pass();
+        ProcMgr::SleepNs(kSlowNs);
+        ++done;
+      }
+    });
+    for (int packet = 0; packet < kPackets; ++packet) {
+      busy.back().Request(1, "x");
+    }
+  }
+  std::atomic<int> doneBefore = -1;
+  const RawChannel quick("quick",
+                         [&](int, const ProcMgr::NexioRequest*) { doneBefore = done.load(); });
+  EXPECT_TRUE(gate.AwaitArrivals(kBusy));
+  quick.Request(1, "x");
+  gate.Open();
+  EXPECT_TRUE(Eventually([&] { return doneBefore >= 0; }));
+  EXPECT_LT(doneBefore, kBusy * kPackets / 4);
+  EXPECT_TRUE(Eventually([&] { return done == kBusy * kPackets; }));
 }
 
 // A static object that a callback uses; it must not be gone while one runs.
