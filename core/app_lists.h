@@ -6,7 +6,7 @@
 //   1. pmUploadMutex_
 //   2. generalAppMutex_
 //   3. baseAppMutex_
-//   4. ProcessManager::stateMutex_, ProcessManager::cfgMapMutex_
+//   4. BringUpHandshake::stateMutex_, ProcessManager::cfgMapMutex_
 //   5. the name table lock of ProcMgrMaster, the thread table lock of CoreAffinityMgr
 //   Leaves, under which nothing else is taken but the log's lock: ProcessManager::heartMutex_,
 //   baseNamesMutex_ and coreAffinityThreadMutex_, delayCoreMutex_, sensorMutex_.

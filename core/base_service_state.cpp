@@ -13,7 +13,7 @@ enum class ServiceState : std::uint32_t { kAccessUp = 0, kReportAll = 1, kReady 
 
 }  // namespace
 
-void ProcessManager::UpdateBaseAppState(const std::string& sender, std::uint32_t state) {
+void ProcessManager::UpdateBaseAppState(const std::string& sender, std::uint32_t state, int fd) {
   LogInfo("%s PM revice BASESERVICE_STATE_REPORT msg from %s report state=%s",
           BootStrace(kBootTraceTag).c_str(), sender.c_str(),
           Message::GetBaseServiceStateTypeStr(state).c_str());
@@ -22,7 +22,7 @@ void ProcessManager::UpdateBaseAppState(const std::string& sender, std::uint32_t
       if (sender == kAccessService) {
         RegisterVfs();
         ReportPriorityApps();
-        UpdateBaseServiceReady(sender);
+        UpdateBaseServiceReady(sender, fd);
       }
       break;
     case ServiceState::kReportAll:
@@ -31,16 +31,24 @@ void ProcessManager::UpdateBaseAppState(const std::string& sender, std::uint32_t
       }
       break;
     case ServiceState::kReady:
-      UpdateBaseServiceReady(sender);
-      SetReportedState(sender, ProcessState::RUNNING);
+      UpdateBaseServiceReady(sender, fd);
+      SetReportedState(sender, ProcessState::RUNNING, fd);
       break;
     case ServiceState::kLeaving:
-      SetReportedState(sender, ProcessState::TERMINATING);
+      SetReportedState(sender, ProcessState::TERMINATING, fd);
       break;
   }
 }
 
-void ProcessManager::SetReportedState(const std::string& sender, ProcessState state) {
+bool ProcessManager::IsCurrentChannel(const std::string& sender, int fd) {
+  if (master_.GetFdFromProcName(sender) == fd) {
+    return true;
+  }
+  LogError("PROCMGR : GetProcNameFromFd failed: fd: %d", fd);
+  return false;
+}
+
+void ProcessManager::SetReportedState(const std::string& sender, ProcessState state, int fd) {
   const MutexLock lock(baseAppMutex_);
   App::BaseAppInfo* const app = FindBaseApp(sender);
   if (app == nullptr) {
@@ -48,22 +56,17 @@ void ProcessManager::SetReportedState(const std::string& sender, ProcessState st
              sender.c_str());
     return;
   }
+  if (!IsCurrentChannel(sender, fd)) {
+    return;
+  }
   if (state == ProcessState::RUNNING) {
     UpdateFaultSensor(sender, app->nodeType_, Fault::kOff);
   }
-  {
-    const MutexLock stateLock(stateMutex_);
-    // An end that the check pass has seen stays an end.
-    if (state == ProcessState::RUNNING || app->state_ != ProcessState::TERMINATED) {
-      app->state_ = state;
-    }
-    NoteAwaitedState(*app);
-  }
-  stateCond_.NotifyOne();
+  handshake_.TakeReport(*app, state);
 }
 
-void ProcessManager::UpdateBaseServiceReady(const std::string& name) {
-  PUpdateBaseSeriverReadyInfo(name);
+void ProcessManager::UpdateBaseServiceReady(const std::string& name, int fd) {
+  PUpdateBaseSeriverReadyInfo(name, fd);
   const MutexLock lock(generalAppMutex_);
   for (const auto& [appName, app] : allGeneralAppMap_) {
     if (app->ownerName_ == name) {
@@ -72,14 +75,16 @@ void ProcessManager::UpdateBaseServiceReady(const std::string& name) {
   }
 }
 
-void ProcessManager::PUpdateBaseSeriverReadyInfo(const std::string& name) {
+void ProcessManager::PUpdateBaseSeriverReadyInfo(const std::string& name, int fd) {
   const MutexLock lock(baseAppMutex_);
   App::BaseAppInfo* const app = FindBaseApp(name);
   if (app == nullptr) {
     LogError("PUpdateBaseSeriverReadyInfo failed, not find base app=%s", name.c_str());
     return;
   }
-  app->isReady_ = true;
+  if (IsCurrentChannel(name, fd)) {
+    app->isReady_ = true;
+  }
 }
 
 bool ProcessManager::IsAccessServiceReady() {
@@ -102,8 +107,8 @@ void ProcessManager::HandleAppExecReport(const Message::AppExecInfo& info) {
   const ReportAppStateType state =
       isUp ? ReportAppStateType::RUNNING_NORMAL_START : ReportAppStateType::TERMINATED_NORMAL_EXIT;
   // Lost news are made up for by the next report.
-  (void)ReportAppState({{info.appName, info.pid, info.gid, static_cast<std::uint32_t>(state), 0}},
-                       kAccessService);
+  ReportAppState({{info.appName, info.pid, info.gid, static_cast<std::uint32_t>(state), 0}},
+                 kAccessService);
 }
 
 }  // namespace ProcMgr

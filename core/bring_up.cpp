@@ -1,6 +1,7 @@
 // The base services come up: round by round along their dependency graph, one at a time.
 #include "base/boot_trace.h"
 #include "base/sleep.h"
+#include "base/steady_time.h"
 #include "core/app_lists.h"
 #include "core/faults.h"
 #include "core/host_context.h"
@@ -14,6 +15,8 @@ namespace ProcMgr {
 namespace {
 
 constexpr std::int64_t kPauseBeforeWatchDogNs = 30'000'000;
+// How long a first channel is waited for while there is no process to serve it.
+constexpr std::chrono::minutes kRestartLimit{3};
 
 // The output of ParseYamlFile, cleared when the boot is through. Main thread.
 std::vector<ApplicationManifest> baseManifests_;
@@ -25,11 +28,6 @@ const ApplicationManifest* FindManifest(const std::string& name) {
     }
   }
   return nullptr;
-}
-
-bool EndsTheWait(ProcessState state) {
-  return state == ProcessState::RUNNING || state == ProcessState::TERMINATING ||
-         state == ProcessState::TERMINATED;
 }
 
 }  // namespace
@@ -117,7 +115,7 @@ bool ProcessManager::InitOneBaseApplication(App::BaseAppInfo& app) {
   if (!app.isReporting_) {
     return true;
   }
-  if (!OpenFirstChannel(app)) {
+  if (!OpenFirstChannel(name)) {
     LogError("PROCMGR : procname=%s RegisterService failed", name.c_str());
     return false;
   }
@@ -145,17 +143,60 @@ bool ProcessManager::StartAndEnter(App::BaseAppInfo& app) {
   return true;
 }
 
-// Waits for the service to serve. A restart in the meantime is waited for in the same opening; an
-// end with no restart left ends the wait, whether it came before the opening or comes in it.
-bool ProcessManager::OpenFirstChannel(const App::BaseAppInfo& app) {
-  const std::string& name = app.appName_;
-  const auto hasEnded = [&name] {
-    const MutexLock lock(baseAppMutex_);
-    const App::BaseAppInfo* const record = FindBaseApp(name);
-    return record == nullptr ||
-           (record->state_ == ProcessState::TERMINATED && !record->IsRestartKept());
-  };
-  return RegServiceCallBack(name, app.gid_, {.isPeerGone = hasEnded});
+// Waits for the service to serve. The opening ends with the process that it was begun for; the
+// check pass begins another for each that takes its place, and what one of them connects to is the
+// service's channel. An end that nothing follows ends the wait.
+bool ProcessManager::OpenFirstChannel(const std::string& name) {
+  bool isAsked = false;
+  SteadyTime deadline = SteadyNow() + kRestartLimit;
+  for (;;) {
+    const std::uint64_t seen = handshake_.Events();
+    switch (StepFirstChannel(name, isAsked)) {
+      case FirstChannel::kOpen:
+        return true;
+      case FirstChannel::kFailed:
+        return false;
+      case FirstChannel::kUnderWay:
+        deadline = SteadyTime::max();
+        break;
+      case FirstChannel::kAwaitsRestart:
+        if (deadline == SteadyTime::max()) {
+          deadline = SteadyNow() + kRestartLimit;
+        } else if (SteadyNow() >= deadline) {
+          ProcMgrMaster::TellOpeningFailed(kNexioTimeout, 0);
+          return false;
+        }
+        break;
+    }
+    handshake_.WaitForEvent(seen, deadline);
+  }
+}
+
+// One look at the record and its channel. Begins the first opening, once, under the lock under
+// which an exit is filed: so the end of the process ends the opening.
+FirstChannel ProcessManager::StepFirstChannel(const std::string& name, bool& isAsked) {
+  const MutexLock lock(baseAppMutex_);
+  const App::BaseAppInfo* const app = FindBaseApp(name);
+  if (app == nullptr || (app->state_ == ProcessState::TERMINATED && !app->IsRestartKept())) {
+    ProcMgrMaster::TellOpeningFailed(kNexioBroken, 0);
+    return FirstChannel::kFailed;
+  }
+  if (master_.GetFdFromProcName(name) > 0) {
+    return FirstChannel::kOpen;
+  }
+  if (ProcMgrMaster::IsOpening(name)) {
+    return FirstChannel::kUnderWay;
+  }
+  if (app->isExited_ || app->state_ == ProcessState::TERMINATED) {
+    return FirstChannel::kAwaitsRestart;
+  }
+  if (isAsked) {
+    return FirstChannel::kFailed;
+  }
+  isAsked = true;
+  master_.OpenAside(name, app->gid_, {.isEndExpected = true},
+                    [this](bool) { handshake_.NoteEvent(); });
+  return FirstChannel::kUnderWay;
 }
 
 bool ProcessManager::CheckDepends(const std::set<std::string>& dependList,
@@ -195,23 +236,10 @@ void ProcessManager::RegisterHeartBeat(const App::BaseAppInfo& app) {
 
 void ProcessManager::WaitBaseAppReported(const std::string& name) {
   {
-    const MutexLock listLock(baseAppMutex_);
-    const App::BaseAppInfo* const app = FindBaseApp(name);
-    const MutexLock lock(stateMutex_);
-    // A record that has been erased already ended with no restart left.
-    awaited_ = {name, app == nullptr ? ProcessState::TERMINATED : app->state_};
+    const MutexLock lock(baseAppMutex_);
+    handshake_.Await(name);
   }
-  ProcessState state = ProcessState::STARTING;
-  {
-    const MutexLock lock(stateMutex_);
-    while (!EndsTheWait(awaited_.state) && running_.load()) {
-      LogInfo("PROCMGR: waiting for baseApp=%s reported state, RUNNING OR TERMINATING.",
-              name.c_str());
-      stateCond_.Wait(stateMutex_);
-    }
-    state = awaited_.state;
-    awaited_ = {};
-  }
+  const ProcessState state = handshake_.WaitForState();
   const std::string trace = BootStrace(kBootTraceTag);
   if (state == ProcessState::RUNNING) {
     LogInfo("%s InitBaseApp:%s success, report RUNNING!", trace.c_str(), name.c_str());
@@ -221,14 +249,6 @@ void ProcessManager::WaitBaseAppReported(const std::string& name) {
     LogWarning("%s InitBaseApp:%s has been %u!", trace.c_str(), name.c_str(),
                static_cast<unsigned>(state));
   }
-}
-
-bool ProcessManager::NoteAwaitedState(const App::BaseAppInfo& app) {
-  if (awaited_.name != app.appName_ || EndsTheWait(awaited_.state)) {
-    return false;
-  }
-  awaited_.state = app.state_;
-  return EndsTheWait(awaited_.state);
 }
 
 std::shared_ptr<const std::vector<std::string>> ProcessManager::BaseAppNames() {

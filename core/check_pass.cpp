@@ -16,6 +16,12 @@ constexpr std::int64_t kPauseNs = 30'000'000;
 constexpr int kUploadPasses = 11;
 constexpr int kCoreBindingPasses = 21;
 
+// The exit has ended the opening that was under way, whose thread may not have noticed yet. Until
+// then no other process may come up under the name: the opening would take it for the old one.
+bool IsOpeningEnding(const App::BaseAppInfo& app) {
+  return app.isExited_ && ProcMgrMaster::IsOpening(app.appName_);
+}
+
 void RecycleThreads(const App::AppInfo& app) {
   CoreAffinityMgr::Instance().RecycleThreadCoreInfo(app.pid_, app.appName_);
 }
@@ -42,18 +48,9 @@ void FollowUp(const App::GeneralAppInfo& app) {
 }  // namespace
 
 void ProcessManager::CheckThread() {
-  int sinceUpload = 1;
-  int sinceCoreBinding = 1;
-  if (running_.load()) {
-    CheckBaseApps();
-    CheckGeneralApps();
-    RemoveTerminatedApps();
-  }
+  int sinceUpload = 0;
+  int sinceCoreBinding = 0;
   while (running_.load()) {
-    SleepNs(kPauseNs);
-    if (!running_.load()) {
-      break;
-    }
     CheckBaseApps();
     CheckGeneralApps();
     ++sinceUpload;
@@ -67,6 +64,7 @@ void ProcessManager::CheckThread() {
       CoreAffinityMgr::Instance().CheckThreadCoreInfos();
       sinceCoreBinding = 0;
     }
+    SleepNs(kPauseNs);
   }
   LogWarning("PROCMGR: CheckThread exit now.");
 }
@@ -74,13 +72,10 @@ void ProcessManager::CheckThread() {
 void ProcessManager::CheckBaseApps() {
   const MutexLock lock(baseAppMutex_);
   for (App::BaseAppInfo& app : executedBaseApp_) {
-    if (app.IsAtRest()) {
+    if (app.IsAtRest() || IsOpeningEnding(app)) {
       continue;
     }
-    {
-      const MutexLock stateLock(stateMutex_);
-      app.state_ = app.CheckState();
-    }
+    handshake_.Step(app);
     switch (app.reportState_) {
       case ReportAppStateType::RUNNING_NORMAL_START:
         UpdateFaultSensor(app.appName_, app.nodeType_, Fault::kOff);
@@ -88,6 +83,7 @@ void ProcessManager::CheckBaseApps() {
       case ReportAppStateType::TERMINATED_NORMAL_EXIT:
         RecycleThreads(app);
         ReportBaseAppState(app, ReportAppStateType::TERMINATED_NORMAL_EXIT, 0);
+        handshake_.NoteEvent();
         break;
       case ReportAppStateType::TERMINATED_ABNORMAL_EXIT:
         HandleAbnormalExit(app);
@@ -96,20 +92,7 @@ void ProcessManager::CheckBaseApps() {
         break;
     }
   }
-  PublishAwaitedState();
-}
-
-// A restart within the pass has brought the record back to STARTING by now: only an end that
-// nothing follows, or a restart that failed, ends the bring-up's wait.
-void ProcessManager::PublishAwaitedState() {
-  const MutexLock lock(stateMutex_);
-  if (awaited_.name.empty()) {
-    return;
-  }
-  const App::BaseAppInfo* const app = FindBaseApp(awaited_.name);
-  if (app != nullptr && NoteAwaitedState(*app)) {
-    stateCond_.NotifyOne();
-  }
+  handshake_.PublishAwaited();
 }
 
 void ProcessManager::HandleAbnormalExit(App::BaseAppInfo& app) {
@@ -132,7 +115,7 @@ void ProcessManager::RestartIfWanted(App::BaseAppInfo& app) {
     LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s doesn't need to restart", name,
             app.pid_, GetProcessStateStr(app.state_).c_str());
     // The bring-up may still wait for the service to serve.
-    master_.GiveUpOpening(app.appName_);
+    handshake_.NoteEvent();
     return;
   }
   LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s will restart now", name, app.pid_,
@@ -143,31 +126,27 @@ void ProcessManager::RestartIfWanted(App::BaseAppInfo& app) {
     return;
   }
   ReportBaseAppState(app, ReportAppStateType::RUNNING_NORMAL_START, 0);
-  if (!OpenNewChannel(app)) {
-    LogError("PROCMGR : procname=%s RegisterService failed", name);
-    return;
-  }
-  LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart success", name, app.pid_,
-          GetProcessStateStr(app.state_).c_str());
+  OpenNewChannel(app);
 }
 
-// The bring-up may still be at the service's first opening: then that one goes on, and this thread
-// must not wait for it. Otherwise the wait ends with the process at the latest. A service that
-// doesn't report has promised no channel, and must not keep the others from being supervised for
-// the minutes that an opening may take.
-bool ProcessManager::OpenNewChannel(const App::BaseAppInfo& app) {
+// Goes on without this thread. A service that doesn't report has promised no channel, so it isn't
+// waited for as long as one that does.
+void ProcessManager::OpenNewChannel(const App::BaseAppInfo& app) {
   constexpr std::chrono::milliseconds kPatience{100};
-  const pid_t pid = app.pid_;
   OpenTerms terms;
-  terms.isPeerGone = [this, pid] { return openingGuard_.HasEnded(pid); };
-  terms.waitsForOther = false;
   if (!app.isReporting_) {
     terms.patience = kPatience;
   }
-  openingGuard_.Begin(pid, app.appName_);
-  const bool isOpen = RegServiceCallBack(app.appName_, app.gid_, terms);
-  openingGuard_.End();
-  return isOpen;
+  master_.OpenAside(app.appName_, app.gid_, terms,
+                    [this, name = app.appName_, pid = app.pid_, state = app.state_](bool isOpen) {
+                      if (isOpen) {
+                        LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart success",
+                                name.c_str(), pid, GetProcessStateStr(state).c_str());
+                      } else {
+                        LogError("PROCMGR : procname=%s RegisterService failed", name.c_str());
+                      }
+                      handshake_.NoteEvent();
+                    });
 }
 
 bool ProcessManager::RestartBaseApp(const std::string& name) {

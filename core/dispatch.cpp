@@ -75,7 +75,7 @@ void ProcessManager::DispatchRequest(RequestType type, const RequestMsg& frame,
     case RequestType::BASESERVICE_STATE_REPORT: {
       Message::BaseServiceStateInfo info;
       if (Serialization::ProcMgrUnpackedBaseServiceStateRequest(&frame, info)) {
-        UpdateBaseAppState(sender, info.state);
+        UpdateBaseAppState(sender, info.state, fd);
       }
       break;
     }

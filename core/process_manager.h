@@ -16,8 +16,8 @@
 //   OnHeartBeatNotify, beside each other and beside the threads above.
 //
 // Who wakes whom: the check thread and the reaper are woken by time and by the kernel alone. The
-// bring-up waits on stateCond_ for the report of one service; UpdateBaseAppState, the check pass
-// and the destructor signal it.
+// bring-up waits in the handshake (core/bring_up_handshake.h) for the channel and the report of one
+// service; openings that end, UpdateBaseAppState and the check pass wake it.
 //
 // Locks: core/app_lists.h tells all of them in their order.
 #ifndef CORE_PROCESS_MANAGER_H
@@ -37,7 +37,7 @@
 #include "app/manifest.h"
 #include "base/mutex.h"
 #include "core/app_lists.h"
-#include "core/opening_guard.h"
+#include "core/bring_up_handshake.h"
 #include "host/core_affinity_mgr.h"
 #include "host/proc_mgr_cfg.h"
 #include "message/proc_mgr_master.h"
@@ -53,6 +53,14 @@ inline constexpr std::uint32_t kLoadStartCfgFailed = 0xF10405;
 struct AppChange {
   std::string owner;
   Message::AppStateInfo info;
+};
+
+// Where the first channel of a service stands.
+enum class FirstChannel {
+  kOpen,
+  kUnderWay,       // An opening waits for the service.
+  kAwaitsRestart,  // The process has ended, and its policy will have it started again.
+  kFailed,
 };
 
 // A priority application on its way to its start.
@@ -96,12 +104,11 @@ class ProcessManager {
   [[nodiscard]] bool StartRound(const std::set<std::string>& names, bool& startOk);
   [[nodiscard]] bool InitOneBaseApplication(App::BaseAppInfo& app);
   [[nodiscard]] bool StartAndEnter(App::BaseAppInfo& app);
-  [[nodiscard]] bool OpenFirstChannel(const App::BaseAppInfo& app) EXCLUDES(baseAppMutex_);
+  [[nodiscard]] bool OpenFirstChannel(const std::string& name) EXCLUDES(baseAppMutex_);
+  [[nodiscard]] FirstChannel StepFirstChannel(const std::string& name, bool& isAsked)
+      EXCLUDES(baseAppMutex_);
   [[nodiscard]] bool CheckDepends(const std::set<std::string>& dependList, const std::string& name);
   void WaitBaseAppReported(const std::string& name);
-  // Keeps the record's state for the main thread if that waits for the record. True if the wait is
-  // over.
-  bool NoteAwaitedState(const App::BaseAppInfo& app) REQUIRES(baseAppMutex_, stateMutex_);
   // Any thread.
   [[nodiscard]] std::shared_ptr<const std::vector<std::string>> BaseAppNames();
   void RegisterHeartBeat(const App::BaseAppInfo& app);
@@ -111,9 +118,8 @@ class ProcessManager {
   void CheckBaseApps() EXCLUDES(baseAppMutex_);
   void HandleAbnormalExit(App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
   void RestartIfWanted(App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
-  [[nodiscard]] bool OpenNewChannel(const App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
+  void OpenNewChannel(const App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
   [[nodiscard]] bool RestartBaseApp(const std::string& name) REQUIRES(baseAppMutex_);
-  void PublishAwaitedState() REQUIRES(baseAppMutex_);
   void CheckGeneralApps() EXCLUDES(generalAppMutex_);
   void CollectChange(const App::GeneralAppInfo& app, std::vector<AppChange>& changes)
       REQUIRES(generalAppMutex_);
@@ -148,10 +154,16 @@ class ProcessManager {
       EXCLUDES(heartMutex_);
 
   // core/base_service_state.cpp. Threads of the messaging library, the query of readiness apart.
-  void UpdateBaseAppState(const std::string& sender, std::uint32_t state);
-  void SetReportedState(const std::string& sender, ProcessState state) EXCLUDES(baseAppMutex_);
-  void UpdateBaseServiceReady(const std::string& name) EXCLUDES(generalAppMutex_, baseAppMutex_);
-  void PUpdateBaseSeriverReadyInfo(const std::string& name) EXCLUDES(baseAppMutex_);
+  // `fd` is the channel that the report came through.
+  void UpdateBaseAppState(const std::string& sender, std::uint32_t state, int fd);
+  void SetReportedState(const std::string& sender, ProcessState state, int fd)
+      EXCLUDES(baseAppMutex_);
+  void UpdateBaseServiceReady(const std::string& name, int fd)
+      EXCLUDES(generalAppMutex_, baseAppMutex_);
+  // Whether `fd` is still the sender's channel; with a log line if it isn't. The report may have
+  // waited for the lock while the channel was closed: then a process of the past has sent it.
+  [[nodiscard]] bool IsCurrentChannel(const std::string& sender, int fd) REQUIRES(baseAppMutex_);
+  void PUpdateBaseSeriverReadyInfo(const std::string& name, int fd) EXCLUDES(baseAppMutex_);
   [[nodiscard]] bool IsAccessServiceReady() EXCLUDES(baseAppMutex_);
   void HandleAppExecReport(const Message::AppExecInfo& info);
 
@@ -200,20 +212,18 @@ class ProcessManager {
   void UpdateAllGeneralAppMap(const std::string& name, const std::string& owner)
       REQUIRES(generalAppMutex_) EXCLUDES(cfgMapMutex_);
 
-  // core/reporting.cpp. Any thread; a send can take up to the retries of the transport.
+  // core/reporting.cpp. Any thread. A report to a peer that has no room goes on without the caller.
   void ReportBaseAppState(const App::BaseAppInfo& app, ReportAppStateType state,
                           std::uint32_t eioFlag);
   void ReportGeneralApps(const std::vector<AppChange>& changes) EXCLUDES(generalAppMutex_);
   void RegisterVfs();
   void ReportPriorityApps() EXCLUDES(generalAppMutex_);
   void ReportAllApps() EXCLUDES(generalAppMutex_, baseAppMutex_);
-  [[nodiscard]] bool ReportAppState(const std::vector<Message::AppStateInfo>& list,
-                                    const std::string& owner);
-  [[nodiscard]] bool ReportAppDetailStatus(const std::map<std::string, int>& status,
-                                           const std::string& owner);
-  [[nodiscard]] bool RegServiceCallBack(const std::string& procName, std::uint32_t gid,
-                                        const OpenTerms& terms);
-  bool UnRegServiceCallBack(const std::string& procName);
+  // These two yield what the master's do.
+  bool ReportAppState(const std::vector<Message::AppStateInfo>& list, const std::string& owner,
+                      Outcome outcome = {});
+  bool ReportAppDetailStatus(const std::map<std::string, int>& status, const std::string& owner);
+  static void UnRegServiceCallBack(const std::string& procName);
 
   // core/self_reported.cpp. Threads of the upload server; the check is the check thread's.
   [[nodiscard]] bool StartUploadService();
@@ -263,21 +273,9 @@ class ProcessManager {
 
   std::atomic<bool> running_ = true;
 
-  // The bring-up handshake. The check pass and a service's report write a base record's state_
-  // under this lock, besides baseAppMutex_.
-  Mutex stateMutex_ ACQUIRED_AFTER(baseAppMutex_);
-  CondVar stateCond_;
-  // What the main thread waits for: the record itself can move while it waits, for an erased record
-  // makes the vector move those behind it. The first state that ends the wait is kept, whatever
-  // becomes of the record before the main thread wakes up.
-  struct AwaitedApp {
-    std::string name;  // Empty: nobody waits.
-    ProcessState state = ProcessState::STARTING;
-  };
-  AwaitedApp awaited_ GUARDED_BY(stateMutex_);
-
+  BringUpHandshake handshake_;
+  // Behind what its openings still tell at their end.
   ProcMgrMaster master_;
-  OpeningGuard openingGuard_;
 
   // Every general application with a fixed name that was ever asked for, with or without a process;
   // the records stay for the life of the manager.

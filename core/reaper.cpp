@@ -44,9 +44,6 @@ void ProcessManager::WaitThread() {
       SleepNs(kNoChildPauseNs);
       continue;
     }
-    if (const std::string name = openingGuard_.NoteExit(info.si_pid); !name.empty()) {
-      master_.GiveUpOpening(name);
-    }
     FileExitStatus(info.si_pid, RawWaitStatus(info));
     // A child of popen may have been taken by its pclose in the meantime: then there is none.
     (void)waitpid(info.si_pid, nullptr, WNOHANG);
@@ -71,6 +68,7 @@ void ProcessManager::FileExitStatus(pid_t pid, int status) {
     const std::size_t index = FindBaseAppByPid(pid, limit);
     if (index < executedBaseApp_.size()) {
       executedBaseApp_[index].SetExitStatus(status);
+      ProcMgrMaster::EndOpening(executedBaseApp_[index].appName_);
       return;
     }
   }

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "core/app_lists.h"
 #include "core/log.h"
@@ -30,12 +31,15 @@ void ProcessManager::ReportBaseAppState(const App::BaseAppInfo& app, ReportAppSt
   if (app.appName_ == kAccessService) {
     return;
   }
-  const int number = static_cast<int>(state);
-  if (ReportAppState({MakeAppStateInfo(app, state, eioFlag)}, kAccessService)) {
-    LogInfo("PROCMGR : report %s's state: %d to iammgr successfully", app.appName_.c_str(), number);
-  } else {
-    LogError("PROCMGR : report %s's state: %d to iammgr failed", app.appName_.c_str(), number);
-  }
+  ReportAppState(
+      {MakeAppStateInfo(app, state, eioFlag)}, kAccessService,
+      [name = app.appName_, number = static_cast<int>(state)](bool isSent) {
+        if (isSent) {
+          LogInfo("PROCMGR : report %s's state: %d to iammgr successfully", name.c_str(), number);
+        } else {
+          LogError("PROCMGR : report %s's state: %d to iammgr failed", name.c_str(), number);
+        }
+      });
 }
 
 void ProcessManager::ReportGeneralApps(const std::vector<AppChange>& changes) {
@@ -49,26 +53,32 @@ void ProcessManager::ReportGeneralApps(const std::vector<AppChange>& changes) {
     all.push_back(change.info);
     byOwner[change.owner].push_back(change.info);
   }
-  if (!ReportAppState(all, kAccessService)) {
-    LogError("PROCMGR : CheckThread : report general apps' changes to IAM failed");
-  }
+  ReportAppState(all, kAccessService, [](bool isSent) {
+    if (!isSent) {
+      LogError("PROCMGR : CheckThread : report general apps' changes to IAM failed");
+    }
+  });
   for (const std::string& name : *BaseAppNames()) {
     const auto own = byOwner.find(name);
     if (name == kAccessService || own == byOwner.end()) {
       continue;
     }
-    if (!ReportAppState(own->second, name)) {
-      LogError("PROCMGR : CheckThread : report general apps' changes to owner %s failed",
-               name.c_str());
-    }
+    ReportAppState(own->second, name, [name](bool isSent) {
+      if (!isSent) {
+        LogError("PROCMGR : CheckThread : report general apps' changes to owner %s failed",
+                 name.c_str());
+      }
+    });
   }
 }
 
 void ProcessManager::RegisterVfs() {
   const AppStateInfo self{kManagerName, getpid(), getgid(), 0, 0};
-  if (!ReportAppState({self}, kAccessService)) {
-    LogError("PROCMGR failed: RegisterVfs ReportAppState failed");
-  }
+  ReportAppState({self}, kAccessService, [](bool isSent) {
+    if (!isSent) {
+      LogError("PROCMGR failed: RegisterVfs ReportAppState failed");
+    }
+  });
 }
 
 void ProcessManager::ReportPriorityApps() {
@@ -103,9 +113,9 @@ void ProcessManager::ReportAllApps() {
   }
 }
 
-bool ProcessManager::ReportAppState(const std::vector<AppStateInfo>& list,
-                                    const std::string& owner) {
-  return master_.ReportAppState(list, owner);
+bool ProcessManager::ReportAppState(const std::vector<AppStateInfo>& list, const std::string& owner,
+                                    Outcome outcome) {
+  return master_.ReportAppState(list, owner, std::move(outcome));
 }
 
 bool ProcessManager::ReportAppDetailStatus(const std::map<std::string, int>& status,
@@ -113,13 +123,8 @@ bool ProcessManager::ReportAppDetailStatus(const std::map<std::string, int>& sta
   return master_.ReportAppDetailStatus(status, owner);
 }
 
-bool ProcessManager::RegServiceCallBack(const std::string& procName, std::uint32_t gid,
-                                        const OpenTerms& terms) {
-  return master_.RegServiceCallBack(procName, gid, terms);
-}
-
-bool ProcessManager::UnRegServiceCallBack(const std::string& procName) {
-  return master_.UnRegServiceCallBack(procName);
+void ProcessManager::UnRegServiceCallBack(const std::string& procName) {
+  ProcMgrMaster::UnRegServiceCallBack(procName);
 }
 
 }  // namespace ProcMgr

@@ -15,6 +15,7 @@
 #include "host/integrity_protect.h"
 #include "host/kernel_cmdline.h"
 #include "host/sharepool_cfg.h"
+#include "message/keeper.h"
 #include "platform/heartbeat/heartbeat.h"
 
 namespace ProcMgr {
@@ -33,7 +34,6 @@ ProcessManager::ProcessManager(std::string baseServiceCfgPath)
       master_([this](int fd, const NexioRequest* request) { RequstMsgHandler(fd, request); }) {}
 
 ProcessManager::~ProcessManager() {
-  stateCond_.NotifyAll();
   UnregisterSensorNodes();
   DisableAllCheckHeartBeat();
   running_.store(false);
@@ -66,6 +66,7 @@ void ProcessManager::Run() {
   checkThread_ = StartWorker(&ProcessManager::CheckThread);
   waitThread_ = StartWorker(&ProcessManager::WaitThread);
   signalThread_ = StartWorker(&ProcessManager::PlatformSignalThread);
+  StartKeeper();
   InitPriorityApps(baseServiceCfgPath_);
   WaitContinueSignal();
   ContinueProcMgrInit();

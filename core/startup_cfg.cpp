@@ -3,6 +3,7 @@
 #include "core/app_lists.h"
 #include "core/log.h"
 #include "core/process_manager.h"
+#include "message/keeper.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {
@@ -81,13 +82,8 @@ void ProcessManager::HandleReloadRequest(const RequestMsg& frame, const std::str
 }
 
 void ProcessManager::SendLoadResult(std::uint32_t ret, const NexioRequest& request, int fd) {
-  std::string text = std::to_string(ret);
-  NexioResponse response;
-  response.seq = request.seq;
-  response.data = text.data();
-  response.size = static_cast<std::uint32_t>(text.size());
   // A requester that has gone, or doesn't read, waits for no answer.
-  (void)NexioSendResponse(fd, response);
+  (void)RespondInOrder(fd, request.seq, std::to_string(ret), [](int) {});
 }
 
 std::string ProcessManager::GetStartupEntryPath(const std::string& name) {

@@ -5,15 +5,18 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <memory>
+#include <system_error>
 #include <utility>
 
 #include "base/app_state.h"
 #include "base/boot_trace.h"
 #include "base/mutex.h"
-#include "base/sleep.h"
 #include "core/log.h"
+#include "message/keeper.h"
 #include "message/name_table.h"
-#include "message/nexio_wrappers.h"
+#include "message/openings.h"
 
 namespace ProcMgr {
 namespace {
@@ -21,7 +24,6 @@ namespace {
 constexpr std::uint32_t kOpenTimeoutMs = 180000;
 constexpr std::uint32_t kOpenTimeoutLongMs = 1800000;
 constexpr int kCloseTries = 20;
-constexpr std::int64_t kCloseIntervalNs = 100'000'000;
 // Far above what lies between the library's return and the filing, even on a machine that thrashes.
 constexpr std::chrono::seconds kFilingLimit{5};
 
@@ -88,24 +90,22 @@ int Open(const NexioOpenParam& param) {
   return fd;
 }
 
-// Closes a marked descriptor. Yields the library's result, or 0 if a callback of the channel has
-// taken the closing over.
-int CloseMarked(int fd) {
-  for (int tries = 1;; ++tries) {
-    const int ret = NexioClosePipe(fd);
-    if (ret != kNexioCallback) {
-      const bool tookOver = fd > 0 && !nameTable.ClaimClosing(fd);
-      return tookOver ? 0 : ret;
-    }
-    // The mark stays after the last try: the running callback closes on its way out.
-    if (tries == kCloseTries) {
-      return ret;
-    }
-    SleepNs(kCloseIntervalNs);
-    if (fd > 0 && !nameTable.IsClosing(fd)) {
-      return 0;
-    }
+// One try to close a marked descriptor. Yields the library's result, or 0 if a callback of the
+// channel has taken the closing over.
+int TryCloseMarked(int fd) {
+  if (fd > 0 && !nameTable.IsClosing(fd)) {
+    return 0;
   }
+  const int ret = NexioClosePipe(fd);
+  if (ret == kNexioCallback) {
+    return ret;  // The mark stays, after the last try too: that callback closes on its way out.
+  }
+  const bool tookOver = fd > 0 && !nameTable.ClaimClosing(fd);
+  return tookOver ? 0 : ret;
+}
+
+void CloseMarked(int fd, std::function<void(int)> outcome) {
+  CloseInTime({[fd] { return TryCloseMarked(fd); }, kCloseTries, std::move(outcome)});
 }
 
 // Called on the callback's own thread, where the library lets it close its own channel.
@@ -127,38 +127,96 @@ void CloseLeftOver() {
   }
 }
 
-// Opens a channel and files its descriptor. Yields the library's result, and in `error` the errno
-// that it left.
-int OpenAndFile(const std::string& procName, gid_t gid, Openings::Scope& opening, int& error) {
-  NexioOpenParam param;
-  param.peerName = procName.c_str();
-  param.requestCallback = &ProcMgrMaster::ProcMgrMasterRequstMsgHandler;
-  param.timeout = OpenTimeoutMs();
-  param.gid = gid;
-  param.cancelFd = opening.CancelFd();
-  for (;;) {
-    const int fd = Open(param);
-    error = errno;
-    const auto file = [fd, &procName] {
-      if (fd > 0) {
-        nameTable.Set(procName, fd);
-      }
-    };
-    if (opening.TryFile(file)) {
-      return fd;
-    }
-    if (fd > 0) {
-      // Connected to a process that has ended in the meantime.
-      nameTable.MarkForClosing(fd);
-      (void)CloseMarked(fd);
-    }
+// An opening that has begun: what is left to be done waits for the peer.
+struct BegunOpening {
+  std::string procName;
+  gid_t gid = 0;
+  OpenTerms terms;
+  std::shared_ptr<Openings::Scope> scope;  // Null: it has failed already.
+  int error = 0;                           // The errno of that failure.
+};
+
+// The steps of an opening that wait for nobody.
+BegunOpening BeginOpening(const std::string& procName, gid_t gid, const OpenTerms& terms) {
+  if (secure_getenv("PROC_NAME") == nullptr) {
+    LogError("********* PROCMGR : RegServiceCallBack begin :pmProcName is null, targetProcName=%s",
+             procName.c_str());
   }
+  BegunOpening opening{procName, gid, terms, nullptr, 0};
+  if (procName.empty()) {
+    LogError("PROCMGR : RegServiceCallBack failed: procName is null");
+    return opening;
+  }
+  CloseLeftOver();
+  opening.scope = openings.Begin(procName, opening.error);
+  if (opening.scope == nullptr) {
+    ProcMgrMaster::TellOpeningFailed(kNexioBroken, opening.error);
+    return opening;
+  }
+  // A service that doesn't report, but serves, keeps its channel until it is opened anew.
+  if (const int old = nameTable.TakeForClosing(procName); old > 0) {
+    CloseMarked(old, [](int) {});
+  }
+  return opening;
 }
 
-// Yields what the opening of the name that is under way yields.
-bool JoinOther(const std::string& procName) {
-  openings.WaitForEnd(procName);
-  return nameTable.FdOf(procName) > 0;
+// Waits for the peer. Ends the opening.
+bool FinishOpening(BegunOpening& opening) {
+  if (opening.scope == nullptr) {
+    return false;
+  }
+  NexioOpenParam param;
+  param.peerName = opening.procName.c_str();
+  param.requestCallback = &ProcMgrMaster::ProcMgrMasterRequstMsgHandler;
+  const auto patience = static_cast<std::uint32_t>(opening.terms.patience.count());
+  param.timeout = patience != 0 ? patience : OpenTimeoutMs();
+  param.gid = opening.gid;
+  param.cancelFd = opening.scope->CancelFd();
+  const int fd = Open(param);
+  const int error = errno;
+  const bool isQuiet = opening.terms.isEndExpected && opening.scope->IsEnding();
+  if (fd > 0) {
+    nameTable.Set(opening.procName, fd);
+    LogInfo("********* PROCMGR : RegServiceCallBack success fd=%d, targetProcName=%s", fd,
+            opening.procName.c_str());
+  } else if (!isQuiet) {
+    ProcMgrMaster::TellOpeningFailed(fd, error);
+  }
+  opening.scope.reset();
+  return fd > 0;
+}
+
+// Yields what it tells.
+bool Tell(const Outcome& outcome, bool success) {
+  if (outcome) {
+    outcome(success);
+  }
+  return success;
+}
+
+bool PackStates(const std::vector<Message::AppStateInfo>& list, const std::string& owner,
+                Serialization::PieceList& pieces) {
+  std::vector<Serialization::PackedItem> packed;
+  if (!Serialization::ProcMgrPackAppStateRequest(list, packed)) {
+    LogError("PROCMGR : Master ReportAppState failed: PackAppStateRequest failed, owner=%s",
+             owner.c_str());
+    return false;
+  }
+  if (!Serialization::ProcMgrCombinePiecesMsg(Message::RequestType::APP_STATE_REPORT, packed,
+                                              pieces)) {
+    LogError("PROCMGR : Master ReportAppState failed: CombinePiecesMsg failed, owner=%s",
+             owner.c_str());
+    return false;
+  }
+  return true;
+}
+
+void LogReported(const std::vector<Message::AppStateInfo>& list, const std::string& owner) {
+  for (const Message::AppStateInfo& info : list) {
+    LogInfo("%s PM report appState to %s, appState=%s, appName=%s, pid=%d",
+            BootStrace(kBootTraceTag).c_str(), owner.c_str(),
+            GetReportAppStateTypeStr(info.state).c_str(), info.appName.c_str(), info.pid);
+  }
 }
 
 }  // namespace
@@ -169,6 +227,7 @@ ProcMgrMaster::ProcMgrMaster(Handler handler) : handler_(std::move(handler)) {
 
 ProcMgrMaster::~ProcMgrMaster() {
   Detach();
+  openings.EndAll();
 }
 
 void ProcMgrMaster::Detach() const {
@@ -177,55 +236,56 @@ void ProcMgrMaster::Detach() const {
 
 bool ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid,
                                        const OpenTerms& terms) {
-  if (secure_getenv("PROC_NAME") == nullptr) {
-    LogError("********* PROCMGR : RegServiceCallBack begin :pmProcName is null, targetProcName=%s",
-             procName.c_str());
-  }
-  if (procName.empty()) {
-    LogError("PROCMGR : RegServiceCallBack failed: procName is null");
-    return false;
-  }
-  CloseLeftOver();
-  int fd = kNexioBroken;
-  int error = 0;
-  {
-    Openings::Scope opening(openings, procName, terms.patience);
-    if (!opening.IsFirst()) {
-      return !terms.waitsForOther || JoinOther(procName);
-    }
-    // A service that doesn't report, but serves, keeps its channel until it is opened anew.
-    if (const int old = nameTable.TakeForClosing(procName); old > 0) {
-      (void)CloseMarked(old);
-    }
-    if (!terms.isPeerGone || !terms.isPeerGone()) {
-      fd = OpenAndFile(procName, gid, opening, error);
-    }
-  }
-  if (fd < 1) {
-    LogError("PROCMGR : RegServiceCallBack failed!! ret=%d, errno=%d", fd, error);
-    return false;
-  }
-  LogInfo("********* PROCMGR : RegServiceCallBack success fd=%d, targetProcName=%s", fd,
-          procName.c_str());
-  return true;
+  BegunOpening opening = BeginOpening(procName, gid, terms);
+  return FinishOpening(opening);
 }
 
-void ProcMgrMaster::GiveUpOpening(const std::string& procName) {
-  openings.GiveUp(procName);
+void ProcMgrMaster::OpenAside(const std::string& procName, gid_t gid, const OpenTerms& terms,
+                              Outcome outcome) {
+  auto opening = std::make_shared<BegunOpening>(BeginOpening(procName, gid, terms));
+  Crew& crew = terms.patience.count() != 0 ? patientOpeners_ : openers_;
+  try {
+    crew.Run([opening, outcome] {
+      bool isOpen = false;
+      try {
+        isOpen = FinishOpening(*opening);
+      } catch (const std::exception& error) {
+        LogError("PROCMGR: Caught exception=%s", error.what());
+        opening->scope.reset();
+      }
+      outcome(isOpen);
+    });
+  } catch (const std::system_error& error) {
+    opening->scope.reset();
+    TellOpeningFailed(kNexioBroken, error.code().value());
+    outcome(false);
+  }
 }
 
-bool ProcMgrMaster::UnRegServiceCallBack(const std::string& procName) {
+void ProcMgrMaster::EndOpening(const std::string& procName) {
+  openings.End(procName);
+}
+
+bool ProcMgrMaster::IsOpening(const std::string& procName) {
+  return openings.IsUnderWay(procName);
+}
+
+void ProcMgrMaster::TellOpeningFailed(int result, int error) {
+  LogError("PROCMGR : RegServiceCallBack failed!! ret=%d, errno=%d", result, error);
+}
+
+void ProcMgrMaster::UnRegServiceCallBack(const std::string& procName) {
   CloseLeftOver();
-  int fd = -1;
-  openings.Restarted(procName, [&fd, &procName] { fd = nameTable.TakeForClosing(procName); });
-  const int ret = CloseMarked(fd);
-  if (ret < 0) {
-    LogError("PROCMGR : Master UnRegServiceCallBack failed: NexioClosePipe failed err code: %d",
-             ret);
-    return false;
-  }
-  LogInfo("PROCMGR : Master UnRegServiceCallBack success proName: %s fd: %d", procName.c_str(), fd);
-  return true;
+  const int fd = nameTable.TakeForClosing(procName);
+  CloseMarked(fd, [procName, fd](int ret) {
+    if (ret < 0) {
+      LogError("PROCMGR : Master UnRegServiceCallBack failed: NexioClosePipe failed err code: %d",
+               ret);
+      return;
+    }
+    LogInfo("PROCMGR : Master UnRegServiceCallBack success proName: %s fd: %d", procName.c_str(),
+            fd);
+  });
 }
 
 void ProcMgrMaster::ProcMgrMasterRequstMsgHandler(int fd, const NexioRequest* req) {
@@ -257,85 +317,73 @@ int ProcMgrMaster::GetFdFromProcName(const std::string& procName) {
   return nameTable.FdOf(procName);
 }
 
-bool ProcMgrMaster::SendRequestMsg(int fd, const Serialization::PieceList& pieces) {
+bool ProcMgrMaster::SendRequestMsg(int fd, const Serialization::PieceList& pieces,
+                                   Outcome outcome) {
   if (pieces.empty()) {
     LogError("PROCMGR : Master SendRequestMsg failed: RequestPieceMsg is empty");
-    return false;
+    return Tell(outcome, false);
   }
-  for (const Message::RequestMsg& frame : pieces) {
-    NexioRequest request;
-    request.data = &frame;
-    request.size = sizeof(frame);
-    const int ret = ProcMgrNexioSendRequest(fd, request);
-    if (ret < 0) {
-      LogError("PROCMGR : Master SendRequestMsg failed, err code=%d, fd=%d", ret, fd);
-      return false;
-    }
-  }
-  return true;
+  return SendInOrder(fd, pieces, [fd, outcome = std::move(outcome)](int ret) {
+           if (ret < 0) {
+             LogError("PROCMGR : Master SendRequestMsg failed, err code=%d, fd=%d", ret, fd);
+           }
+           (void)Tell(outcome, ret >= 0);
+         }) >= 0;
 }
 
 bool ProcMgrMaster::ReportAppState(const std::vector<Message::AppStateInfo>& list,
-                                   const std::string& owner) {
+                                   const std::string& owner, Outcome outcome) {
   if (list.empty()) {
-    return true;
-  }
-  std::vector<Serialization::PackedItem> packed;
-  if (!Serialization::ProcMgrPackAppStateRequest(list, packed)) {
-    LogError("PROCMGR : Master ReportAppState failed: PackAppStateRequest failed, owner=%s",
-             owner.c_str());
-    return false;
+    return Tell(outcome, true);
   }
   Serialization::PieceList pieces;
-  if (!Serialization::ProcMgrCombinePiecesMsg(Message::RequestType::APP_STATE_REPORT, packed,
-                                              pieces)) {
-    LogError("PROCMGR : Master ReportAppState failed: CombinePiecesMsg failed, owner=%s",
-             owner.c_str());
-    return false;
+  if (!PackStates(list, owner, pieces)) {
+    return Tell(outcome, false);
   }
   const int fd = GetFdFromProcName(owner);
   if (fd < 1) {
     LogError("PROCMGR : Master ReportAppState failed: invalid fd, owner=%s", owner.c_str());
-    return false;
+    return Tell(outcome, false);
   }
-  if (!SendRequestMsg(fd, pieces)) {
-    LogError("PROCMGR : Master ReportAppState failed: SendRequestMsg %s failed, fd:%d",
-             owner.c_str(), fd);
-    return false;
-  }
-  for (const Message::AppStateInfo& info : list) {
-    LogInfo("%s PM report appState to %s, appState=%s, appName=%s, pid=%d",
-            BootStrace(kBootTraceTag).c_str(), owner.c_str(),
-            GetReportAppStateTypeStr(info.state).c_str(), info.appName.c_str(), info.pid);
-  }
-  return true;
+  return SendRequestMsg(fd, pieces, [list, owner, fd, outcome = std::move(outcome)](bool isSent) {
+    if (!isSent) {
+      LogError("PROCMGR : Master ReportAppState failed: SendRequestMsg %s failed, fd:%d",
+               owner.c_str(), fd);
+    } else {
+      LogReported(list, owner);
+    }
+    (void)Tell(outcome, isSent);
+  });
 }
 
 bool ProcMgrMaster::ReportAppDetailStatus(const std::map<std::string, int>& status,
-                                          const std::string& owner) {
+                                          const std::string& owner, Outcome outcome) {
   if (status.empty()) {
-    return true;
+    return Tell(outcome, true);
   }
   Serialization::PieceList pieces(1);
   if (!Serialization::ProcMgrPackAppDetailStatus(status, pieces.front())) {
     LogError("PROCMGR : ReportAppDetailStatus SerializeMessage failed");
-    return false;
+    return Tell(outcome, false);
   }
   const int fd = GetFdFromProcName(owner);
   if (fd < 1) {
     LogError("PROCMGR : Master ReportAppDetailStatus: invalid fd, owner=%s", owner.c_str());
-    return false;
+    return Tell(outcome, false);
   }
-  if (!SendRequestMsg(fd, pieces)) {
-    LogError("PROCMGR : Master ReportAppDetailStatus: SendRequestMsg %s failed, fd:%d",
-             owner.c_str(), fd);
-    return false;
-  }
-  for (const auto& [name, value] : status) {
-    LogInfo("%s PM ReportAppDetailStatus to %s, appName=%s, status=%d",
-            BootStrace(kBootTraceTag).c_str(), owner.c_str(), name.c_str(), value);
-  }
-  return true;
+  return SendRequestMsg(fd, pieces, [status, owner, fd, outcome = std::move(outcome)](bool isSent) {
+    if (!isSent) {
+      LogError("PROCMGR : Master ReportAppDetailStatus: SendRequestMsg %s failed, fd:%d",
+               owner.c_str(), fd);
+    }
+    for (const auto& [name, value] : status) {
+      if (isSent) {
+        LogInfo("%s PM ReportAppDetailStatus to %s, appName=%s, status=%d",
+                BootStrace(kBootTraceTag).c_str(), owner.c_str(), name.c_str(), value);
+      }
+    }
+    (void)Tell(outcome, isSent);
+  });
 }
 
 }  // namespace ProcMgr

@@ -9,39 +9,45 @@
 // name table lock is the last in the manager's order of locks: it is held around access to the
 // table and never across a call of the library or of handler_.
 //
+// Nobody waits here for a peer, RegServiceCallBack apart: an opening goes on aside, on a thread of
+// its own; a report that finds no room and a closing that a callback puts off are the keeper's
+// (message/keeper.h). Functions that tell an outcome do so once, on the caller's thread or on one
+// of those.
+//
 // Two races are settled here:
 // - A peer may send in the very instant its channel opens, before the descriptor has been filed.
 //   GetProcNameFromFd then waits for the opening that is under way; with none under way it doesn't.
 // - UnRegServiceCallBack may run under locks that a callback of the same channel is waiting for.
-//   The descriptor is marked first, and whoever gets there first closes it: the tries of
-//   UnRegServiceCallBack, or that callback on its way out, however late.
+//   The descriptor is taken out of the table and marked first, so that no further frame of it has a
+//   sender, and whoever gets there first closes it: the tries, or that callback on its way out.
 #ifndef MESSAGE_PROC_MGR_MASTER_H
 #define MESSAGE_PROC_MGR_MASTER_H
 
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "base/crew.h"
 #include "message/nexio.h"
 #include "message/request_msg.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {
 
-// How long an opening goes on.
+// Told once how something ended. Must neither wait nor let an exception out.
+using Outcome = std::function<void(bool success)>;
+
 struct OpenTerms {
-  // Asked once, when GiveUpOpening already finds the opening: true if the peer has gone for good.
-  // An end of the peer is thus seen either here or there. May be empty.
-  std::function<bool()> isPeerGone;
-  // Whether to wait for an opening of the same name that is under way, and to yield what it
-  // yields. Otherwise that one is left alone, and the call succeeds at once.
-  bool waitsForOther = true;
-  // Ends the wait for the peer before the library's own time-out; 0 for not.
+  // Ends the wait for the peer before the library's own time-out; 0 for not. Such openings give way
+  // to others: only a few of them go on at a time.
   std::chrono::milliseconds patience{0};
+  // An opening that is ended by EndOpening says nothing in the log: another may follow it.
+  bool isEndExpected = false;
 };
 
 // One at a time in a process: the library's callback finds it through a static pointer.
@@ -62,18 +68,27 @@ class ProcMgrMaster {
   // destructor calls it.
   void Detach() const;
 
-  // Opens the channel to `procName`, which must run under `gid`. Blocks until the peer is there: up
-  // to 3 minutes, or 30 with "VENTRIX_RUN_MODE" at "1". A name has one opening at a time.
+  // Opens the channel to `procName`, which must run under `gid`, and waits for the peer: up to 3
+  // minutes, or 30 with "VENTRIX_RUN_MODE" at "1". A name has one opening at a time; a second one
+  // is refused.
   [[nodiscard]] bool RegServiceCallBack(const std::string& procName, gid_t gid,
                                         const OpenTerms& terms = {});
 
-  // Ends the opening of `procName` that is under way, if there is one: it fails. Never blocks.
-  void GiveUpOpening(const std::string& procName);
+  // The same aside: the opening is under way when the call returns, and `outcome` tells how it
+  // ended. The caller sees to it that no other process takes the peer's place meanwhile.
+  void OpenAside(const std::string& procName, gid_t gid, const OpenTerms& terms, Outcome outcome);
 
-  // Closes it; the name stays in the table without a descriptor. May block for 2 seconds if a
-  // callback of the channel is running. If that isn't enough it yields false, and the channel
-  // closes when that callback has returned.
-  [[nodiscard]] bool UnRegServiceCallBack(const std::string& procName);
+  // The process that an opening of `procName` waits for has ended: ends it, if there is one.
+  static void EndOpening(const std::string& procName);
+  [[nodiscard]] static bool IsOpening(const std::string& procName);
+
+  // Says in the log that an opening has failed, with the library's result and its errno.
+  static void TellOpeningFailed(int result, int error);
+
+  // Closes it; the name stays in the table without a descriptor, and from here on nothing that
+  // comes through the channel has a sender. Tries for 2 seconds while a callback of the channel is
+  // running; if that isn't enough the channel closes when the callback has returned.
+  static void UnRegServiceCallBack(const std::string& procName);
 
   // The function that the library calls.
   static void ProcMgrMasterRequstMsgHandler(int fd, const NexioRequest* req);
@@ -85,23 +100,32 @@ class ProcMgrMaster {
   // Yields -1 for a name that is unknown or has no open channel.
   [[nodiscard]] int GetFdFromProcName(const std::string& procName);
 
+  // The three that send yield false if the sending has failed already; true if it has succeeded or
+  // still goes on. `outcome` tells which it was in the end.
+
   // Sends the frames one by one and stops at the first that the transport refuses; those before it
-  // stay sent. A peer that doesn't read costs about 2 seconds.
-  [[nodiscard]] bool SendRequestMsg(int fd, const Serialization::PieceList& pieces);
+  // stay sent. A peer that doesn't read is tried for about 2 seconds.
+  static bool SendRequestMsg(int fd, const Serialization::PieceList& pieces, Outcome outcome = {});
 
   // Tells `owner` about the states in `list`. Nothing is sent for an empty list, which is a
   // success.
-  [[nodiscard]] bool ReportAppState(const std::vector<Message::AppStateInfo>& list,
-                                    const std::string& owner);
+  bool ReportAppState(const std::vector<Message::AppStateInfo>& list, const std::string& owner,
+                      Outcome outcome = {});
 
   // Tells `owner` the status of each name (0 there, 1 gone or unknown, 2 stopped). All of them must
   // fit one frame. Nothing is sent for an empty map, which is a success.
-  [[nodiscard]] bool ReportAppDetailStatus(const std::map<std::string, int>& status,
-                                           const std::string& owner);
+  bool ReportAppDetailStatus(const std::map<std::string, int>& status, const std::string& owner,
+                             Outcome outcome = {});
 
  private:
   // Constant from the construction on, so that callbacks need no lock to read it.
   const Handler handler_;
+
+  // The openings aside. Services that have promised no channel get theirs a few at a time.
+  static constexpr std::size_t kAnyNumber = 1'000'000;
+  static constexpr std::size_t kFew = 4;
+  Crew openers_{kAnyNumber};
+  Crew patientOpeners_{kFew};
 };
 
 }  // namespace ProcMgr

@@ -5,9 +5,8 @@
 #include <utility>
 
 #include "base/printable.h"
-#include "base/sleep.h"
 #include "core/log.h"
-#include "message/nexio_wrappers.h"
+#include "message/keeper.h"
 
 namespace PmUpload {
 namespace {
@@ -17,7 +16,6 @@ using ProcMgr::LogInfo;
 using ProcMgr::LogWarning;
 
 constexpr int kCloseTries = 50;
-constexpr std::int64_t kCloseIntervalNs = 100'000'000;
 
 // Every local process can send these texts, and they go to the log.
 std::string Shown(std::string_view text) {
@@ -82,12 +80,8 @@ void PmHandleRequest(int fd, const ProcMgr::NexioRequest* req) {
   std::string text;
   PackResponseToPmupload(result, inWhiteList, manager.groupNames(), info.receivedMemGroupsNum,
                          text);
-  ProcMgr::NexioResponse response;
-  response.seq = req->seq;
-  response.data = text.data();
-  response.size = static_cast<std::uint32_t>(text.size());
   // A peer that has gone in the meantime has no use for the answer.
-  (void)ProcMgr::ProcMgrNexioSendResponse(fd, response);
+  (void)ProcMgr::RespondInOrder(fd, req->seq, text, [](int) {});
 }
 
 void CloseNexioFd(int fd) {
@@ -95,19 +89,14 @@ void CloseNexioFd(int fd) {
   if (fd < 0) {
     return;
   }
-  int ret = 0;
-  for (int tries = 1;; ++tries) {
-    ret = ProcMgr::NexioClosePipe(fd);
-    if (ret != ProcMgr::kNexioCallback || tries == kCloseTries) {
-      break;
-    }
-    ProcMgr::SleepNs(kCloseIntervalNs);
-  }
-  if (ret < 0) {
-    LogError("CloseNexioFd: NexioClosePipe failed err=%d", ret);
-    return;
-  }
-  LogInfo("CloseNexioFd NexioClosePipe success. fd=%d", fd);
+  const auto attempt = [fd] { return ProcMgr::NexioClosePipe(fd); };
+  ProcMgr::CloseInTime({attempt, kCloseTries, [fd](int ret) {
+                          if (ret < 0) {
+                            LogError("CloseNexioFd: NexioClosePipe failed err=%d", ret);
+                            return;
+                          }
+                          LogInfo("CloseNexioFd NexioClosePipe success. fd=%d", fd);
+                        }});
 }
 
 }  // namespace PmUpload

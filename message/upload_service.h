@@ -34,7 +34,8 @@ struct UploadCallBacks {
 void servercallback(int fd, const char* clientName, std::uint32_t nameLen);
 void PmHandleRequest(int fd, const ProcMgr::NexioRequest* req);
 
-// Closes a peer's connection. Blocks for 5 seconds at most while it is busy.
+// Closes a peer's connection. Never waits; the keeper goes on trying for 5 seconds while a callback
+// of it runs.
 void CloseNexioFd(int fd);
 
 }  // namespace PmUpload

@@ -83,18 +83,34 @@ TEST_F(ProcMgrMasterTest, OpensAndFilesAChannel) {
   EXPECT_EQ(name, "camera_service");
 
   // A restart brings a new descriptor under the same name.
-  EXPECT_TRUE(master_.UnRegServiceCallBack("camera_service"));
+  ProcMgrMaster::UnRegServiceCallBack("camera_service");
   EXPECT_EQ(master_.GetFdFromProcName("camera_service"), -1);
   EXPECT_EQ(fake_->timesClosed[fd], 1);
   EXPECT_NE(Register("camera_service"), fd);
   EXPECT_FALSE(master_.GetProcNameFromFd(fd, name));
 }
 
-TEST_F(ProcMgrMasterTest, NothingIsOpenedForNobody) {
-  EXPECT_FALSE(
-      master_.RegServiceCallBack("camera_service", 1001, {.isPeerGone = [] { return true; }}));
+TEST_F(ProcMgrMasterTest, OpeningAsideTellsItsOutcome) {
+  std::promise<void> serve;
+  fake_->onOpen = [&](int) { serve.get_future().wait(); };
+  std::promise<bool> outcome;
+  master_.OpenAside("aside", 7, {}, [&](bool isOpen) { outcome.set_value(isOpen); });
+  EXPECT_TRUE(ProcMgrMaster::IsOpening("aside"));
+  // A name has one opening at a time.
+  bool isRefused = false;
+  std::promise<void> refused;
+  master_.OpenAside("aside", 7, {}, [&](bool isOpen) {
+    isRefused = !isOpen;
+    refused.set_value();
+  });
+  refused.get_future().wait();
+  EXPECT_TRUE(isRefused);
   EXPECT_FALSE(master_.RegServiceCallBack("", 7));
-  EXPECT_THAT(fake_->opened, IsEmpty());
+  EXPECT_THAT(fake_->openedNames, ElementsAre("aside"));
+  serve.set_value();
+  EXPECT_TRUE(outcome.get_future().get());
+  EXPECT_GE(master_.GetFdFromProcName("aside"), 1);
+  EXPECT_FALSE(ProcMgrMaster::IsOpening("aside"));
 }
 
 TEST_F(ProcMgrMasterTest, OpenTimeoutFollowsTheRunMode) {
@@ -134,49 +150,27 @@ TEST_F(ProcMgrMasterTest, OpenResults) {
 }
 
 TEST_F(ProcMgrMasterTest, CloseResults) {
-  struct Case {
-    const char* name;
-    std::deque<int> results;
-    std::size_t tries;
-    int error;  // 0 for success.
-  };
-  const Case cases[] = {
-      {"more than 0", {3}, 1, 0},
-      {"busy to the last try but one", std::deque<int>(19, -16), 20, 0},
-      {"always busy", std::deque<int>(30, -16), 20, -16},
-      {"unknown", {-9}, 1, -9},
-      {"busy, then broken", {-16, -32}, 2, -32},
-  };
-  for (const Case& test : cases) {
-    SCOPED_TRACE(test.name);
+  const std::pair<int, const char*> cases[] = {{3, ""}, {-9, "-9"}, {-32, "-32"}};
+  for (const auto& [result, code] : cases) {
+    SCOPED_TRACE(result);
     fake_.Reset();
     const int fd = Register("closing");
-    fake_->closeResults = test.results;
-    EXPECT_EQ(master_.UnRegServiceCallBack("closing"), test.error == 0);
-    EXPECT_EQ(fake_->closeCalls, std::vector<int>(test.tries, fd));
-    EXPECT_EQ(fake_->sleeps, std::vector<std::int64_t>(test.tries - 1, 100'000'000));
+    fake_->closeResults = {result};
+    ProcMgrMaster::UnRegServiceCallBack("closing");
+    EXPECT_EQ(fake_->closeCalls, std::vector<int>{fd});
     EXPECT_EQ(master_.GetFdFromProcName("closing"), -1);
-    if (test.error != 0) {
-      EXPECT_THAT(TakeLog(), ElementsAre("E PROCMGR : Master UnRegServiceCallBack failed: "
+    EXPECT_THAT(TakeLog(),
+                ElementsAre(result < 0 ? "E PROCMGR : Master UnRegServiceCallBack failed: "
                                          "NexioClosePipe failed err code: " +
-                                         std::to_string(test.error)));
-    }
+                                             std::string(code)
+                                       : "I PROCMGR : Master UnRegServiceCallBack success proName: "
+                                         "closing fd: " +
+                                             std::to_string(fd)));
   }
   // The library is asked about an unknown name all the same.
   fake_.Reset();
-  EXPECT_FALSE(master_.UnRegServiceCallBack("never registered"));
+  ProcMgrMaster::UnRegServiceCallBack("never registered");
   EXPECT_EQ(fake_->closeCalls, std::vector<int>{-1});
-}
-
-TEST_F(ProcMgrMasterTest, AChannelThatStayedBusyGetsAnotherTryLater) {
-  const int fd = Register("stubborn");
-  fake_->closeResults = std::deque<int>(21, -16);
-  EXPECT_FALSE(master_.UnRegServiceCallBack("stubborn"));
-  EXPECT_THAT(fake_->closeCalls, SizeIs(20));
-  EXPECT_TRUE(master_.RegServiceCallBack("other", 7));
-  EXPECT_EQ(fake_->timesClosed[fd], 0);
-  EXPECT_TRUE(master_.UnRegServiceCallBack("other"));
-  EXPECT_EQ(fake_->timesClosed[fd], 1);
 }
 
 TEST_F(ProcMgrMasterTest, OnlyFramesOfAChannelReachTheHandler) {
@@ -209,7 +203,7 @@ TEST_F(ProcMgrMasterTest, AFrameInTheInstantOfTheOpeningFindsItsSender) {
   for (int i = 0; i < kRounds; ++i) {
     EXPECT_TRUE(master_.RegServiceCallBack("eager", 7));
     library.join();
-    EXPECT_TRUE(master_.UnRegServiceCallBack("eager"));
+    ProcMgrMaster::UnRegServiceCallBack("eager");
   }
   EXPECT_EQ(found, kRounds);
 }
@@ -217,8 +211,8 @@ TEST_F(ProcMgrMasterTest, AFrameInTheInstantOfTheOpeningFindsItsSender) {
 // Neither a stranger's frame nor one of a channel that is going away holds a thread up.
 TEST_F(ProcMgrMasterTest, NoWaitForADescriptorThatWillNotBeFiled) {
   const int fd = Register("going");
-  fake_->closeResults = std::deque<int>(21, -16);
-  EXPECT_FALSE(master_.UnRegServiceCallBack("going"));
+  fake_->closeResults = std::deque<int>(10, kNexioCallback);
+  ProcMgrMaster::UnRegServiceCallBack("going");
   std::string name;
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(master_.GetProcNameFromFd(4711, name));
@@ -227,7 +221,8 @@ TEST_F(ProcMgrMasterTest, NoWaitForADescriptorThatWillNotBeFiled) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
-// The closing thread holds what the callback wants: no dead end, and no descriptor stays behind.
+// Whoever closes may hold what the callback wants: it doesn't wait, the channel has no sender from
+// then on, and the callback closes on its way out.
 TEST_F(ProcMgrMasterTest, ABusyChannelClosesWhenItsCallbackReturns) {
   const int fd = Register("busy");
   Mutex wanted;
@@ -235,26 +230,12 @@ TEST_F(ProcMgrMasterTest, ABusyChannelClosesWhenItsCallbackReturns) {
   {
     const MutexLock lock(wanted);
     library = DeliverAside(fd, [&] { const MutexLock held(wanted); });
-    EXPECT_FALSE(master_.UnRegServiceCallBack("busy"));
+    ProcMgrMaster::UnRegServiceCallBack("busy");
+    std::string name;
+    EXPECT_FALSE(master_.GetProcNameFromFd(fd, name));
     EXPECT_EQ(fake_->timesClosed[fd], 0);
   }
   library.join();
-  EXPECT_EQ(fake_->timesClosed[fd], 1);
-  // The mark went with the channel.
-  EXPECT_THAT(fake_->closeCalls, SizeIs(21));
-}
-
-TEST_F(ProcMgrMasterTest, ACallbackThatReturnsBetweenTwoTriesCloses) {
-  const int fd = Register("busy");
-  std::promise<void> release;
-  std::thread library = DeliverAside(fd, [&] { release.get_future().wait(); });
-  fake_->onSleep = [&] {
-    if (library.joinable()) {
-      release.set_value();
-      library.join();
-    }
-  };
-  EXPECT_TRUE(master_.UnRegServiceCallBack("busy"));
   EXPECT_EQ(fake_->timesClosed[fd], 1);
 }
 
@@ -273,7 +254,7 @@ TEST_F(ProcMgrMasterTest, ClosingRacesWithCallbacks) {
     EXPECT_TRUE(master_.RegServiceCallBack("racer", 7));
     fds.push_back(master_.GetFdFromProcName("racer"));
     current = fds.back();
-    (void)master_.UnRegServiceCallBack("racer");
+    ProcMgrMaster::UnRegServiceCallBack("racer");
   }
   over = true;
   library.join();
@@ -303,7 +284,7 @@ TEST_F(ProcMgrMasterTest, SendsFramesInOrderAndStopsAtTheFirstFailure) {
     pieces[i].size = i + 1;
   }
   EXPECT_FALSE(master_.SendRequestMsg(5, {}));
-  fake_->sendResults = {-11, -11, 0, -32};
+  fake_->sendResults = {0, -32};
   EXPECT_FALSE(master_.SendRequestMsg(5, pieces));
   ASSERT_THAT(fake_->sent, SizeIs(1));
   EXPECT_EQ(fake_->sent[0].fd, 5);

@@ -1,0 +1,61 @@
+#include "base/crew.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "base/block_signals.h"
+
+namespace ProcMgr {
+
+Crew::~Crew() {
+  const MutexLock lock(mutex_);
+  while (threads_.size() != ended_.size()) {
+    left_.Wait(mutex_);
+  }
+  JoinEnded();
+}
+
+void Crew::Run(std::function<void()> job) {
+  const MutexLock lock(mutex_);
+  JoinEnded();
+  jobs_.push_back(std::move(job));
+  if (threads_.size() == limit_) {
+    return;
+  }
+  try {
+    const BlockSignals block;
+    threads_.emplace_back([this] { Body(); });
+    ended_.reserve(threads_.size());
+  } catch (...) {
+    jobs_.pop_back();
+    throw;
+  }
+}
+
+void Crew::Body() {
+  mutex_.Lock();
+  while (!jobs_.empty()) {
+    {
+      const std::function<void()> job = std::move(jobs_.front());
+      jobs_.pop_front();
+      mutex_.Unlock();
+      job();
+    }
+    mutex_.Lock();
+  }
+  ended_.push_back(std::this_thread::get_id());
+  left_.NotifyAll();
+  mutex_.Unlock();
+}
+
+void Crew::JoinEnded() {
+  for (const std::thread::id id : ended_) {
+    const auto thread = std::find_if(threads_.begin(), threads_.end(),
+                                     [id](const std::thread& each) { return each.get_id() == id; });
+    thread->join();
+    threads_.erase(thread);
+  }
+  ended_.clear();
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,84 @@
+#include "core/bring_up_handshake.h"
+
+#include "core/log.h"
+
+namespace ProcMgr {
+namespace {
+
+bool EndsTheWait(ProcessState state) {
+  return state == ProcessState::RUNNING || state == ProcessState::TERMINATING ||
+         state == ProcessState::TERMINATED;
+}
+
+}  // namespace
+
+void BringUpHandshake::Step(App::BaseAppInfo& app) {
+  const MutexLock lock(stateMutex_);
+  app.state_ = app.CheckState();
+}
+
+void BringUpHandshake::TakeReport(App::BaseAppInfo& app, ProcessState state) {
+  const MutexLock lock(stateMutex_);
+  if (state == ProcessState::RUNNING || app.state_ != ProcessState::TERMINATED) {
+    app.state_ = state;
+  }
+  (void)NoteState(app);
+  stateCond_.NotifyAll();
+}
+
+void BringUpHandshake::PublishAwaited() {
+  const MutexLock lock(stateMutex_);
+  if (awaited_.name.empty()) {
+    return;
+  }
+  const App::BaseAppInfo* const app = FindBaseApp(awaited_.name);
+  if (app != nullptr && NoteState(*app)) {
+    stateCond_.NotifyAll();
+  }
+}
+
+void BringUpHandshake::Await(const std::string& name) {
+  const App::BaseAppInfo* const app = FindBaseApp(name);
+  const MutexLock lock(stateMutex_);
+  // A record that has gone by now ended with no restart left.
+  awaited_ = {name, app == nullptr ? ProcessState::TERMINATED : app->state_};
+}
+
+ProcessState BringUpHandshake::WaitForState() {
+  const MutexLock lock(stateMutex_);
+  while (!EndsTheWait(awaited_.state)) {
+    LogInfo("PROCMGR: waiting for baseApp=%s reported state, RUNNING OR TERMINATING.",
+            awaited_.name.c_str());
+    stateCond_.Wait(stateMutex_);
+  }
+  const ProcessState state = awaited_.state;
+  awaited_ = {};
+  return state;
+}
+
+void BringUpHandshake::NoteEvent() {
+  const MutexLock lock(stateMutex_);
+  ++events_;
+  stateCond_.NotifyAll();
+}
+
+std::uint64_t BringUpHandshake::Events() {
+  const MutexLock lock(stateMutex_);
+  return events_;
+}
+
+void BringUpHandshake::WaitForEvent(std::uint64_t seen, SteadyTime deadline) {
+  const MutexLock lock(stateMutex_);
+  while (events_ == seen && stateCond_.WaitUntil(stateMutex_, deadline)) {
+  }
+}
+
+bool BringUpHandshake::NoteState(const App::BaseAppInfo& app) {
+  if (awaited_.name != app.appName_ || EndsTheWait(awaited_.state)) {
+    return false;
+  }
+  awaited_.state = app.state_;
+  return EndsTheWait(awaited_.state);
+}
+
+}  // namespace ProcMgr
