@@ -14,7 +14,13 @@ test_jobs() {
   echo $((2 * $(nproc)))
 }
 
+# build_preset PRESET programs|tests [TARGET...]: the programs alone or with the tests and the benchmark; all
+# targets, or those named and what they need.
 build_preset() {
-  cmake --preset "$1"
-  cmake --build --preset "$1" --parallel "$(build_jobs)"
+  local preset=$1 testing=OFF targets=()
+  [[ $2 == programs ]] || testing=ON
+  shift 2
+  [[ $# -eq 0 ]] || targets=(--target "$@")
+  cmake --preset "$preset" -D BUILD_TESTING="$testing"
+  cmake --build --preset "$preset" --parallel "$(build_jobs)" "${targets[@]}"
 }
