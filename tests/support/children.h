@@ -2,17 +2,14 @@
 #ifndef TESTS_SUPPORT_CHILDREN_H
 #define TESTS_SUPPORT_CHILDREN_H
 
-#include <gtest/gtest.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
-#include <utility>
-
+#include "base/text.h"
 #include "sandbox/pid_fd.h"
+#include "sandbox/process_table.h"
 #include "sandbox/system_error.h"
 #include "sandbox/wait.h"
+#include "tests/support/test.h"
 
 namespace PmTest {
 
@@ -68,6 +65,13 @@ class WaitingChild {
  private:
   pid_t pid_;
 };
+
+// Whether this process may raise limits, and its children with it: in some containers root may not.
+inline bool MayRaiseLimits() {
+  constexpr unsigned kSysResource = 24;
+  const std::string rights = PmSandbox::StatusField(getpid(), "CapEff");
+  return (ProcMgr::ParseNumber<std::uint64_t>(rights, 16).value_or(0) >> kSysResource & 1) != 0;
+}
 
 }  // namespace PmTest
 

@@ -1,19 +1,13 @@
 #include "sandbox/sandbox.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/prctl.h>
-#include <unistd.h>
-
-#include <array>
-#include <csignal>
-#include <memory>
 
 #include "base/small_file.h"
 #include "sandbox/process.h"
 #include "tests/support/children.h"
 #include "tests/support/service_report.h"
+#include "tests/support/test.h"
 
 namespace PmSandbox {
 namespace {

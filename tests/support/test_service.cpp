@@ -34,6 +34,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -55,19 +56,6 @@ int Number(const char* text) {
     Fail(text);
   }
   return static_cast<int>(value);
-}
-
-std::string ReadWhole(const char* path) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  std::string text;
-  std::array<char, 4096> part{};
-  for (ssize_t size = 0; fd >= 0 && (size = read(fd, part.data(), part.size())) > 0;) {
-    text.append(part.data(), static_cast<std::size_t>(size));
-  }
-  if (fd >= 0) {
-    close(fd);
-  }
-  return text;
 }
 
 void WriteWhole(int fd, const std::string& text, const char* what) {
@@ -150,17 +138,15 @@ void AddScheduling(std::string& report) {
   AddLine(report, "mempolicy", Joined(mode, nodes[0]));
 }
 
-// The lines of a file of /proc/self as "GROUPKey=VALUE". A line is "Key:\tVALUE" in "status", with
-// the mask of cores, blocked and ignored signals, capabilities; and "NUMBER:Key:VALUE" in "cgroup".
-void AddFile(std::string& report, const char* path, const std::string& group, bool isNumbered) {
-  const std::string text = ReadWhole(path);
-  for (std::size_t at = 0; at < text.size();) {
-    const std::size_t end = std::min(text.find('\n', at), text.size());
-    const std::size_t key = isNumbered ? text.find(':', at) + 1 : at;
-    const std::size_t colon = std::min(text.find(':', key), end);
-    const std::size_t value = std::min(isNumbered ? colon + 1 : colon + 2, end);
-    AddLine(report, group + text.substr(key, colon - key), text.substr(value, end - value));
-    at = end + 1;
+// The lines of /proc/self/status, "Key:\tVALUE", as "status.Key=VALUE": the mask of cores, blocked
+// and ignored signals, capabilities.
+void AddStatus(std::string& report) {
+  std::ifstream file("/proc/self/status");
+  for (std::string line; std::getline(file, line);) {
+    const std::size_t colon = line.find(":\t");
+    if (colon != std::string::npos) {
+      AddLine(report, "status." + line.substr(0, colon), line.substr(colon + 2));
+    }
   }
 }
 
@@ -173,8 +159,7 @@ void WriteReport(const char* path, int argc, char** argv) {
   AddLimit(report, "limit.memlock", RLIMIT_MEMLOCK);
   AddLimit(report, "limit.rtprio", RLIMIT_RTPRIO);
   AddScheduling(report);
-  AddFile(report, "/proc/self/status", "status.", false);
-  AddFile(report, "/proc/self/cgroup", "cgroup.", true);
+  AddStatus(report);
   AddLine(report, "argc", Joined(argc));
   for (int i = 0; i < argc; ++i) {
     AddLine(report, "argv." + Joined(i), argv[i]);

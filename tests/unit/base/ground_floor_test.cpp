@@ -1,20 +1,5 @@
-// What every thread stands on: times, texts, paths, small files, descriptors.
-#include <fcntl.h>
-#include <gtest/gtest.h>
+// What every thread stands on: times, texts, paths, small files.
 #include <pthread.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <csignal>
-#include <filesystem>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <utility>
 
 #include "base/boot_trace.h"
 #include "base/sleep.h"
@@ -22,14 +7,11 @@
 #include "base/standard_path.h"
 #include "base/steady_time.h"
 #include "base/text.h"
-#include "base/unique_fd.h"
 #include "sandbox/process_table.h"
-#include "tests/support/temp_folder.h"
+#include "tests/support/test.h"
 
 namespace ProcMgr {
 namespace {
-
-using namespace std::string_literals;
 
 TEST(BootTrace, FormatsSecondsSinceTheCountersStart) {
   const struct {
@@ -214,33 +196,6 @@ TEST_F(SmallFile, AppendsALineToWhatIsThereAndTellsFailures) {
   EXPECT_EQ(AppendId(Path("missing"), 1), ENOENT);
   EXPECT_FALSE(std::filesystem::exists(Path("missing"))) << "a tasks file is the kernel's to make";
   EXPECT_EQ(AppendId("/dev/full", 1), ENOSPC);
-}
-
-TEST(UniqueFd, ClosesOnceAndOnlyWhatItOwns) {
-  const auto isOpen = [](int fd) { return fcntl(fd, F_GETFD) >= 0; };
-  const int first = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  const int second = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  ASSERT_TRUE(isOpen(first) && isOpen(second));
-  {
-    UniqueFd owner(first);
-    owner.Reset(second);
-    EXPECT_FALSE(isOpen(first)) << "the old descriptor leaked";
-    EXPECT_EQ(owner.Get(), second);
-
-    UniqueFd heir(std::move(owner));
-    EXPECT_FALSE(owner.IsOpen());  // NOLINT(bugprone-use-after-move): the state that is promised.
-    EXPECT_TRUE(isOpen(second));
-
-    UniqueFd& same = heir;
-    heir = std::move(same);
-    EXPECT_EQ(heir.Get(), second) << "lost by an assignment to itself";
-
-    const UniqueFd last(heir.Release());
-    EXPECT_EQ(heir.Get(), -1);
-    heir.Reset();
-    EXPECT_TRUE(isOpen(second)) << "closed although it was handed over";
-  }
-  EXPECT_FALSE(isOpen(second));
 }
 
 }  // namespace

@@ -1,15 +1,5 @@
 // What of the host's rules no boot shows: lines that never stand in a kernel's own files, names
 // that reach a shell, and what is asked of the platform under another one's feet.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "host/core_affinity_mgr.h"
 #include "host/integrity_protect.h"
@@ -17,7 +7,7 @@
 #include "host/sharepool_cfg.h"
 #include "sandbox/process_table.h"
 #include "tests/support/taken_log.h"
-#include "tests/support/temp_folder.h"
+#include "tests/support/test.h"
 #include "tests/support/threads.h"
 
 namespace ProcMgr {
@@ -71,6 +61,12 @@ TEST(CpuList, ReadsItsTwoForms) {
   std::vector<std::uint32_t> cores;
   ParseCpuLine("path", line, cores);
   EXPECT_EQ(cores.size(), 128U) << "129 words are read, the first of them no number";
+  // Of a file the first line counts, and one that is too long for a list of cores isn't read.
+  const PmTest::TempFolder folder;
+  cores.clear();
+  ParseCpuFile(folder.Write("long", "3\n" + std::string(20000, '1')), cores);
+  ParseCpuFile(folder.Write("good", "0-1\n7\n"), cores);
+  EXPECT_THAT(cores, ElementsAre(0, 1));
 }
 
 // Of a file that holds the three bytes "abc".
@@ -96,6 +92,7 @@ TEST(Integrity, NothingThatAShellInterpretsReachesIt) {
   }
   EXPECT_TRUE(check("app", folder.Path("bin") + "//app"));
   EXPECT_FALSE(check("app", folder.Path("bin") + "/app/")) << "there is no such file";
+  EXPECT_FALSE(check("bin", folder.Path("bin"))) << "of a folder there is no digest";
 }
 
 // The manager's reaper takes whatever child it sees, the pipeline's among them.

@@ -1,24 +1,12 @@
 #include "host/watchdog.h"
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <filesystem>
-#include <string>
-#include <vector>
-
 #include "tests/support/taken_log.h"
-#include "tests/support/temp_folder.h"
+#include "tests/support/test.h"
 
 namespace ProcMgr {
 namespace {
 
 using PmTest::TakeLog;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 // What the operations asked of the kernel, and what it answers. Plain function pointers take no
 // state along.
@@ -66,8 +54,7 @@ TEST_F(WatchDog, InsertsTheModuleOnlyIfItIsWantedAndAbsent) {
   const struct {
     const char* name;
     const char* modules;
-    bool disabled, qelcore, enabled, hasFile;
-    bool result;
+    bool disabled, qelcore, enabled, hasFile, result;
     std::size_t insertions;
   } kCases[] = {
       {"wanted", "", false, false, true, true, true, 1},

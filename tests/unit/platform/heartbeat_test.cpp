@@ -1,35 +1,19 @@
 #include "platform/heartbeat/heartbeat.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <memory>
-#include <optional>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "base/unique_fd.h"
 #include "platform/heartbeat/heartbeat_table.h"
 #include "platform/heartbeat/heartbeat_watcher.h"
 #include "sandbox/socket_path.h"
 #include "sandbox/wait.h"
-#include "tests/support/temp_folder.h"
+#include "tests/support/test.h"
 #include "tests/support/threads.h"
 
 namespace ProcMgr::HeartBeat {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 bool Ignore(const char*, std::size_t, pid_t, std::uint32_t) {
   return true;
@@ -198,12 +182,6 @@ TEST_F(WatcherTest, BeatsThatAreNoneDoNotDisturb) {
                                    std::string(3000, 'x'), longest.substr(1)}) {
     Send(bytes);
   }
-  // From another group: of this thread only, so by the system call. The kernel tells the real one.
-  constexpr gid_t kKeep = static_cast<gid_t>(-1);
-  const gid_t own = getgid();
-  ASSERT_EQ(syscall(SYS_setresgid, 4711, kKeep, kKeep), 0);
-  Send(longest);
-  ASSERT_EQ(syscall(SYS_setresgid, own, kKeep, kKeep), 0);
   // The socket keeps the order, so what follows the true beat comes after all of them.
   Send(longest);
   EXPECT_THAT(notified->told.Await(2),

@@ -2,16 +2,9 @@
 #ifndef TESTS_UNIT_PLATFORM_MANIFEST_FIXTURE_H
 #define TESTS_UNIT_PLATFORM_MANIFEST_FIXTURE_H
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <map>
-#include <string>
-#include <vector>
-
 #include "app/manifest.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temp_folder.h"
+#include "tests/support/test.h"
 
 namespace ProcMgr {
 

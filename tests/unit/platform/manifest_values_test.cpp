@@ -202,19 +202,6 @@ TEST_F(ManifestValues, NameMayHave255Bytes) {
   }
 }
 
-TEST_F(ManifestValues, UnknownKeysAreOnlyWarnings) {
-  EXPECT_EQ(ParseText(R"(version: 3
-applications:
-  - {appName: a, binPath: /b, uid: 1, gid: 1, sharepoolGroups: [{groupName: g, perm: x}]}
-)"),
-            0);
-  EXPECT_THAT(lines_, ElementsAre("W m.yaml:1:1: the key \"version\" is unknown and ignored; the "
-                                  "nearest known is \"applications\"",
-                                  "W m.yaml:3:80: the key \"perm\" is unknown and ignored; the "
-                                  "nearest known is \"permission\""));
-  EXPECT_THAT(Names(), ElementsAre("a"));
-}
-
 TEST_F(ManifestValues, MatchTakesAnApplicationOnlyIfEveryPairIsGiven) {
   // One name twice is no fault as long as only one of them is taken.
   const char* const text = R"(applications:
