@@ -166,12 +166,13 @@ ProcessState GeneralAppInfo::CheckRestarting(SteadyTime now) {
 // The old process of a restart has gone.
 ProcessState GeneralAppInfo::StartAgain() {
   isKillSent_ = false;
+  // The restart is over with the start, however that goes: a later one must not save its value.
+  isForceTerm_ = savedForceTerm_;
   if (!StartProcess()) {
     reportState_ = TERMINATED_ABNORMAL_EXIT;
     LogInfo("PROCMGR : RESTARTING to TERMINATED appName=%s, pid=%d", appName_.c_str(), pid_);
     return TERMINATED;
   }
-  isForceTerm_ = savedForceTerm_;
   isRestartStarted_ = 1;
   return RESTARTING;
 }

@@ -309,8 +309,10 @@ TEST(GeneralCheckState, RestartStartsTheNewProcessWhenTheOldHasGone) {
 TEST(GeneralCheckState, RestartThatCanNotStartEndsTheRecord) {
   auto app = MakeRecord<GeneralAppInfo>(RESTARTING, kCode0);
   app.execPath_ = "/nonexistent/program";
+  app.isForceTerm_ = true;
   app.isKillSent_ = true;
   EXPECT_EQ(app.CheckState(), TERMINATED);
+  EXPECT_FALSE(app.isForceTerm_) << "the kill was allowed for the restart alone";
   EXPECT_EQ(app.reportState_, kAbnormal);
   EXPECT_EQ(app.isRestartStarted_, 0U);
   EXPECT_FALSE(app.isKillSent_);
