@@ -10,6 +10,15 @@
 namespace ProcMgr::App {
 namespace {
 
+void LogSignalling(int signal, const char* name, pid_t pid) {
+  LogInfo("PROCMGR : SendSignal: %d to app=%s, pid=%d", signal, name, pid);
+}
+
+void LogKillFailed(const char* name, pid_t pid, int error) {
+  LogError("PROCMGR : SendSignal failed: kill failed appName=%s, pid=%d, errno=%d", name, pid,
+           error);
+}
+
 void LogSignalSent(int signal, const char* name, pid_t pid) {
   switch (signal) {
     case SIGTERM:
@@ -69,11 +78,9 @@ bool SendSignal(int signal, const std::string& appName, pid_t pid) {
     LogError("PROCMGR : SendSignal failed: appName %s's pid=%d is invalid", appName.c_str(), pid);
     return false;
   }
-  LogInfo("PROCMGR : SendSignal: %d to app=%s, pid=%d", signal, appName.c_str(), pid);
+  LogSignalling(signal, appName.c_str(), pid);
   if (kill(pid, signal) != 0) {
-    const int error = errno;
-    LogError("PROCMGR : SendSignal failed: kill failed appName=%s, pid=%d, errno=%d",
-             appName.c_str(), pid, error);
+    LogKillFailed(appName.c_str(), pid, errno);
     return false;
   }
   LogSignalSent(signal, appName.c_str(), pid);
@@ -99,8 +106,9 @@ void LogExitStatus(int status, const std::string& appName, pid_t pid) {
 
 bool AppInfo::Signal(int signal) const {
   if (isExited_) {
-    LogError("PROCMGR : SendSignal failed: kill failed appName=%s, pid=%d, errno=%d",
-             appName_.c_str(), pid_, ESRCH);
+    // Whether the reaper or the kernel knows first that it has gone, the log says the same.
+    LogSignalling(signal, appName_.c_str(), pid_);
+    LogKillFailed(appName_.c_str(), pid_, ESRCH);
     return false;
   }
   return SendSignal(signal, appName_, pid_);
