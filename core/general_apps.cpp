@@ -201,6 +201,7 @@ void ProcessManager::RestartOneApp(const Message::RestartAppInfo& info, const st
     return;
   }
   app->SetTermBeginTime();
+  ResolveCoreAffinityAll(*app);
   if (RestartStoppedApp(app, changes, sender)) {
     return;
   }

@@ -1,4 +1,6 @@
 // The start-up configuration of general applications: what a base service may ask to be started.
+#include <utility>
+
 #include "base/boot_trace.h"
 #include "core/app_lists.h"
 #include "core/log.h"
@@ -44,6 +46,8 @@ std::uint32_t ProcessManager::ReLoadStartCfgInfo(const StartupCfgInfo& cfg) {
   for (const auto& [name, app] : allGeneralAppMap_) {
     if (const auto manifest = manifests.find(name); manifest != manifests.end()) {
       app->UpdateManifest(manifest->second);
+      // A restart may be under way, which starts with this core list and asks nobody any more.
+      ResolveCoreAffinityAll(*app);
     }
   }
   return ret;
@@ -72,9 +76,9 @@ void ProcessManager::HandleReloadRequest(const RequestMsg& frame, const std::str
     SendLoadResult(kLoadStartCfgFailed, request, fd);
     return;
   }
-  cfg.path = GetStartupEntryPath(sender);
+  const std::string askedPath = std::exchange(cfg.path, GetStartupEntryPath(sender));
   LogInfo("%s PM revice RELOAD_STARTUP_CFG msg load file=%s", BootStrace(kBootTraceTag).c_str(),
-          cfg.path.c_str());
+          askedPath.c_str());
   const std::uint32_t ret = ReLoadStartCfgInfo(cfg);
   LogInfo("%s ReLoadStartCfgInfo finish ret=0x%X, fd=%d", BootStrace(kBootTraceTag).c_str(), ret,
           fd);

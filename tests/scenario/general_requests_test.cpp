@@ -152,13 +152,22 @@ TEST_F(GeneralRequests, LoadSelectsByMatchDataAndAFailedOneLosesNothing) {
   EXPECT_EQ(owner_.LoadStartupCfg(), "15795205");
   EXPECT_EQ(owner_.LoadStartupCfg({}, true), "15795205");
   EXPECT_TRUE(known("left"));
+  for (const char* const kind : {"LOAD", "RELOAD"}) {
+    EXPECT_TRUE(Await(std::string("PM revice ") + kind +
+                      "_STARTUP_CFG msg load file=/the/manager/knows/better"))
+        << "the line tells what the frame asks for";
+  }
 }
 
+// The marker of all reserved cores stands for them at a restart too, whether it was there from the
+// beginning or came back with the reload.
 TEST_F(GeneralRequests, ReloadCountsFromTheNextStart) {
-  const auto app = [&](const std::string& report) { return Service("app", {"--report", report}); };
+  const auto app = [&](const std::string& report) {
+    return Service("app", {"--report", report}, {{"coreAffinity", "[255]"}});
+  };
   BootWith({app("/run/sandbox/old")});
-  ASSERT_TRUE(owner_.StartApps({{"app", {}, {}}}));
-  const pid_t pid = ExpectBoth(owner_, "app 0").pid;
+  ASSERT_TRUE(owner_.RestartApps({{"app", {}, {}}}));
+  const pid_t pid = ExpectBoth(owner_, "app 1").pid;
   sandbox_.WriteFile(kEntryFile, ServiceFile({app("/run/sandbox/new")}));
   EXPECT_EQ(owner_.LoadStartupCfg({}, true), "0");
   EXPECT_THAT(owner_.Query({"app"}), ElementsAre(Pair("app", 0)));
