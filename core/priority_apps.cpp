@@ -18,9 +18,9 @@
 namespace ProcMgr {
 namespace {
 
-// For a heap whose smallest priority, and among equals the smallest name, comes out first.
-bool StartsLater(const PriorityAppEntry& left, const PriorityAppEntry& right) {
-  return std::tie(left.priority, left.appName) > std::tie(right.priority, right.appName);
+// The smallest priority first, and among equals the smallest name.
+bool StartsEarlier(const PriorityAppEntry& left, const PriorityAppEntry& right) {
+  return std::tie(left.priority, left.appName) < std::tie(right.priority, right.appName);
 }
 
 std::vector<ApplicationManifest> ParseFile(const std::string& path, int& ret) {
@@ -66,20 +66,20 @@ void BindPriorityApp(const App::GeneralAppInfo& app) {
 }  // namespace
 
 void ProcessManager::InitPriorityApps(const std::string& path) {
-  std::vector<PriorityAppEntry> heap;
-  if (LoadStartCfgInfo(path, heap) != 0) {
+  std::vector<PriorityAppEntry> entries;
+  if (LoadStartCfgInfo(path, entries) != 0) {
     LogErrorRouted("process-manager InitPriorityApps failed LoadStartCfgInfo failed");
     return;
   }
   LogInfoRouted("%s InitPriorityApps load priority apps cfg finish",
                 BootStrace(kBootTraceTag).c_str());
-  StartPriorityApps(heap);
+  StartPriorityApps(entries);
   LogInfoRouted("%s InitPriorityApps start priority apps finish",
                 BootStrace(kBootTraceTag).c_str());
 }
 
 std::uint32_t ProcessManager::LoadStartCfgInfo(const std::string& path,
-                                               std::vector<PriorityAppEntry>& heap) {
+                                               std::vector<PriorityAppEntry>& entries) {
   int ret = 0;
   const std::vector<ApplicationManifest> owners = ParseFile(path, ret);
   if (ret != 0) {
@@ -102,8 +102,7 @@ std::uint32_t ProcessManager::LoadStartCfgInfo(const std::string& path,
       LogInfoRouted(
           "process-manager load startup priority app name=%s, startup priority=%d, owner=%s",
           manifest.GetAppName().c_str(), priority, owner.GetAppName().c_str());
-      heap.push_back({priority, manifest.GetAppName(), owner.GetAppName(), manifest});
-      std::push_heap(heap.begin(), heap.end(), &StartsLater);
+      entries.push_back({priority, manifest.GetAppName(), owner.GetAppName(), manifest});
       found.push_back(manifest);
     }
   }
@@ -111,11 +110,10 @@ std::uint32_t ProcessManager::LoadStartCfgInfo(const std::string& path,
   return 0;
 }
 
-void ProcessManager::StartPriorityApps(std::vector<PriorityAppEntry>& heap) {
-  while (!heap.empty()) {
-    std::pop_heap(heap.begin(), heap.end(), &StartsLater);
-    const PriorityAppEntry entry = std::move(heap.back());
-    heap.pop_back();
+void ProcessManager::StartPriorityApps(std::vector<PriorityAppEntry>& entries) {
+  // Stable: of two entries of one application the one that was read first decides who owns it.
+  std::stable_sort(entries.begin(), entries.end(), &StartsEarlier);
+  for (const PriorityAppEntry& entry : entries) {
     const MutexLock lock(generalAppMutex_);
     StartPriorityApp(entry);
   }

@@ -137,8 +137,8 @@ class ProcessManager {
   // core/priority_apps.cpp. Main thread, but for the hand-over, which a request brings.
   void InitPriorityApps(const std::string& path);
   [[nodiscard]] std::uint32_t LoadStartCfgInfo(const std::string& path,
-                                               std::vector<PriorityAppEntry>& heap);
-  void StartPriorityApps(std::vector<PriorityAppEntry>& heap);
+                                               std::vector<PriorityAppEntry>& entries);
+  void StartPriorityApps(std::vector<PriorityAppEntry>& entries);
   void StartPriorityApp(const PriorityAppEntry& entry) REQUIRES(generalAppMutex_);
   void ContinueProcMgrInit();
   void BindPriorityApps();

@@ -51,18 +51,19 @@ TEST_F(Priority, StartsInOrderBeforeAnyBaseService) {
   EXPECT_LT(*finished, *base);
 }
 
-// Dies at once, is listed twice, has an owner who never comes: nothing is left over.
+// Dies at once, is listed twice, has an owner who never comes: nothing is left over. Of two alike
+// the one of the file that comes first counts.
 TEST_F(Priority, EndsAreSeenAndDoublesAreNot) {
+  const App twice = Service("twice", {}, {{"startupPriority", "5"}});
   sandbox_.WriteFile("/run/sandbox/second.yaml",
-                     ServiceFile({Service("twice", {}, {{"startupPriority", "5"}})}));
-  sandbox_.WriteFile(kEntry, ServiceFile({Service("twice", {}, {{"startupPriority", "4"}}),
-                                          {"short", "/bin/true", {}, {{"startupPriority", "1"}}}}));
+                     ServiceFile({twice, {"short", "/bin/true", {}, {{"startupPriority", "1"}}}}));
+  sandbox_.WriteFile(kEntry, ServiceFile({twice}));
   Boot({Service("launcher", {}, {{"startupEntryPath", kEntry}}),
         Service("second", {}, {{"startupEntryPath", "/run/sandbox/second.yaml"}})});
   AwaitBooted();
   EXPECT_TRUE(Await("Process short removed from the list of generalAppMap_"));
   EXPECT_THAT(Started(), ElementsAre("short", "twice"));
-  EXPECT_EQ(log_.Count("priority app=twice is started already"), 1U);
+  EXPECT_EQ(log_.Count("priority app=twice is started already, ignore it from owner=second"), 1U);
   EXPECT_TRUE(daemon_->Zombies().empty());
   EXPECT_EQ(daemon_->Services().size(), 3U);
 }
