@@ -9,9 +9,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,17 +44,35 @@ struct Wish {
   std::vector<std::string> command;
 };
 
-// The path of the process's program, or of the program that `command` names.
+bool IsProgram(const std::string& path) {
+  struct stat file {};
+  return stat(path.c_str(), &file) == 0 && S_ISREG(file.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+// Where the exec will find the command: along PATH, unless the name has a slash. Empty if nowhere.
+std::string FoundCommand(const std::string& name) {
+  if (name.find('/') != std::string::npos) {
+    return name;
+  }
+  const char* const path = std::getenv("PATH");
+  std::istringstream folders(path != nullptr ? path : "/bin:/usr/bin");
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    // An empty entry is the working directory.
+    std::string candidate = (folder.empty() ? "." : folder) + "/" + name;
+    if (IsProgram(candidate)) {
+      return candidate;
+    }
+  }
+  return {};
+}
+
+// The path of the process's program, or of the program that `command` names, without links.
 std::optional<std::string> BinaryPath(const Wish& wish) {
   std::array<char, PATH_MAX> path{};
   if (!wish.command.empty()) {
-    const std::string& name = wish.command.front();
-    if (name.find('/') != std::string::npos) {
-      return realpath(name.c_str(), path.data()) != nullptr
-                 ? std::optional<std::string>(path.data())
-                 : std::nullopt;
-    }
-    return name;  // Found along PATH by the exec.
+    return realpath(FoundCommand(wish.command.front()).c_str(), path.data()) != nullptr
+               ? std::optional<std::string>(path.data())
+               : std::nullopt;
   }
   const std::string link = "/proc/" + std::to_string(wish.pid) + "/exe";
   const ssize_t length = readlink(link.c_str(), path.data(), path.size());

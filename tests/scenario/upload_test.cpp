@@ -92,6 +92,14 @@ TEST_F(Upload, ToolBecomesItsCommand) {
   std::string output;
   EXPECT_EQ(RunTool({"--procName=worker", "--", "/bin/sh", "-c", "exit 42"}, output), 42) << output;
   EXPECT_THAT(NextReport(), HasSubstr("worker "));
+  // The program that the exec will find is what the white list is asked about.
+  sandbox_.InstallProgram("/bin/true", "/opt/test/real-tool");
+  ASSERT_EQ(symlink("real-tool", sandbox_.Outside("/opt/test/tool").c_str()), 0);
+  ASSERT_EQ(RunTool({"--procName=found", "--", "tool"}, output,
+                    {"/usr/bin/env", "PATH=/nowhere:/opt/test:/bin"}),
+            0)
+      << output;
+  EXPECT_TRUE(Await("pidAppName=found, binPath=/opt/test/real-tool"));
   EXPECT_EQ(RunTool({"--procName=lost", "--", "/nowhere/program"}, output), 2);
   EXPECT_EQ(RunTool({"--procName=both", "--pid=1", "--", "/bin/true"}, output), 2);
   EXPECT_EQ(RunTool({"--procName=none"}, output), 2);
