@@ -22,6 +22,10 @@ constexpr std::size_t kMaxServerName = 64;
 constexpr mode_t kDirectoryMode = 01777;
 constexpr mode_t kSocketMode = 0666;
 
+// How many clients may wait for a server that pauses under a flood: few enough that an honest one
+// among them has its turn soon.
+constexpr int kBacklog = 256;
+
 // A claim holds the lock for microseconds; whoever holds it longer isn't claiming a name.
 constexpr auto kLockPatience = std::chrono::seconds(1);
 constexpr std::int64_t kLockPauseNs = 1'000'000;
@@ -62,19 +66,44 @@ bool IsServed(const sockaddr_un& address) {
   return errno != ECONNREFUSED && errno != ENOENT;
 }
 
-// Removes the socket file at `address` if nobody serves it. The caller holds the directory's lock.
+// Root doesn't leave a name to somebody of another user and group: whoever may write to the
+// directory could otherwise keep any server of the platform from coming up.
+bool MayTakeOver(const struct stat& status) {
+  return geteuid() == 0 && status.st_uid != 0 && status.st_gid != getegid();
+}
+
+// Removes a name, whatever it stands for, and follows nothing. A directory that isn't empty is
+// moved out of the way, under a name that no server can have.
+int RemoveEntry(const std::string& path) {
+  if (unlink(path.c_str()) == 0 || (errno == EISDIR && rmdir(path.c_str()) == 0)) {
+    return 0;
+  }
+  if (errno == ENOTEMPTY) {
+    const std::string aside = std::string(kSocketDirectory) + "/." + std::to_string(gettid()) +
+                              "." + std::to_string(SteadyNow().time_since_epoch().count());
+    if (rename(path.c_str(), aside.c_str()) == 0) {
+      return 0;
+    }
+  }
+  return errno == ENOENT ? 0 : errno == EPERM ? -EACCES : -errno;
+}
+
+// Removes what stands at `address` unless it is a socket that somebody serves. The caller holds the
+// directory's lock.
 int RemoveStale(const sockaddr_un& address) {
   struct stat status {};
   if (lstat(address.sun_path, &status) != 0) {
     return errno == ENOENT ? 0 : -errno;
   }
-  if (!S_ISSOCK(status.st_mode) || IsServed(address)) {
-    return -EADDRINUSE;
+  // A link is not asked, because connect would follow it.
+  if (S_ISSOCK(status.st_mode) && IsServed(address)) {
+    if (!MayTakeOver(status)) {
+      return -EADDRINUSE;
+    }
+    LogWarning("NEXIO : %s was served by a stranger, uid=%u, gid=%u", address.sun_path,
+               status.st_uid, status.st_gid);
   }
-  if (unlink(address.sun_path) != 0 && errno != ENOENT) {
-    return errno == EPERM ? -EACCES : -errno;
-  }
-  return 0;
+  return RemoveEntry(address.sun_path);
 }
 
 int BindReplacingStale(int fd, const sockaddr_un& address) {
@@ -96,7 +125,7 @@ int BindReplacingStale(int fd, const sockaddr_un& address) {
 
 int Listen(int fd, const sockaddr_un& address, Claim& out) {
   struct stat status {};
-  if (listen(fd, SOMAXCONN) != 0 || lstat(address.sun_path, &status) != 0) {
+  if (listen(fd, kBacklog) != 0 || lstat(address.sun_path, &status) != 0) {
     return -errno;
   }
   // Last, because the change of attributes is what wakes a client that came between bind and

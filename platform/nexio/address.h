@@ -36,10 +36,12 @@ struct Claim {
   ino_t inode = 0;
 };
 
-// Binds and listens under `name`. A socket file that nobody serves is replaced; one that somebody
-// serves is left alone. Of several processes that claim one name at once exactly one succeeds. A
-// process that may not make the directory waits for it until `deadline`. Yields 0 or a negative
-// errno: -EADDRINUSE if the name is served, -EACCES if the stale file belongs to another user.
+// Binds and listens under `name`. A socket file that nobody serves is replaced, and so is anything
+// else under that name, which is never followed; a socket that somebody serves is left alone,
+// unless we are root and it belongs to another user and group. Of several processes that claim one
+// name at once exactly one succeeds. A process that may not make the directory waits for it until
+// `deadline`. Yields 0 or a negative errno: -EADDRINUSE if the name is served, -EACCES if what
+// stands there belongs to another user.
 [[nodiscard]] int ClaimName(std::string_view name, SteadyTime deadline, Claim& out);
 
 // Stops listening, and removes the socket file if it is still the claim's own.

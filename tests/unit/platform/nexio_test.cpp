@@ -80,10 +80,49 @@ TEST(Nexio, ServersFilesHaveTheirModes) {
   EXPECT_EQ(status.st_mode & 07777, 01777U);
 }
 
-TEST(Nexio, FileThatIsNoSocketIsLeftAlone) {
-  Box().WriteFile("/run/nexio/plain.sock", "somebody's");
-  EXPECT_EQ(Serve("plain"), -EADDRINUSE);
-  EXPECT_EQ(Box().ReadFile("/run/nexio/plain.sock"), "somebody's");
+// Whatever somebody has put there, and without a look behind a link.
+TEST(Nexio, RootServesANameWhateverStandsThere) {
+  const EchoServer victim("victim");
+  const std::string path = "/run/nexio/taken.sock";
+  const auto give = [&path] { EXPECT_EQ(lchown(path.c_str(), 65534, 65534), 0); };
+  std::optional<RawServer> squatter;
+  const struct {
+    const char* name;
+    std::function<void()> put;
+    int expected;  // 1: a handle.
+  } cases[] = {
+      {"file", [&] { Box().WriteFile(path, "x"); }, 1},
+      {"link to a socket", [&] { std::filesystem::create_symlink("victim.sock", path); }, 1},
+      {"link to nothing", [&] { std::filesystem::create_symlink("nothing", path); }, 1},
+      {"directory", [&] { std::filesystem::create_directory(path); }, 1},
+      {"directory with content", [&] { Box().WriteFile(path + "/a/b", "x"); }, 1},
+      {"stale socket of another user",
+       [&] {
+         const RawServer stale(Box(), "taken", 65534);
+         give();
+       },
+       1},
+      {"stranger who serves it",
+       [&] {
+         squatter.emplace(Box(), "taken", 65534);
+         give();
+       },
+       1},
+      {"one of our own who serves it", [&] { squatter.emplace(Box(), "taken", getgid()); },
+       -EADDRINUSE},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.name);
+    each.put();
+    const int server = Serve("taken");
+    EXPECT_EQ(std::min(server, 1), each.expected);
+    if (server > 0) {
+      EXPECT_TRUE(std::filesystem::is_socket(std::filesystem::symlink_status(path)));
+      EXPECT_TRUE(Close(server));
+    }
+    EXPECT_EQ(Ask(Channel("victim").fd, "untouched"), "untouched");
+    std::filesystem::remove(path);
+  }
 }
 
 // Each way in which a peer can be late.
