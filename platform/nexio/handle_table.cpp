@@ -21,9 +21,10 @@ HandleTable& HandleTable::Instance() {
   return Immortal<HandleTable>();
 }
 
-int HandleTable::NewHandle() {
+int HandleTable::NewHandle(Use use) {
+  constexpr int kMost = std::numeric_limits<int>::max();
   const WriteLock lock(mutex_);
-  return lastHandle_ == std::numeric_limits<int>::max() ? 0 : ++lastHandle_;
+  return lastHandle_ >= (use == Use::kOwn ? kMost : kMost / 2) ? 0 : ++lastHandle_;
 }
 
 void HandleTable::Add(int handle, std::shared_ptr<Channel> channel) {

@@ -18,8 +18,10 @@ class HandleTable {
   // The process's one table.
   static HandleTable& Instance();
 
-  // A handle that was never given out before, 1 or more; 0 if there is none left.
-  [[nodiscard]] int NewHandle() EXCLUDES(mutex_);
+  // A handle that was never given out before, 1 or more; 0 if there is none left. Strangers, who
+  // may connect and go as often as they are let, get the lower half only.
+  enum class Use { kOwn, kStranger };
+  [[nodiscard]] int NewHandle(Use use) EXCLUDES(mutex_);
 
   void Add(int handle, std::shared_ptr<Channel> channel) EXCLUDES(mutex_);
   void Add(int handle, std::shared_ptr<Server> server) EXCLUDES(mutex_);

@@ -71,7 +71,7 @@ int NexioOpen(const NexioOpenParam& param) try {
   if (connected < 0) {
     return connected;
   }
-  const int handle = HandleTable::Instance().NewHandle();
+  const int handle = HandleTable::Instance().NewHandle(HandleTable::Use::kOwn);
   if (handle == 0) {
     return -EMFILE;
   }
@@ -109,7 +109,7 @@ int NexioCreateFilteredServer(const NexioServerParam& param, NexioPeerFilter fil
     LogError("NEXIO : can't serve %s, errno=%d", name.c_str(), -result);
     return result;
   }
-  const int handle = HandleTable::Instance().NewHandle();
+  const int handle = HandleTable::Instance().NewHandle(HandleTable::Use::kOwn);
   if (handle == 0) {
     Nexio::ReleaseName(name, claim);
     return -EMFILE;

@@ -4,9 +4,8 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
+#include <new>
 #include <utility>
-#include <vector>
 
 #include "core/log.h"
 #include "platform/nexio/connector.h"
@@ -34,10 +33,10 @@ Server::Server(int handle, std::string name, Claim claim, std::uint32_t maxClien
                std::shared_ptr<const Callbacks> callbacks, NexioPeerFilter filter)
     : handle_(handle),
       name_(std::move(name)),
-      maxClients_(maxClients),
       callbacks_(std::move(callbacks)),
       filter_(std::move(filter)),
-      claim_(std::move(claim)) {}
+      claim_(std::move(claim)),
+      admission_(maxClients) {}
 
 int Server::Start() {
   const MutexLock lock(mutex_);
@@ -46,8 +45,12 @@ int Server::Start() {
 
 void Server::Accept() {
   for (int left = kConnectionsPerTurn; left > 0; --left) {
-    if (!AcceptOne()) {
-      return;
+    try {
+      if (!AcceptOne()) {
+        return;
+      }
+    } catch (const std::bad_alloc&) {
+      LogError("NEXIO : server %s has no memory for a client", name_.c_str());
     }
   }
   const MutexLock lock(mutex_);
@@ -63,17 +66,26 @@ bool Server::AcceptOne() {
   if (!fd.IsOpen()) {
     return again;
   }
-  if (ReadPeer(fd.Get(), peer) < 0 || !LetIn(peer)) {
+  if (ReadPeer(fd.Get(), peer) < 0) {
     return true;
   }
-  const int handle = HandleTable::Instance().NewHandle();
-  if (handle == 0 || !Enter(handle)) {
-    return true;
+  if (filter_ && !filter_(peer)) {
+    return Refuse(peer, "not one of those whom it serves");
+  }
+  int handle = 0;
+  if (const char* const reason = Enter(fd.Get(), peer, handle); reason != nullptr) {
+    return Refuse(peer, reason);
   }
   PrepareSocket(fd.Get());
-  const auto channel = std::make_shared<Channel>(handle, std::move(fd), peer, shared_from_this(),
-                                                 callbacks_, SteadyNow() + kHelloLimit);
-  HandleTable::Instance().Add(handle, channel);
+  std::shared_ptr<Channel> channel;
+  try {
+    channel = std::make_shared<Channel>(handle, std::move(fd), peer, shared_from_this(), callbacks_,
+                                        SteadyNow() + kHelloLimit);
+    HandleTable::Instance().Add(handle, channel);
+  } catch (const std::bad_alloc&) {
+    Leave(handle);
+    throw;
+  }
   // A Close of this server may have looked for its connections before this one could be found. It
   // has set closed_ before that, and nothing of the channel has run yet.
   if (IsClosed() || channel->Start() < 0) {
@@ -109,39 +121,70 @@ UniqueFd Server::Take(bool& again) {
   return fd;
 }
 
-bool Server::LetIn(const NexioPeer& peer) {
-  if (filter_ && !filter_(peer)) {
-    LogWarning("NEXIO : server %s refused a client, pid=%d, uid=%u, gid=%u", name_.c_str(),
-               peer.pid, peer.uid, peer.gid);
-    return false;
-  }
-  return true;
-}
-
-bool Server::Enter(int handle) {
+const char* Server::Enter(int fd, const NexioPeer& peer, int& handle) {
+  const bool leavesReserve = LeavesReserve(fd);
+  const auto use =
+      Admission::IsTrusted(peer.uid) ? HandleTable::Use::kOwn : HandleTable::Use::kStranger;
   const MutexLock lock(mutex_);
   if (closed_) {
-    return false;
+    return "the server is closed";
   }
-  if (clients_.size() >= maxClients_) {
-    // One line when it gets full, not one for each of a thousand tries.
-    if (!std::exchange(fullTold_, true)) {
-      LogWarning("NEXIO : server %s is full, maxClients=%u", name_.c_str(), maxClients_);
+  if (!leavesReserve) {
+    return "the descriptors that are left are kept for others";
+  }
+  if (const char* const reason = admission_.Enter(peer.uid, SteadyNow()); reason != nullptr) {
+    return reason;
+  }
+  handle = HandleTable::Instance().NewHandle(use);
+  bool entered = false;
+  try {
+    entered = handle != 0 && clients_.emplace(handle, peer.uid).second;
+  } catch (const std::bad_alloc&) {
+    // As if there were no handle.
+  }
+  if (!entered) {
+    admission_.Leave(peer.uid);
+    return "there is no room for it";
+  }
+  return nullptr;
+}
+
+bool Server::Refuse(const NexioPeer& peer, const char* reason) {
+  FloodGuard::Line line{};
+  bool paused = false;
+  {
+    const MutexLock lock(mutex_);
+    const SteadyTime now = SteadyNow();
+    line = flood_.Count(now);
+    paused = !closed_ && flood_.PauseEnd() > now;
+    if (paused) {
+      Reactor::Accepted().SetAlarm(MyToken(), flood_.PauseEnd());
     }
-    return false;
   }
-  clients_.insert(handle);
-  return true;
+  if (line == FloodGuard::Line::kRefusal) {
+    LogWarning("NEXIO : server %s refused a client: %s, pid=%d, uid=%u, gid=%u", name_.c_str(),
+               reason, peer.pid, peer.uid, peer.gid);
+  } else if (line == FloodGuard::Line::kFlood) {
+    LogWarning("NEXIO : server %s is flooded and tells no more refusals, pid=%d, uid=%u, gid=%u",
+               name_.c_str(), peer.pid, peer.uid, peer.gid);
+  }
+  return !paused;
 }
 
 void Server::Leave(int handle) {
   const MutexLock lock(mutex_);
-  clients_.erase(handle);
-  fullTold_ = false;
+  if (const auto node = clients_.extract(handle)) {
+    admission_.Leave(node.mapped());
+  }
+}
+
+int Server::NextClient(int handle) {
+  const MutexLock lock(mutex_);
+  const auto next = clients_.upper_bound(handle);
+  return next == clients_.end() ? 0 : next->first;
 }
 
 int Server::Close() {
-  std::vector<int> clients;
   {
     const MutexLock lock(mutex_);
     if (!closed_) {
@@ -149,10 +192,9 @@ int Server::Close() {
       Reactor::Accepted().Forget(claim_.listener.Get(), MyToken());
       ReleaseName(name_, claim_);
     }
-    clients.assign(clients_.begin(), clients_.end());
   }
   bool busy = false;
-  for (const int handle : clients) {
+  for (int handle = NextClient(0); handle != 0; handle = NextClient(handle)) {
     const auto channel = HandleTable::Instance().FindChannel(handle);
     busy = (channel != nullptr && channel->Close() == kNexioCallback) || busy;
   }
