@@ -30,7 +30,7 @@ DAEMON = {"base", "platform", "host", "message", "app", "core"}
 # (pattern, advice, files that may). Comments and the inside of strings are blanked before the search.
 FORBIDDEN_EVERYWHERE = [
     # Right into its owner is fine: a private constructor is out of std::make_unique's reach.
-    (r"(?:(?<=[;{}])|^)(?![^;{}]*unique_ptr<)[^;{}]*?\bnew\b(?!\s*>)",
+    (r"(?:(?<=[;{}])|^)(?![^;{}]*unique_ptr<)[^;{}]*?(?<!operator )\bnew\b(?!\s*>)",
      "naked new: use std::make_unique, a container or a value", set()),
     (r"\bv?sprintf\s*\(", "unbounded: use std::snprintf or std::string", set()),
     (r"\b(strcpy|strcat|gets|strtok)\s*\(", "unbounded or unsafe: use std::string", set()),
