@@ -1,8 +1,4 @@
 // What becomes of services that end.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <csignal>
 
 #include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"
@@ -160,6 +156,52 @@ TEST_F(Supervision, VanishedProgramIsTriedAtEveryPass) {
   const std::size_t before = log_.Lines().size();
   sandbox_.InstallProgram(ProgramPath("test-service"), program);
   EXPECT_TRUE(Await("PROCMGR : STARTING to RUNNING appName=gone", before));
+}
+
+// Thousand may take a slow machine minutes. The exit of a service that ends at once may come before
+// its record is in the list.
+TEST_F(Supervision, ThousandServicesThatEndAtOnceAreAllSeen) {
+  constexpr std::size_t kServices = 1000;
+  std::vector<App> apps;
+  for (std::size_t i = 0; i < kServices; ++i) {
+    apps.push_back({"true" + std::to_string(i), "/bin/true", {}, {}});
+  }
+  Boot(apps);
+  EXPECT_TRUE(
+      log_.WaitForCount("removed from the list of executedBaseApp_", kServices, 5 * kPatience));
+  EXPECT_EQ(log_.Count("PROCMGR: can not find app"), 0U);
+  EXPECT_EQ(log_.Count("the exit status is 0."), kServices);
+  EXPECT_TRUE(daemon_->Services().empty());
+  EXPECT_TRUE(daemon_->Zombies().empty());
+}
+
+// A service on the agent library, from the boot to its end.
+TEST_F(Supervision,
+       ServiceOfTheAgentLibraryIsReadyBeatsReportsAgainAfterARestartAndSaysThatItGoesDown) {
+  const std::string report = "PM revice BASESERVICE_STATE_REPORT msg from hello";
+  sandbox_.AddUser("hello", 1000, 1000, "/");
+  sandbox_.InstallProgram(ProgramPath("hello_service"), "/opt/test/hello", 1000, 1000);
+  Boot({{"hello",
+         "/opt/test/hello",
+         {},
+         {{"uid", "hello"},
+          {"gid", "hello"},
+          {"envArgv", "{PROC_NAME: hello}"},
+          {"isReporting", "true"},
+          {"restart", "on-failure"}}}});
+  ASSERT_TRUE(Await("InitBaseApp:hello success, report RUNNING!"));
+  AwaitBooted();
+  std::size_t before = log_.Lines().size();
+  ASSERT_EQ(kill(AwaitStarted("hello"), SIGKILL), 0);
+  EXPECT_TRUE(Await(report, before));
+  EXPECT_EQ(log_.Count("status=lost"), 0U) << "a beat was missed";
+  const pid_t second = AwaitStarted("hello", before);
+  before = log_.Lines().size();
+  ASSERT_EQ(kill(second, SIGTERM), 0);
+  EXPECT_TRUE(Await(report, before));
+  EXPECT_TRUE(Await("PROCMGR : Process=hello, pid=" + std::to_string(second) +
+                        " was self terminated, the exit status is 0.",
+                    before));
 }
 
 }  // namespace

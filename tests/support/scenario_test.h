@@ -2,19 +2,12 @@
 #ifndef TESTS_SUPPORT_SCENARIO_TEST_H
 #define TESTS_SUPPORT_SCENARIO_TEST_H
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "sandbox/daemon.h"
 #include "sandbox/log_reader.h"
 #include "sandbox/sandbox.h"
 #include "sandbox/service_file.h"
 #include "tests/support/service_report.h"
+#include "tests/support/test.h"
 
 namespace PmTest {
 

@@ -1,11 +1,7 @@
 #include "message/upload_msg.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstring>
-
 #include "tests/support/taken_log.h"
+#include "tests/support/test.h"
 
 namespace PmUpload {
 namespace {
@@ -103,30 +99,6 @@ TEST(UploadResponse, IsThisText) {
   std::string text;
   PackResponseToPmupload(false, true, {"ab"}, 0, text);
   EXPECT_EQ(text, "0#1#1#ab#0#");
-}
-
-// A peer that asks until nothing is still to come has every name, in order.
-TEST(UploadResponse, ALongListComesInSeveral) {
-  std::vector<std::string> groups;
-  for (int i = 0; i < 1024; ++i) {
-    groups.push_back("group" + std::to_string(i + 1000).substr(1));
-    ASSERT_EQ(groups.back().size(), 8U);
-  }
-  std::vector<std::string> received;
-  std::vector<std::size_t> counts;
-  UploadResponse response;
-  do {
-    std::string text;
-    PackResponseToPmupload(true, true, groups, received.size(), text);
-    ASSERT_LE(text.size(), 3959U);
-    ASSERT_TRUE(UnPackResponse(text, response));
-    EXPECT_TRUE(response.result && response.inWhiteList);
-    received.insert(received.end(), response.groups.begin(), response.groups.end());
-    counts.push_back(response.groups.size());
-    ASSERT_EQ(response.stillToCome, groups.size() - received.size());
-  } while (response.stillToCome > 0 && counts.size() < 10);
-  EXPECT_THAT(counts, ElementsAre(438, 438, 148));
-  EXPECT_EQ(received, groups);
 }
 
 TEST(UploadResponse, EveryShorterTextIsRefused) {
