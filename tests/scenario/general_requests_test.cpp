@@ -1,17 +1,9 @@
-// What agents ask for general applications, and what they are told.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <utility>
-
+// What agents ask for general applications, one or a thousand, in good faith or not, and what they
+// are told.
 #include "tests/scenario/general_test.h"
 
 namespace PmTest {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::Pair;
 
 class GeneralRequests : public GeneralTest {
  protected:
@@ -220,6 +212,95 @@ TEST_F(GeneralRequests, DynamicParametersAreCheckedAgainstTheirPatterns) {
     ASSERT_TRUE(
         log_.WaitForCount("Process worker-2 removed from the list of generalAppMap_", ++removed));
   }
+}
+
+constexpr std::size_t kCount = 1000;
+
+class GeneralMany : public GeneralTest {
+ protected:
+  // Names every application and boots.
+  void BootThousand() {
+    for (std::size_t i = 0; i < kCount; ++i) {
+      names_.push_back("app-" + std::to_string(i));
+    }
+    BootWith({Service("app-${[0-9]+}")});
+  }
+
+  template <typename Info>
+  std::vector<Info> RequestOfAll() const {
+    std::vector<Info> list;
+    for (const std::string& name : names_) {
+      list.push_back({name, {}, {}});
+    }
+    return list;
+  }
+
+  // One half is asked to end, the other dies.
+  void EndAll() {
+    const auto half = names_.begin() + kCount / 2;
+    ASSERT_TRUE(owner_.TermApps({names_.begin(), half}));
+    for (auto name = half; name != names_.end(); ++name) {
+      ASSERT_EQ(kill(pids_[*name], SIGKILL), 0);
+    }
+    ASSERT_NO_FATAL_FAILURE(
+        ExpectOneReportOnEach([](std::size_t index) { return index < kCount / 2 ? 3U : 4U; }));
+    ASSERT_TRUE(log_.WaitForCount("removed from the list of generalAppMap_", kCount));
+  }
+
+  // From both who hear of them; `stateOf` an application's index is the state that it must tell.
+  template <typename StateOf>
+  void ExpectOneReportOnEach(StateOf stateOf) {
+    for (AgentPeer* const peer : {&owner_, &iammgr_}) {
+      std::map<std::string, std::uint32_t> states;
+      for (std::size_t i = 0; i < kCount; ++i) {
+        const auto report = peer->NextReport();
+        ASSERT_TRUE(report.has_value()) << peer->Name() << " got " << i;
+        EXPECT_TRUE(states.emplace(report->appName, report->state).second) << report->appName;
+        pids_[report->appName] = report->pid;
+      }
+      for (std::size_t i = 0; i < kCount; ++i) {
+        EXPECT_EQ(states[names_[i]], stateOf(i)) << names_[i];
+      }
+    }
+  }
+
+  // How many of them are said to run.
+  std::size_t CountRunning() {
+    constexpr std::size_t kInAnAnswer = 100;
+    std::size_t running = 0;
+    for (auto begin = names_.begin(); begin != names_.end(); begin += kInAnAnswer) {
+      for (const auto& [name, state] : owner_.Query({begin, begin + kInAnAnswer})) {
+        running += state == 0 ? 1U : 0U;
+      }
+    }
+    return running;
+  }
+
+  std::vector<std::string> names_;
+  std::map<std::string, pid_t> pids_;
+};
+
+TEST_F(GeneralMany, ThousandFromTheFramesOfOneAgentLeaveNothing) {
+  BootThousand();
+  const std::size_t descriptors = daemon_->Descriptors().size();
+  const std::size_t threads = daemon_->ThreadCount();
+  ASSERT_TRUE(owner_.StartApps(RequestOfAll<ProcMgr::Message::StartAppInfo>()));
+  ASSERT_NO_FATAL_FAILURE(ExpectOneReportOnEach([](std::size_t) { return 0U; }));
+  EXPECT_EQ(daemon_->Services().size(), kCount + 3);
+  EXPECT_EQ(CountRunning(), kCount);
+  const auto firstPids = pids_;
+  ASSERT_TRUE(owner_.RestartApps(RequestOfAll<ProcMgr::Message::RestartAppInfo>()));
+  ASSERT_NO_FATAL_FAILURE(ExpectOneReportOnEach([](std::size_t) { return 1U; }));
+  for (const auto& [name, pid] : firstPids) {
+    EXPECT_NE(pids_[name], pid) << name;
+  }
+  ASSERT_NO_FATAL_FAILURE(EndAll());
+  ExpectNothingElse();
+  EXPECT_EQ(CountRunning(), 0U);
+  EXPECT_EQ(daemon_->Services().size(), 3U);
+  EXPECT_TRUE(daemon_->Zombies().empty());
+  EXPECT_EQ(daemon_->Descriptors().size(), descriptors);
+  EXPECT_EQ(daemon_->ThreadCount(), threads);
 }
 
 }  // namespace

@@ -2,9 +2,6 @@
 #ifndef TESTS_SCENARIO_GENERAL_TEST_H
 #define TESTS_SCENARIO_GENERAL_TEST_H
 
-#include <string>
-#include <vector>
-
 #include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"
 

@@ -1,14 +1,9 @@
 // Kernel command lines that steer the boot.
-#include <gmock/gmock.h>
-
-#include <filesystem>
 
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
 namespace {
-
-using ::testing::Contains;
 
 const std::string kDefault = "/run/sandbox/base.yaml";
 const std::string kSmall = std::string(kConfigDir) + "startup_small.yaml";
@@ -42,8 +37,7 @@ class KernelCommandLine : public ScenarioTest {
 TEST_F(KernelCommandLine, ChoosesTheFileThatIsBooted) {
   struct Case {
     std::string line;
-    bool hasSmall;
-    bool hasFailOver;
+    bool hasSmall, hasFailOver;
     std::string started;  // The one service that runs then.
     std::string said;
   };
@@ -81,21 +75,10 @@ TEST_F(KernelCommandLine, ChoosesTheFileThatIsBooted) {
   }
 }
 
-// A folder is found like a file. Nothing can be booted from it, and the manager says so and stays.
-TEST_F(KernelCommandLine, BootWordWithoutAFileLeavesNothingToStart) {
-  sandbox_.WriteFile(kSmall, ServiceFile({Service("small")}));
-  sandbox_.SetKernelCommandLine("procmgr=boot: quiet");
-  Boot({Service("plain")});
-  ASSERT_TRUE(Await("PROCMGR : ParseYamlFile failed, ProcMgr return"));
-  EXPECT_EQ(log_.Count("Start baseApp success"), 0U);
-  EXPECT_TRUE(daemon_->IsRunning());
-}
-
 TEST_F(KernelCommandLine, SwitchesTheWatchdogOffByWholeWordsOnly) {
   struct Case {
     std::string line;
-    bool isOff;
-    bool isCore;
+    bool isOff, isCore;
   };
   const Case cases[] = {
       {"procmgr=nowatchdog,em qelmode=kernel_utils", true, true},
@@ -120,8 +103,7 @@ TEST_F(KernelCommandLine, SwitchesTheWatchdogOffByWholeWordsOnly) {
 TEST_F(KernelCommandLine, OptionalServiceTakesPartOnlyIfItIsAskedFor) {
   struct Case {
     std::string line;
-    bool hasManifest;
-    bool starts;
+    bool hasManifest, starts;
     std::string text;
   };
   const std::string manifest = "/run/sandbox/emService.yaml";

@@ -1,19 +1,16 @@
-// Configuration files, good and bad: whatever stands in their place, the boot goes on.
-#include <gmock/gmock.h>
+// Configuration files, good and bad: whatever stands in their place, the boot goes on. And what the
+// digests of one of them decide.
 #include <sys/resource.h>
 
-#include <filesystem>
+#include <cctype>
+#include <cstdio>
 
 #include "base/small_file.h"
-#include "base/text.h"
+#include "tests/support/children.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
 namespace {
-
-using ::testing::AnyOf;
-using ::testing::Eq;
-using ::testing::IsSupersetOf;
 
 const std::string kOwn = std::string(kConfigDir) + "procmgr_cfg.yaml";
 const std::string kHashes = std::string(kConfigDir) + "bin_hash.cfg";
@@ -98,27 +95,6 @@ TEST_F(Configuration, OwnSettings) {
                   "4 LoadDelayCoreCfg check_num=300 is no number from -128 to 127, use 0",
                   delay + "0, isWakeUpEnable=0, checkInterval=0"}},
             });
-}
-
-TEST_F(Configuration, ProcessesReportThemselvesOnlyIfTheSettingsSaySo) {
-  const std::pair<std::string, bool> cases[] = {
-      {kMissing, false},
-      {"watch_dog: {}\n", false},
-      {"watch_dog: {}\npmupload: {}\n", true},
-      {"watch_dog: {}\npmupload: {enable: false}\n", false},
-      {"pmupload: {enable: true}\n", false},
-  };
-  const std::string socket = "/run/nexio/PROCMGR.sock";
-  for (const auto& [text, isServed] : cases) {
-    SCOPED_TRACE(text);
-    Put(kOwn, text);
-    daemon_.reset();
-    Put(socket, kMissing);
-    const std::size_t before = log_.Lines().size();
-    Boot({Service("plain")});
-    (void)AwaitBoot(before);
-    EXPECT_EQ(std::filesystem::exists(sandbox_.Outside(socket)), isServed);
-  }
 }
 
 TEST_F(Configuration, Digests) {
@@ -212,10 +188,7 @@ class LockedMemory : public Configuration {
   static std::string Outcome(std::uint64_t value) {
     rlimit own{};
     EXPECT_EQ(getrlimit(RLIMIT_MEMLOCK, &own), 0);
-    constexpr unsigned kSysResource = 24;
-    const auto rights = ProcMgr::ParseNumber<std::uint64_t>(StatusField(getpid(), "CapEff"), 16);
-    const bool mayRaise = (rights.value_or(0) >> kSysResource & 1) != 0;
-    return value <= own.rlim_max || mayRaise
+    return value <= own.rlim_max || MayRaiseLimits()
                ? "6 PROCMGR: SetLockedMemoryLimit success limit value=" + std::to_string(value) +
                      " "
                : "3 PROCMGR: setrlimit failed : errno=1, cfg=" + kLimits +
@@ -293,25 +266,100 @@ TEST_F(LockedMemory, SamplesMeanWhatTheyShow) {
   EXPECT_EQ(CountLines(lines, "Start baseApp success appName="), 1U);
 }
 
-// Nothing that can be configured is there or makes sense; a service finds the defaults.
-TEST_F(Configuration, NothingButRubbishLeavesTheDefaults) {
-  for (const std::string& path : {kOwn, kHashes, kPools, kLimits}) {
-    Put(path, kBinary);
+class Digest : public ScenarioTest {
+ protected:
+  // A copy of the test's service under a name of its own; with other content, that of a changed
+  // file that still runs.
+  std::string Install(const std::string& path, bool isChanged = false) const {
+    // A running program can't be written to, so the new file takes the old one's place.
+    std::filesystem::remove_all(sandbox_.Outside(path));
+    sandbox_.InstallProgram(ProgramPath("test-service"), path);
+    if (isChanged) {
+      sandbox_.WriteFile(path, sandbox_.ReadFile(path) + "changed", 0755);
+    }
+    return path;
   }
-  sandbox_.SetKernelCommandLine(kBinary);
-  rlimit own{};
-  ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &own), 0);
-  const std::string report = "/run/sandbox/report";
-  Boot({Service("plain", {"--report", report}, {{"cpuset", "CtrlCPU"}})});
-  const ServiceReport found = AwaitReport(sandbox_, report);
-  EXPECT_EQ(found.Get("env.HOME"), "");
-  EXPECT_FALSE(found.Has("env.SHAREPOOL_GROUP_NAME"));
-  EXPECT_EQ(found.Get("status.Cpus_allowed_list"), "0");
-  const std::string inherited =
-      own.rlim_max == RLIM_INFINITY ? "unlimited" : std::to_string(own.rlim_max);
-  EXPECT_THAT(found.Get("limit.memlock"),
-              AnyOf(Eq("unlimited,unlimited"), Eq(inherited + "," + inherited)));
-  EXPECT_TRUE(Await("PROCMGR : EnableWatchDog flag="));
+
+  // What sha256sum says of the file, without its name.
+  [[nodiscard]] std::string Sum(const std::string& inside) const {
+    // "/proc/self" is another process in the command, and this one's descriptors aren't handed on.
+    const std::string own = sandbox_.Outside(inside).substr(std::string("/proc/self").size());
+    const std::string command = "sha256sum '/proc/" + std::to_string(getpid()) + own + "'";
+    const std::unique_ptr<FILE, int (*)(FILE*)> stream(popen(command.c_str(), "re"), &pclose);
+    std::array<char, 65> text{};
+    if (stream == nullptr || fgets(text.data(), text.size(), stream.get()) == nullptr) {
+      ADD_FAILURE() << "can't run " << command;
+    }
+    return text.data();
+  }
+
+  [[nodiscard]] static std::string Refusal(const std::string& path) {
+    return "PROCMGR : IntegrityProtect app=" + path + " or sha256sum has been modified";
+  }
+};
+
+TEST_F(Digest, DecidesAboutTheStart) {
+  struct Case {
+    std::string name;
+    std::string digest;  // Empty: not listed.
+    bool starts;
+  };
+  const std::string right = Sum(Install("/opt/test/right"));
+  ASSERT_EQ(right.size(), 64U);
+  std::string upper = right;
+  std::transform(upper.begin(), upper.end(), upper.begin(),
+                 [](char c) { return static_cast<char>(std::toupper(c)); });
+  const Case cases[] = {
+      {"right", right, true},
+      {"unlisted", "", true},
+      {"wrong", std::string(64, '0'), false},
+      {"upper", upper, false},
+      {"longer", right + "0", false},
+      {"shorter", right.substr(1), false},
+  };
+  // Larger than any other configuration file may be: a table that isn't read lets everything
+  // through.
+  std::string hashes = "right=overruled by the later line\n";
+  while (hashes.size() < std::size_t{1} << 20) {
+    hashes += "elsewhere-" + std::to_string(hashes.size()) + "=" + right + "\n";
+  }
+  std::vector<App> apps;
+  for (const Case& c : cases) {
+    apps.push_back({c.name, Install("/opt/test/" + c.name), {}, {}});
+    hashes += c.digest.empty() ? "" : c.name + "=" + c.digest + "\n";
+  }
+  sandbox_.WriteFile(kHashes, hashes);
+  Boot(apps);
+  const std::vector<std::string> lines = AwaitBoot();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::size_t isRefused = c.starts ? 0 : 1;
+    EXPECT_EQ(CountLines(lines, "Start baseApp success appName=" + c.name + ","), 1 - isRefused);
+    EXPECT_EQ(CountLines(lines, "3 " + Refusal("/opt/test/" + c.name)), isRefused);
+  }
+  EXPECT_TRUE(Eventually([&] { return daemon_->Services().size() == 2; }));
+}
+
+TEST_F(Digest, ChangedBinaryIsNotStartedAgain) {
+  const std::string path = Install("/opt/test/steady");
+  sandbox_.WriteFile(kHashes, "steady=" + Sum(path) + "\n");
+  Boot({{"steady", path, {"--serve", "steady"}, {{"restart", "on-forever"}}}, Service("other")});
+  ASSERT_TRUE(Await("PROCMGR : STARTING to RUNNING appName=steady"));
+  // As it was, it comes back.
+  pid_t pid = AwaitStarted("steady");
+  std::size_t before = log_.Lines().size();
+  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  pid = AwaitStarted("steady", before);
+  ASSERT_TRUE(Await("PROCMGR : STARTING to RUNNING appName=steady", before));
+  EXPECT_EQ(log_.Count(Refusal(path)), 0U);
+  // Changed under a running process, it doesn't.
+  Install(path, true);
+  before = log_.Lines().size();
+  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  ASSERT_TRUE(Await(Refusal(path), before));
+  ASSERT_TRUE(Await("state=TERMINATED restart failed", before));
+  EXPECT_EQ(CountLines(log_.Masked(before), "Start baseApp success appName=steady,"), 0U);
+  EXPECT_TRUE(Eventually([&] { return daemon_->Services().size() == 1; }));
 }
 
 }  // namespace

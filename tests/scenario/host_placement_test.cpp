@@ -1,16 +1,11 @@
-// Where the manager and its children really are: groups, cores, limits, thread by thread.
-#include <gmock/gmock.h>
-#include <sys/resource.h>
-
-#include <thread>
-
+// Where the manager and its children really are: groups, cores, limits, thread by thread, from the
+// start or by a later request.
 #include "base/small_file.h"
+#include "core/delayed_binding.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
 namespace {
-
-using ::testing::EndsWith;
 
 constexpr const char* kReport = "/run/sandbox/report";
 
@@ -86,10 +81,7 @@ TEST_F(Placement, MissingGroupsAreToldAndTheServiceRunsAllTheSame) {
   sandbox_.MakePlatformGroups("0");
   sandbox_.MakeGroup("cpu", "half");
   struct Case {
-    std::string name;
-    std::string resGroup;
-    std::string cpuset;
-    std::string missing;
+    std::string name, resGroup, cpuset, missing;
   };
   const Case cases[] = {
       {"cpu", "nowhere", "CtrlCPU", "cpu cgroup path=/sys/fs/cgroup/cpu/nowhere"},
@@ -176,21 +168,91 @@ TEST_F(Placement, HomeAndLockedMemoryReachEveryService) {
   sandbox_.WriteFile("/etc/vantor_common_env.conf", "# limits\nMAX_LOCKED_MEMORY_LIMIT=12288\n");
   sandbox_.AddUser("pilot", 1000, 1000, "/home/pilot");
   sandbox_.InstallProgram(ProgramPath("test-service"), "/opt/test/pilots", 0, 1000, 0750);
-  Boot({Service("first", {"--report", "/run/sandbox/first"}),
-        {"second",
+  Boot({{"service",
          "/opt/test/pilots",
-         {"--report", "/run/sandbox/second"},
+         {"--report", kReport},
          {{"uid", "pilot"}, {"gid", "pilot"}}}});
-  for (const std::string name : {"first", "second"}) {
-    SCOPED_TRACE(name);
-    const ServiceReport report = AwaitReport(sandbox_, "/run/sandbox/" + name);
-    EXPECT_EQ(report.Get("env.HOME"), "/home/pilot");
-    EXPECT_EQ(report.Get("limit.memlock"), "12288,12288");
+  const ServiceReport report = AwaitReport(sandbox_, kReport);
+  EXPECT_EQ(report.Get("env.HOME"), "/home/pilot");
+  EXPECT_EQ(report.Get("limit.memlock"), "12288,12288");
+}
+
+class DelayedBinding : public ScenarioTest {
+ protected:
+  // Both cores are control cores, so that an unbound child and one that is back on the default
+  // cores run on both.
+  void SetUp() override {
+    if (std::thread::hardware_concurrency() < 2) {
+      GTEST_SKIP() << "needs two cores to tell masks apart";
+    }
+    sandbox_.MakePlatformGroups("0-1");
+    sandbox_.InstallProgram(ProgramPath("test-service"), kService);
   }
-  rlimit own{};
-  ASSERT_EQ(prlimit(daemon_->Pid(), RLIMIT_MEMLOCK, nullptr, &own), 0);
-  EXPECT_EQ(own.rlim_cur, 12288U);
-  EXPECT_EQ(own.rlim_max, 12288U);
+
+  void BootDelayed(const std::string& settings) {
+    sandbox_.WriteFile(std::string(kConfigDir) + "procmgr_cfg.yaml",
+                       "delay_core: {" + settings + "}\n");
+    Boot({Service(
+        "late", {"--threads", "2", "--report", "/run/sandbox/late"},
+        {{"isDelayCoreAffinity", "true"}, {"coreAffinity", "[0]"}, {"cpuset", "CtrlCPU"}})});
+    pid_ = AwaitReport(sandbox_, "/run/sandbox/late").Pid();
+    AwaitBooted();
+    ASSERT_TRUE(Eventually([this] { return Threads(pid_).size() == 3; }));
+  }
+
+  [[nodiscard]] bool AllOn(const std::string& cores) const {
+    const std::vector<pid_t> tids = Threads(pid_);
+    return std::all_of(tids.begin(), tids.end(),
+                       [&](pid_t tid) { return StatusField(tid, "Cpus_allowed_list") == cores; });
+  }
+
+  void Signal(int signal) { ASSERT_EQ(kill(daemon_->Pid(), signal), 0); }
+
+  pid_t pid_ = 0;
+};
+
+TEST_F(DelayedBinding, RequestBindsEveryThreadOnceAndForAll) {
+  BootDelayed("check_num: 3, wake_up_enable: false, check_interval: 1");
+  EXPECT_TRUE(AllOn("0-1"));
+  Signal(ProcMgr::BindingSignal());
+  ASSERT_TRUE(Await("PROCMGR: CheckCoreAffinityThread exit now."));
+  EXPECT_TRUE(AllOn("0"));
+  EXPECT_TRUE(
+      Await("CheckCoreAffinityThread wakeup,checkInterval=1,checkNum=3,"
+            "isWakeUpEnable=0"));
+  Signal(ProcMgr::BindingSignal());
+  EXPECT_TRUE(Await("SetDelayCoreAffinity return directly"));
+  EXPECT_TRUE(daemon_->IsRunning());
+}
+
+TEST_F(DelayedBinding, WakeUpBringsTheDefaultCoresBackAndAllowsTheNextRequest) {
+  BootDelayed("check_num: 2, wake_up_enable: true, check_interval: 0");
+  Signal(ProcMgr::BindingSignal());
+  ASSERT_TRUE(Await("CheckCoreAffinityThread finish check"));
+  EXPECT_TRUE(AllOn("0"));
+  Signal(ProcMgr::WakeUpSignal());
+  ASSERT_TRUE(Await("WakeUpRecover success"));
+  EXPECT_TRUE(Await("Reset Core Affinity to CpuSet for delay apps, ret=1"));
+  EXPECT_TRUE(AllOn("0-1"));
+  Signal(ProcMgr::BindingSignal());
+  EXPECT_TRUE(Eventually([this] { return AllOn("0"); }));
+}
+
+// The record of a service that can't come back keeps a pid that may be a stranger's by now.
+TEST_F(DelayedBinding, ProcessThatHasEndedIsNotBound) {
+  Boot({{"late",
+         kService,
+         {"--report", "/run/sandbox/late"},
+         {{"isDelayCoreAffinity", "true"}, {"coreAffinity", "[0]"}, {"restart", "on-forever"}}}});
+  pid_ = AwaitReport(sandbox_, "/run/sandbox/late").Pid();
+  AwaitBooted();
+  ASSERT_EQ(unlink(sandbox_.Outside(kService).c_str()), 0);
+  ASSERT_EQ(kill(pid_, SIGKILL), 0);
+  ASSERT_TRUE(log_.WaitFor("state=TERMINATED restart failed").has_value());
+  Signal(ProcMgr::BindingSignal());
+  ASSERT_TRUE(log_.WaitFor("CheckCoreAffinityThread finish check").has_value());
+  EXPECT_EQ(log_.Count("delayed core binding failed"), 0U);
+  EXPECT_EQ(log_.Count("BindCoreForDelayApp failed"), 0U);
 }
 
 }  // namespace

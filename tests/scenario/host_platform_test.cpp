@@ -1,17 +1,10 @@
 // What the platform is told: share pool groups and fault sensors.
-#include <gmock/gmock.h>
-
-#include <csignal>
-#include <filesystem>
-#include <sstream>
 
 #include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
 namespace {
-
-using ::testing::ElementsAre;
 
 std::string ReportFile(const std::string& name) {
   return "/run/sandbox/" + name;
@@ -115,19 +108,6 @@ TEST_F(SharePools, DefaultGroupIsThereWithoutAnyFileAndForEveryStart) {
   EXPECT_TRUE(Eventually([&] { return Members("DEFAULT_MEM_GROUP").size() == 2; }));
   EXPECT_THAT(Members("DEFAULT_MEM_GROUP"),
               ElementsAre(first.Get("pid") + " 14", second.Get("pid") + " 14"));
-}
-
-TEST_F(SharePools, ListOfWrongEntriesLeavesNoGroup) {
-  sandbox_.WriteFile(
-      "/run/sandbox/ventrix.yaml",
-      ServiceFile({PriorityReporter("navi", "[{groupName: A, permission: ro}, {groupName: B}]")}));
-  Boot({Owner("ventrix", "/run/sandbox/ventrix.yaml")});
-  const ServiceReport report = AwaitReport(sandbox_, ReportFile("navi"));
-  EXPECT_EQ(report.Get("env.SHAREGROUP_PRECONFIG"), "1");
-  EXPECT_EQ(report.Get("env.SHAREPOOL_GROUP_NAME"), "");
-  (void)AwaitBoot();
-  EXPECT_THAT(Members("DEFAULT_MEM_GROUP"),
-              ElementsAre(AwaitReport(sandbox_, ReportFile("ventrix")).Get("pid") + " 14"));
 }
 
 class FaultSensor : public ScenarioTest {
