@@ -1,12 +1,9 @@
 // The state machine, row by row: what a pass makes of a record, what it says in reportState_, what
 // it logs and whom it signals.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <optional>
 
 #include "app/app_info.h"
 #include "tests/support/children.h"
+#include "tests/support/test.h"
 #include "tests/unit/app/log_lines.h"
 
 namespace ProcMgr::App {
@@ -15,7 +12,6 @@ namespace {
 using enum ProcessState;
 using enum ReportAppStateType;
 using PmTest::WaitingChild;
-using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 
 constexpr pid_t kPid = 4242;  // Of a record that no row signals.
@@ -214,8 +210,7 @@ TEST(GeneralCheckState, TermTimeOut) {
     ProcessState state;
     milliseconds timeOut;
     nanoseconds elapsed;
-    bool isForceTerm;
-    bool isKillSent;
+    bool isForceTerm, isKillSent;
     ProcessState next;
     bool isKilled = false;
   } const rows[] = {

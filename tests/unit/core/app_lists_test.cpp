@@ -7,6 +7,7 @@
 #include <optional>
 #include <thread>
 
+#include "sandbox/process_table.h"
 #include "sandbox/wait.h"
 #include "tests/support/children.h"
 #include "tests/support/log_capture.h"
@@ -26,8 +27,11 @@ class AppLists : public ::testing::Test {
   ~AppLists() override {
     const MutexLock general(generalAppMutex_);
     const MutexLock base(baseAppMutex_);
+    // All of them, those too whose record a failed test has not come to make.
+    for (const pid_t child : PmSandbox::Children(getpid(), false)) {
+      EXPECT_TRUE(PmSandbox::KillAndAwait(child));
+    }
     for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
-      End(app->pid_);
       app->state_ = TERMINATED;
     }
     RemoveTerminatedGeneralApps();
