@@ -15,7 +15,7 @@ Openings::Scope::Scope(Openings& openings, std::string name, UniqueFd cancel)
 
 Openings::Scope::~Scope() {
   if (isEntered_) {
-    openings_.Forget(name_);
+    openings_.Forget(*this);
   }
 }
 
@@ -33,24 +33,54 @@ std::shared_ptr<Openings::Scope> Openings::Begin(const std::string& name, int& e
   }
   auto scope = std::make_shared<Scope>(*this, name, std::move(cancel));
   const MutexLock lock(mutex_);
-  if (!underWay_.try_emplace(name, scope.get()).second) {
+  if (!underWay_.try_emplace(name, UnderWay{scope.get(), nullptr}).second) {
     return nullptr;
   }
   scope->isEntered_ = true;
   return scope;
 }
 
+void Openings::Scope::WaitForTurn(std::function<void()> abandoned) {
+  const MutexLock lock(openings_.mutex_);
+  openings_.underWay_.at(name_).abandoned = std::move(abandoned);
+}
+
+bool Openings::Scope::TakeTurn() {
+  std::function<void()> unused;
+  const MutexLock lock(openings_.mutex_);
+  const auto own = openings_.underWay_.find(name_);
+  // Another of the name may have begun since this one was abandoned.
+  if (own == openings_.underWay_.end() || own->second.scope != this) {
+    return false;
+  }
+  unused.swap(own->second.abandoned);
+  return true;
+}
+
 void Openings::End(const std::string& name) {
-  const MutexLock lock(mutex_);
-  if (const auto opening = underWay_.find(name); opening != underWay_.end()) {
-    (void)eventfd_write(opening->second->CancelFd(), 1);
+  std::function<void()> abandoned;
+  {
+    const MutexLock lock(mutex_);
+    const auto opening = underWay_.find(name);
+    if (opening == underWay_.end()) {
+      return;
+    }
+    (void)eventfd_write(opening->second.scope->CancelFd(), 1);
+    if (opening->second.abandoned) {
+      abandoned = std::move(opening->second.abandoned);
+      underWay_.erase(opening);
+      ended_.NotifyAll();
+    }
+  }
+  if (abandoned) {
+    abandoned();
   }
 }
 
 void Openings::EndAll() {
   const MutexLock lock(mutex_);
   for (const auto& [name, opening] : underWay_) {
-    (void)eventfd_write(opening->CancelFd(), 1);
+    (void)eventfd_write(opening.scope->CancelFd(), 1);
   }
 }
 
@@ -73,10 +103,13 @@ bool Openings::WaitUntilFiled(std::chrono::milliseconds limit,
   return true;
 }
 
-void Openings::Forget(const std::string& name) {
+void Openings::Forget(const Scope& scope) {
   const MutexLock lock(mutex_);
-  underWay_.erase(name);
-  ended_.NotifyAll();
+  const auto own = underWay_.find(scope.name_);
+  if (own != underWay_.end() && own->second.scope == &scope) {
+    underWay_.erase(own);
+    ended_.NotifyAll();
+  }
 }
 
 }  // namespace ProcMgr

@@ -33,6 +33,12 @@ class Openings {
     // Whether it has been told to end.
     [[nodiscard]] bool IsEnding() const;
 
+    // The opening waits for its turn. If it is ended before TakeTurn, it is over at once, and
+    // `abandoned` is called, once, by whoever ends it and under his locks: it mustn't wait.
+    void WaitForTurn(std::function<void()> abandoned);
+    // Yields false if it has been ended before.
+    [[nodiscard]] bool TakeTurn();
+
    private:
     friend class Openings;
 
@@ -60,11 +66,16 @@ class Openings {
                                     const std::function<bool()>& isFiled) EXCLUDES(mutex_);
 
  private:
-  void Forget(const std::string& name) EXCLUDES(mutex_);
+  struct UnderWay {
+    const Scope* scope = nullptr;
+    std::function<void()> abandoned;  // Set while it waits for its turn.
+  };
+
+  void Forget(const Scope& scope) EXCLUDES(mutex_);
 
   Mutex mutex_;
   CondVar ended_;
-  std::map<std::string, const Scope*> underWay_ GUARDED_BY(mutex_);
+  std::map<std::string, UnderWay> underWay_ GUARDED_BY(mutex_);
 };
 
 }  // namespace ProcMgr

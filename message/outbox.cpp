@@ -55,7 +55,8 @@ bool Outbox::Keep(int fd, const OutgoingMessage& message, std::size_t first, Sen
   }
   const auto found = channels_.find(fd);
   const std::size_t before = found == channels_.end() ? 0 : found->second.bytes;
-  if (before + waiting.bytes > kMaxBytes) {
+  // One alone may be as long as it takes: the state of thousands of applications, say.
+  if (before != 0 && before + waiting.bytes > kMaxBytes) {
     return false;
   }
   waiting.isResponse = message.isResponse;
@@ -71,19 +72,20 @@ bool Outbox::Keep(int fd, const OutgoingMessage& message, std::size_t first, Sen
 
 bool Outbox::TryWaiting() {
   Known known;
-  bool isAnyLeft = false;
   {
     const MutexLock lock(mutex_);
     for (auto& [fd, channel] : channels_) {
       TryChannel(fd, channel, known);
     }
-    std::erase_if(channels_, [](const auto& entry) { return entry.second.waiting.empty(); });
-    isAnyLeft = !channels_.empty();
   }
+  // A channel with nothing left stands meanwhile: what is sent now goes behind it, and so its
+  // outcome is told behind these.
   for (const auto& [outcome, result] : known) {
     outcome(result);
   }
-  return isAnyLeft;
+  const MutexLock lock(mutex_);
+  std::erase_if(channels_, [](const auto& entry) { return entry.second.waiting.empty(); });
+  return !channels_.empty();
 }
 
 void Outbox::TryChannel(int fd, Channel& channel, Known& known) {

@@ -36,7 +36,8 @@ struct OutgoingMessage {
 class Outbox {
  public:
   static constexpr int kTries = 401;
-  // What may wait for one peer. A message that doesn't fit fails as if its tries were used up.
+  // What may wait for one peer, a single message apart. One that doesn't fit fails as if its tries
+  // were used up.
   static constexpr std::size_t kMaxBytes = std::size_t{1} << 20;
 
   // Never waits. Yields what `outcome` is told, or kWaits: then TryWaiting is to be called every

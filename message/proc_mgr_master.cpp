@@ -243,9 +243,20 @@ bool ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid,
 void ProcMgrMaster::OpenAside(const std::string& procName, gid_t gid, const OpenTerms& terms,
                               Outcome outcome) {
   auto opening = std::make_shared<BegunOpening>(BeginOpening(procName, gid, terms));
-  Crew& crew = terms.patience.count() != 0 ? patientOpeners_ : openers_;
+  const bool isPatient = terms.patience.count() != 0;
+  if (isPatient && opening->scope != nullptr) {
+    // The few at a time may take long to come to this one; the end of its process doesn't.
+    opening->scope->WaitForTurn([outcome] {
+      TellOpeningFailed(kNexioBroken, 0);
+      outcome(false);
+    });
+  }
+  Crew& crew = isPatient ? patientOpeners_ : openers_;
   try {
     crew.Run([opening, outcome] {
+      if (opening->scope != nullptr && !opening->scope->TakeTurn()) {
+        return;
+      }
       bool isOpen = false;
       try {
         isOpen = FinishOpening(*opening);

@@ -48,6 +48,14 @@ void FakeNexio::Deliver(int fd, const NexioRequest* request) {
 int FakeNexio::Open(const NexioOpenParam& param) {
   int fd = 0;
   std::function<void(int)> hook;
+  std::function<void(const NexioOpenParam&)> opening;
+  {
+    const std::lock_guard lock(mutex_);
+    opening = state_.onOpening;
+  }
+  if (opening) {
+    opening(param);
+  }
   {
     const std::lock_guard lock(mutex_);
     state_.opened.push_back(param);

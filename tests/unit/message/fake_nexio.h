@@ -32,6 +32,8 @@ class FakeNexio {
     std::deque<int> closeResults;
     std::deque<int> sendResults;
     int serverResult = 0;
+    // Runs at the beginning of every NexioOpen, which may take its time there.
+    std::function<void(const NexioOpenParam& param)> onOpening;
     // Runs at the end of every NexioOpen that succeeds, before it returns.
     std::function<void(int fd)> onOpen;
     // Runs instead of every sleep.

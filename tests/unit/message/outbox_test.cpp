@@ -114,6 +114,28 @@ TEST_F(OutboxTest, IsFullAtItsBound) {
   EXPECT_THAT(known_, ElementsAre("c -11", "a 0", "b 0", "d 0"));
 }
 
+TEST_F(OutboxTest, OneMessageMayBeAsLongAsItTakes) {
+  const std::string part(Outbox::kMaxBytes, 'x');
+  Refuse(1);
+  EXPECT_EQ(Send(1, "long", {part, part}), Outbox::kWaits);
+  EXPECT_EQ(Send(1, "more", {"m"}), kNexioBusy);
+  EXPECT_FALSE(outbox_.TryWaiting());
+  EXPECT_THAT(known_, ElementsAre("more -11", "long 0"));
+}
+
+// Whoever sends while the outcomes of a channel are being told is told behind them.
+TEST_F(OutboxTest, OutcomesComeInTheOrderOfTheSends) {
+  Refuse(1);
+  (void)outbox_.Send(1, {.frames = {"a"}}, [this](int) {
+    (void)Send(1, "c", {"c"});
+    known_.emplace_back("a");
+  });
+  (void)Send(1, "b", {"b"});
+  while (outbox_.TryWaiting()) {
+  }
+  EXPECT_THAT(known_, ElementsAre("a", "b 0", "c 0"));
+}
+
 TEST_F(OutboxTest, ResponsesKeepTheirNumber) {
   Refuse(1);
   (void)outbox_.Send(3, {.isResponse = true, .seq = 7, .frames = {"late"}}, [](int) {});

@@ -264,6 +264,35 @@ TEST_F(ProcMgrMasterTest, ClosingRacesWithCallbacks) {
   }
 }
 
+// Services that have promised no channel wait for their turn, which may be long in coming. The end
+// of a process isn't, and its successor's opening takes the place of what was never begun.
+TEST_F(ProcMgrMasterTest, AnOpeningThatHasNotHadItsTurnEndsWithItsProcess) {
+  std::promise<void> gate;
+  fake_->onOpening = [open = gate.get_future().share()](const NexioOpenParam&) { open.wait(); };
+  const OpenTerms patient{std::chrono::milliseconds(1), false};
+  std::vector<std::future<bool>> outcomes;
+  const auto open = [&](const std::string& name) {
+    const auto outcome = std::make_shared<std::promise<bool>>();
+    outcomes.push_back(outcome->get_future());
+    master_.OpenAside(name, 7, patient, [outcome](bool isOpen) { outcome->set_value(isOpen); });
+  };
+  for (int i = 0; i < 10; ++i) {
+    open("first" + std::to_string(i));
+  }
+  open("late");
+  ProcMgrMaster::EndOpening("late");
+  const bool isHeldUp = ProcMgrMaster::IsOpening("late");
+  EXPECT_FALSE(isHeldUp);
+  if (!isHeldUp) {
+    EXPECT_FALSE(outcomes.back().get());
+    open("late");
+  }
+  gate.set_value();
+  EXPECT_TRUE(outcomes.back().get());
+  EXPECT_TRUE(outcomes[9].get());
+  EXPECT_THAT(fake_->openedNames, SizeIs(11));
+}
+
 TEST_F(ProcMgrMasterTest, DetachWaitsForTheHandler) {
   const int fd = Register("late");
   std::atomic<int> left = 0;
