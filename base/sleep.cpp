@@ -4,11 +4,13 @@
 #include <chrono>
 #include <ctime>
 
+#include "base/may_wait.h"
 #include "base/steady_time.h"
 
 namespace ProcMgr {
 
 void SleepNs(std::int64_t nanoseconds) {
+  MayWait("SleepNs");
   constexpr std::int64_t kNsPerSecond = 1'000'000'000;
   const SteadyTime end = SteadyNow() + std::chrono::nanoseconds(nanoseconds);
   // What nanosleep tells as remaining holds the timer's slack once more at each interruption, so

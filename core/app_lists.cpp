@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "base/may_wait.h"
 #include "core/log.h"
 
 namespace ProcMgr {
@@ -171,6 +172,12 @@ BaseAppEntry::~BaseAppEntry() {
   const MutexLock lock(baseAppMutex_);
   --baseEntriesOpen_;
   baseEntryCond_.NotifyAll();
+}
+
+void ForbidWaitsUnderListLocks() {
+  NeverWaitUnder(pmUploadMutex_, "pmUploadMutex_");
+  NeverWaitUnder(generalAppMutex_, "generalAppMutex_");
+  NeverWaitUnder(baseAppMutex_, "baseAppMutex_");
 }
 
 void WaitForBaseAppEntries() {

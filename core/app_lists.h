@@ -104,6 +104,10 @@ class BaseAppEntry {
   BaseAppEntry& operator=(const BaseAppEntry&) = delete;
 };
 
+// Has the check of base/may_wait.h watch over the locks of the lists. Before there is more than one
+// thread.
+void ForbidWaitsUnderListLocks();
+
 // Waits until no entry is under way. Reaper.
 void WaitForBaseAppEntries() REQUIRES(baseAppMutex_);
 

@@ -19,6 +19,17 @@
 // bring-up waits in the handshake (core/bring_up_handshake.h) for the channel and the report of one
 // service; openings that end, UpdateBaseAppState and the check pass wake it.
 //
+// Who may wait for what: only a thread that serves nobody else, and under no lock of the lists.
+//   main              for the channel and the report of the service that it brings up.
+//   openers           one thread an opening (message/proc_mgr_master.h), for a service to serve.
+//   keeper            the one thread that comes back, in everybody's place, to frames that a peer
+//                     has no room for and to closings whose callback runs (message/keeper.h).
+//   childMsgThread_   for children's texts; signalThread_ for signals.
+// The check thread, the reaper and the libraries' threads ask, and go on: what became of a report,
+// an opening or a closing is logged by whoever comes to know it. Each call that may wait names
+// itself to base/may_wait.h, which ends debug and sanitizer builds if its thread holds a lock of
+// the lists.
+//
 // Locks: core/app_lists.h tells all of them in their order.
 #ifndef CORE_PROCESS_MANAGER_H
 #define CORE_PROCESS_MANAGER_H

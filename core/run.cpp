@@ -81,6 +81,7 @@ void ProcessManager::Run() {
 }
 
 int ProcMgrRun(const std::string& baseServiceCfgPath) {
+  ForbidWaitsUnderListLocks();
   ProcessManager manager(baseServiceCfgPath);
   if (!manager.Init()) {
     return 1;

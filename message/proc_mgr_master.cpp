@@ -12,6 +12,7 @@
 
 #include "base/app_state.h"
 #include "base/boot_trace.h"
+#include "base/may_wait.h"
 #include "base/mutex.h"
 #include "core/log.h"
 #include "message/keeper.h"
@@ -80,6 +81,7 @@ std::uint32_t OpenTimeoutMs() {
 
 // Yields the library's result; errno is that of the last try.
 int Open(const NexioOpenParam& param) {
+  MayWait("NexioOpen");
   errno = 0;
   int fd = NexioOpen(param);
   if (fd == kNexioBusy) {
@@ -314,6 +316,7 @@ void ProcMgrMaster::ProcMgrMasterRequstMsgHandler(int fd, const NexioRequest* re
 }
 
 bool ProcMgrMaster::GetProcNameFromFd(int fd, std::string& name) {
+  MayWait("GetProcNameFromFd");
   const auto isFiled = [fd, &name] { return nameTable.NameOf(fd, name); };
   // A frame can still come from a channel that is being closed; its name won't come back.
   const bool found =

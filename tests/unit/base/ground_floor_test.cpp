@@ -2,6 +2,7 @@
 #include <pthread.h>
 
 #include "base/boot_trace.h"
+#include "base/may_wait.h"
 #include "base/sleep.h"
 #include "base/small_file.h"
 #include "base/standard_path.h"
@@ -60,6 +61,22 @@ TEST(SleepNs, SleepsItsWholeTimeAndNoMoreUnderAStormOfSignals) {
   EXPECT_LT(slept, kStormLimit) << "the signals held it up";
   // A sanitizer holds signals back; a few are a storm there.
   EXPECT_GT(signalsTaken, 3);
+}
+
+// The check asks about its own thread, and only about the locks that it was told.
+TEST(MayWait, KnowsWhetherTheCallerHoldsAListLock) {
+  static Mutex list;
+  static Mutex other;
+  NeverWaitUnder(list, "list");
+  const MutexLock leaf(other);
+  EXPECT_EQ(HeldWhileWaiting(), nullptr);
+  {
+    const MutexLock lock(list);
+    EXPECT_STREQ(HeldWhileWaiting(), "list");
+    std::thread([] { EXPECT_EQ(HeldWhileWaiting(), nullptr); }).join();
+  }
+  EXPECT_EQ(HeldWhileWaiting(), nullptr);
+  SleepNs(1);
 }
 
 TEST(Text, NumbersAreTheWholeTextOrNothing) {
