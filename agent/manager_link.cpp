@@ -11,8 +11,8 @@
 #include <utility>
 
 #include "core/log.h"
+#include "message/nexio.h"
 #include "message/nexio_wrappers.h"
-#include "platform/nexio/nexio_peer.h"
 
 namespace ProcMgr {
 namespace {
@@ -84,9 +84,10 @@ Result ManagerLink::Serve(const std::string& name) {
   param.requestCallback = [self = shared_from_this()](int fd, const NexioRequest* request) {
     self->OnRequest(fd, request);
   };
-  const int server = NexioCreateFilteredServer(param, [user = ownUser_](const NexioPeer& peer) {
+  param.peerFilter = [user = ownUser_](const NexioPeer& peer) {
     return peer.uid == 0 || peer.uid == user;
-  });
+  };
+  const int server = NexioCreateServer(param);
   if (server < 0) {
     LogError("ProcMgrAgent : can't serve %s, err code=%d", name.c_str(), server);
     return server == kNexioBadName ? Result::kInvalidName

@@ -13,9 +13,16 @@
 #include <utility>
 #include <vector>
 
-#include "platform/manifest/sharepool_groups_info.h"
-
 namespace ProcMgr {
+
+// A share pool group that an application wants, and the right it wants there ("admin", "alloc",
+// "rw" or "ro"); the right may be empty in a manifest.
+struct SharepoolGroupsInfo {
+  std::string groupName;
+  std::string permission;
+
+  bool operator==(const SharepoolGroupsInfo&) const = default;
+};
 
 // One application's configuration, a value. The fields are the library's; everybody else reads them
 // through the getters.
@@ -114,6 +121,11 @@ enum class ParamType : std::uint32_t { kDefault = 0 };
 // by Pop. One thread at a time.
 class DependGraph {
  public:
+  DependGraph();
+  ~DependGraph();
+  DependGraph(const DependGraph& other);
+  DependGraph& operator=(const DependGraph& other);
+
   // Adds an application and the names that must be popped before it comes up for its turn.
   void AddVertex(const std::string& name, const std::set<std::string>& dependencies);
 
@@ -125,18 +137,12 @@ class DependGraph {
   // Removes a name, and with it the dependency of others on it. Unknown names do nothing.
   void Pop(const std::string& name);
 
-  [[nodiscard]] bool IsEmpty() const { return open_.empty(); }
+  [[nodiscard]] bool IsEmpty() const;
 
  private:
-  // Logs the circles and takes their vertices' dependencies away.
-  void BreakCircles();
-
-  // Name to its open dependencies.
-  std::map<std::string, std::set<std::string>> open_;
-  // Name to those that depend on it, so that a pop needn't search.
-  std::map<std::string, std::set<std::string>> dependants_;
-  // The names in `open_` that have no open dependency.
-  std::set<std::string> free_;
+  // The library's own business; so is that of ParseAndDepend.
+  struct State;
+  std::unique_ptr<State> state_;
 };
 
 // The parser. One process-wide instance; every operation may be called from any thread at any time.
@@ -166,7 +172,6 @@ class ParseAndDepend {
   ParseAndDepend();
   ~ParseAndDepend();
 
-  // Keeps the library's own types out of this header.
   struct State;
   std::unique_ptr<State> state_;
 };

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/manifest/sharepool_groups_info.h"
+#include "app/manifest.h"
 
 namespace ProcMgr::App {
 

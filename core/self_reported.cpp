@@ -10,8 +10,8 @@
 #include "core/process_manager.h"
 #include "host/core_affinity_mgr.h"
 #include "host/sharepool_cfg.h"
+#include "message/nexio.h"
 #include "message/upload_service.h"
-#include "platform/nexio/nexio_peer.h"
 
 namespace ProcMgr {
 namespace {

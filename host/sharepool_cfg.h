@@ -12,8 +12,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include "app/manifest.h"
 #include "platform/manifest/kvs_type_yaml.h"
-#include "platform/manifest/sharepool_groups_info.h"
 
 namespace ProcMgr {
 

@@ -50,6 +50,18 @@ using NexioRequestCallback = std::function<void(int fd, const NexioRequest* requ
 using NexioConnectCallback =
     std::function<void(int fd, const char* clientName, std::uint32_t length)>;
 
+// The process at the other end, as the kernel recorded it: a client at its connect, a server at its
+// listen. The process may have ended since, and its pid may have become another's.
+struct NexioPeer {
+  pid_t pid = 0;
+  uid_t uid = 0;
+  gid_t gid = 0;
+};
+
+// Called on a thread of the library for each connection, before anything is read from it; false
+// closes it with a log line. Must not let an exception out.
+using NexioPeerFilter = std::function<bool(const NexioPeer& peer)>;
+
 struct NexioOpenParam {
   const char* peerName = nullptr;  // Borrowed for the call.
   NexioRequestCallback requestCallback;
@@ -74,6 +86,7 @@ struct NexioServerParam {
   std::uint32_t constant1 = 1;
   // The server's own name, borrowed for the call; null: the PROC_NAME of the environment.
   const char* serverName = nullptr;
+  NexioPeerFilter peerFilter;  // Null lets every client in.
 };
 
 // Opens a channel to the named server. Yields its descriptor, 1 or more and never used a second
@@ -97,8 +110,11 @@ struct NexioServerParam {
 // for the one that called. kNexioCallback: a callback of it runs on another thread. No further one
 // begins, and the descriptor closes when that one returns, even if nobody asks again; who does asks
 // until it yields 0. So neither a caller's lock that the callback wants, nor a peer that never
-// falls silent, keeps a descriptor open.
+// falls silent, keeps a descriptor open. A server closes with all of its connections.
 [[nodiscard]] int NexioClosePipe(int fd);
+
+// Tells who is at the other end of the channel `fd`. Yields 0, or kNexioBadFd with `out` untouched.
+[[nodiscard]] int NexioGetPeer(int fd, NexioPeer& out);
 
 }  // namespace ProcMgr
 

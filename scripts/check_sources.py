@@ -10,20 +10,22 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 
-# Which rooms a room may include, and the headers that every room may.
+# Which rooms a room may include, the headers that every room may, and those that a folder offers to others.
 def read_rooms():
-    rooms, everywhere = {}, set()
+    rooms, everywhere, offered = {}, set(), {}
     for line in (ROOT / "cmake/rooms.txt").read_text(encoding="utf-8").splitlines():
         if line and not line.startswith("#"):
             room, _, below = line.partition(":")
             if room == "*":
                 everywhere.update(below.split())
+            elif room.endswith("/"):
+                offered[room] = {room + header for header in below.split()}
             else:
                 rooms[room] = {room, *below.split()}
-    return rooms, everywhere
+    return rooms, everywhere, offered
 
 
-ROOMS, EVERYWHERE = read_rooms()
+ROOMS, EVERYWHERE, OFFERED = read_rooms()
 # What runs inside the manager's process.
 DAEMON = {"base", "platform", "host", "message", "app", "core"}
 
@@ -123,6 +125,8 @@ class Checker:
                 self.tell(path, text, match.start(), f'"{header}": write the path from the root')
             elif target not in ROOMS[room]:
                 self.tell(path, text, match.start(), f'{room}/ stands below "{header}" and may not include it')
+            elif room not in (target, "tests") and header not in OFFERED.get(target + "/", {header}):
+                self.tell(path, text, match.start(), f'"{header}": {target}/ keeps it to itself')
 
     def descriptors(self, path, code, with_strings):
         for match in DESCRIPTOR_CALLS.finditer(code):

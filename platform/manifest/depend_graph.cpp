@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <cstddef>
+#include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,66 +34,94 @@ std::string CircleText(const std::vector<std::string>& circle) {
 
 }  // namespace
 
+struct DependGraph::State {
+  // Logs the circles and takes their vertices' dependencies away.
+  void BreakCircles();
+
+  // Name to its open dependencies.
+  Manifest::Dependencies open;
+  // Name to those that depend on it, so that a pop needn't search.
+  Manifest::Dependencies dependants;
+  // The names in `open` that have no open dependency.
+  std::set<std::string> free;
+};
+
+DependGraph::DependGraph() : state_(std::make_unique<State>()) {}
+
+DependGraph::~DependGraph() = default;
+
+DependGraph::DependGraph(const DependGraph& other)
+    : state_(std::make_unique<State>(*other.state_)) {}
+
+DependGraph& DependGraph::operator=(const DependGraph& other) {
+  *state_ = *other.state_;
+  return *this;
+}
+
+bool DependGraph::IsEmpty() const {
+  return state_->open.empty();
+}
+
 void DependGraph::AddVertex(const std::string& name, const std::set<std::string>& dependencies) {
-  open_[name] = dependencies;
+  state_->open[name] = dependencies;
   for (const std::string& dependency : dependencies) {
-    dependants_[dependency].insert(name);
+    state_->dependants[dependency].insert(name);
   }
   if (dependencies.empty()) {
-    free_.insert(name);
+    state_->free.insert(name);
   } else {
-    free_.erase(name);
+    state_->free.erase(name);
   }
 }
 
 std::set<std::string> DependGraph::GetNoDependVertices() {
-  if (free_.empty()) {
-    BreakCircles();
+  if (state_->free.empty()) {
+    state_->BreakCircles();
   }
-  return free_;
+  return state_->free;
 }
 
-void DependGraph::BreakCircles() {
+void DependGraph::State::BreakCircles() {
   std::size_t logged = 0;
-  const std::vector<std::set<std::string>> groups = Manifest::FindCircleGroups(open_);
+  const std::vector<std::set<std::string>> groups = Manifest::FindCircleGroups(open);
   for (const std::set<std::string>& group : groups) {
-    const auto circles = Manifest::FindCircles(open_, group, kMaxLoggedCircles - logged);
+    const auto circles = Manifest::FindCircles(open, group, kMaxLoggedCircles - logged);
     for (const std::vector<std::string>& circle : circles) {
       LogError("%s", CircleText(circle).c_str());
     }
     logged += circles.size();
-    free_.insert(group.begin(), group.end());
+    free.insert(group.begin(), group.end());
   }
   if (logged == kMaxLoggedCircles) {
-    LogError("more circles of dependencies may follow these, among %zu applications", free_.size());
+    LogError("more circles of dependencies may follow these, among %zu applications", free.size());
   }
   if (groups.empty()) {
     // No circle: everybody waits for names that were never added. The walk must end all the same.
-    for (const auto& [name, dependencies] : open_) {
-      free_.insert(name);
+    for (const auto& [name, dependencies] : open) {
+      free.insert(name);
     }
   }
   // With their dependencies gone they come up again, and aren't logged again, until they are
   // popped.
-  for (const std::string& name : free_) {
-    open_[name].clear();
+  for (const std::string& name : free) {
+    open[name].clear();
   }
 }
 
 void DependGraph::Pop(const std::string& name) {
-  open_.erase(name);
-  free_.erase(name);
-  const auto dependants = dependants_.find(name);
-  if (dependants == dependants_.end()) {
+  state_->open.erase(name);
+  state_->free.erase(name);
+  const auto dependants = state_->dependants.find(name);
+  if (dependants == state_->dependants.end()) {
     return;
   }
   for (const std::string& dependant : dependants->second) {
-    const auto vertex = open_.find(dependant);
-    if (vertex != open_.end() && vertex->second.erase(name) > 0 && vertex->second.empty()) {
-      free_.insert(dependant);
+    const auto vertex = state_->open.find(dependant);
+    if (vertex != state_->open.end() && vertex->second.erase(name) > 0 && vertex->second.empty()) {
+      state_->free.insert(dependant);
     }
   }
-  dependants_.erase(dependants);
+  state_->dependants.erase(dependants);
 }
 
 }  // namespace ProcMgr

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "platform/manifest/faults.h"
-#include "platform/manifest/sharepool_groups_info.h"
 #include "platform/manifest/yaml_tree.h"
 
 namespace ProcMgr::Manifest {

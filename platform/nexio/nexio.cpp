@@ -89,11 +89,7 @@ int NexioOpen(const NexioOpenParam& param) try {
   return -ENOMEM;
 }
 
-int NexioCreateServer(const NexioServerParam& param) {
-  return NexioCreateFilteredServer(param, nullptr);
-}
-
-int NexioCreateFilteredServer(const NexioServerParam& param, NexioPeerFilter filter) try {
+int NexioCreateServer(const NexioServerParam& param) try {
   const char* const given =
       param.serverName != nullptr ? param.serverName : secure_getenv("PROC_NAME");
   if (given == nullptr || !Nexio::IsServerName(given)) {
@@ -118,7 +114,7 @@ int NexioCreateFilteredServer(const NexioServerParam& param, NexioPeerFilter fil
   callbacks->onConnect = param.connectCallback;
   callbacks->onRequest = param.requestCallback;
   const auto server = std::make_shared<Nexio::Server>(
-      handle, name, std::move(claim), param.maxClients, std::move(callbacks), std::move(filter));
+      handle, name, std::move(claim), param.maxClients, std::move(callbacks), param.peerFilter);
   HandleTable::Instance().Add(handle, server);
   if (const int started = server->Start(); started < 0) {
     (void)server->Close();

@@ -1,0 +1,11 @@
+#include "platform/iam/iam.h"
+
+namespace ProcMgr {
+
+int IAMInitProc(const AppConfig& config) {
+  return config.appName.empty() || config.execPath.empty() ? -1 : 0;
+}
+
+void IAMRetrieveService() {}
+
+}  // namespace ProcMgr
