@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app/manifest.h"
 #include "platform/manifest/faults.h"
 #include "platform/manifest/yaml_tree.h"
 
