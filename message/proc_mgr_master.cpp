@@ -245,17 +245,19 @@ bool ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid,
 void ProcMgrMaster::OpenAside(const std::string& procName, gid_t gid, const OpenTerms& terms,
                               Outcome outcome) {
   auto opening = std::make_shared<BegunOpening>(BeginOpening(procName, gid, terms));
+  // Whoever ends the opening tells it: its thread, the end of the process, or the want of a thread.
+  const auto told = std::make_shared<const Outcome>(std::move(outcome));
   const bool isPatient = terms.patience.count() != 0;
   if (isPatient && opening->scope != nullptr) {
     // The few at a time may take long to come to this one; the end of its process doesn't.
-    opening->scope->WaitForTurn([outcome] {
+    opening->scope->WaitForTurn([told] {
       TellOpeningFailed(kNexioBroken, 0);
-      outcome(false);
+      (*told)(false);
     });
   }
   Crew& crew = isPatient ? patientOpeners_ : openers_;
   try {
-    crew.Run([opening, outcome] {
+    crew.Run([opening, told] {
       if (opening->scope != nullptr && !opening->scope->TakeTurn()) {
         return;
       }
@@ -266,12 +268,15 @@ void ProcMgrMaster::OpenAside(const std::string& procName, gid_t gid, const Open
         LogError("PROCMGR: Caught exception=%s", error.what());
         opening->scope.reset();
       }
-      outcome(isOpen);
+      (*told)(isOpen);
     });
   } catch (const std::system_error& error) {
+    if (opening->scope != nullptr && !opening->scope->TakeTurn()) {
+      return;
+    }
     opening->scope.reset();
     TellOpeningFailed(kNexioBroken, error.code().value());
-    outcome(false);
+    (*told)(false);
   }
 }
 

@@ -106,9 +106,9 @@ TEST_F(ProcMgrMasterTest, OpeningAsideTellsItsOutcome) {
   refused.get_future().wait();
   EXPECT_TRUE(isRefused);
   EXPECT_FALSE(master_.RegServiceCallBack("", 7));
-  EXPECT_THAT(fake_->openedNames, ElementsAre("aside"));
   serve.set_value();
   EXPECT_TRUE(outcome.get_future().get());
+  EXPECT_THAT(fake_->openedNames, ElementsAre("aside"));
   EXPECT_GE(master_.GetFdFromProcName("aside"), 1);
   EXPECT_FALSE(ProcMgrMaster::IsOpening("aside"));
 }
@@ -288,8 +288,9 @@ TEST_F(ProcMgrMasterTest, AnOpeningThatHasNotHadItsTurnEndsWithItsProcess) {
     open("late");
   }
   gate.set_value();
-  EXPECT_TRUE(outcomes.back().get());
-  EXPECT_TRUE(outcomes[9].get());
+  for (std::future<bool>& outcome : outcomes) {
+    EXPECT_TRUE(!outcome.valid() || outcome.get());  // One has been told above.
+  }
   EXPECT_THAT(fake_->openedNames, SizeIs(11));
 }
 
