@@ -10,6 +10,7 @@
 #include <limits>
 #include <utility>
 
+#include "base/names.h"
 #include "core/log.h"
 #include "message/nexio.h"
 #include "message/nexio_wrappers.h"
@@ -20,10 +21,6 @@ namespace {
 // The manager's connection, one that it has left behind, and some room for connections of other
 // programs of the same user, which displace the channel but must not lock the manager out.
 constexpr std::uint32_t kMaxClients = 64;
-
-// A child of the manager inherits its PROC_NAME. A service that served it would take the place of
-// the manager's own server, and the manager would wait for the service's name in vain.
-constexpr const char* kManagerName = "PROCMGR";
 
 NexioRequest RequestOf(const Message::RequestMsg& frame) {
   NexioRequest request;
@@ -72,6 +69,8 @@ Result ManagerLink::Serve(const std::string& name) {
     return Result::kInvalidName;
   }
   if (name == kManagerName) {
+    // A child of the manager inherits its PROC_NAME. A service that served it would take the place
+    // of the manager's own server, and the manager would wait for the service's name in vain.
     LogError("ProcMgrAgent : PROC_NAME is the manager's; set the service's in its envArgv");
     return Result::kInvalidName;
   }

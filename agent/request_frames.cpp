@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "base/names.h"
+
 namespace ProcMgr::AgentFrames {
 namespace {
 
@@ -88,7 +90,7 @@ Result CombineStart(RequestType type, bool packedAll, bool oneEach, std::vector<
 template <typename Record, typename Packer>
 Result StartLikeFrames(RequestType type, const std::vector<Record>& list, const std::string& sender,
                        Packer packer, PieceList& frames) {
-  const bool isAccessManager = sender == "iammgr";
+  const bool isAccessManager = sender == kAccessService;
   if (list.empty()) {
     return Result::kInvalidArgument;
   }

@@ -5,6 +5,7 @@
 #include <map>
 
 #include "app/share_groups.h"
+#include "base/names.h"
 #include "platform/iam/iam.h"
 
 namespace ProcMgr::App {
@@ -33,7 +34,7 @@ void Tell(int error, const std::string& text, std::string& err) {
 }
 
 void SetPlaneEnv(const std::string& owner, std::string& err) {
-  const int error = SetEnv("PROC_PLANE", owner == "ventrix" ? "PLANE_DATA" : "PLANE_MANAGE");
+  const int error = SetEnv("PROC_PLANE", owner == kDataService ? "PLANE_DATA" : "PLANE_MANAGE");
   Tell(error, "SetPlaneEnv PROC_PLANE failed ", err);
 }
 

@@ -5,6 +5,7 @@
 #include <csignal>
 
 #include "app/app_info.h"
+#include "base/names.h"
 #include "core/log.h"
 
 namespace ProcMgr::App {
@@ -149,7 +150,7 @@ void AppInfo::ClassifyExit() {
   const bool isNormal = WIFEXITED(exitStatus_);
   isTerminatedByEio_ = isNormal && WEXITSTATUS(exitStatus_) == kExitCodeEio;
   const bool isSuccess = isNormal && WEXITSTATUS(exitStatus_) == 0;
-  if (restart_ == "on-until-succeed" && ownerName_ == "iammgr" && isSuccess) {
+  if (restart_ == "on-until-succeed" && ownerName_ == kAccessService && isSuccess) {
     reportState_ = ReportAppStateType::TERMINATED_NORMAL_EXIT;
     LogInfo("PROCMGR : non resident app=%s normal exit", appName_.c_str());
   } else {

@@ -1,12 +1,13 @@
 #include "app/share_groups.h"
 
+#include "base/names.h"
 #include "host/sharepool_cfg.h"
 
 namespace ProcMgr::App {
 namespace {
 
 bool HasShareGroups(const std::string& name, const std::string& owner) {
-  return owner == "ventrix" || name == "ventrix" || name == "EM";
+  return owner == kDataService || name == kDataService || name == "EM";
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <unordered_map>
 
 #include "base/may_wait.h"
+#include "base/names.h"
 #include "core/log.h"
 
 namespace ProcMgr {
@@ -70,6 +71,12 @@ const std::vector<GeneralAppPtr>& GeneralAppsInOrder() {
 App::BaseAppInfo* FindBaseApp(const std::string& name) {
   const auto found = baseAppNames_.find(name);
   return found == baseAppNames_.end() ? nullptr : &executedBaseApp_[found->second];
+}
+
+bool IsAccessServiceReady() {
+  const MutexLock lock(baseAppMutex_);
+  const App::BaseAppInfo* const app = FindBaseApp(kAccessService);
+  return app != nullptr && app->isReady_;
 }
 
 void EnterBaseApp(const App::BaseAppInfo& app) {

@@ -6,10 +6,11 @@
 //   1. pmUploadMutex_
 //   2. generalAppMutex_
 //   3. baseAppMutex_
-//   4. BringUpHandshake::stateMutex_, ProcessManager::cfgMapMutex_
+//   4. BringUpHandshake::stateMutex_, StartupCfg::cfgMapMutex_
 //   5. the name table lock of ProcMgrMaster, the thread table lock of CoreAffinityMgr
-//   Leaves, under which nothing else is taken but the log's lock: ProcessManager::heartMutex_,
-//   baseNamesMutex_ and coreAffinityThreadMutex_, delayCoreMutex_, sensorMutex_.
+//   Leaves, under which nothing else is taken but the log's lock: HeartMessages::heartMutex_,
+//   Reporter::baseNamesMutex_, ProcessManager::coreAffinityThreadMutex_, delayCoreMutex_,
+//   sensorMutex_.
 #ifndef CORE_APP_LISTS_H
 #define CORE_APP_LISTS_H
 
@@ -28,12 +29,6 @@
 #include "base/steady_time.h"
 
 namespace ProcMgr {
-
-// The service that hears of every process there is.
-inline constexpr const char* kAccessService = "iammgr";
-
-// The manager's own name, in its reports and its environment.
-inline constexpr const char* kManagerName = "PROCMGR";
 
 using GeneralAppPtr = std::shared_ptr<App::GeneralAppInfo>;
 
@@ -60,6 +55,9 @@ extern std::map<pid_t, PmUploadEntry> pmUploadApps_ GUARDED_BY(pmUploadMutex_);
 
 // The record of that name, or null. The pointer is good for as long as the lock is held.
 [[nodiscard]] App::BaseAppInfo* FindBaseApp(const std::string& name) REQUIRES(baseAppMutex_);
+
+// Whether "iammgr" has a record and has reported to be ready.
+[[nodiscard]] bool IsAccessServiceReady() EXCLUDES(baseAppMutex_);
 
 // The record with a process of that name, or null.
 [[nodiscard]] GeneralAppPtr FindGeneralApp(const std::string& name) REQUIRES(generalAppMutex_);

@@ -1,5 +1,6 @@
 // What a base service says about itself.
 #include "base/boot_trace.h"
+#include "base/names.h"
 #include "core/app_lists.h"
 #include "core/faults.h"
 #include "core/log.h"
@@ -20,14 +21,14 @@ void ProcessManager::UpdateBaseAppState(const std::string& sender, std::uint32_t
   switch (static_cast<ServiceState>(state)) {
     case ServiceState::kAccessUp:
       if (sender == kAccessService) {
-        RegisterVfs();
+        reporter_.RegisterVfs();
         ReportPriorityApps();
         UpdateBaseServiceReady(sender, fd);
       }
       break;
     case ServiceState::kReportAll:
       if (sender == kAccessService) {
-        ReportAllApps();
+        reporter_.ReportAllApps();
       }
       break;
     case ServiceState::kReady:
@@ -87,12 +88,6 @@ void ProcessManager::PUpdateBaseSeriverReadyInfo(const std::string& name, int fd
   }
 }
 
-bool ProcessManager::IsAccessServiceReady() {
-  const MutexLock lock(baseAppMutex_);
-  const App::BaseAppInfo* const app = FindBaseApp(kAccessService);
-  return app != nullptr && app->isReady_;
-}
-
 // The manager holds no record of these processes: it passes on what "ventrix" says.
 void ProcessManager::HandleAppExecReport(const Message::AppExecInfo& info) {
   LogInfo(
@@ -107,8 +102,8 @@ void ProcessManager::HandleAppExecReport(const Message::AppExecInfo& info) {
   const ReportAppStateType state =
       isUp ? ReportAppStateType::RUNNING_NORMAL_START : ReportAppStateType::TERMINATED_NORMAL_EXIT;
   // Lost news are made up for by the next report.
-  ReportAppState({{info.appName, info.pid, info.gid, static_cast<std::uint32_t>(state), 0}},
-                 kAccessService);
+  reporter_.ReportAppState(
+      {{info.appName, info.pid, info.gid, static_cast<std::uint32_t>(state), 0}}, kAccessService);
 }
 
 }  // namespace ProcMgr

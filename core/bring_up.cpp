@@ -1,4 +1,6 @@
 // The base services come up: round by round along their dependency graph, one at a time.
+#include <utility>
+
 #include "base/boot_trace.h"
 #include "base/sleep.h"
 #include "base/steady_time.h"
@@ -9,7 +11,6 @@
 #include "core/process_manager.h"
 #include "host/kernel_cmdline.h"
 #include "host/watchdog.h"
-#include "platform/heartbeat/heartbeat.h"
 
 namespace ProcMgr {
 namespace {
@@ -30,42 +31,85 @@ const ApplicationManifest* FindManifest(const std::string& name) {
   return nullptr;
 }
 
-}  // namespace
-
-bool ProcessManager::ParseYamlFile(const std::string& path,
-                                   std::vector<ApplicationManifest>& manifests) {
+// Reads the base-service file, and publishes the names of what this boot takes part in.
+bool ParseYamlFile(const std::string& path, std::vector<ApplicationManifest>& manifests,
+                   Reporter& reporter) {
   if (ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, path, manifests, {}) != 0) {
     return false;
   }
   HostContext& context = HostContext::Instance();
-  auto names = std::make_shared<std::vector<std::string>>();
+  std::vector<std::string> names;
   for (const ApplicationManifest& manifest : manifests) {
     if (manifest.GetAppName().empty()) {
       LogError("PROCMGR : ParseYamlFile : appName is NULL");
       return false;
     }
     if (IsOptionalServiceAllowed(context, manifest.GetCfgPath())) {
-      names->push_back(manifest.GetAppName());
+      names.push_back(manifest.GetAppName());
     }
   }
-  {
-    const MutexLock lock(baseNamesMutex_);
-    baseAppNames_ = std::move(names);
-  }
+  reporter.PublishBaseAppNames(std::move(names));
   ReportMissingOptionalServices(context);
   return true;
 }
 
+bool CheckDepends(const std::set<std::string>& dependList, const std::string& name)
+    EXCLUDES(baseAppMutex_) {
+  if (dependList.empty()) {
+    return true;
+  }
+  const MutexLock lock(baseAppMutex_);
+  for (const std::string& depend : dependList) {
+    LogInfo("PROCMGR : %s depends on %s [%s => %s]", name.c_str(), depend.c_str(), name.c_str(),
+            depend.c_str());
+    if (executedBaseApp_.empty()) {
+      LogError("PROCMGR : %s 's dependcy %s hasn't been started", name.c_str(), depend.c_str());
+      return false;
+    }
+    const App::BaseAppInfo* const app = FindBaseApp(depend);
+    if (app == nullptr) {
+      LogError("PROCMGR : %s 's dependcy %s not find,", name.c_str(), depend.c_str());
+      return false;
+    }
+    if (!app->IsRunning()) {
+      LogError("PROCMGR : %s's dependcy %s hasn't been started", name.c_str(), depend.c_str());
+      return false;
+    }
+    LogInfo("PROCMGR : %s's dependcy %s has been started", name.c_str(), depend.c_str());
+  }
+  return true;
+}
+
+// Starts the process and enters its record. An exit that comes in between waits for the entry.
+bool StartAndEnter(App::BaseAppInfo& app) EXCLUDES(baseAppMutex_) {
+  const BaseAppEntry entry;
+  if (!app.StartProcess() || app.state_ != ProcessState::STARTING) {
+    LogError("Start %s failed, state:%s", app.appName_.c_str(),
+             GetProcessStateStr(app.state_).c_str());
+    UpdateFaultSensor(app.appName_, app.nodeType_, Fault::kOn);
+    return false;
+  }
+  const MutexLock lock(baseAppMutex_);
+  EnterBaseApp(app);
+  if (FindBaseApp(app.appName_) == nullptr) {
+    LogError("PROCMGR : InitOneBaseApplication, not find ownerName=%s", app.appName_.c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 void ProcessManager::InitBaseApplication(const std::string& path) {
   LogInfo("%s InitBaseApplication begin, yaml path=%s", BootStrace(kBootTraceTag).c_str(),
           path.c_str());
-  if (!ParseYamlFile(path, baseManifests_)) {
+  if (!ParseYamlFile(path, baseManifests_, reporter_)) {
     LogError("PROCMGR : ParseYamlFile failed, ProcMgr return");
     return;
   }
   bool startOk = true;
   DependGraph graph;
-  ParseAndDepend::Instance().GetStartGraph(*BaseAppNames(), graph);
+  ParseAndDepend::Instance().GetStartGraph(*reporter_.BaseAppNames(), graph);
   while (!graph.IsEmpty()) {
     const std::set<std::string> round = graph.GetNoDependVertices();
     if (!StartRound(round, startOk)) {
@@ -111,7 +155,7 @@ bool ProcessManager::InitOneBaseApplication(App::BaseAppInfo& app) {
   if (!StartAndEnter(app)) {
     return false;
   }
-  ReportBaseAppState(app, ReportAppStateType::RUNNING_NORMAL_START, 0);
+  reporter_.ReportBaseAppState(app, ReportAppStateType::RUNNING_NORMAL_START, 0);
   if (!app.isReporting_) {
     return true;
   }
@@ -122,24 +166,6 @@ bool ProcessManager::InitOneBaseApplication(App::BaseAppInfo& app) {
   LogInfo("Register heart beat checker for %s.", name.c_str());
   RegisterHeartBeat(app);
   WaitBaseAppReported(name);
-  return true;
-}
-
-// Starts the process and enters its record. An exit that comes in between waits for the entry.
-bool ProcessManager::StartAndEnter(App::BaseAppInfo& app) {
-  const BaseAppEntry entry;
-  if (!app.StartProcess() || app.state_ != ProcessState::STARTING) {
-    LogError("Start %s failed, state:%s", app.appName_.c_str(),
-             GetProcessStateStr(app.state_).c_str());
-    UpdateFaultSensor(app.appName_, app.nodeType_, Fault::kOn);
-    return false;
-  }
-  const MutexLock lock(baseAppMutex_);
-  EnterBaseApp(app);
-  if (FindBaseApp(app.appName_) == nullptr) {
-    LogError("PROCMGR : InitOneBaseApplication, not find ownerName=%s", app.appName_.c_str());
-    return false;
-  }
   return true;
 }
 
@@ -199,41 +225,6 @@ FirstChannel ProcessManager::StepFirstChannel(const std::string& name, bool& isA
   return FirstChannel::kUnderWay;
 }
 
-bool ProcessManager::CheckDepends(const std::set<std::string>& dependList,
-                                  const std::string& name) {
-  if (dependList.empty()) {
-    return true;
-  }
-  const MutexLock lock(baseAppMutex_);
-  for (const std::string& depend : dependList) {
-    LogInfo("PROCMGR : %s depends on %s [%s => %s]", name.c_str(), depend.c_str(), name.c_str(),
-            depend.c_str());
-    if (executedBaseApp_.empty()) {
-      LogError("PROCMGR : %s 's dependcy %s hasn't been started", name.c_str(), depend.c_str());
-      return false;
-    }
-    const App::BaseAppInfo* const app = FindBaseApp(depend);
-    if (app == nullptr) {
-      LogError("PROCMGR : %s 's dependcy %s not find,", name.c_str(), depend.c_str());
-      return false;
-    }
-    if (!app->IsRunning()) {
-      LogError("PROCMGR : %s's dependcy %s hasn't been started", name.c_str(), depend.c_str());
-      return false;
-    }
-    LogInfo("PROCMGR : %s's dependcy %s has been started", name.c_str(), depend.c_str());
-  }
-  return true;
-}
-
-void ProcessManager::RegisterHeartBeat(const App::BaseAppInfo& app) {
-  const std::string& name = app.appName_;
-  const int ret = RegisterCheckHeartBeat(name.c_str(), name.size(), app.gid_, &OnHeartBeatNotify);
-  if (ret != 0) {
-    LogError("Register heart beat for %s failed. (ret=%d)", name.c_str(), ret);
-  }
-}
-
 void ProcessManager::WaitBaseAppReported(const std::string& name) {
   {
     const MutexLock lock(baseAppMutex_);
@@ -249,11 +240,6 @@ void ProcessManager::WaitBaseAppReported(const std::string& name) {
     LogWarning("%s InitBaseApp:%s has been %u!", trace.c_str(), name.c_str(),
                static_cast<unsigned>(state));
   }
-}
-
-std::shared_ptr<const std::vector<std::string>> ProcessManager::BaseAppNames() {
-  const MutexLock lock(baseNamesMutex_);
-  return baseAppNames_;
 }
 
 }  // namespace ProcMgr

@@ -1,11 +1,13 @@
 // The supervision loop: a pass over all records, every 30 ms.
 #include <chrono>
 
+#include "base/names.h"
 #include "base/sleep.h"
 #include "core/app_lists.h"
 #include "core/faults.h"
 #include "core/log.h"
 #include "core/process_manager.h"
+#include "core/self_reported.h"
 #include "host/core_affinity_mgr.h"
 #include "platform/heartbeat/heartbeat.h"
 
@@ -13,8 +15,9 @@ namespace ProcMgr {
 namespace {
 
 constexpr std::int64_t kPauseNs = 30'000'000;
-constexpr int kUploadPasses = 11;
-constexpr int kCoreBindingPasses = 21;
+// What is done at every so many passes.
+constexpr std::uint64_t kUploadPasses = 11;
+constexpr std::uint64_t kCoreBindingPasses = 21;
 
 // The exit has ended the opening that was under way, whose thread may not have noticed yet. Until
 // then no other process may come up under the name: the opening would take it for the old one.
@@ -45,111 +48,7 @@ void FollowUp(const App::GeneralAppInfo& app) {
   }
 }
 
-}  // namespace
-
-void ProcessManager::CheckThread() {
-  int sinceUpload = 0;
-  int sinceCoreBinding = 0;
-  while (running_.load()) {
-    CheckBaseApps();
-    CheckGeneralApps();
-    ++sinceUpload;
-    RemoveTerminatedApps();
-    ++sinceCoreBinding;
-    if (sinceUpload == kUploadPasses) {
-      CheckPmUploadApps();
-      sinceUpload = 0;
-    }
-    if (sinceCoreBinding == kCoreBindingPasses) {
-      CoreAffinityMgr::Instance().CheckThreadCoreInfos();
-      sinceCoreBinding = 0;
-    }
-    SleepNs(kPauseNs);
-  }
-  LogWarning("PROCMGR: CheckThread exit now.");
-}
-
-void ProcessManager::CheckBaseApps() {
-  const MutexLock lock(baseAppMutex_);
-  for (App::BaseAppInfo& app : executedBaseApp_) {
-    if (app.IsAtRest() || IsOpeningEnding(app)) {
-      continue;
-    }
-    handshake_.Step(app);
-    switch (app.reportState_) {
-      case ReportAppStateType::RUNNING_NORMAL_START:
-        UpdateFaultSensor(app.appName_, app.nodeType_, Fault::kOff);
-        break;
-      case ReportAppStateType::TERMINATED_NORMAL_EXIT:
-        RecycleThreads(app);
-        ReportBaseAppState(app, ReportAppStateType::TERMINATED_NORMAL_EXIT, 0);
-        handshake_.NoteEvent();
-        break;
-      case ReportAppStateType::TERMINATED_ABNORMAL_EXIT:
-        HandleAbnormalExit(app);
-        break;
-      default:
-        break;
-    }
-  }
-  handshake_.PublishAwaited();
-}
-
-void ProcessManager::HandleAbnormalExit(App::BaseAppInfo& app) {
-  const std::string& name = app.appName_;
-  LogWarning("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s unpexpectedly terminated.",
-             name.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
-  RecycleThreads(app);
-  ReportBaseAppState(app, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, IsTerminatedByEio(app));
-  UpdateFaultSensor(name, app.nodeType_, Fault::kOn);
-  if (app.isReporting_) {
-    UnRegServiceCallBack(name);
-  }
-  UnregisterCheckHeartBeat(name.c_str(), name.size());
-  RestartIfWanted(app);
-}
-
-void ProcessManager::RestartIfWanted(App::BaseAppInfo& app) {
-  const char* const name = app.appName_.c_str();
-  if (!app.CheckRestart()) {
-    LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s doesn't need to restart", name,
-            app.pid_, GetProcessStateStr(app.state_).c_str());
-    // The bring-up may still wait for the service to serve.
-    handshake_.NoteEvent();
-    return;
-  }
-  LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s will restart now", name, app.pid_,
-          GetProcessStateStr(app.state_).c_str());
-  if (!RestartBaseApp(app.appName_)) {
-    LogError("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart failed", name, app.pid_,
-             GetProcessStateStr(app.state_).c_str());
-    return;
-  }
-  ReportBaseAppState(app, ReportAppStateType::RUNNING_NORMAL_START, 0);
-  OpenNewChannel(app);
-}
-
-// Goes on without this thread. A service that doesn't report has promised no channel, so it isn't
-// waited for as long as one that does.
-void ProcessManager::OpenNewChannel(const App::BaseAppInfo& app) {
-  constexpr std::chrono::milliseconds kPatience{100};
-  OpenTerms terms;
-  if (!app.isReporting_) {
-    terms.patience = kPatience;
-  }
-  master_.OpenAside(app.appName_, app.gid_, terms,
-                    [this, name = app.appName_, pid = app.pid_, state = app.state_](bool isOpen) {
-                      if (isOpen) {
-                        LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart success",
-                                name.c_str(), pid, GetProcessStateStr(state).c_str());
-                      } else {
-                        LogError("PROCMGR : procname=%s RegisterService failed", name.c_str());
-                      }
-                      handshake_.NoteEvent();
-                    });
-}
-
-bool ProcessManager::RestartBaseApp(const std::string& name) {
+bool RestartBaseApp(const std::string& name) REQUIRES(baseAppMutex_) {
   App::BaseAppInfo* const app = FindBaseApp(name);
   if (app == nullptr) {
     LogWarning("PROCMGR : Failed to find a process %s from executedBaseApp_", name.c_str());
@@ -175,13 +74,134 @@ bool ProcessManager::RestartBaseApp(const std::string& name) {
   return true;
 }
 
-std::uint32_t ProcessManager::IsTerminatedByEio(const App::AppInfo& app) {
+std::uint32_t IsTerminatedByEio(const App::AppInfo& app) {
   if (app.reportState_ != ReportAppStateType::TERMINATED_ABNORMAL_EXIT || !app.isTerminatedByEio_) {
     return 0;
   }
   LogError("PROCMGR: appName=%s, pid=%d, terminated as input/output error", app.appName_.c_str(),
            app.pid_);
   return 1;
+}
+
+void CollectChange(const App::GeneralAppInfo& app, std::vector<AppChange>& changes)
+    REQUIRES(generalAppMutex_) EXCLUDES(baseAppMutex_) {
+  AppChange change{app.ownerName_, MakeAppStateInfo(app, app.reportState_, IsTerminatedByEio(app))};
+  if (app.isPriorityPending_) {
+    if (!IsAccessServiceReady()) {
+      return;  // It asks for the state of all priority applications when it comes up.
+    }
+    change.owner = kAccessService;
+  }
+  changes.push_back(std::move(change));
+}
+
+// An abnormal exit has closed the service's channel already. A service that announced its end keeps
+// it up to here, for it may come back by its policy.
+void DropChannel(const App::BaseAppInfo& app, ProcMgrMaster& master) {
+  const std::string& name = app.appName_;
+  if (master.GetFdFromProcName(name) > 0) {
+    ProcMgrMaster::UnRegServiceCallBack(name);
+    UnregisterCheckHeartBeat(name.c_str(), name.size());
+  }
+}
+
+}  // namespace
+
+void ProcessManager::CheckThread() {
+  for (std::uint64_t pass = 1; running_.load(); ++pass) {
+    CheckBaseApps();
+    CheckGeneralApps();
+    RemoveTerminatedApps();
+    if (pass % kUploadPasses == 0) {
+      CheckPmUploadApps(reporter_);
+    }
+    if (pass % kCoreBindingPasses == 0) {
+      CoreAffinityMgr::Instance().CheckThreadCoreInfos();
+    }
+    SleepNs(kPauseNs);
+  }
+  LogWarning("PROCMGR: CheckThread exit now.");
+}
+
+void ProcessManager::CheckBaseApps() {
+  const MutexLock lock(baseAppMutex_);
+  for (App::BaseAppInfo& app : executedBaseApp_) {
+    if (app.IsAtRest() || IsOpeningEnding(app)) {
+      continue;
+    }
+    handshake_.Step(app);
+    switch (app.reportState_) {
+      case ReportAppStateType::RUNNING_NORMAL_START:
+        UpdateFaultSensor(app.appName_, app.nodeType_, Fault::kOff);
+        break;
+      case ReportAppStateType::TERMINATED_NORMAL_EXIT:
+        RecycleThreads(app);
+        reporter_.ReportBaseAppState(app, ReportAppStateType::TERMINATED_NORMAL_EXIT, 0);
+        handshake_.NoteEvent();
+        break;
+      case ReportAppStateType::TERMINATED_ABNORMAL_EXIT:
+        HandleAbnormalExit(app);
+        break;
+      default:
+        break;
+    }
+  }
+  handshake_.PublishAwaited();
+}
+
+void ProcessManager::HandleAbnormalExit(App::BaseAppInfo& app) {
+  const std::string& name = app.appName_;
+  LogWarning("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s unpexpectedly terminated.",
+             name.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
+  RecycleThreads(app);
+  reporter_.ReportBaseAppState(app, ReportAppStateType::TERMINATED_ABNORMAL_EXIT,
+                               IsTerminatedByEio(app));
+  UpdateFaultSensor(name, app.nodeType_, Fault::kOn);
+  if (app.isReporting_) {
+    ProcMgrMaster::UnRegServiceCallBack(name);
+  }
+  UnregisterCheckHeartBeat(name.c_str(), name.size());
+  RestartIfWanted(app);
+}
+
+void ProcessManager::RestartIfWanted(App::BaseAppInfo& app) {
+  const char* const name = app.appName_.c_str();
+  if (!app.CheckRestart()) {
+    LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s doesn't need to restart", name,
+            app.pid_, GetProcessStateStr(app.state_).c_str());
+    // The bring-up may still wait for the service to serve.
+    handshake_.NoteEvent();
+    return;
+  }
+  LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s will restart now", name, app.pid_,
+          GetProcessStateStr(app.state_).c_str());
+  if (!RestartBaseApp(app.appName_)) {
+    LogError("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart failed", name, app.pid_,
+             GetProcessStateStr(app.state_).c_str());
+    return;
+  }
+  reporter_.ReportBaseAppState(app, ReportAppStateType::RUNNING_NORMAL_START, 0);
+  OpenNewChannel(app);
+}
+
+// Goes on without this thread. A service that doesn't report has promised no channel, so it isn't
+// waited for as long as one that does.
+void ProcessManager::OpenNewChannel(const App::BaseAppInfo& app) {
+  constexpr std::chrono::milliseconds kPatience{100};
+  OpenTerms terms;
+  if (!app.isReporting_) {
+    terms.patience = kPatience;
+  }
+  master_.OpenAside(app.appName_, app.gid_, terms,
+                    [this, name = app.appName_, pid = app.pid_, state = app.state_](bool isOpen) {
+                      if (isOpen) {
+                        LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart success",
+                                name.c_str(), pid, GetProcessStateStr(state).c_str());
+                      } else {
+                        LogError("PROCMGR : procname=%s RegisterService failed", name.c_str());
+                      }
+                      handshake_.NoteEvent();
+                    });
 }
 
 void ProcessManager::CheckGeneralApps() {
@@ -203,29 +223,7 @@ void ProcessManager::CheckGeneralApps() {
       FollowUp(*app);
     }
   }
-  ReportGeneralApps(changes);
-}
-
-void ProcessManager::CollectChange(const App::GeneralAppInfo& app,
-                                   std::vector<AppChange>& changes) {
-  AppChange change{app.ownerName_, MakeAppStateInfo(app, app.reportState_, IsTerminatedByEio(app))};
-  if (app.isPriorityPending_) {
-    if (!IsAccessServiceReady()) {
-      return;  // It asks for the state of all priority applications when it comes up.
-    }
-    change.owner = kAccessService;
-  }
-  changes.push_back(std::move(change));
-}
-
-// An abnormal exit has closed the service's channel already. A service that announced its end keeps
-// it up to here, for it may come back by its policy.
-void ProcessManager::DropChannel(const App::BaseAppInfo& app) {
-  const std::string& name = app.appName_;
-  if (master_.GetFdFromProcName(name) > 0) {
-    UnRegServiceCallBack(name);
-    UnregisterCheckHeartBeat(name.c_str(), name.size());
-  }
+  reporter_.ReportGeneralApps(changes);
 }
 
 void ProcessManager::RemoveTerminatedApps() {
@@ -237,7 +235,7 @@ void ProcessManager::RemoveTerminatedApps() {
       }
       LogInfo("PROCMGR : Process %s removed from the list of executedBaseApp_",
               app.appName_.c_str());
-      DropChannel(app);
+      DropChannel(app, master_);
       return true;
     });
   }

@@ -47,14 +47,8 @@ bool IsDelayed(const App::AppInfo& app) {
   return app.isDelayCoreAffinity_ && !app.isExited_;
 }
 
-}  // namespace
-
-void BlockPlatformSignals() {
-  const sigset_t signals = PlatformSignals();
-  (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
-
-bool ProcessManager::ScanDelayCoreAffinityApps(bool (App::AppInfo::*operation)()) {
+bool ScanDelayCoreAffinityApps(bool (App::AppInfo::*operation)())
+    EXCLUDES(generalAppMutex_, baseAppMutex_) {
   if (operation == nullptr) {
     LogError("ScanDelayCoreAffinityApps func is nullptr");
     return false;
@@ -77,7 +71,8 @@ bool ProcessManager::ScanDelayCoreAffinityApps(bool (App::AppInfo::*operation)()
   return isOk;
 }
 
-std::uint32_t ProcessManager::SetDelayCoreAffinity(const DelayCoreSettings& cfg) {
+// Yields 0 or kDelayedBindingFailed.
+std::uint32_t SetDelayCoreAffinity(const DelayCoreSettings& cfg) {
   HostContext& context = HostContext::Instance();
   if (context.delayCoreAffinityReceived_.load()) {
     LogInfo(
@@ -94,31 +89,8 @@ std::uint32_t ProcessManager::SetDelayCoreAffinity(const DelayCoreSettings& cfg)
   return isOk ? 0 : kDelayedBindingFailed;
 }
 
-void ProcessManager::CheckCoreAffinityThread() {
-  const HostContext& context = HostContext::Instance();
-  bool rearm = false;
-  while (running_.load()) {
-    if (!context.delayCoreAffinityReceived_.load()) {
-      SleepNs(kPollNs);
-      rearm = false;
-      continue;
-    }
-    if (rearm) {
-      SleepNs(kPollNs);
-      continue;
-    }
-    const DelayCoreSettings settings = CurrentSettings();
-    rearm = settings.isWakeUpEnable;
-    BindNewThreads(settings);
-    if (!rearm) {
-      break;
-    }
-  }
-  LogInfo("PROCMGR: CheckCoreAffinityThread exit now.");
-}
-
 // The check rounds of one request: each binds the threads that have come up since the last.
-void ProcessManager::BindNewThreads(const DelayCoreSettings& settings) {
+void BindNewThreads(const DelayCoreSettings& settings) {
   LogInfo("CheckCoreAffinityThread wakeup,checkInterval=%u,checkNum=%d,isWakeUpEnable=%d",
           settings.checkInterval, settings.checkNum, settings.isWakeUpEnable);
   (void)ScanDelayCoreAffinityApps(&App::AppInfo::ClearBoundTids);
@@ -147,7 +119,33 @@ void ProcessManager::BindNewThreads(const DelayCoreSettings& settings) {
       count, settings.checkInterval, isOk, settings.isWakeUpEnable);
 }
 
-bool ProcessManager::WakeUpRecover() {
+std::vector<AppCoreInfo> CollectCores(bool isWakeUpEnable)
+    EXCLUDES(pmUploadMutex_, generalAppMutex_, baseAppMutex_) {
+  std::vector<AppCoreInfo> apps;
+  {
+    const MutexLock lock(baseAppMutex_);
+    for (const App::BaseAppInfo& app : executedBaseApp_) {
+      if (!IsLeftAlone(app, isWakeUpEnable)) {
+        apps.push_back({static_cast<std::uint32_t>(app.pid_), app.coreAffinity_});
+      }
+    }
+  }
+  {
+    const MutexLock lock(generalAppMutex_);
+    for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
+      if (!IsLeftAlone(*app, isWakeUpEnable)) {
+        apps.push_back({static_cast<std::uint32_t>(app->pid_), app->coreAffinity_});
+      }
+    }
+  }
+  const MutexLock lock(pmUploadMutex_);
+  for (const auto& [pid, app] : pmUploadApps_) {
+    apps.push_back({static_cast<std::uint32_t>(pid), {}});
+  }
+  return apps;
+}
+
+bool WakeUpRecover() {
   HostContext& context = HostContext::Instance();
   const bool isWakeUpEnable = CurrentSettings().isWakeUpEnable;
   LogInfo("WakeUpRecover wakeUpDelayCoreAffinity=%d", isWakeUpEnable);
@@ -173,29 +171,34 @@ bool ProcessManager::WakeUpRecover() {
   return isRecovered;
 }
 
-std::vector<AppCoreInfo> ProcessManager::CollectCores(bool isWakeUpEnable) {
-  std::vector<AppCoreInfo> apps;
-  {
-    const MutexLock lock(baseAppMutex_);
-    for (const App::BaseAppInfo& app : executedBaseApp_) {
-      if (!IsLeftAlone(app, isWakeUpEnable)) {
-        apps.push_back({static_cast<std::uint32_t>(app.pid_), app.coreAffinity_});
-      }
+}  // namespace
+
+void BlockPlatformSignals() {
+  const sigset_t signals = PlatformSignals();
+  (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+void ProcessManager::CheckCoreAffinityThread() {
+  const HostContext& context = HostContext::Instance();
+  bool rearm = false;
+  while (running_.load()) {
+    if (!context.delayCoreAffinityReceived_.load()) {
+      SleepNs(kPollNs);
+      rearm = false;
+      continue;
+    }
+    if (rearm) {
+      SleepNs(kPollNs);
+      continue;
+    }
+    const DelayCoreSettings settings = CurrentSettings();
+    rearm = settings.isWakeUpEnable;
+    BindNewThreads(settings);
+    if (!rearm) {
+      break;
     }
   }
-  {
-    const MutexLock lock(generalAppMutex_);
-    for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
-      if (!IsLeftAlone(*app, isWakeUpEnable)) {
-        apps.push_back({static_cast<std::uint32_t>(app->pid_), app->coreAffinity_});
-      }
-    }
-  }
-  const MutexLock lock(pmUploadMutex_);
-  for (const auto& [pid, app] : pmUploadApps_) {
-    apps.push_back({static_cast<std::uint32_t>(pid), {}});
-  }
-  return apps;
+  LogInfo("PROCMGR: CheckCoreAffinityThread exit now.");
 }
 
 // What a handler may not do, a thread that waits for the signal may.

@@ -1,11 +1,8 @@
 // The way of a frame from its channel to the operation that acts on it. Runs on the messaging
 // library's threads, beside itself on other channels.
-#include <chrono>
 #include <cstring>
 #include <exception>
 
-#include "base/boot_trace.h"
-#include "base/steady_time.h"
 #include "core/log.h"
 #include "core/process_manager.h"
 #include "message/serialization.h"
@@ -46,7 +43,7 @@ void ProcessManager::HandleRequest(int fd, const NexioRequest* request) {
   // The library's buffer promises no alignment.
   RequestMsg frame;
   std::memcpy(&frame, request->data, sizeof(frame));
-  CheckHeartMsg(sender, frame);
+  heartMessages_.CheckHeartMsg(sender, frame);
   DispatchRequest(frame.type, frame, sender, *request, fd);
 }
 
@@ -100,34 +97,6 @@ void ProcessManager::DispatchRequest(RequestType type, const RequestMsg& frame,
     }
     default:
       break;
-  }
-}
-
-void ProcessManager::CheckHeartMsg(const std::string& sender, const RequestMsg& frame) {
-  constexpr std::uint64_t kDeliveryLimitMs = 50;
-  if (sender == kAccessService) {
-    return;
-  }
-  const MutexLock lock(heartMutex_);
-  HeartInfo& heart = heartInfoMap_[sender];
-  if (frame.type != RequestType::HEART_MSG) {
-    return;
-  }
-  Message::HeartMsg msg;
-  Serialization::ProcMgrUnpackHeartMsg(&frame, msg);
-  if (heart.index + 1 != msg.index) {
-    LogWarning("PROCMGR : %s lost heart msg, index is %lu / %lu", sender.c_str(), heart.index,
-               msg.index);
-  }
-  heart.index = msg.index;
-  const auto now = static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(SteadyNow().time_since_epoch())
-          .count());
-  // Unsigned on purpose: a time to come is far too late as well.
-  const std::uint64_t cost = now - msg.sendTimeMs;
-  if (cost > kDeliveryLimitMs) {
-    LogWarning("PROCMGR : %s send nexiom cost time %lu - %lu = %lu", sender.c_str(), now,
-               msg.sendTimeMs, cost);
   }
 }
 

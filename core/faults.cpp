@@ -3,6 +3,7 @@
 #include <map>
 
 #include "base/mutex.h"
+#include "base/names.h"
 #include "core/app_lists.h"
 #include "core/log.h"
 #include "platform/heartbeat/heartbeat.h"
@@ -90,6 +91,14 @@ void UpdateFaultSensor(const std::string& name, std::int32_t nodeType, Fault fau
   if (ret != 0) {
     LogError("Reported app state change failed. (fault=%u,ret=%u,eventId=%u)", value, ret,
              kEventId);
+  }
+}
+
+void RegisterHeartBeat(const App::BaseAppInfo& app) {
+  const std::string& name = app.appName_;
+  const int ret = RegisterCheckHeartBeat(name.c_str(), name.size(), app.gid_, &OnHeartBeatNotify);
+  if (ret != 0) {
+    LogError("Register heart beat for %s failed. (ret=%d)", name.c_str(), ret);
   }
 }
 

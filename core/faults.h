@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 
+#include "app/app_info.h"
+
 namespace ProcMgr {
 
 enum class Fault { kOn, kOff };
@@ -21,6 +23,9 @@ void UnregisterSensorNodes();
 // Raises or clears the fault of an application that has a node and whose node type is 0; any other
 // has no fault to raise. Any thread.
 void UpdateFaultSensor(const std::string& name, std::int32_t nodeType, Fault fault);
+
+// Has the heartbeat library watch a base application's beats. Any thread.
+void RegisterHeartBeat(const App::BaseAppInfo& app);
 
 // What the heartbeat library calls when a base application goes silent (status 1) or comes back
 // (0). Waits for the check pass over the base applications. Yields whether the status was acted on.

@@ -3,6 +3,8 @@
 // Each request works through its list with generalAppMutex_ held for one entry at a time. What can
 // be said at once is collected in a list of changes and reported when the list is through, outside
 // the lock; what takes time is reported by the check pass.
+#include <optional>
+
 #include "base/boot_trace.h"
 #include "core/app_lists.h"
 #include "core/faults.h"
@@ -33,12 +35,6 @@ std::string JoinNames(const std::vector<Entry>& list) {
   return text;
 }
 
-template <typename Entry>
-void LogRequest(const char* kind, const std::vector<Entry>& list, const std::string& sender) {
-  LogInfo("%s PM revice %s msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(), kind,
-          sender.c_str(), JoinNames(list).c_str());
-}
-
 // Answers for an application that isn't known; enters no map.
 App::GeneralAppInfo Placeholder(const std::string& name) {
   App::GeneralAppInfo app;
@@ -49,6 +45,89 @@ App::GeneralAppInfo Placeholder(const std::string& name) {
 void AddChange(const App::GeneralAppInfo& app, std::vector<AppChange>& changes,
                ReportAppStateType state, const std::string& owner) {
   changes.push_back({owner, MakeAppStateInfo(app, state, 0)});
+}
+
+// Answers itself for an application that can't be started now.
+bool IsStartable(const App::GeneralAppInfo& app, const std::string& sender,
+                 std::vector<AppChange>& changes) REQUIRES(generalAppMutex_) {
+  if (FindGeneralApp(app.appName_) == nullptr) {
+    return true;
+  }
+  const std::string state = GetProcessStateStr(app.state_);
+  switch (app.state_) {
+    case ProcessState::RUNNING:
+      AddChange(app, changes, ReportAppStateType::RUNNING_NORMAL_START, sender);
+      LogWarning("PROCMGR : StartApp : appName=%s, pid=%d is already running", app.appName_.c_str(),
+                 app.pid_);
+      return false;
+    case ProcessState::TERMINATED:
+      LogWarning(
+          "PROCMGR : appName=%s, pid=%d, state=%s is in terminated state, but not remove from "
+          "generalAppMap yet, so go on",
+          app.appName_.c_str(), app.pid_, state.c_str());
+      return true;
+    default:
+      AddChange(app, changes, ReportAppStateType::INVALID_INTERMEDIATE_STATE, sender);
+      LogError("PROCMGR : StartApp : appName=%s, pid=%d, state=%s is in invalid state",
+               app.appName_.c_str(), app.pid_, state.c_str());
+      return false;
+  }
+}
+
+// The check pass starts the new process when the old one has gone.
+void EndForRestart(App::GeneralAppInfo& app) REQUIRES(generalAppMutex_) {
+  app.savedForceTerm_ = app.isForceTerm_;
+  app.isForceTerm_ = true;
+  if (!app.TermProcess()) {
+    LogError("PROCMGR : RestartApp failed: TermProcess failed : appName=%s pid=%d, state=%s",
+             app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
+    return;
+  }
+  app.state_ = ProcessState::RESTARTING;
+  app.isRestartStarted_ = 0;
+  LogInfo(
+      "PROCMGR : RestartApp set RESTARTING state finished(when app was running "
+      "before):appName=%s, pid=%d, state=%s",
+      app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
+}
+
+// True if it has dealt with the application: one without a live process is started at once.
+bool RestartStoppedApp(const GeneralAppPtr& app, std::vector<AppChange>& changes,
+                       const std::string& owner) REQUIRES(generalAppMutex_) {
+  const bool isRemoved = FindGeneralApp(app->appName_) == nullptr;
+  const bool isTerminated = app->state_ == ProcessState::TERMINATED;
+  if (!isTerminated && !isRemoved) {
+    return false;
+  }
+  if (!LaunchGeneralApp(app)) {
+    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, owner);
+    LogError("PROCMGR : RestartApp failed: StartProcess failed appName=%s, pid=%d",
+             app->appName_.c_str(), app->pid_);
+    UpdateFaultSensor(app->appName_, app->nodeType_, Fault::kOn);
+    return true;
+  }
+  app->state_ = ProcessState::RESTARTING;
+  app->isRestartStarted_ = 1;
+  LogInfo("PROCMGR : RestartApp=%s, pid=%d success, isRemoved=%d, isTermminated=%d",
+          app->appName_.c_str(), app->pid_, isRemoved, isTerminated);
+  return true;
+}
+
+bool IsAlreadyTerminated(const App::GeneralAppInfo& app, std::vector<AppChange>& changes,
+                         const std::string& owner) REQUIRES(generalAppMutex_) {
+  const bool isListed = FindGeneralApp(app.appName_) != nullptr;
+  if (isListed && app.state_ != ProcessState::TERMINATED) {
+    return false;
+  }
+  if (isListed) {
+    LogInfo("PROCMGR : TermGeneralApp:app=%s is already terminated but not removed",
+            app.appName_.c_str());
+  } else {
+    LogInfo("PROCMGR : TermGeneralApp:app=%s is already terminated and removed",
+            app.appName_.c_str());
+  }
+  AddChange(app, changes, ReportAppStateType::TERMINATED_NORMAL_EXIT, owner);
+  return true;
 }
 
 }  // namespace
@@ -69,34 +148,23 @@ GeneralAppPtr ProcessManager::GetGeneralApp(const std::string& name, const std::
 }
 
 GeneralAppPtr ProcessManager::MakeDynamicApp(const std::string& name, const std::string& owner) {
-  const MutexLock lock(cfgMapMutex_);
-  for (const auto& [pattern, manifest] : dynamicCfgMap_) {
-    if (ParseAndDepend::Instance().IsDynamicParaMatch(pattern, name)) {
-      return std::make_shared<App::GeneralAppInfo>(name, manifest, owner);
-    }
-  }
-  return nullptr;
+  const std::optional<ApplicationManifest> manifest = startupCfg_.Match(name);
+  return manifest ? std::make_shared<App::GeneralAppInfo>(name, *manifest, owner) : nullptr;
 }
 
 void ProcessManager::UpdateAllGeneralAppMap(const std::string& name, const std::string& owner) {
   if (allGeneralAppMap_.contains(name)) {
     return;
   }
-  ApplicationManifest manifest;
-  {
-    const MutexLock lock(cfgMapMutex_);
-    const auto entry = startCfgMap_.find(name);
-    if (entry == startCfgMap_.end()) {
-      return;
-    }
-    manifest = entry->second;
+  if (const std::optional<ApplicationManifest> manifest = startupCfg_.Find(name)) {
+    allGeneralAppMap_.emplace(name, std::make_shared<App::GeneralAppInfo>(name, *manifest, owner));
   }
-  allGeneralAppMap_.emplace(name, std::make_shared<App::GeneralAppInfo>(name, manifest, owner));
 }
 
 void ProcessManager::StartApp(const std::vector<Message::StartAppInfo>& list,
                               const std::string& sender) {
-  LogRequest("START_APP", list, sender);
+  LogInfo("%s PM revice START_APP msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
+          sender.c_str(), JoinNames(list).c_str());
   std::vector<AppChange> changes;
   for (const Message::StartAppInfo& info : list) {
     const MutexLock lock(generalAppMutex_);
@@ -104,7 +172,7 @@ void ProcessManager::StartApp(const std::vector<Message::StartAppInfo>& list,
       return;
     }
   }
-  ReportGeneralApps(changes);
+  reporter_.ReportGeneralApps(changes);
 }
 
 // False ends the whole request.
@@ -140,33 +208,6 @@ bool ProcessManager::StartOneApp(const Message::StartAppInfo& info, const std::s
   return true;
 }
 
-// Answers itself for an application that can't be started now.
-bool ProcessManager::IsStartable(const App::GeneralAppInfo& app, const std::string& sender,
-                                 std::vector<AppChange>& changes) {
-  if (FindGeneralApp(app.appName_) == nullptr) {
-    return true;
-  }
-  const std::string state = GetProcessStateStr(app.state_);
-  switch (app.state_) {
-    case ProcessState::RUNNING:
-      AddChange(app, changes, ReportAppStateType::RUNNING_NORMAL_START, sender);
-      LogWarning("PROCMGR : StartApp : appName=%s, pid=%d is already running", app.appName_.c_str(),
-                 app.pid_);
-      return false;
-    case ProcessState::TERMINATED:
-      LogWarning(
-          "PROCMGR : appName=%s, pid=%d, state=%s is in terminated state, but not remove from "
-          "generalAppMap yet, so go on",
-          app.appName_.c_str(), app.pid_, state.c_str());
-      return true;
-    default:
-      AddChange(app, changes, ReportAppStateType::INVALID_INTERMEDIATE_STATE, sender);
-      LogError("PROCMGR : StartApp : appName=%s, pid=%d, state=%s is in invalid state",
-               app.appName_.c_str(), app.pid_, state.c_str());
-      return false;
-  }
-}
-
 void ProcessManager::ResolveCoreAffinityAll(App::GeneralAppInfo& app) const {
   if (!app.coreAffinity_.empty() && app.coreAffinity_.front() == App::kAllReservedCores) {
     app.coreAffinity_.assign(reservedCoreSet_.begin(), reservedCoreSet_.end());
@@ -176,13 +217,14 @@ void ProcessManager::ResolveCoreAffinityAll(App::GeneralAppInfo& app) const {
 
 void ProcessManager::RestartApp(const std::vector<Message::RestartAppInfo>& list,
                                 const std::string& sender) {
-  LogRequest("RESTART_APP", list, sender);
+  LogInfo("%s PM revice RESTART_APP msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
+          sender.c_str(), JoinNames(list).c_str());
   std::vector<AppChange> changes;
   for (const Message::RestartAppInfo& info : list) {
     const MutexLock lock(generalAppMutex_);
     RestartOneApp(info, sender, changes);
   }
-  ReportGeneralApps(changes);
+  reporter_.ReportGeneralApps(changes);
 }
 
 void ProcessManager::RestartOneApp(const Message::RestartAppInfo& info, const std::string& sender,
@@ -216,54 +258,16 @@ void ProcessManager::RestartOneApp(const Message::RestartAppInfo& info, const st
   EndForRestart(*app);
 }
 
-// The check pass starts the new process when the old one has gone.
-void ProcessManager::EndForRestart(App::GeneralAppInfo& app) {
-  app.savedForceTerm_ = app.isForceTerm_;
-  app.isForceTerm_ = true;
-  if (!app.TermProcess()) {
-    LogError("PROCMGR : RestartApp failed: TermProcess failed : appName=%s pid=%d, state=%s",
-             app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
-    return;
-  }
-  app.state_ = ProcessState::RESTARTING;
-  app.isRestartStarted_ = 0;
-  LogInfo(
-      "PROCMGR : RestartApp set RESTARTING state finished(when app was running "
-      "before):appName=%s, pid=%d, state=%s",
-      app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
-}
-
-// True if it has dealt with the application: one without a live process is started at once.
-bool ProcessManager::RestartStoppedApp(const GeneralAppPtr& app, std::vector<AppChange>& changes,
-                                       const std::string& owner) {
-  const bool isRemoved = FindGeneralApp(app->appName_) == nullptr;
-  const bool isTerminated = app->state_ == ProcessState::TERMINATED;
-  if (!isTerminated && !isRemoved) {
-    return false;
-  }
-  if (!LaunchGeneralApp(app)) {
-    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, owner);
-    LogError("PROCMGR : RestartApp failed: StartProcess failed appName=%s, pid=%d",
-             app->appName_.c_str(), app->pid_);
-    UpdateFaultSensor(app->appName_, app->nodeType_, Fault::kOn);
-    return true;
-  }
-  app->state_ = ProcessState::RESTARTING;
-  app->isRestartStarted_ = 1;
-  LogInfo("PROCMGR : RestartApp=%s, pid=%d success, isRemoved=%d, isTermminated=%d",
-          app->appName_.c_str(), app->pid_, isRemoved, isTerminated);
-  return true;
-}
-
 void ProcessManager::TermGeneralApp(const std::vector<Message::TermAppInfo>& list,
                                     const std::string& sender) {
-  LogRequest("TERM_APP", list, sender);
+  LogInfo("%s PM revice TERM_APP msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
+          sender.c_str(), JoinNames(list).c_str());
   std::vector<AppChange> changes;
   for (const Message::TermAppInfo& info : list) {
     const MutexLock lock(generalAppMutex_);
     TermOneApp(info.appName, sender, changes);
   }
-  ReportGeneralApps(changes);
+  reporter_.ReportGeneralApps(changes);
 }
 
 void ProcessManager::TermOneApp(const std::string& name, const std::string& sender,
@@ -294,27 +298,10 @@ void ProcessManager::TermOneApp(const std::string& name, const std::string& send
   }
 }
 
-bool ProcessManager::IsAlreadyTerminated(const App::GeneralAppInfo& app,
-                                         std::vector<AppChange>& changes,
-                                         const std::string& owner) {
-  const bool isListed = FindGeneralApp(app.appName_) != nullptr;
-  if (isListed && app.state_ != ProcessState::TERMINATED) {
-    return false;
-  }
-  if (isListed) {
-    LogInfo("PROCMGR : TermGeneralApp:app=%s is already terminated but not removed",
-            app.appName_.c_str());
-  } else {
-    LogInfo("PROCMGR : TermGeneralApp:app=%s is already terminated and removed",
-            app.appName_.c_str());
-  }
-  AddChange(app, changes, ReportAppStateType::TERMINATED_NORMAL_EXIT, owner);
-  return true;
-}
-
 void ProcessManager::QueryAppState(const std::vector<std::string>& names,
                                    const std::string& sender) {
-  LogRequest("QUERY_APP_STATE", names, sender);
+  LogInfo("%s PM revice QUERY_APP_STATE msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
+          sender.c_str(), JoinNames(names).c_str());
   {
     const MutexLock lock(generalAppMutex_);
     std::map<std::string, int> status;
@@ -322,7 +309,7 @@ void ProcessManager::QueryAppState(const std::vector<std::string>& names,
       const GeneralAppPtr app = FindGeneralApp(name);
       status[name] = app == nullptr ? 1 : app->ProbeProcess();
     }
-    (void)ReportAppDetailStatus(status, sender);  // The requester may ask again.
+    (void)reporter_.ReportAppDetailStatus(status, sender);  // The requester may ask again.
   }
   LogInfo("%s PM finish QUERY_APP_STATE request from %s", BootStrace(kBootTraceTag).c_str(),
           sender.c_str());

@@ -13,6 +13,7 @@
 
 #include "base/fork_locks.h"
 #include "base/mutex.h"
+#include "base/names.h"
 #include "base/unique_fd.h"
 #include "core/host_context.h"
 
@@ -91,7 +92,7 @@ __attribute__((format(printf, 2, 0))) void Route(int level, const char* format, 
 
 void OpenLog() {
   const MutexLock lock(LogLock());
-  openlog("PROCMGR", LOG_PID, LOG_USER);
+  openlog(kManagerName, LOG_PID, LOG_USER);
 }
 
 void CloseLog() {

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "base/boot_trace.h"
+#include "base/names.h"
 #include "base/standard_path.h"
-#include "core/app_lists.h"
 #include "core/host_context.h"
 #include "core/log.h"
 #include "core/process_manager.h"

@@ -5,10 +5,12 @@
 #include <utility>
 
 #include "base/boot_trace.h"
+#include "base/names.h"
 #include "core/app_lists.h"
 #include "core/faults.h"
 #include "core/log.h"
 #include "core/process_manager.h"
+#include "core/self_reported.h"
 #include "host/cgroups.h"
 #include "host/core_affinity_mgr.h"
 #include "host/kernel_cmdline.h"
@@ -63,23 +65,10 @@ void BindPriorityApp(const App::GeneralAppInfo& app) {
   }
 }
 
-}  // namespace
-
-void ProcessManager::InitPriorityApps(const std::string& path) {
-  std::vector<PriorityAppEntry> entries;
-  if (LoadStartCfgInfo(path, entries) != 0) {
-    LogErrorRouted("process-manager InitPriorityApps failed LoadStartCfgInfo failed");
-    return;
-  }
-  LogInfoRouted("%s InitPriorityApps load priority apps cfg finish",
-                BootStrace(kBootTraceTag).c_str());
-  StartPriorityApps(entries);
-  LogInfoRouted("%s InitPriorityApps start priority apps finish",
-                BootStrace(kBootTraceTag).c_str());
-}
-
-std::uint32_t ProcessManager::LoadStartCfgInfo(const std::string& path,
-                                               std::vector<PriorityAppEntry>& entries) {
+// Finds the priority applications of all entry files that the base-service file names, in the order
+// in which they are read. Yields 0 or kLoadStartCfgFailed.
+std::uint32_t LoadStartCfgInfo(const std::string& path, std::vector<PriorityAppEntry>& entries,
+                               StartupCfg& startupCfg) {
   int ret = 0;
   const std::vector<ApplicationManifest> owners = ParseFile(path, ret);
   if (ret != 0) {
@@ -106,8 +95,37 @@ std::uint32_t ProcessManager::LoadStartCfgInfo(const std::string& path,
       found.push_back(manifest);
     }
   }
-  StoreManifests(found);
+  startupCfg.StoreManifests(found);
   return 0;
+}
+
+void BindPriorityApps() EXCLUDES(generalAppMutex_) {
+  const MutexLock lock(generalAppMutex_);
+  for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
+    // A process that has been reaped leaves a pid that may be a stranger's.
+    if (app->startupPriority_ == -1 || app->state_ == ProcessState::TERMINATED || app->isExited_) {
+      continue;
+    }
+    if (!CoreAffinityMgr::Instance().CheckIsCtrlCpu(app->appName_, app->coreAffinity_)) {
+      LogError("app=%s, pid=%d, core affinity is not in ctrlcpu", app->appName_.c_str(), app->pid_);
+    }
+    BindPriorityApp(*app);
+  }
+}
+
+}  // namespace
+
+void ProcessManager::InitPriorityApps(const std::string& path) {
+  std::vector<PriorityAppEntry> entries;
+  if (LoadStartCfgInfo(path, entries, startupCfg_) != 0) {
+    LogErrorRouted("process-manager InitPriorityApps failed LoadStartCfgInfo failed");
+    return;
+  }
+  LogInfoRouted("%s InitPriorityApps load priority apps cfg finish",
+                BootStrace(kBootTraceTag).c_str());
+  StartPriorityApps(entries);
+  LogInfoRouted("%s InitPriorityApps start priority apps finish",
+                BootStrace(kBootTraceTag).c_str());
 }
 
 void ProcessManager::StartPriorityApps(std::vector<PriorityAppEntry>& entries) {
@@ -148,7 +166,7 @@ void ProcessManager::ContinueProcMgrInit() {
   CoreAffinityMgr::Instance().LoadCpuInfo();
   AddPmToCgroupTasks();
   BindPriorityApps();
-  if (procMgrCfg_.pmUploadEnable && !StartUploadService()) {
+  if (procMgrCfg_.pmUploadEnable && !StartUploadService(reporter_)) {
     LogError("PROCMGR: pmuplaod RegXCallBack failed");
     return;
   }
@@ -156,18 +174,16 @@ void ProcessManager::ContinueProcMgrInit() {
   LogInfo("%s, ContinueProcMgrInit success", BootStrace(kBootTraceTag).c_str());
 }
 
-void ProcessManager::BindPriorityApps() {
+void ProcessManager::ReportPriorityApps() {
   const MutexLock lock(generalAppMutex_);
-  for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
-    // A process that has been reaped leaves a pid that may be a stranger's.
-    if (app->startupPriority_ == -1 || app->state_ == ProcessState::TERMINATED || app->isExited_) {
-      continue;
+  std::vector<Message::AppStateInfo> list;
+  for (const auto& [name, app] : allGeneralAppMap_) {
+    if (app->startupPriority_ != -1) {
+      StepGeneralApp(*app, SteadyNow());
+      list.push_back(MakeCurrentStateInfo(*app));
     }
-    if (!CoreAffinityMgr::Instance().CheckIsCtrlCpu(app->appName_, app->coreAffinity_)) {
-      LogError("app=%s, pid=%d, core affinity is not in ctrlcpu", app->appName_.c_str(), app->pid_);
-    }
-    BindPriorityApp(*app);
   }
+  (void)reporter_.ReportAppState(list, kAccessService);  // The reconciliation repeats it.
 }
 
 void ProcessManager::HandlePriorityApps(const GeneralAppPtr& app) {
@@ -177,7 +193,7 @@ void ProcessManager::HandlePriorityApps(const GeneralAppPtr& app) {
   app->isPriorityPending_ = false;
   StepGeneralApp(*app, SteadyNow());
   // The owner asked; if it can't hear the answer it has gone.
-  (void)ReportAppState({MakeCurrentStateInfo(*app)}, app->ownerName_);
+  (void)reporter_.ReportAppState({MakeCurrentStateInfo(*app)}, app->ownerName_);
 }
 
 }  // namespace ProcMgr

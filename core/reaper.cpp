@@ -35,23 +35,7 @@ SteadyTime AfterEveryStart() {
   return SteadyNow() + SteadyTime::duration(1);
 }
 
-}  // namespace
-
-void ProcessManager::WaitThread() {
-  while (running_.load()) {
-    siginfo_t info{};
-    if (waitid(P_ALL, 0, &info, WEXITED | WNOWAIT) != 0 || info.si_pid <= 0) {
-      SleepNs(kNoChildPauseNs);
-      continue;
-    }
-    FileExitStatus(info.si_pid, RawWaitStatus(info));
-    // A child of popen may have been taken by its pclose in the meantime: then there is none.
-    (void)waitpid(info.si_pid, nullptr, WNOHANG);
-  }
-  LogWarning("PROCMGR: WaitThread exit now.");
-}
-
-void ProcessManager::FileExitStatus(pid_t pid, int status) {
+void FileExitStatus(pid_t pid, int status) EXCLUDES(generalAppMutex_, baseAppMutex_) {
   SteadyTime limit{};
   std::string generalName;
   {
@@ -81,6 +65,22 @@ void ProcessManager::FileExitStatus(pid_t pid, int status) {
     }
   }
   LogWarning("PROCMGR: can not find app, pid=%d", pid);
+}
+
+}  // namespace
+
+void ProcessManager::WaitThread() {
+  while (running_.load()) {
+    siginfo_t info{};
+    if (waitid(P_ALL, 0, &info, WEXITED | WNOWAIT) != 0 || info.si_pid <= 0) {
+      SleepNs(kNoChildPauseNs);
+      continue;
+    }
+    FileExitStatus(info.si_pid, RawWaitStatus(info));
+    // A child of popen may have been taken by its pclose in the meantime: then there is none.
+    (void)waitpid(info.si_pid, nullptr, WNOHANG);
+  }
+  LogWarning("PROCMGR: WaitThread exit now.");
 }
 
 }  // namespace ProcMgr

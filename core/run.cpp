@@ -31,7 +31,8 @@ void Join(std::thread& worker) {
 
 ProcessManager::ProcessManager(std::string baseServiceCfgPath)
     : baseServiceCfgPath_(std::move(baseServiceCfgPath)),
-      master_([this](int fd, const NexioRequest* request) { RequstMsgHandler(fd, request); }) {}
+      master_([this](int fd, const NexioRequest* request) { RequstMsgHandler(fd, request); }),
+      reporter_(master_) {}
 
 ProcessManager::~ProcessManager() {
   UnregisterSensorNodes();

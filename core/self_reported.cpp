@@ -1,13 +1,13 @@
-// Processes that the manager didn't start and that announced themselves.
+#include "core/self_reported.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 
+#include "base/names.h"
 #include "base/printable.h"
-#include "core/app_lists.h"
 #include "core/log.h"
-#include "core/process_manager.h"
 #include "host/core_affinity_mgr.h"
 #include "host/sharepool_cfg.h"
 #include "message/nexio.h"
@@ -76,31 +76,18 @@ std::vector<SharepoolGroupsInfo> WantedGroups(const PmUpload::LoadAppInfo& info)
   return groups;
 }
 
-}  // namespace
-
-bool ProcessManager::StartUploadService() {
-  return PmUpload::RegXCallBack(
-      {[this](const PmUpload::LoadAppInfo& info, int fd) { return OnPmUploadApp(info, fd); },
-       [] { return SharepoolCfg::Instance().GroupNames(); },
-       [](const std::string& path) { return Holds(SharepoolCfg::Instance().WhiteLists(), path); }});
+bool IsAppNameUsed(const std::string& name) EXCLUDES(generalAppMutex_, baseAppMutex_) {
+  {
+    const MutexLock lock(generalAppMutex_);
+    if (FindGeneralApp(name) != nullptr) {
+      return true;
+    }
+  }
+  const MutexLock lock(baseAppMutex_);
+  return FindBaseApp(name) != nullptr;
 }
 
-bool ProcessManager::OnPmUploadApp(const PmUpload::LoadAppInfo& info, int fd) {
-  if (info.alreadyReported) {
-    return true;  // The peer only fetches further group names.
-  }
-  if (!IsBelievable(info, fd) || !AddPmUploadApp(info, fd)) {
-    return false;
-  }
-  const bool isReported =
-      ReportAppState({{info.pidAppName, info.pid, info.gid,
-                       static_cast<std::uint32_t>(ReportAppStateType::RUNNING_NORMAL_START), 0}},
-                     kAccessService);
-  AddPmUploadAppGroups(info);
-  return isReported;
-}
-
-bool ProcessManager::AddPmUploadApp(const PmUpload::LoadAppInfo& info, int fd) {
+bool AddPmUploadApp(const PmUpload::LoadAppInfo& info, int fd) EXCLUDES(pmUploadMutex_) {
   const MutexLock lock(pmUploadMutex_);
   const auto known =
       std::find_if(pmUploadApps_.begin(), pmUploadApps_.end(),
@@ -119,22 +106,37 @@ bool ProcessManager::AddPmUploadApp(const PmUpload::LoadAppInfo& info, int fd) {
   return true;
 }
 
-bool ProcessManager::IsAppNameUsed(const std::string& name) {
-  {
-    const MutexLock lock(generalAppMutex_);
-    if (FindGeneralApp(name) != nullptr) {
-      return true;
-    }
-  }
-  const MutexLock lock(baseAppMutex_);
-  return FindBaseApp(name) != nullptr;
-}
-
-void ProcessManager::AddPmUploadAppGroups(const PmUpload::LoadAppInfo& info) {
+void AddPmUploadAppGroups(const PmUpload::LoadAppInfo& info) {
   SharepoolCfg::Instance().AddSharepoolGroup(info.pidAppName, info.pid, WantedGroups(info));
 }
 
-void ProcessManager::CheckPmUploadApps() {
+bool OnPmUploadApp(Reporter& reporter, const PmUpload::LoadAppInfo& info, int fd) {
+  if (info.alreadyReported) {
+    return true;  // The peer only fetches further group names.
+  }
+  if (!IsBelievable(info, fd) || !AddPmUploadApp(info, fd)) {
+    return false;
+  }
+  const bool isReported = reporter.ReportAppState(
+      {{info.pidAppName, info.pid, info.gid,
+        static_cast<std::uint32_t>(ReportAppStateType::RUNNING_NORMAL_START), 0}},
+      kAccessService);
+  AddPmUploadAppGroups(info);
+  return isReported;
+}
+
+}  // namespace
+
+bool StartUploadService(Reporter& reporter) {
+  return PmUpload::RegXCallBack(
+      {[&reporter](const PmUpload::LoadAppInfo& info, int fd) {
+         return OnPmUploadApp(reporter, info, fd);
+       },
+       [] { return SharepoolCfg::Instance().GroupNames(); },
+       [](const std::string& path) { return Holds(SharepoolCfg::Instance().WhiteLists(), path); }});
+}
+
+void CheckPmUploadApps(Reporter& reporter) {
   std::vector<Message::AppStateInfo> gone;
   {
     const MutexLock lock(pmUploadMutex_);
@@ -151,7 +153,7 @@ void ProcessManager::CheckPmUploadApps() {
       entry = pmUploadApps_.erase(entry);
     }
   }
-  (void)ReportAppState(gone, kAccessService);  // The entries are gone either way.
+  (void)reporter.ReportAppState(gone, kAccessService);  // The entries are gone either way.
 }
 
 }  // namespace ProcMgr

@@ -1,19 +1,10 @@
-// The start-up configuration of general applications: what a base service may ask to be started.
-#include <utility>
+#include "core/startup_cfg.h"
 
-#include "base/boot_trace.h"
-#include "core/app_lists.h"
 #include "core/log.h"
-#include "core/process_manager.h"
-#include "message/keeper.h"
-#include "message/serialization.h"
 
 namespace ProcMgr {
 
-using Message::RequestMsg;
-using Message::StartupCfgInfo;
-
-std::uint32_t ProcessManager::LoadStartCfgInfo(const StartupCfgInfo& cfg) {
+std::uint32_t StartupCfg::LoadStartCfgInfo(const Message::StartupCfgInfo& cfg) {
   std::vector<ApplicationManifest> manifests;
   const int ret =
       ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, cfg.path, manifests, cfg.matchData);
@@ -24,7 +15,7 @@ std::uint32_t ProcessManager::LoadStartCfgInfo(const StartupCfgInfo& cfg) {
   return ret == 0 ? 0 : kLoadStartCfgFailed;
 }
 
-void ProcessManager::StoreManifests(const std::vector<ApplicationManifest>& manifests) {
+void StartupCfg::StoreManifests(const std::vector<ApplicationManifest>& manifests) {
   const MutexLock lock(cfgMapMutex_);
   for (const ApplicationManifest& manifest : manifests) {
     auto& map = manifest.GetIsDynamicPara() ? dynamicCfgMap_ : startCfgMap_;
@@ -32,72 +23,28 @@ void ProcessManager::StoreManifests(const std::vector<ApplicationManifest>& mani
   }
 }
 
-std::uint32_t ProcessManager::ReLoadStartCfgInfo(const StartupCfgInfo& cfg) {
-  const std::uint32_t ret = LoadStartCfgInfo(cfg);
-  if (ret != 0) {
-    LogError("ReLoadStartCfgInfo failed, path=%s", cfg.path.c_str());
+std::optional<ApplicationManifest> StartupCfg::Find(const std::string& name) {
+  const MutexLock lock(cfgMapMutex_);
+  const auto entry = startCfgMap_.find(name);
+  if (entry == startCfgMap_.end()) {
+    return std::nullopt;
   }
-  std::unordered_map<std::string, ApplicationManifest> manifests;
-  {
-    const MutexLock lock(cfgMapMutex_);
-    manifests = startCfgMap_;
-  }
-  const MutexLock lock(generalAppMutex_);
-  for (const auto& [name, app] : allGeneralAppMap_) {
-    if (const auto manifest = manifests.find(name); manifest != manifests.end()) {
-      app->UpdateManifest(manifest->second);
-      // A restart may be under way, which starts with this core list and asks nobody any more.
-      ResolveCoreAffinityAll(*app);
+  return entry->second;
+}
+
+std::optional<ApplicationManifest> StartupCfg::Match(const std::string& name) {
+  const MutexLock lock(cfgMapMutex_);
+  for (const auto& [pattern, manifest] : dynamicCfgMap_) {
+    if (ParseAndDepend::Instance().IsDynamicParaMatch(pattern, name)) {
+      return manifest;
     }
   }
-  return ret;
+  return std::nullopt;
 }
 
-// The file that is loaded is the one that the sender's own manifest names, whatever the frame says.
-void ProcessManager::HandleLoadRequest(const RequestMsg& frame, const std::string& sender,
-                                       const NexioRequest& request, int fd) {
-  StartupCfgInfo cfg;
-  if (!Serialization::ProcMgrUnpackMatchDataAndPathRequest(&frame, cfg)) {
-    SendLoadResult(kLoadStartCfgFailed, request, fd);
-    return;
-  }
-  LogInfo("%s PM revice LOAD_STARTUP_CFG msg load file=%s", BootStrace(kBootTraceTag).c_str(),
-          cfg.path.c_str());
-  cfg.path = GetStartupEntryPath(sender);
-  const std::uint32_t ret = LoadStartCfgInfo(cfg);
-  LogInfo("%s LoadStartCfgInfo finish ret=0x%X, fd=%d", BootStrace(kBootTraceTag).c_str(), ret, fd);
-  SendLoadResult(ret, request, fd);
-}
-
-void ProcessManager::HandleReloadRequest(const RequestMsg& frame, const std::string& sender,
-                                         const NexioRequest& request, int fd) {
-  StartupCfgInfo cfg;
-  if (!Serialization::ProcMgrUnpackMatchDataAndPathRequest(&frame, cfg)) {
-    SendLoadResult(kLoadStartCfgFailed, request, fd);
-    return;
-  }
-  const std::string askedPath = std::exchange(cfg.path, GetStartupEntryPath(sender));
-  LogInfo("%s PM revice RELOAD_STARTUP_CFG msg load file=%s", BootStrace(kBootTraceTag).c_str(),
-          askedPath.c_str());
-  const std::uint32_t ret = ReLoadStartCfgInfo(cfg);
-  LogInfo("%s ReLoadStartCfgInfo finish ret=0x%X, fd=%d", BootStrace(kBootTraceTag).c_str(), ret,
-          fd);
-  SendLoadResult(ret, request, fd);
-}
-
-void ProcessManager::SendLoadResult(std::uint32_t ret, const NexioRequest& request, int fd) {
-  // A requester that has gone, or doesn't read, waits for no answer.
-  (void)RespondInOrder(fd, request.seq, std::to_string(ret), [](int) {});
-}
-
-std::string ProcessManager::GetStartupEntryPath(const std::string& name) {
-  const MutexLock lock(baseAppMutex_);
-  const App::BaseAppInfo* const app = FindBaseApp(name);
-  if (app == nullptr) {
-    LogError("PROCMGR : GetStartupEntryPath not find procName=%s", name.c_str());
-    return {};
-  }
-  return app->startupEntryPath_;
+StartupCfg::ManifestMap StartupCfg::Fixed() {
+  const MutexLock lock(cfgMapMutex_);
+  return startCfgMap_;
 }
 
 }  // namespace ProcMgr

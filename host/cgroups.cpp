@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "base/names.h"
 #include "base/small_file.h"
 #include "core/host_context.h"
 #include "core/log.h"
@@ -55,7 +56,7 @@ bool AddPidToCgroupTasks(const CgroupInfo& info, std::string& err, const CgroupR
 
 void AddPmTids(const std::set<std::uint32_t>& tids, const CgroupRoots& roots) {
   for (const std::uint32_t tid : tids) {
-    const CgroupInfo info{"PROCMGR", static_cast<pid_t>(tid), kDefaultResGroup, kDefaultCpuset};
+    const CgroupInfo info{kManagerName, static_cast<pid_t>(tid), kDefaultResGroup, kDefaultCpuset};
     std::string err;
     if (!AddPidToCgroupTasks(info, err, roots)) {
       LogWarning("Add pm tids to cgroup tasks failed, errinfo=%s, tid=%u", err.c_str(), tid);

@@ -18,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/names.h"
 #include "message/nexio_wrappers.h"
 #include "message/upload_msg.h"
 
@@ -32,7 +33,6 @@ constexpr int kUsage = 2;
 constexpr int kNoManager = 3;
 constexpr int kNotRunnable = 127;
 
-constexpr const char* kManagerName = "PROCMGR";
 constexpr std::uint32_t kOpenTimeoutMs = 2000;
 constexpr std::uint32_t kAnswerTimeoutMs = 5000;
 
@@ -184,7 +184,7 @@ int Run(const Wish& wish) {
     return kUsage;
   }
   ProcMgr::NexioOpenParam param;
-  param.peerName = kManagerName;
+  param.peerName = ProcMgr::kManagerName;
   param.timeout = kOpenTimeoutMs;
   const int fd = ProcMgr::NexioOpen(param);
   if (fd < 1) {

@@ -13,6 +13,7 @@
 #include <exception>
 #include <string>
 
+#include "base/names.h"
 #include "examples/services/picture.h"
 #include "examples/services/service.h"
 #include "tools/local/local_client.h"
@@ -27,14 +28,14 @@ int Run(const std::string& serviceFile, const std::string& socket) {
   Example::BlockEndSignals();
   Example::Picture picture(serviceFile);
   // Nobody tells the access manager about itself.
-  picture.Apply({{"iammgr", getpid(), getgid(), 0, 0}}, std::time(nullptr));
+  picture.Apply({{ProcMgr::kAccessService, getpid(), getgid(), 0, 0}}, std::time(nullptr));
   const Local::LocalServer server(socket, kServerThreads,
                                   [&picture](const std::string&) { return picture.ToJson(); });
   ProcMgr::Agent::Callbacks callbacks;
   callbacks.appStates = [&picture](const auto& changes) {
     picture.Apply(changes, std::time(nullptr));
   };
-  Example::Service service("iammgr", std::move(callbacks));
+  Example::Service service(ProcMgr::kAccessService, std::move(callbacks));
   service.ReportReady();
   while (service.Run(std::chrono::seconds(1))) {
   }

@@ -1,13 +1,13 @@
 #include "examples/services/known_apps.h"
 
 #include "app/manifest.h"
+#include "base/names.h"
 #include "base/small_file.h"
 #include "base/text.h"
 
 namespace Example {
 namespace {
 
-constexpr const char* kManager = "PROCMGR";
 constexpr std::size_t kStatLimit = 4096;
 
 std::vector<ProcMgr::ApplicationManifest> Load(const std::string& path) {
@@ -51,7 +51,7 @@ KnownApps::KnownApps(const std::string& baseFile) {
 }
 
 AppKind KnownApps::Find(const std::string& name, pid_t pid, pid_t manager) const {
-  if (name == kManager) {
+  if (name == ProcMgr::kManagerName) {
     return {"manager", ""};
   }
   if (baseServices_.contains(name)) {

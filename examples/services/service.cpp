@@ -7,6 +7,8 @@
 #include <ctime>
 #include <utility>
 
+#include "base/names.h"
+
 namespace Example {
 namespace {
 
@@ -47,7 +49,7 @@ Service::Service(const char* name, ProcMgr::Agent::Callbacks callbacks) {
 }
 
 void Service::ReportReady() {
-  const bool isAccessManager = agent_->Name() == "iammgr";
+  const bool isAccessManager = agent_->Name() == ProcMgr::kAccessService;
   if (isAccessManager) {
     Require("report that the access manager is up",
             agent_->ReportState(ProcMgr::ServiceState::kUp, kChannelWait));

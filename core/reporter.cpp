@@ -1,13 +1,11 @@
-// Who hears of what: "iammgr" of every process there is, an owner of its general applications. A
-// report is sent once; a failure is logged and the news is lost for that receiver.
+#include "core/reporter.h"
+
 #include <unistd.h>
 
-#include <algorithm>
 #include <utility>
 
-#include "core/app_lists.h"
+#include "base/names.h"
 #include "core/log.h"
-#include "core/process_manager.h"
 
 namespace ProcMgr {
 
@@ -18,7 +16,6 @@ AppStateInfo MakeAppStateInfo(const App::AppInfo& app, ReportAppStateType state,
   return {app.appName_, app.pid_, app.gid_, static_cast<std::uint32_t>(state), eioFlag};
 }
 
-// What a record that is asked about, rather than one that has changed, is said to be.
 AppStateInfo MakeCurrentStateInfo(const App::AppInfo& app) {
   const ReportAppStateType state = app.state_ == ProcessState::RUNNING
                                        ? ReportAppStateType::RUNNING_NORMAL_START
@@ -26,8 +23,19 @@ AppStateInfo MakeCurrentStateInfo(const App::AppInfo& app) {
   return MakeAppStateInfo(app, state, 0);
 }
 
-void ProcessManager::ReportBaseAppState(const App::BaseAppInfo& app, ReportAppStateType state,
-                                        std::uint32_t eioFlag) {
+void Reporter::PublishBaseAppNames(std::vector<std::string> names) {
+  auto published = std::make_shared<const std::vector<std::string>>(std::move(names));
+  const MutexLock lock(baseNamesMutex_);
+  baseAppNames_ = std::move(published);
+}
+
+Reporter::Names Reporter::BaseAppNames() {
+  const MutexLock lock(baseNamesMutex_);
+  return baseAppNames_;
+}
+
+void Reporter::ReportBaseAppState(const App::BaseAppInfo& app, ReportAppStateType state,
+                                  std::uint32_t eioFlag) {
   if (app.appName_ == kAccessService) {
     return;
   }
@@ -42,7 +50,7 @@ void ProcessManager::ReportBaseAppState(const App::BaseAppInfo& app, ReportAppSt
       });
 }
 
-void ProcessManager::ReportGeneralApps(const std::vector<AppChange>& changes) {
+void Reporter::ReportGeneralApps(const std::vector<AppChange>& changes) {
   if (changes.empty()) {
     return;
   }
@@ -58,7 +66,8 @@ void ProcessManager::ReportGeneralApps(const std::vector<AppChange>& changes) {
       LogError("PROCMGR : CheckThread : report general apps' changes to IAM failed");
     }
   });
-  for (const std::string& name : *BaseAppNames()) {
+  const Names names = BaseAppNames();
+  for (const std::string& name : *names) {
     const auto own = byOwner.find(name);
     if (name == kAccessService || own == byOwner.end()) {
       continue;
@@ -72,7 +81,7 @@ void ProcessManager::ReportGeneralApps(const std::vector<AppChange>& changes) {
   }
 }
 
-void ProcessManager::RegisterVfs() {
+void Reporter::RegisterVfs() {
   const AppStateInfo self{kManagerName, getpid(), getgid(), 0, 0};
   ReportAppState({self}, kAccessService, [](bool isSent) {
     if (!isSent) {
@@ -81,19 +90,7 @@ void ProcessManager::RegisterVfs() {
   });
 }
 
-void ProcessManager::ReportPriorityApps() {
-  const MutexLock lock(generalAppMutex_);
-  std::vector<AppStateInfo> list;
-  for (const auto& [name, app] : allGeneralAppMap_) {
-    if (app->startupPriority_ != -1) {
-      StepGeneralApp(*app, SteadyNow());
-      list.push_back(MakeCurrentStateInfo(*app));
-    }
-  }
-  (void)ReportAppState(list, kAccessService);  // The reconciliation repeats it.
-}
-
-void ProcessManager::ReportAllApps() {
+void Reporter::ReportAllApps() {
   {
     const MutexLock lock(generalAppMutex_);
     std::vector<AppStateInfo> list;
@@ -113,18 +110,14 @@ void ProcessManager::ReportAllApps() {
   }
 }
 
-bool ProcessManager::ReportAppState(const std::vector<AppStateInfo>& list, const std::string& owner,
-                                    Outcome outcome) {
+bool Reporter::ReportAppState(const std::vector<AppStateInfo>& list, const std::string& owner,
+                              Outcome outcome) {
   return master_.ReportAppState(list, owner, std::move(outcome));
 }
 
-bool ProcessManager::ReportAppDetailStatus(const std::map<std::string, int>& status,
-                                           const std::string& owner) {
+bool Reporter::ReportAppDetailStatus(const std::map<std::string, int>& status,
+                                     const std::string& owner) {
   return master_.ReportAppDetailStatus(status, owner);
-}
-
-void ProcessManager::UnRegServiceCallBack(const std::string& procName) {
-  ProcMgrMaster::UnRegServiceCallBack(procName);
 }
 
 }  // namespace ProcMgr

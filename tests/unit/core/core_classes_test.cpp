@@ -1,0 +1,92 @@
+// The classes beside the engine, where no boot can show a limit to the millisecond or an order.
+#include "core/heart_messages.h"
+#include "core/reporter.h"
+#include "core/startup_cfg.h"
+#include "message/serialization.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/test.h"
+
+namespace ProcMgr {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+TEST(HeartMessages, TellsOfLostAndOfSlowOnes) {
+  const struct {
+    const char* sender;
+    std::uint64_t index;
+    std::uint64_t sentAt;
+    std::uint64_t arrivesAt;
+    Lines lines;
+  } cases[] = {
+      {"a", 1, 1000, 1050, {}},
+      {"a", 2, 1000, 1051, {"W PROCMGR : a send nexiom cost time 1051 - 1000 = 51"}},
+      {"b", 2, 1000, 1000, {"W PROCMGR : b lost heart msg, index is 0 / 2"}},
+      {"a",
+       3,
+       1001,
+       1000,
+       {"W PROCMGR : a send nexiom cost time 1000 - 1001 = 18446744073709551615"}},
+      {"a", 3, 1000, 1000, {"W PROCMGR : a lost heart msg, index is 3 / 3"}},
+      {"a", 4, 1000, 1000, {}},
+      {"iammgr", 9, 0, 1000, {}},
+  };
+  std::uint64_t now = 0;
+  HeartMessages hearts([&now] { return now; });
+  PmTest::LogCapture log;
+  for (const auto& c : cases) {
+    Message::RequestMsg frame{};
+    Serialization::ProcMgrPackHeartMsg({c.index, c.sentAt}, frame);
+    now = c.arrivesAt;
+    hearts.CheckHeartMsg(c.sender, frame);
+    EXPECT_EQ(log.Take(), c.lines) << c.sender << ' ' << c.index << ' ' << c.arrivesAt;
+  }
+}
+
+ApplicationManifest Manifest(const std::string& name, bool isDynamic, std::uint32_t uid) {
+  ApplicationManifest::Fields fields;
+  fields.appName = name;
+  fields.isDynamicPara = isDynamic;
+  fields.uid = uid;
+  return ApplicationManifest(fields);
+}
+
+TEST(StartupCfg, KeepsTheLastManifestOfANameAndOfAPattern) {
+  constexpr const char* kPattern = "app_${[0-9]+}";
+  StartupCfg cfg;
+  cfg.StoreManifests({Manifest("app", false, 1), Manifest(kPattern, true, 2)});
+  cfg.StoreManifests({Manifest("app", false, 3), Manifest(kPattern, true, 4)});
+  const auto uidOf = [](const std::optional<ApplicationManifest>& manifest) {
+    return manifest ? std::optional(manifest->GetUid()) : std::nullopt;
+  };
+  EXPECT_EQ(uidOf(cfg.Find("app")), 3U);
+  EXPECT_EQ(uidOf(cfg.Match("app_17")), 4U);
+  EXPECT_EQ(uidOf(cfg.Match("app")), std::nullopt);
+  EXPECT_EQ(uidOf(cfg.Find(kPattern)), std::nullopt) << "a pattern is nobody's name";
+  EXPECT_EQ(cfg.Fixed().size(), 1U) << "a reload reaches applications with a fixed name only";
+}
+
+// Nobody has a channel, so that each attempt of a send leaves its line.
+TEST(Reporter, TellsTheAccessServiceFirstAndThenTheOwnersInManifestOrder) {
+  ProcMgrMaster master([](int, const NexioRequest*) {});
+  Reporter reporter(master);
+  reporter.PublishBaseAppNames({"zeta", "iammgr", "idle", "alpha"});
+  PmTest::LogCapture log;
+  reporter.ReportGeneralApps({});
+  EXPECT_EQ(log.Take(), Lines{});
+  reporter.ReportGeneralApps({{"alpha", {"one", 1, 1, 0, 0}},
+                              {"stranger", {"two", 2, 2, 0, 0}},
+                              {"iammgr", {"three", 3, 3, 0, 0}},
+                              {"zeta", {"four", 4, 4, 0, 0}},
+                              {"alpha", {"five", 5, 5, 0, 0}}});
+  const auto refused = [](const std::string& name) {
+    return "E PROCMGR : Master ReportAppState failed: invalid fd, owner=" + name;
+  };
+  const std::string failed = "E PROCMGR : CheckThread : report general apps' changes to ";
+  EXPECT_EQ(log.Take(),
+            (Lines{refused("iammgr"), failed + "IAM failed", refused("zeta"),
+                   failed + "owner zeta failed", refused("alpha"), failed + "owner alpha failed"}));
+}
+
+}  // namespace
+}  // namespace ProcMgr
