@@ -147,7 +147,7 @@ TEST_F(SlowAgent, ReaderThatStandsStillDelaysNobodyForGood) {
       before));
   EXPECT_TRUE(Eventually([&] { return daemon_->Descriptors().size() == descriptors; }))
       << ::testing::PrintToString(daemon_->Descriptors());
-  EXPECT_EQ(daemon_->ThreadCount(), threads);
+  EXPECT_TRUE(Eventually([&] { return daemon_->ThreadCount() == threads; }));
 }
 
 TEST_F(SlowAgent, LostAndRecoveredHeartbeatsReachTheSensor) {

@@ -1,0 +1,191 @@
+// Whatever a peer does or leaves undone, the others are supervised, answered and booted as ever.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sandbox/agent_peer.h"
+#include "tests/support/scenario_test.h"
+
+namespace PmTest {
+namespace {
+
+// Far above what a pass, a start or an answer takes on a busy machine, and far below what waiting
+// for a peer would cost: two seconds for a frame, minutes for an opening.
+const std::chrono::milliseconds kSoon = PatienceFactor() * std::chrono::milliseconds(1000);
+
+class NobodyWaits : public ScenarioTest {
+ protected:
+  static App Victim(const std::string& name = "victim") {
+    return Service(name, {}, {{"restart", "on-forever"}});
+  }
+
+  // Ends the process of `name` and sees its successor started soon.
+  void ExpectBackSoon(const std::string& name) {
+    const std::size_t before = log_.Lines().size();
+    const pid_t pid = LastStarted(name);
+    const ProcMgr::SteadyTime killed = ProcMgr::SteadyNow();
+    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    const auto back = log_.WaitFor("Start baseApp success appName=" + name + ",", before);
+    ASSERT_TRUE(back.has_value()) << name;
+    EXPECT_LT(log_.At(*back).at - killed, kSoon) << name;
+  }
+
+  // Has the answer to a query soon.
+  static void ExpectAnswerSoon(AgentPeer& agent) {
+    const ProcMgr::SteadyTime asked = ProcMgr::SteadyNow();
+    EXPECT_EQ(agent.Query({"nobody"}), (std::map<std::string, int>{{"nobody", 1}}));
+    EXPECT_LT(ProcMgr::SteadyNow() - asked, kSoon);
+  }
+
+  pid_t LastStarted(const std::string& name) {
+    const std::vector<LogLine> lines = log_.Lines();
+    for (auto line = lines.rbegin(); line != lines.rend(); ++line) {
+      if (line->text.find("Start baseApp success appName=" + name + ",") != std::string::npos) {
+        return std::stoi(line->text.substr(line->text.find("pid=") + 4));
+      }
+    }
+    ADD_FAILURE() << name << " was never started";
+    return -1;
+  }
+};
+
+// The bring-up and every restart of the service wait for it to serve, one opening for each life.
+TEST_F(NobodyWaits, WhileAnOpeningNeverEnds) {
+  AgentPeer agent(sandbox_, "agent");
+  auto mute = std::make_unique<AgentPeer>(sandbox_, "proc_launcher");
+  Boot({Victim(), Reporting("agent"), Reporting("proc_launcher", {{"restart", "on-forever"}}),
+        Service("zealot", {}, {{"restart", "on-forever"}}), Reporting("zz-late")});
+  ASSERT_TRUE(agent.BecomeReady());
+  ASSERT_TRUE(mute->BecomeReady());
+  ASSERT_TRUE(Await("Start baseApp success appName=zz-late,"));
+  mute.reset();
+  for (int life = 0; life < 3; ++life) {
+    ExpectBackSoon("proc_launcher");
+    ExpectBackSoon("victim");
+    ExpectBackSoon("zealot");
+    ExpectAnswerSoon(agent);
+  }
+  // The channel belongs to the life that serves at last, and so does its report.
+  AgentPeer late(sandbox_, "zz-late");
+  ASSERT_TRUE(late.BecomeReady());
+  AgentPeer again(sandbox_, "proc_launcher");
+  ASSERT_TRUE(again.BecomeReady());
+  AwaitBooted();
+  EXPECT_TRUE(AwaitSensor("proc_launcher", "2"));
+}
+
+TEST_F(NobodyWaits, HundredsThatDontReportComeBackTogether) {
+  constexpr int kServices = 150;
+  std::vector<App> apps;
+  for (int i = 0; i < kServices; ++i) {
+    apps.push_back(Victim("s" + std::to_string(i)));
+  }
+  Boot(apps);
+  AwaitBooted();
+  const std::vector<pid_t> pids = daemon_->Services();
+  ASSERT_EQ(pids.size(), std::size_t{kServices});
+  const std::size_t before = log_.Lines().size();
+  const ProcMgr::SteadyTime killed = ProcMgr::SteadyNow();
+  for (const pid_t pid : pids) {
+    ASSERT_EQ(kill(pid, SIGKILL), 0);
+  }
+  std::size_t index = before;
+  for (int i = 0; i < kServices; ++i) {
+    const auto back = log_.WaitFor("Start baseApp success appName=s", index);
+    ASSERT_TRUE(back.has_value()) << i;
+    index = *back + 1;
+  }
+  EXPECT_LT(log_.At(index - 1).at - killed, 3 * kSoon);
+}
+
+// Reports to an access manager that stands still wait in its outbox, not in their senders.
+TEST_F(NobodyWaits, WhileReadersStandStill) {
+  const RawServer deafServer(sandbox_, "iammgr", 0);
+  AgentPeer agent(sandbox_, "owner");
+  const RawServer silentServer(sandbox_, "silent", 0);
+  Boot({Reporting("iammgr"), Reporting("owner"), Reporting("silent"), Victim()});
+  const auto iammgr = deafServer.AcceptGreeted();
+  ASSERT_TRUE(iammgr.has_value() && iammgr->Send(FramePacket(StateFrame(kStateReady))));
+  ASSERT_TRUE(agent.BecomeReady());
+  const auto silent = silentServer.AcceptGreeted();
+  ASSERT_TRUE(silent.has_value() && silent->Send(FramePacket(StateFrame(kStateReady))));
+  AwaitBooted();
+  // Queries whose answers nobody reads, until one of them has used up its tries.
+  const RawPacket query =
+      FramePacket(TextFrame(ProcMgr::Message::RequestType::TERM_APP, "1#nobody#"));
+  const std::string full = "PROCMGR : Master SendRequestMsg failed, err code=-11,";
+  for (int sent = 0; sent < 3000; ++sent) {
+    ASSERT_TRUE(silent->Send(query));
+  }
+  for (int round = 0; round < 5; ++round) {
+    ExpectBackSoon("victim");
+    ExpectAnswerSoon(agent);
+  }
+  EXPECT_TRUE(Await(full));
+}
+
+// A process that a dead service left behind still holds the other end of its channel. What it says
+// isn't the word of the service that has taken the dead one's place.
+TEST_F(NobodyWaits, WordsOfTheDeadCountForNothing) {
+  AgentPeer dead(sandbox_, "proc_launcher");
+  Boot({Reporting("proc_launcher", {{"restart", "on-forever"}}), Victim()});
+  ASSERT_TRUE(dead.BecomeReady());
+  AwaitBooted();
+  for (int life = 0; life < 5; ++life) {
+    const std::size_t before = log_.Lines().size();
+    std::atomic<bool> isOver = false;
+    std::thread speaker([&] {
+      while (!isOver && dead.ReportState(kStateReady)) {
+      }
+    });
+    ExpectBackSoon("proc_launcher");
+    // It comes up, is connected to, and says nothing.
+    ASSERT_TRUE(Await("owner=proc_launcher, pid=" + std::to_string(LastStarted("proc_launcher")) +
+                          ", state=STARTING restart success",
+                      before));
+    isOver = true;
+    speaker.join();
+    ASSERT_TRUE(dead.AwaitChannel());
+    ExpectBackSoon("victim");
+    EXPECT_EQ(Sensor("proc_launcher"), "0") << life;
+    ASSERT_TRUE(dead.ReportState(kStateReady));
+    EXPECT_TRUE(AwaitSensor("proc_launcher", "2"));
+  }
+}
+
+// Two lives end before they serve; the third serves, and says once that it is ready.
+TEST_F(NobodyWaits, TheOnlyReportOfAServiceThatDiedBeforeItServedIsNeverLost) {
+  constexpr int kServices = 40;
+  std::vector<App> apps;
+  for (int i = 0; i < kServices; ++i) {
+    apps.push_back(Reporting("service" + std::to_string(1000 + i), {{"restart", "on-forever"}}));
+  }
+  Boot(apps);
+  const RawPacket ready = FramePacket(StateFrame(kStateReady));
+  std::vector<RawPeer> peers;
+  for (const App& app : apps) {
+    std::size_t from = 0;
+    for (int life = 0; life < 2; ++life) {
+      const pid_t pid = AwaitStarted(app.name, from);
+      from = log_.Lines().size();
+      ASSERT_EQ(kill(pid, SIGKILL), 0);
+    }
+    (void)AwaitStarted(app.name, from);
+    const RawServer server(sandbox_, app.name, 0);
+    auto peer = server.AcceptGreeted();
+    ASSERT_TRUE(peer.has_value() && peer->Send(ready)) << app.name;
+    ASSERT_TRUE(Await("InitBaseApp:" + app.name + " success, report RUNNING!"));
+    peers.push_back(std::move(*peer));
+  }
+  AwaitBooted();
+}
+
+}  // namespace
+}  // namespace PmTest
