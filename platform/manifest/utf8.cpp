@@ -39,8 +39,10 @@ std::size_t CharacterLength(std::string_view text) {
   return length;
 }
 
+// As a byte, since a plain char has a sign on one machine and none on the next.
 bool IsControl(char c) {
-  return (c >= '\0' && c < ' ' && c != '\t' && c != '\n' && c != '\r') || c == '\x7F';
+  const auto byte = static_cast<unsigned char>(c);
+  return (byte < ' ' && c != '\t' && c != '\n' && c != '\r') || byte == 0x7F;
 }
 
 }  // namespace
