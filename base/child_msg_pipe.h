@@ -17,8 +17,8 @@ void CreateChildMsgPipe();
 void CloseChildMsgPipe();
 
 // Sends "app=NAME,pid=PID,TEXT" with one write. For a forked child: takes no lock and never waits,
-// so a text that a full pipe has no room for is lost. Ignores failures, for there is nobody left to
-// tell.
+// so a text that a full pipe has no room for is lost, whatever other children do to the ends that
+// they inherited. ReadChildMsg tells how many were.
 void WriteChildMsg(std::string_view appName, pid_t pid, std::string_view text);
 
 // Waits for the children's next texts, at most 899 bytes, and logs them. Blocks until a child

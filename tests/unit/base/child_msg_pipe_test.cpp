@@ -78,16 +78,25 @@ TEST_F(ChildMsgPipe, OneReadTakesAtMost899Bytes) {
                                    std::string(1000 + head.size() - 899, 'x'));
 }
 
-TEST_F(ChildMsgPipe, AFullPipeHoldsNoChildUp) {
+// Not even if a child has cleared what keeps writers from waiting.
+TEST_F(ChildMsgPipe, AFullPipeHoldsNoChildUpAndTellsItsLosses) {
   ProcMgr::CreateChildMsgPipe();
+  ASSERT_EQ(fcntl(WriteEnd(), F_SETFL, O_WRONLY), 0);
   const int room = fcntl(WriteEnd(), F_GETPIPE_SZ);
   ASSERT_GT(room, 0);
   const std::string text(1000, 'x');
-  for (int written = 0; written <= room; written += static_cast<int>(text.size())) {
+  int writes = 0;
+  for (; writes * static_cast<int>(text.size()) <= room; ++writes) {
     ProcMgr::WriteChildMsg("camera", 17, text);  // Would block for ever: nobody reads.
   }
   ProcMgr::ReadChildMsg();
   EXPECT_TRUE(log_.WaitFor("app=camera,pid=17,xxx")) << log_.Text();
+  const std::string told = "PROCMGR: anonymous pipe was full, lost child messages=";
+  const auto index = log_.WaitFor(told);
+  ASSERT_TRUE(index.has_value()) << log_.Text();
+  const int lost = std::stoi(log_.At(*index).text.substr(told.size()));
+  EXPECT_GT(lost, 0);
+  EXPECT_LT(lost, writes / 2);
 }
 
 TEST_F(ChildMsgPipe, WithoutAPipeEverybodySkipsTheirWork) {
