@@ -49,6 +49,7 @@ void BindToCores(const AppInfo& app, std::string& err) {
 
 // Yields errno if the exec failed for a reason that there is a text for.
 [[nodiscard]] int Exec(const AppInfo& app, const std::vector<char*>& argv) {
+  RestoreDescriptorLimit();
   execv(app.execPath_.c_str(), argv.data());
   const int error = errno;
   if (error == EIO) {

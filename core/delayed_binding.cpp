@@ -30,14 +30,6 @@ DelayCoreSettings CurrentSettings() {
   return delayCoreCfg_;
 }
 
-sigset_t PlatformSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, BindingSignal());
-  sigaddset(&signals, WakeUpSignal());
-  return signals;
-}
-
 bool IsLeftAlone(const App::AppInfo& app, bool isWakeUpEnable) {
   return app.isExited_ || (app.isDelayCoreAffinity_ && isWakeUpEnable);
 }
@@ -172,6 +164,14 @@ bool WakeUpRecover() {
 }
 
 }  // namespace
+
+sigset_t PlatformSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, BindingSignal());
+  sigaddset(&signals, WakeUpSignal());
+  return signals;
+}
 
 void BlockPlatformSignals() {
   const sigset_t signals = PlatformSignals();

@@ -20,9 +20,8 @@ inline int WakeUpSignal() {
   return SIGRTMIN + 2;
 }
 
-// Blocks both for the calling thread and the threads that it starts. Called before the first
-// thread.
-void BlockPlatformSignals();
+// Both. main blocks them before it starts the first thread (core/starter.h).
+[[nodiscard]] sigset_t PlatformSignals();
 
 }  // namespace ProcMgr
 

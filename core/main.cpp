@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -12,6 +11,7 @@
 #include "core/host_context.h"
 #include "core/log.h"
 #include "core/process_manager.h"
+#include "core/starter.h"
 #include "platform/iam/iam.h"
 #include "platform/timer/generic_timer.h"
 
@@ -19,20 +19,6 @@ namespace ProcMgr {
 namespace {
 
 constexpr int kExitUsage = -1;  // 255 at the parent.
-
-// Whoever started the manager may have left descriptors open. A child of ours is to have 0, 1, 2
-// and the message pipe: what was inherited beyond them ends at an exec, and a hole among the first
-// three is filled, or the next open would be taken for somebody's standard output.
-void TidyDescriptors() {
-  (void)close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
-  int fd = open("/dev/null", O_RDWR);
-  while (fd >= 0 && fd <= 2) {
-    fd = open("/dev/null", O_RDWR);
-  }
-  if (fd > 2) {
-    (void)close(fd);
-  }
-}
 
 int Usage(const char* program) {
   LogErrorRouted("ProcMgr: intput argc num is < 2, please input baseService yaml config path");
@@ -79,6 +65,7 @@ int Main(int argc, char** argv) {
   if (!SetProcMgrProcName() || !ResolvePath(argv[1], path)) {
     return kExitUsage;
   }
+  LeaveWorkingDirectory();
   LogInfoRouted("ProcMgr: main begin: baseServiceCfgPath: %s", path.c_str());
   LogInfoRouted("%s, PM main begin", BootStrace(kBootTraceTag).c_str());
   const int result = ProcMgrRun(path);
@@ -95,7 +82,7 @@ int Main(int argc, char** argv) {
 }  // namespace ProcMgr
 
 int main(int argc, char** argv) {
-  ProcMgr::TidyDescriptors();
+  ProcMgr::PutStartRight();
   const int result = ProcMgr::Main(argc, argv);
   ProcMgr::CloseLog();
   return result;

@@ -4,7 +4,6 @@
 #include "app/user_groups.h"
 #include "base/boot_trace.h"
 #include "base/child_msg_pipe.h"
-#include "core/delayed_binding.h"
 #include "core/faults.h"
 #include "core/host_context.h"
 #include "core/log.h"
@@ -46,7 +45,6 @@ ProcessManager::~ProcessManager() {
 
 bool ProcessManager::Init() {
   InstallContinueHandler();
-  BlockPlatformSignals();
   LoadProcMgrCfg(kProcMgrCfgFile, procMgrCfg_);
   InitHostContext();
   SharepoolCfg::Instance().InitSharepool();

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <optional>
 
 #include "base/small_file.h"
 #include "base/text.h"
@@ -36,7 +37,28 @@ std::uint64_t ToBytes(const std::string& value) {
   return std::strtoull(value.c_str(), nullptr, 10);
 }
 
+// As the starter left it; nothing is given back if it wasn't raised.
+std::optional<rlimit> foundDescriptorLimit;
+
 }  // namespace
+
+void RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return;
+  }
+  const rlimit found = limit;
+  limit.rlim_cur = limit.rlim_max;
+  if (setrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    foundDescriptorLimit = found;
+  }
+}
+
+void RestoreDescriptorLimit() {
+  if (foundDescriptorLimit.has_value()) {
+    (void)setrlimit(RLIMIT_NOFILE, &*foundDescriptorLimit);
+  }
+}
 
 void SetLockedMemoryLimit(const std::string& path) {
   const std::uint64_t value = GetLockedMemoryLimitFromCfg(path);

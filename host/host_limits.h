@@ -1,5 +1,5 @@
-// Facts of the host that children get: the limit on locked memory, the home directory, and the
-// scheduling policy.
+// Facts of the host that children get: the limits on locked memory and open files, the home
+// directory, and the scheduling policy.
 #ifndef HOST_HOST_LIMITS_H
 #define HOST_HOST_LIMITS_H
 
@@ -28,6 +28,14 @@ extern std::string homeEnvValue;
 // Sets the soft and hard limit on locked memory of the manager, which every child inherits, to what
 // the file at `path` says. Boot thread.
 void SetLockedMemoryLimit(const std::string& path = kCommonEnvFile);
+
+// Raises the manager's soft limit of open files to the hard one: its channels, not its starter,
+// decide how many it needs. First act of main.
+void RaiseDescriptorLimit();
+// Gives a forked child the limit that RaiseDescriptorLimit found, since a program that uses select
+// relies on a low one. Its last step before the exec, for it may hold more than that until then.
+// One system call, no lock.
+void RestoreDescriptorLimit();
 
 // The limit of the file at `path` in bytes; all ones (RLIM_INFINITY) means unlimited and is the
 // default for a missing file or key. Text that is no number gives 0, one that doesn't fit

@@ -14,7 +14,7 @@ class Daemon : public Process {
  public:
   // Starts the build's process-manager with the given arguments, the path of a service file first.
   Daemon(const Sandbox& sandbox, const std::vector<std::string>& arguments,
-         const Process::Options& options = {{}, "process-manager"})
+         const Process::Options& options = {{}, "process-manager", nullptr})
       : Process(sandbox, ProgramPath("process-manager"), arguments, options), sandbox_(sandbox) {}
 
   // Ends the manager first, so that it brings nothing back, and then all that it had started.

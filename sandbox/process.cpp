@@ -27,6 +27,7 @@ struct Launch {
   int output;
   std::vector<char*> argv;
   std::vector<char*> envp;
+  void (*before)();
 };
 
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
@@ -53,6 +54,9 @@ void ResetSignals() {
   ResetSignals();
   if (dup2(launch.input, 0) == 0 && dup2(launch.output, 1) == 1 && dup2(launch.output, 2) == 2 &&
       close_range(3, ~0U, CLOSE_RANGE_CLOEXEC) == 0 && launch.sandbox.JoinInChild()) {
+    if (launch.before != nullptr) {
+      launch.before();
+    }
     (void)execve(launch.argv[0], launch.argv.data(), launch.envp.data());
   }
   const char* const reason = strerrordesc_np(errno);
@@ -88,7 +92,8 @@ Process::Process(const Sandbox& sandbox, const std::string& path,
   std::vector<std::string> texts = arguments;
   texts.insert(texts.begin(), path);
   std::vector<std::string> environment = Environment(options.environment);
-  const Launch launch{sandbox, input.Get(), output.Get(), Pointers(texts), Pointers(environment)};
+  const Launch launch{sandbox,         input.Get(),           output.Get(),
+                      Pointers(texts), Pointers(environment), options.before};
   pid_ = fork();
   CheckStep(pid_ >= 0, "fork");
   if (pid_ == 0) {

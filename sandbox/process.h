@@ -26,6 +26,8 @@ class Process {
     std::map<std::string, std::string> environment;
     // A name that tells this program's output file from another's.
     std::string name = "program";
+    // Called in the forked child as its last act before the exec; only async-signal-safe calls.
+    void (*before)() = nullptr;
   };
 
   // `path` is looked up inside. A program that can't be started ends with 127 and a line in its

@@ -63,9 +63,9 @@ FORBIDDEN_IN_DAEMON = [
     (r"\.\s*detach\s*\(\s*\)", "nobody joins a detached thread: own it",
      {"core/workers.cpp", "platform/nexio/reactor.cpp"}),
 ]
-# Calls that make a descriptor, and what their arguments must hold. core/main.cpp makes the standard
+# Calls that make a descriptor, and what their arguments must hold. core/starter.cpp makes the standard
 # descriptors where they are missing, and these are for the children.
-DESCRIPTORS_FOR_CHILDREN = {"core/main.cpp"}
+DESCRIPTORS_FOR_CHILDREN = {"core/starter.cpp"}
 DESCRIPTOR_CALLS = re.compile(
     r"(?<![\w.>])(?:::)?(open|openat|socket|socketpair|accept4|pipe2|epoll_create1|eventfd|signalfd"
     r"|timerfd_create|inotify_init1|memfd_create)\s*\(")

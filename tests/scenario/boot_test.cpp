@@ -1,5 +1,23 @@
 // How a boot begins: arguments, the service file, the order of the starts, what comes up before the
 // base services, and the quick start.
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <iterator>
+
+#include "base/text.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
@@ -8,6 +26,40 @@ namespace {
 std::string Started(const std::string& name) {
   return "6 [TRACE] Start baseApp success appName=" + name +
          ", binPath=/opt/test/test-service, pid=#, isDelayCoreAffinity_=0";
+}
+
+// What a careless starter leaves to the daemon.
+void LeaveEverythingWrong() {
+  for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+    (void)std::signal(signal, SIG_IGN);
+  }
+  sigset_t all;
+  (void)sigfillset(&all);
+  (void)sigprocmask(SIG_SETMASK, &all, nullptr);
+  const itimerval soon{{0, 0}, {0, 200'000}};
+  (void)setitimer(ITIMER_REAL, &soon, nullptr);
+  (void)umask(077);
+  (void)!chdir("/run");
+  (void)dup2(1, 60);  // Goes through every exec.
+  (void)close(0);
+  const rlimit few{64, 512};
+  (void)setrlimit(RLIMIT_NOFILE, &few);
+}
+
+// The same on a kernel that has no close_range.
+void LeaveEverythingWrongOnAnOldKernel() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_close_range, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog program{std::size(filter), filter};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+    _exit(126);
+  }
+  LeaveEverythingWrong();
 }
 
 const std::string kHashFile = "/etc/zur/base-plat/process-manager/bin_hash.cfg";
@@ -285,6 +337,42 @@ TEST_F(Priority, OtherWordsAreNoQuickStart) {
   EXPECT_EQ(log_.Count("is not quickstart"), 1U);
   EXPECT_EQ(sandbox_.ReadFile("/dev/kmsg"), "");
 }
+
+using Starter = void (*)();
+
+class Started : public ScenarioTest, public ::testing::WithParamInterface<Starter> {};
+
+TEST_P(Started, PutsRightWhatItsStarterLeftBehind) {
+  const std::string file = "/run/sandbox/report";
+  beforeDaemon_ = GetParam();
+  Boot({Service("worker", {"--report", file}, {{"restart", "on-failure"}})});
+  const ServiceReport worker = AwaitReport(sandbox_, file);
+  EXPECT_EQ(worker.Get("status.SigBlk"), "0000000000000000");
+  const auto ignored = ProcMgr::ParseNumber<std::uint64_t>(worker.Get("status.SigIgn"), 16);
+  constexpr std::uint64_t kOwn = std::uint64_t{1} << (SIGPIPE - 1);  // The daemon's.
+  EXPECT_EQ(ignored.value_or(kOwn + 1) & ~kOwn, 0U) << worker.Get("status.SigIgn");
+  EXPECT_EQ(worker.Get("status.Umask"), "0022");
+  EXPECT_EQ(worker.Get("limit.nofile"), "64,512");
+  EXPECT_EQ(worker.Below("fd.").size(), 5U) << worker.Get("fds");
+  EXPECT_EQ(worker.Get("fd.0"), "/dev/null");
+
+  const std::string process = "/proc/" + std::to_string(daemon_->Pid());
+  EXPECT_EQ(std::filesystem::read_symlink(process + "/cwd"), "/");
+  rlimit limit{};
+  ASSERT_EQ(prlimit(daemon_->Pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
+  EXPECT_EQ(limit.rlim_cur, 512U);
+  // Its end is seen, and the manager's own can be asked for.
+  ASSERT_EQ(kill(worker.Pid(), SIGKILL), 0);
+  EXPECT_NE(AwaitReport(sandbox_, file, worker.Pid()).Pid(), worker.Pid());
+  daemon_->Signal(SIGTERM);
+  const auto status = daemon_->WaitExit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGTERM) << *status;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, Started, ::testing::Values(&LeaveEverythingWrong, &LeaveEverythingWrongOnAnOldKernel),
+    [](const auto& info) { return info.index == 0 ? "ThisKernel" : "AKernelWithoutCloseRange"; });
 
 }  // namespace
 }  // namespace PmTest

@@ -58,7 +58,9 @@ class ScenarioTest : public ::testing::Test {
   }
 
   // Starts the daemon with the given arguments.
-  void Start(const std::vector<std::string>& arguments) { daemon_.emplace(sandbox_, arguments); }
+  void Start(const std::vector<std::string>& arguments) {
+    daemon_.emplace(sandbox_, arguments, Process::Options{{}, "process-manager", beforeDaemon_});
+  }
 
   // Boots the given applications, the base file followed by `arguments`, without waiting.
   void Boot(const std::vector<App>& apps, std::vector<std::string> arguments = {}) {
@@ -118,6 +120,8 @@ class ScenarioTest : public ::testing::Test {
   Sandbox sandbox_;
   LogReader log_{sandbox_};
   std::optional<Daemon> daemon_;
+  // What the daemon's starter does to it (Process::Options::before).
+  void (*beforeDaemon_)() = nullptr;
 };
 
 }  // namespace PmTest

@@ -158,6 +158,7 @@ void WriteReport(const char* path, int argc, char** argv) {
   AddIdentity(report);
   AddLimit(report, "limit.memlock", RLIMIT_MEMLOCK);
   AddLimit(report, "limit.rtprio", RLIMIT_RTPRIO);
+  AddLimit(report, "limit.nofile", RLIMIT_NOFILE);
   AddScheduling(report);
   AddStatus(report);
   AddLine(report, "argc", Joined(argc));
