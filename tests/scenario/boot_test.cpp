@@ -340,9 +340,9 @@ TEST_F(Priority, OtherWordsAreNoQuickStart) {
 
 using Starter = void (*)();
 
-class Started : public ScenarioTest, public ::testing::WithParamInterface<Starter> {};
+class OddStarter : public ScenarioTest, public ::testing::WithParamInterface<Starter> {};
 
-TEST_P(Started, PutsRightWhatItsStarterLeftBehind) {
+TEST_P(OddStarter, PutsRightWhatItsStarterLeftBehind) {
   const std::string file = "/run/sandbox/report";
   beforeDaemon_ = GetParam();
   Boot({Service("worker", {"--report", file}, {{"restart", "on-failure"}})});
@@ -370,9 +370,12 @@ TEST_P(Started, PutsRightWhatItsStarterLeftBehind) {
   EXPECT_TRUE(WIFSIGNALED(*status) && WTERMSIG(*status) == SIGTERM) << *status;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Of, Started, ::testing::Values(&LeaveEverythingWrong, &LeaveEverythingWrongOnAnOldKernel),
-    [](const auto& info) { return info.index == 0 ? "ThisKernel" : "AKernelWithoutCloseRange"; });
+INSTANTIATE_TEST_SUITE_P(Of, OddStarter,
+                         ::testing::Values(&LeaveEverythingWrong,
+                                           &LeaveEverythingWrongOnAnOldKernel),
+                         [](const auto& kernel) {
+                           return kernel.index == 0 ? "ThisKernel" : "AKernelWithoutCloseRange";
+                         });
 
 }  // namespace
 }  // namespace PmTest
