@@ -170,7 +170,8 @@ TEST_F(Handshake, DeathAtAnyMomentHoldsNobodyUpAndLeavesNothing) {
   // The channel of "g-forever" has come to stay.
   EXPECT_TRUE(Eventually([&] { return count() == descriptors + 1; }))
       << descriptors << ::testing::PrintToString(daemon_->Descriptors());
-  EXPECT_EQ(daemon_->ThreadCount(), threads);
+  // The thread of an opening may have been on its way out when they were counted.
+  EXPECT_TRUE(Eventually([&] { return daemon_->ThreadCount() <= threads; }));
   EXPECT_EQ(daemon_->Services().size(), 2U);
   EXPECT_TRUE(daemon_->Zombies().empty());
 }
