@@ -243,7 +243,7 @@ bool ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid,
 }
 
 void ProcMgrMaster::OpenAside(const std::string& procName, gid_t gid, const OpenTerms& terms,
-                              const Outcome& outcome) {
+                              Outcome outcome) {
   auto opening = std::make_shared<BegunOpening>(BeginOpening(procName, gid, terms));
   // Whoever ends the opening tells it: its thread, the end of the process, or the want of a thread.
   const auto told = std::make_shared<const Outcome>(std::move(outcome));

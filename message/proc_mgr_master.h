@@ -76,8 +76,7 @@ class ProcMgrMaster {
 
   // The same aside: the opening is under way when the call returns, and `outcome` tells how it
   // ended. The caller sees to it that no other process takes the peer's place meanwhile.
-  void OpenAside(const std::string& procName, gid_t gid, const OpenTerms& terms,
-                 const Outcome& outcome);
+  void OpenAside(const std::string& procName, gid_t gid, const OpenTerms& terms, Outcome outcome);
 
   // The process that an opening of `procName` waits for has ended: ends it, if there is one.
   static void EndOpening(const std::string& procName);
