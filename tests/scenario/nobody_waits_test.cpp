@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <map>
@@ -46,10 +47,11 @@ class NobodyWaits : public ScenarioTest {
 
   pid_t LastStarted(const std::string& name) {
     const std::vector<LogLine> lines = log_.Lines();
-    for (auto line = lines.rbegin(); line != lines.rend(); ++line) {
-      if (line->text.find("Start baseApp success appName=" + name + ",") != std::string::npos) {
-        return std::stoi(line->text.substr(line->text.find("pid=") + 4));
-      }
+    const auto last = std::find_if(lines.rbegin(), lines.rend(), [&](const LogLine& line) {
+      return line.text.find("Start baseApp success appName=" + name + ",") != std::string::npos;
+    });
+    if (last != lines.rend()) {
+      return std::stoi(last->text.substr(last->text.find("pid=") + 4));
     }
     ADD_FAILURE() << name << " was never started";
     return -1;
