@@ -12,6 +12,7 @@
 
 #include "base/app_state.h"
 #include "base/boot_trace.h"
+#include "base/immortal.h"
 #include "base/may_wait.h"
 #include "base/mutex.h"
 #include "core/log.h"
@@ -70,9 +71,10 @@ class Attachment {
   int inside_ GUARDED_BY(mutex_) = 0;
 };
 
-NameTable nameTable;
-Openings openings;
-Attachment attachment;
+// Callbacks of the library, and closings that the keeper still tries, outlive the exit handlers.
+NameTable& nameTable = Immortal<NameTable>();
+Openings& openings = Immortal<Openings>();
+Attachment& attachment = Immortal<Attachment>();
 
 std::uint32_t OpenTimeoutMs() {
   const char* const mode = secure_getenv("VENTRIX_RUN_MODE");

@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "base/immortal.h"
 #include "base/sleep.h"
 
 namespace ProcMgr {
@@ -20,8 +21,7 @@ std::optional<int> Next(std::deque<int>& results) {
 }  // namespace
 
 FakeNexio& FakeNexio::Instance() {
-  static FakeNexio fake;
-  return fake;
+  return Immortal<FakeNexio>();  // The keeper may still close when the test program ends.
 }
 
 void FakeNexio::Reset() {
