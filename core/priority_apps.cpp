@@ -129,11 +129,18 @@ void ProcessManager::InitPriorityApps(const std::string& path) {
 }
 
 void ProcessManager::StartPriorityApps(std::vector<PriorityAppEntry>& entries) {
-  // Stable: of two entries of one application the one that was read first decides who owns it.
-  std::stable_sort(entries.begin(), entries.end(), &StartsEarlier);
+  std::vector<const PriorityAppEntry*> order;
+  order.reserve(entries.size());
   for (const PriorityAppEntry& entry : entries) {
+    order.push_back(&entry);
+  }
+  // Of two entries of one application the one that was read first decides who owns it.
+  std::sort(order.begin(), order.end(), [](const auto* left, const auto* right) {
+    return StartsEarlier(*left, *right) || (!StartsEarlier(*right, *left) && left < right);
+  });
+  for (const PriorityAppEntry* const entry : order) {
     const MutexLock lock(generalAppMutex_);
-    StartPriorityApp(entry);
+    StartPriorityApp(*entry);
   }
 }
 
