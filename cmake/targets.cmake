@@ -19,6 +19,8 @@ endif()
 
 if(PM_SANITIZE)
   target_compile_options(pm_flags INTERFACE -fsanitize=${PM_SANITIZE} -fno-omit-frame-pointer -O1)
+  # The compilers don't agree on how they say so themselves.
+  target_compile_definitions(pm_flags INTERFACE PM_SANITIZED)
   target_link_options(pm_flags INTERFACE -fsanitize=${PM_SANITIZE})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # A sanitizer's own code confuses this warning, for example within std::regex.

@@ -15,7 +15,7 @@ namespace PmSandbox {
 // How many times the patience of an idle machine this one needs: a sanitizer slows everything down,
 // and whoever knows that the machine is slow or busy says so with PM_TEST_PATIENCE=NUMBER.
 inline int PatienceFactor() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef PM_SANITIZED
   constexpr int kBuild = 3;
 #else
   constexpr int kBuild = 1;
