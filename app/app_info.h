@@ -35,7 +35,7 @@
 //
 // Locks: base records are guarded by baseAppMutex_, general records by generalAppMutex_ (core).
 // Every operation below is called with the record's lock held, or on a record that no list holds
-// yet. A forked child works on its own copy and takes none of them.
+// yet.
 #ifndef APP_APP_INFO_H
 #define APP_APP_INFO_H
 

@@ -1,29 +1,40 @@
-// The parent's side of a launch. The child's side is app/child_main.h.
-#include <unistd.h>
-
-#include <cerrno>
+// The parent's side of a launch. The child's side is app/child_steps.h.
+#include <utility>
+#include <vector>
 
 #include "app/app_info.h"
-#include "app/child_main.h"
+#include "app/launch_plan.h"
 #include "app/share_groups.h"
+#include "app/spawn.h"
 #include "base/boot_trace.h"
 #include "core/log.h"
 
 namespace ProcMgr::App {
+namespace {
+
+// Yields the pid, or the negative errno of a failed start.
+template <typename Record>
+[[nodiscard]] pid_t Launch(const Record& app, std::vector<char*> argv) {
+  LaunchPlan plan;
+  PlanLaunch(app, plan);
+  plan.argv = std::move(argv);
+  const pid_t child = Spawn(plan);
+  if (child > 0 && plan.isBound) {
+    CoreAffinityMgr::Instance().LogMissingAiTasks(child, plan.binding);
+  }
+  return child;
+}
+
+}  // namespace
 
 bool BaseAppInfo::StartProcess() {
   if (!PrepareStart()) {
     return false;
   }
   ClearForStart();
-  const std::vector<char*> argv = BuildArgv();
-  const pid_t child = fork();
-  if (child == 0) {
-    RunBaseChild(*this, argv);
-  }
+  const pid_t child = Launch(*this, BuildArgv());
   if (child < 0) {
-    const int error = errno;
-    LogError("PROCMGR : Start baseApp %s failed errno=%d", appName_.c_str(), error);
+    LogError("PROCMGR : Start baseApp %s failed errno=%d", appName_.c_str(), -child);
     return false;
   }
   pid_ = child;
@@ -41,14 +52,9 @@ bool GeneralAppInfo::StartProcess() {
     return false;
   }
   ClearForStart();
-  const std::vector<char*> argv = BuildArgv();
-  const pid_t child = fork();
-  if (child == 0) {
-    RunGeneralChild(*this, argv);
-  }
+  const pid_t child = Launch(*this, BuildArgv());
   if (child < 0) {
-    const int error = errno;
-    LogError("PROCMGR: Start generalApp failed. fork failed: errno=%d", error);
+    LogError("PROCMGR: Start generalApp failed. fork failed: errno=%d", -child);
     return false;
   }
   pid_ = child;

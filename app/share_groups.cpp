@@ -21,9 +21,10 @@ void AddShareGroups(const std::string& name, const std::string& owner, pid_t pid
 }
 
 void SetShareGroupEnv(const std::string& name, const std::string& owner,
-                      const std::vector<SharepoolGroupsInfo>& groups, std::string& err) {
+                      const std::vector<SharepoolGroupsInfo>& groups, Environment& env,
+                      std::string& err) {
   if (HasShareGroups(name, owner)) {
-    SharepoolCfg::Instance().SetSharepoolGroupEnv(name, groups, err);
+    SharepoolCfg::Instance().SetSharepoolGroupEnv(name, groups, env, err);
   }
 }
 

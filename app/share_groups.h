@@ -8,17 +8,19 @@
 #include <vector>
 
 #include "app/manifest.h"
+#include "base/environment.h"
 
 namespace ProcMgr::App {
 
 // Admits a new process to its groups, if the application is one of those that have any. Parent,
-// right after the fork.
+// right after its start.
 void AddShareGroups(const std::string& name, const std::string& owner, pid_t pid,
                     const std::vector<SharepoolGroupsInfo>& groups);
 
-// Tells a child its groups through its environment, under the same condition. Forked child.
+// Tells a process its groups through its environment, under the same condition.
 void SetShareGroupEnv(const std::string& name, const std::string& owner,
-                      const std::vector<SharepoolGroupsInfo>& groups, std::string& err);
+                      const std::vector<SharepoolGroupsInfo>& groups, Environment& env,
+                      std::string& err);
 
 }  // namespace ProcMgr::App
 

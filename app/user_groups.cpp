@@ -1,15 +1,56 @@
 #include "app/user_groups.h"
 
 #include <pwd.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <map>
+#include <optional>
+#include <utility>
 
-#include "base/fork_locks.h"
+#include "base/immortal.h"
+#include "base/user_lookup.h"
 #include "platform/securec/securec.h"
 
 namespace ProcMgr::App {
+namespace {
 
-UserGroupsResult ReadUserGroups(uid_t uid, UserGroups& groups) {
+// What changes with each change of a file.
+struct FileState {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  timespec changed{};
+
+  [[nodiscard]] bool operator==(const FileState& other) const {
+    return device == other.device && inode == other.inode && size == other.size &&
+           changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
+  }
+};
+
+FileState StateOf(const char* path) {
+  struct stat file {};
+  if (stat(path, &file) != 0) {
+    return {};
+  }
+  return {file.st_dev, file.st_ino, file.st_size, file.st_ctim};
+}
+
+// The user database's files, in which a look-up ends on a board.
+using DatabaseState = std::pair<FileState, FileState>;
+
+DatabaseState StateOfDatabase() {
+  return {StateOf("/etc/passwd"), StateOf("/etc/group")};
+}
+
+struct KnownGroups {
+  Mutex mutex;
+  DatabaseState state GUARDED_BY(mutex);
+  std::map<uid_t, UserGroups> byUser GUARDED_BY(mutex);
+};
+
+[[nodiscard]] UserGroupsResult ReadUserGroups(uid_t uid, UserGroups& groups) {
+  const MutexLock lock(UserLookupLock());
   passwd* const user = getpwuid(uid);
   if (user == nullptr) {
     return UserGroupsResult::kUnknownUser;
@@ -22,19 +63,37 @@ UserGroupsResult ReadUserGroups(uid_t uid, UserGroups& groups) {
   return found == -1 ? UserGroupsResult::kTooManyGroups : UserGroupsResult::kOk;
 }
 
-void LoadUserDatabase() {
-  const MutexLock lock(UserLookupLock());
-  UserGroups groups;
-  (void)ReadUserGroups(0, groups);  // Whoever it finds: the look-up is what counts.
+}  // namespace
+
+UserGroupsResult FindUserGroups(uid_t uid, UserGroups& groups) {
+  auto& known = Immortal<KnownGroups>();
+  // Taken before the files are read: what changes meanwhile is read again next time.
+  const DatabaseState state = StateOfDatabase();
+  {
+    const MutexLock lock(known.mutex);
+    if (known.state != state) {
+      known.state = state;
+      known.byUser.clear();
+    }
+    if (const auto user = known.byUser.find(uid); user != known.byUser.end()) {
+      groups = user->second;
+      return UserGroupsResult::kOk;
+    }
+  }
+  const UserGroupsResult result = ReadUserGroups(uid, groups);
+  if (result == UserGroupsResult::kOk) {
+    const MutexLock lock(known.mutex);
+    if (known.state == state) {
+      known.byUser.insert_or_assign(uid, groups);
+    }
+  }
+  return result;
 }
 
 bool IsUserInGroup(uid_t uid, gid_t gid) {
   UserGroups groups;
-  {
-    const MutexLock lock(UserLookupLock());
-    if (ReadUserGroups(uid, groups) != UserGroupsResult::kOk) {
-      return false;
-    }
+  if (FindUserGroups(uid, groups) != UserGroupsResult::kOk) {
+    return false;
   }
   const auto end = groups.ids.cbegin() + groups.count;
   return std::find(groups.ids.cbegin(), end, gid) != end;

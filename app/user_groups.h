@@ -19,18 +19,13 @@ struct UserGroups {
 
 enum class UserGroupsResult { kOk, kUnknownUser, kTooManyGroups, kWipeFailed };
 
-// Reads the primary and the supplementary groups of the user with `uid`, and wipes what libc keeps
-// of the password record. The caller holds UserLookupLock(), or is a forked child, in which that
-// lock's libc locks are free (base/fork_locks.h).
-[[nodiscard]] UserGroupsResult ReadUserGroups(uid_t uid, UserGroups& groups);
+// Finds the primary and the supplementary groups of the user with `uid`, and wipes what libc keeps
+// of the password record; a failed wipe leaves its errno. What was found is kept for as long as the
+// files of the user database stay as they were. May block on the user database. Any thread.
+[[nodiscard]] UserGroupsResult FindUserGroups(uid_t uid, UserGroups& groups);
 
-// Has libc load what a look-up needs: its configuration and the modules that this names. Children
-// inherit it; otherwise each would load it again, with the loader's locks taken after a fork. Boot
-// thread, before any other thread starts.
-void LoadUserDatabase();
-
-// Whether `gid` is among the groups of the user; false for a user that can't be read. Not for a
-// forked child. May block on the user database.
+// Whether `gid` is among the groups of the user; false for a user that can't be read. May block on
+// the user database. Any thread.
 [[nodiscard]] bool IsUserInGroup(uid_t uid, gid_t gid);
 
 }  // namespace ProcMgr::App

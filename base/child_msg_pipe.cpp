@@ -8,11 +8,14 @@
 #include <atomic>
 #include <cerrno>
 #include <cinttypes>
+#include <climits>
 #include <cstdint>
 #include <memory>
 #include <string>
 
 #include "base/boot_trace.h"
+#include "base/fixed_text.h"
+#include "base/raw_calls.h"
 #include "base/unique_fd.h"
 #include "core/host_context.h"
 #include "core/log.h"
@@ -84,11 +87,12 @@ void WriteChildMsg(std::string_view appName, pid_t pid, std::string_view text) {
   if (fd < 0) {
     return;
   }
-  std::string message = "app=";
-  message.append(appName).append(",pid=").append(std::to_string(pid)).append(",").append(text);
+  FixedText<PIPE_BUF> message;
+  message.Add("app=").Add(appName).Add(",pid=").AddNumber(pid).Add(",").Add(text);
   // One write keeps the texts of several children apart.
-  const ssize_t written = write(fd, message.data(), message.size());
-  if (written != static_cast<ssize_t>(message.size()) && ownEnds.lost != nullptr) {
+  const std::string_view bytes = message.View();
+  const long written = RawCall(SYS_write, fd, bytes.data(), bytes.size());
+  if (written != static_cast<long>(bytes.size()) && ownEnds.lost != nullptr) {
     ownEnds.lost->fetch_add(1);
   }
 }

@@ -16,9 +16,9 @@ void CreateChildMsgPipe();
 // Closes what is open. Called when no thread reads or forks any more.
 void CloseChildMsgPipe();
 
-// Sends "app=NAME,pid=PID,TEXT" with one write. For a forked child: takes no lock and never waits,
-// so a text that a full pipe has no room for is lost, whatever other children do to the ends that
-// they inherited. ReadChildMsg tells how many were.
+// Sends "app=NAME,pid=PID,TEXT" with one write, cut off behind 4096 bytes. For a child before its
+// exec: it never waits, so a text that a full pipe has no room for is lost, whatever other children
+// do to the ends that they inherited. ReadChildMsg tells how many were.
 void WriteChildMsg(std::string_view appName, pid_t pid, std::string_view text);
 
 // Waits for the children's next texts, at most 899 bytes, and logs them. Blocks until a child

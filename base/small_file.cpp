@@ -8,6 +8,8 @@
 #include <string>
 #include <utility>
 
+#include "base/fixed_text.h"
+#include "base/raw_calls.h"
 #include "base/unique_fd.h"
 
 namespace ProcMgr {
@@ -123,13 +125,10 @@ int ReadLines(const std::string& path, std::size_t longest, const LineTaker& tak
   }
 }
 
-int AppendId(const std::string& path, std::int64_t id) {
-  const UniqueFd file(open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-  if (!file.IsOpen()) {
-    return errno;
-  }
-  const std::string line = std::to_string(id) + "\n";
-  return write(file.Get(), line.data(), line.size()) < 0 ? errno : 0;
+int AppendId(const char* path, std::int64_t id) {
+  FixedText<24> line;
+  line.AddNumber(id).Add("\n");
+  return RawAppend(path, line.View().data(), line.View().size());
 }
 
 }  // namespace ProcMgr

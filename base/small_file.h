@@ -28,8 +28,8 @@ using LineTaker = std::function<bool(std::string_view line, std::size_t length)>
 [[nodiscard]] int ReadLines(const std::string& path, std::size_t longest, const LineTaker& take);
 
 // Appends the decimal `id` and a newline to the existing file at `path` with one write. Yields 0 or
-// the errno of the failure. Safe in a forked child.
-[[nodiscard]] int AppendId(const std::string& path, std::int64_t id);
+// the errno of the failure. Any thread, and a child before its exec.
+[[nodiscard]] int AppendId(const char* path, std::int64_t id);
 
 }  // namespace ProcMgr
 

@@ -3,10 +3,13 @@
 #include <grp.h>
 #include <pwd.h>
 
-#include "base/fork_locks.h"
-#include "base/mutex.h"
+#include "base/immortal.h"
 
 namespace ProcMgr {
+
+Mutex& UserLookupLock() {
+  return Immortal<Mutex>();
+}
 
 std::optional<uid_t> FindUserId(const std::string& name) {
   const MutexLock lock(UserLookupLock());

@@ -1,7 +1,4 @@
 // Names of users and groups.
-//
-// The user database has a lock inside libc. The manager takes it only under UserLookupLock(), which
-// is held over every fork (base/fork_locks.h).
 #ifndef BASE_USER_LOOKUP_H
 #define BASE_USER_LOOKUP_H
 
@@ -10,10 +7,16 @@
 #include <optional>
 #include <string>
 
+#include "base/mutex.h"
+
 namespace ProcMgr {
 
-// The ids behind a name; none if the database doesn't know it. May block on the user database;
-// never call them in a forked child.
+// libc answers from buffers that all threads share: guards every call of getpw*, getgr* and
+// getgrouplist, and what they yield. A leaf: nothing else is taken under it.
+[[nodiscard]] Mutex& UserLookupLock();
+
+// The ids behind a name; none if the database doesn't know it. May block on the user database. Any
+// thread.
 [[nodiscard]] std::optional<uid_t> FindUserId(const std::string& name);
 [[nodiscard]] std::optional<gid_t> FindGroupId(const std::string& name);
 

@@ -16,7 +16,6 @@
 #include <stdexcept>
 
 #include "app/app_info.h"
-#include "app/user_groups.h"
 #include "base/child_msg_pipe.h"
 #include "base/text.h"
 #include "bench/clock.h"
@@ -70,7 +69,6 @@ void PrepareAsTheDaemon() {
   ProcMgr::OpenLog();
   ProcMgr::CreateChildMsgPipe();
   ProcMgr::CoreAffinityMgr::Instance().LoadCpuInfo();
-  ProcMgr::App::LoadUserDatabase();
 }
 
 Starter ManagersStarter(const std::string& serviceFile) {

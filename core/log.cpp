@@ -11,8 +11,7 @@
 #include <cstring>
 #include <string>
 
-#include "base/fork_locks.h"
-#include "base/mutex.h"
+#include "base/immortal.h"
 #include "base/names.h"
 #include "base/unique_fd.h"
 #include "core/host_context.h"
@@ -89,6 +88,11 @@ __attribute__((format(printf, 2, 0))) void Route(int level, const char* format, 
 }
 
 }  // namespace
+
+Mutex& LogLock() {
+  // Threads may still log while the process exits.
+  return Immortal<Mutex>();
+}
 
 void OpenLog() {
   const MutexLock lock(LogLock());

@@ -5,10 +5,11 @@
 // "/dev/kmsg" instead, or nowhere if that can't be opened. The level is fixed by the function's
 // name: error 3, warning 4, information 6, debug 7. The text stands whole at its call site.
 //
-// Any thread may call. syslog's own lock is taken only inside this unit, under a lock that is held
-// over every fork (base/fork_locks.h), so a child never finds it taken.
+// Any thread may call; a child before its exec never does.
 #ifndef CORE_LOG_H
 #define CORE_LOG_H
+
+#include "base/mutex.h"
 
 #define PM_PRINTF __attribute__((format(printf, 1, 2)))
 
@@ -17,6 +18,10 @@ namespace ProcMgr {
 // Opens syslog with the ident "PROCMGR", LOG_PID and LOG_USER.
 void OpenLog();
 void CloseLog();
+
+// Held around every line and every change of where lines go. A leaf: nothing else is taken under
+// it.
+[[nodiscard]] Mutex& LogLock();
 
 // Takes a line without a line break, and its level as a syslog priority. Called one line at a time
 // under the log's lock: it must not log itself.

@@ -43,8 +43,10 @@
 //   core/startup_cfg.h              For a start: the manifest that the name stands for.
 //   app/dynamic_params.cpp          The request's values are written into the record.
 //   core/app_lists.cpp              LaunchGeneralApp: starts the process and enters the record.
-//   app/launch.cpp                  StartProcess: the checks of app/prepare_start.cpp, the fork.
-//   app/child_main.cpp              The child's way to execv.
+//   app/launch.cpp                  StartProcess: the checks of app/prepare_start.cpp, then
+//   app/launch_plan.cpp               what the child will do, and
+//   app/spawn.cpp                     the child itself.
+//   app/child_steps.cpp             The child's way to its exec.
 //   core/check_pass.cpp             The next pass sees the process alive: a change is collected.
 //   core/reporter.cpp               ReportGeneralApps tells "iammgr" and the owner.
 //

@@ -1,7 +1,6 @@
 // The order of the boot, and the way out.
 #include <exception>
 
-#include "app/user_groups.h"
 #include "base/boot_trace.h"
 #include "base/child_msg_pipe.h"
 #include "core/faults.h"
@@ -52,7 +51,6 @@ bool ProcessManager::Init() {
   UpdateStartupYaml(HostContext::Instance(), baseServiceCfgPath_);
   SetLockedMemoryLimit();
   InquireHomeEnvVariable();
-  App::LoadUserDatabase();
   if (!HostContext::Instance().isQuickStart_.load()) {
     CoreAffinityMgr::Instance().LoadCpuInfo();
   }

@@ -1,11 +1,10 @@
 #include "host/cgroups.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <iterator>
 
 #include "base/names.h"
+#include "base/raw_calls.h"
 #include "base/small_file.h"
 #include "core/host_context.h"
 #include "core/log.h"
@@ -14,44 +13,53 @@
 namespace ProcMgr {
 namespace {
 
-std::string TasksPath(const char* root, const std::string& group) {
-  return root + group + "/tasks";
+// Empty for a group that nothing is entered in.
+std::string TasksPath(const std::string& root, const std::string& group) {
+  const bool isPlaced = !group.empty() && group.find("..") == std::string::npos;
+  return isPlaced ? root + group + "/tasks" : "";
 }
 
-bool IsPlaced(const std::string& group) {
-  return !group.empty() && group.find("..") == std::string::npos;
-}
-
-bool TasksExist(const std::string& path, const char* hierarchy, std::string& err) {
-  if (access(path.c_str(), F_OK) == 0) {
+bool TasksExist(const std::string& path, const char* hierarchy, ErrText& err) {
+  if (RawExists(path.c_str())) {
     return true;
   }
-  err +=
-      std::string("add cgroup failed, ") + hierarchy + " cgroup path=" + path + " is not existed;";
+  err.Add("add cgroup failed, ").Add(hierarchy).Add(" cgroup path=").Add(path);
+  err.Add(" is not existed;");
   return false;
 }
 
 }  // namespace
 
-bool AddPidToCgroupTasks(const CgroupInfo& info, std::string& err, const CgroupRoots& roots) {
-  if (IsPlaced(info.resGroupName)) {
-    const std::string cpuPath = TasksPath(roots.cpu, info.resGroupName);
-    const std::string memoryPath = TasksPath(roots.memory, info.resGroupName);
-    if (!TasksExist(cpuPath, "cpu", err) || !TasksExist(memoryPath, "mem", err)) {
+CgroupTasks FindCgroupTasks(const std::string& resGroupName, const std::string& cpuset,
+                            const CgroupRoots& roots) {
+  return {TasksPath(roots.cpu, resGroupName), TasksPath(roots.memory, resGroupName),
+          TasksPath(roots.cpuset, cpuset)};
+}
+
+bool EnterCgroups(const CgroupTasks& tasks, pid_t id, ErrText& err) {
+  if (!tasks.cpu.empty()) {
+    if (!TasksExist(tasks.cpu, "cpu", err) || !TasksExist(tasks.memory, "mem", err)) {
       return false;
     }
     // A refused write leaves the process in the group that it inherited, and it runs on there.
-    (void)AppendId(cpuPath, info.pid);
-    (void)AppendId(memoryPath, info.pid);
+    (void)AppendId(tasks.cpu.c_str(), id);
+    (void)AppendId(tasks.memory.c_str(), id);
   }
-  if (IsPlaced(info.cpuset)) {
-    const std::string cpusetPath = TasksPath(roots.cpuset, info.cpuset);
-    if (!TasksExist(cpusetPath, "cpuset", err)) {
+  if (!tasks.cpuset.empty()) {
+    if (!TasksExist(tasks.cpuset, "cpuset", err)) {
       return false;
     }
-    (void)AppendId(cpusetPath, info.pid);
+    (void)AppendId(tasks.cpuset.c_str(), id);
   }
   return true;
+}
+
+bool AddPidToCgroupTasks(const CgroupInfo& info, std::string& err, const CgroupRoots& roots) {
+  ErrText text;
+  const bool isPlaced =
+      EnterCgroups(FindCgroupTasks(info.resGroupName, info.cpuset, roots), info.pid, text);
+  err += text.View();
+  return isPlaced;
 }
 
 void AddPmTids(const std::set<std::uint32_t>& tids, const CgroupRoots& roots) {

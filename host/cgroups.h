@@ -10,18 +10,19 @@
 #include <set>
 #include <string>
 
+#include "base/fixed_text.h"
+
 namespace ProcMgr {
 
 // The groups of the manager itself, and of whoever names none but must have one.
 inline constexpr const char* kDefaultResGroup = "OTHER";
 inline constexpr const char* kDefaultCpuset = "CtrlCPU";
 
-// Where the hierarchies are mounted; with their trailing slashes. Plain pointers, so that a forked
-// child builds nothing that another thread could have been building at the fork.
+// Where the hierarchies are mounted; with their trailing slashes.
 struct CgroupRoots {
-  const char* cpu = "/sys/fs/cgroup/cpu/";
-  const char* memory = "/sys/fs/cgroup/memory/";
-  const char* cpuset = "/sys/fs/cgroup/cpuset/";
+  std::string cpu = "/sys/fs/cgroup/cpu/";
+  std::string memory = "/sys/fs/cgroup/memory/";
+  std::string cpuset = "/sys/fs/cgroup/cpuset/";
 };
 
 // One placement.
@@ -32,10 +33,24 @@ struct CgroupInfo {
   std::string cpuset;        // Group in the cpuset hierarchy; empty for none.
 };
 
-// Writes the id into the groups. A name that holds ".." is passed over without a message. False if
-// a group doesn't exist, with the reason, ending in ";", appended to `err`; a group that exists in
-// one of the cpu and memory hierarchies only is entered in neither. Failed writes aren't looked at.
-// Any thread, and a forked child: takes no lock.
+// The tasks files of a placement; empty for a hierarchy in which nothing is entered.
+struct CgroupTasks {
+  std::string cpu;
+  std::string memory;
+  std::string cpuset;
+};
+
+// A name that is empty or holds ".." is passed over without a message. Any thread.
+[[nodiscard]] CgroupTasks FindCgroupTasks(const std::string& resGroupName,
+                                          const std::string& cpuset, const CgroupRoots& roots = {});
+
+// Writes the process or thread id into the files. False if one doesn't exist, with the reason,
+// ending in ";", appended to `err`; a group that exists in one of the cpu and memory hierarchies
+// only is entered in neither. Failed writes aren't looked at. Any thread, and a child before its
+// exec.
+bool EnterCgroups(const CgroupTasks& tasks, pid_t id, ErrText& err);
+
+// Both at once. Any thread.
 bool AddPidToCgroupTasks(const CgroupInfo& info, std::string& err, const CgroupRoots& roots = {});
 
 // Places threads of the manager in the default groups, in increasing order.

@@ -1,8 +1,5 @@
 #include "host/core_affinity_mgr.h"
 
-#include <sched.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -10,6 +7,7 @@
 #include <thread>
 #include <utility>
 
+#include "base/raw_calls.h"
 #include "base/small_file.h"
 #include "base/standard_path.h"
 #include "base/text.h"
@@ -101,31 +99,53 @@ bool CoreAffinityMgr::CheckTidIsValid(pid_t pid, std::uint32_t tid, const Thread
 std::uint32_t CoreAffinityMgr::SetCoreAffinityToOs(pid_t id,
                                                    const std::vector<std::uint32_t>& cores,
                                                    std::string& err) const {
-  if (cores.empty() && ctrlCpus_.empty()) {
-    err += "default ctrl cpu is null;";
-    return kNoCtrlCpus;
-  }
-  cpu_set_t mask;
-  CPU_ZERO(&mask);
+  const CoreBinding binding = PlanBinding(cores);
+  LogMissingAiTasks(id, binding);
+  ErrText text;
+  const std::uint32_t result = Bind(id, binding, text);
+  err += text.View();
+  return result;
+}
+
+CoreBinding CoreAffinityMgr::PlanBinding(const std::vector<std::uint32_t>& cores) const {
+  CoreBinding binding;
+  binding.hasCores = !cores.empty() || !ctrlCpus_.empty();
+  CPU_ZERO(&binding.mask);
   for (const std::uint32_t core : cores.empty() ? ctrlCpus_ : cores) {
     if (core >= cpuCount) {
       continue;
     }
-    // The kernel cuts a mask to the cpuset of the task, so the cpuset comes first.
-    if (IsAiCpu(core)) {
-      WriteTidToAIcpuSet(id);
-    }
+    binding.aiCores += IsAiCpu(core) ? 1 : 0;
     if (core < kMaskBits) {
-      CPU_SET(core, &mask);
+      CPU_SET(core, &binding.mask);
     }
   }
-  if (sched_setaffinity(id, sizeof(mask), &mask) != 0) {
-    const int error = errno;
-    err +=
-        "SetCoreAffinity fail pid=" + std::to_string(id) + ", errno=" + std::to_string(error) + ";";
+  binding.hasAiTasks = binding.aiCores > 0 && RawExists(paths_.aiTasks.c_str());
+  return binding;
+}
+
+std::uint32_t CoreAffinityMgr::Bind(pid_t id, const CoreBinding& binding, ErrText& err) const {
+  if (!binding.hasCores) {
+    err.Add("default ctrl cpu is null;");
+    return kNoCtrlCpus;
+  }
+  // The kernel cuts a mask to the cpuset of the task, so the cpuset comes first.
+  for (std::uint32_t i = 0; binding.hasAiTasks && i < binding.aiCores; ++i) {
+    WriteTidToAIcpuSet(id);
+  }
+  if (const long result = RawCall(SYS_sched_setaffinity, id, sizeof(binding.mask), &binding.mask);
+      result < 0) {
+    err.Add("SetCoreAffinity fail pid=").AddNumber(id).Add(", errno=").AddNumber(-result).Add(";");
     return kCoreMaskRefused;
   }
   return kCoreAffinityOk;
+}
+
+void CoreAffinityMgr::LogMissingAiTasks(pid_t id, const CoreBinding& binding) const {
+  for (std::uint32_t i = 0; !binding.hasAiTasks && i < binding.aiCores; ++i) {
+    LogError("WriteTidToAIcpuSet failed tid: %d, aicpuSet: %s is not existed", id,
+             paths_.aiTasks.c_str());
+  }
 }
 
 std::uint32_t CoreAffinityMgr::StoreAndSetCoreAffinity(pid_t pid, std::uint32_t tid,
@@ -222,13 +242,8 @@ bool CoreAffinityMgr::IsAiCpu(std::uint32_t core) const {
 }
 
 void CoreAffinityMgr::WriteTidToAIcpuSet(pid_t tid) const {
-  if (access(paths_.aiTasks.c_str(), F_OK) != 0) {
-    LogError("WriteTidToAIcpuSet failed tid: %d, aicpuSet: %s is not existed", tid,
-             paths_.aiTasks.c_str());
-    return;
-  }
   // If it is refused, the kernel cuts the mask to the old cpuset, and the call for the mask tells.
-  (void)AppendId(paths_.aiTasks, tid);
+  (void)AppendId(paths_.aiTasks.c_str(), tid);
 }
 
 }  // namespace ProcMgr

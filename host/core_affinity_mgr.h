@@ -6,12 +6,11 @@
 // system has woken up.
 //
 // The core lists are filled on the boot thread before anybody reads them, and never change again;
-// they take no lock. The thread table has the one lock of the class. What runs in a forked child
-// (SetCoreAffinityToOs and what it calls) reads the core lists alone and takes no lock but the
-// log's, which is free in a child (base/fork_locks.h).
+// they take no lock. The thread table has the one lock of the class.
 #ifndef HOST_CORE_AFFINITY_MGR_H
 #define HOST_CORE_AFFINITY_MGR_H
 
+#include <sched.h>
 #include <sys/types.h>
 
 #include <array>
@@ -23,6 +22,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/fixed_text.h"
 #include "base/mutex.h"
 
 namespace ProcMgr {
@@ -47,6 +47,15 @@ struct ThreadCoreInfo {
 struct AppCoreInfo {
   std::uint32_t pid = 0;
   std::vector<std::uint32_t> cores;
+};
+
+// A binding that has been worked out and needs nothing but system calls to be made.
+struct CoreBinding {
+  bool hasCores = false;  // False: there are no cores to bind to, and nothing else counts.
+  cpu_set_t mask{};
+  std::uint32_t aiCores = 0;  // How many of its cores are AI cores, each of which asks for an entry
+                              // in the AI cpuset.
+  bool hasAiTasks = false;    // Whether that set has a tasks file.
 };
 
 // Where the platform publishes its sets.
@@ -90,9 +99,15 @@ class CoreAffinityMgr {
   // Binds the process or thread `id` to `cores`, or to the control cores if the list is empty, and
   // enters it in the AI cpuset for every AI core of the list. Absent cores are passed over. Yields
   // kCoreAffinityOk, kNoCtrlCpus or kCoreMaskRefused, with the reason appended to `err`. Any
-  // thread, and a forked child.
+  // thread.
   std::uint32_t SetCoreAffinityToOs(pid_t id, const std::vector<std::uint32_t>& cores,
                                     std::string& err) const;
+
+  // The two steps of it, and the lines about AI cores without their cpuset that belong to it. The
+  // second step is for a child before its exec too.
+  [[nodiscard]] CoreBinding PlanBinding(const std::vector<std::uint32_t>& cores) const;
+  std::uint32_t Bind(pid_t id, const CoreBinding& binding, ErrText& err) const;
+  void LogMissingAiTasks(pid_t id, const CoreBinding& binding) const;
 
   // Remembers and binds one thread. The record stays even if the binding fails, so that a recovery
   // tries again. Yields a code as above, or kThreadNameUnreadable. Any thread.
@@ -116,10 +131,11 @@ class CoreAffinityMgr {
   [[nodiscard]] bool CheckIsCtrlCpu(const std::string& appName,
                                     const std::vector<std::uint32_t>& cores) const;
 
-  // True if the core is present and an AI core. Any thread, and a forked child.
+  // True if the core is present and an AI core. Any thread.
   [[nodiscard]] bool IsAiCpu(std::uint32_t core) const;
 
-  // Enters the process or thread in the AI cpuset. Any thread, and a forked child.
+  // Enters the process or thread in the AI cpuset, which is known to have a tasks file. Any thread,
+  // and a child before its exec.
   void WriteTidToAIcpuSet(pid_t tid) const;
 
   // The control and AI cores, in file order.

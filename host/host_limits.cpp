@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <optional>
 
+#include "base/raw_calls.h"
 #include "base/small_file.h"
 #include "base/text.h"
 #include "core/log.h"
@@ -56,7 +57,7 @@ void RaiseDescriptorLimit() {
 
 void RestoreDescriptorLimit() {
   if (foundDescriptorLimit.has_value()) {
-    (void)setrlimit(RLIMIT_NOFILE, &*foundDescriptorLimit);
+    (void)RawCall(SYS_prlimit64, 0, RLIMIT_NOFILE, &*foundDescriptorLimit, nullptr);
   }
 }
 
@@ -131,7 +132,7 @@ void InquireHomeEnvVariable(const std::string& path, const std::string& key) {
   LogInfoRouted("PROCMGR: InquireHomeEnvVariable finished home env=%s ", homeEnvValue.c_str());
 }
 
-void SetSchedPolicy(pid_t pid, std::uint32_t policy, std::string& err) {
+void SetSchedPolicy(pid_t pid, std::uint32_t policy, ErrText& err) {
   if (policy == kSchedPolicyKeep) {
     return;
   }
@@ -140,9 +141,9 @@ void SetSchedPolicy(pid_t pid, std::uint32_t policy, std::string& err) {
   static_assert(kKernelPolicies[kSchedPolicyFifo] == SCHED_FIFO);
   const int kernelPolicy = policy < kKernelPolicies.size() ? kKernelPolicies[policy] : SCHED_OTHER;
   sched_param param{};
-  param.sched_priority = sched_get_priority_max(kernelPolicy);
-  if (sched_setscheduler(pid, kernelPolicy, &param) != 0) {
-    err += "sched_setscheduler failed errno=" + std::to_string(errno) + ";";
+  param.sched_priority = static_cast<int>(RawCall(SYS_sched_get_priority_max, kernelPolicy));
+  if (const long result = RawCall(SYS_sched_setscheduler, pid, kernelPolicy, &param); result < 0) {
+    err.Add("sched_setscheduler failed errno=").AddNumber(-result).Add(";");
   }
 }
 

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/fixed_text.h"
+
 namespace ProcMgr {
 
 inline constexpr const char* kCommonEnvFile = "/etc/vantor_common_env.conf";
@@ -32,9 +34,9 @@ void SetLockedMemoryLimit(const std::string& path = kCommonEnvFile);
 // Raises the manager's soft limit of open files to the hard one: its channels, not its starter,
 // decide how many it needs. First act of main.
 void RaiseDescriptorLimit();
-// Gives a forked child the limit that RaiseDescriptorLimit found, since a program that uses select
-// relies on a low one. Its last step before the exec, for it may hold more than that until then.
-// One system call, no lock.
+// Gives a child the limit that RaiseDescriptorLimit found, since a program that uses select relies
+// on a low one. Its last step before the exec, for it may hold more than that until then. One
+// system call.
 void RestoreDescriptorLimit();
 
 // The limit of the file at `path` in bytes; all ones (RLIM_INFINITY) means unlimited and is the
@@ -51,8 +53,8 @@ void InquireHomeEnvVariable(const std::string& path = kPasswdFile,
 
 // Gives the process `pid` the kernel policy of a policy number, at the policy's highest priority:
 // 0 other, 1 batch, 2 idle, 3 fifo, 4 round robin, 5 leaves it alone, anything else is 0. A failure
-// appends its reason to `err`. For a forked child: one system call, no lock.
-void SetSchedPolicy(pid_t pid, std::uint32_t policy, std::string& err);
+// appends its reason to `err`. For a child before its exec.
+void SetSchedPolicy(pid_t pid, std::uint32_t policy, ErrText& err);
 
 }  // namespace ProcMgr
 

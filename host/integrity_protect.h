@@ -26,7 +26,7 @@ class IntegrityProtect {
   // False if the table lists the file name of `binPath` with another SHA-256 digest than that of
   // the file, or if its digest can't be told, or if the path has no directory. A name that isn't
   // listed costs one lookup; for a listed one a shell pipeline runs and is waited for. Any thread,
-  // several at once; never in a forked child.
+  // several at once.
   [[nodiscard]] bool Check(const std::string& binPath) const;
 
  private:

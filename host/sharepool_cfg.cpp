@@ -248,13 +248,12 @@ void SharepoolCfg::AddSharepoolGroup(const std::string& appName, pid_t pid,
 
 void SharepoolCfg::SetSharepoolGroupEnv(const std::string& appName,
                                         const std::vector<SharepoolGroupsInfo>& manifestGroups,
-                                        std::string& err) const {
+                                        Environment& env, std::string& err) const {
   const std::vector<SharepoolGroupsInfo> groups = GetAppSharepoolGroups(appName, manifestGroups);
   if (groups.empty()) {
     return;
   }
-  if (setenv("SHAREGROUP_PRECONFIG", "1", 1) != 0) {
-    const int error = errno;
+  if (const int error = env.Set("SHAREGROUP_PRECONFIG", "1"); error != 0) {
     err +=
         "app=" + appName + " set SHAREGROUP_PRECONFIG failed errno=" + std::to_string(error) + ";";
     return;
@@ -265,8 +264,7 @@ void SharepoolCfg::SetSharepoolGroupEnv(const std::string& appName,
       names += (names.empty() ? "" : "#") + group.groupName;
     }
   }
-  if (setenv("SHAREPOOL_GROUP_NAME", names.c_str(), 1) != 0) {
-    const int error = errno;
+  if (const int error = env.Set("SHAREPOOL_GROUP_NAME", names); error != 0) {
     err +=
         "app=" + appName + " set SHAREPOOL_GROUP_NAME failed errno=" + std::to_string(error) + ";";
   }

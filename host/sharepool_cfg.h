@@ -1,7 +1,7 @@
 // Share pool groups: which the platform has, which an application gets, and with what right.
 //
 // docs/config-sharepool.md describes the files. The object is filled once on the boot thread,
-// before the first child is forked, and only read afterwards: no lock.
+// before the first start, and only read afterwards: no lock.
 #ifndef HOST_SHAREPOOL_CFG_H
 #define HOST_SHAREPOOL_CFG_H
 
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "app/manifest.h"
+#include "base/environment.h"
 #include "platform/manifest/kvs_type_yaml.h"
 
 namespace ProcMgr {
@@ -46,7 +47,7 @@ class SharepoolCfg {
   void InitSharepool(const std::string& directory = kSharepoolDir);
 
   // The groups that an application gets: every group with "admin" for an admin application, else
-  // the manifest's, else the default group with "alloc". Any thread, and a forked child.
+  // the manifest's, else the default group with "alloc". Any thread.
   [[nodiscard]] std::vector<SharepoolGroupsInfo> GetAppSharepoolGroups(
       const std::string& appName, const std::vector<SharepoolGroupsInfo>& manifestGroups) const;
 
@@ -56,13 +57,13 @@ class SharepoolCfg {
                          const std::vector<SharepoolGroupsInfo>& groups) const;
 
   // Sets the variables that tell an application its groups. Failures append their reasons to `err`.
-  // For a forked child: setenv, no lock of the manager.
+  // Any thread.
   void SetSharepoolGroupEnv(const std::string& appName,
                             const std::vector<SharepoolGroupsInfo>& manifestGroups,
-                            std::string& err) const;
+                            Environment& env, std::string& err) const;
 
   // True if the group is known and the permission one of the four words or empty; else the reason
-  // is appended to `err`. Any thread, and a forked child.
+  // is appended to `err`. Any thread.
   [[nodiscard]] bool CheckSharepoolGroupCfg(const SharepoolGroupsInfo& group,
                                             std::string& err) const;
 

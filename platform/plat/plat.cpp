@@ -39,9 +39,6 @@ std::uint32_t platSensorNodeUpdateState(std::uint32_t /*deviceId*/, std::uint64_
   return Record().UpdateSensor(handle, value);
 }
 
-// The two device calls are made in forked children, too: they don't touch Record(), whose lock or
-// whose construction another thread could have been in at the fork, but only read a file.
-
 std::int32_t platGetDevNum(std::uint32_t* count) {
   if (count == nullptr) {
     return kPlatInvalid;

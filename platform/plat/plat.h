@@ -1,7 +1,6 @@
 // The interface of the platform library: fault sensors, devices and share pool groups.
 //
-// Every function may be called from any thread and takes no lock that outlives the call. The device
-// calls are also made in a forked child.
+// Every function may be called from any thread and takes no lock that outlives the call.
 #ifndef PLATFORM_PLAT_PLAT_H
 #define PLATFORM_PLAT_PLAT_H
 

@@ -38,7 +38,6 @@ class PlatRecord {
  private:
   const std::string root_;
 
-  // No forked child comes here, so it may be held over a fork.
   Mutex mutex_;
   std::uint64_t lastHandle_ GUARDED_BY(mutex_) = 0;
   std::map<std::uint64_t, std::string> sensors_ GUARDED_BY(mutex_);

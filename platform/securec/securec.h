@@ -1,5 +1,5 @@
 // Bounds-checked copies, with the results of C11 Annex K: 0 on success; otherwise non-zero, with
-// the destination cleared as Annex K says. No constraint handler runs. Safe in a forked child.
+// the destination cleared as Annex K says. No constraint handler runs.
 #ifndef PLATFORM_SECUREC_SECUREC_H
 #define PLATFORM_SECUREC_SECUREC_H
 

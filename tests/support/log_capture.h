@@ -8,7 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "base/fork_locks.h"
 #include "base/mutex.h"
 #include "core/log.h"
 

@@ -50,13 +50,22 @@ std::int32_t platGrpAddProc(const char* name, pid_t pid, std::uint32_t permissio
   return 0;
 }
 
+bool IAMInitProcNeedsOwnMemory() {
+  return Platform().accessNeedsOwnMemory;
+}
+
 int IAMInitProc(const AppConfig& config) {
+  errno = Platform().accessError;
+  const int result = Platform().accessError == 0 ? 0 : -1;
+  if (!Platform().accessNeedsOwnMemory) {
+    return result;
+  }
   const std::string saw = config.appName + "," + config.execPath + "," + Shown("HOME") + "," +
                           Shown("OWNER_NAME") + "," + Shown("KEY") +
                           ",uid=" + std::to_string(getuid());
   (void)setenv("IAM_SAW", saw.c_str(), 1);
   errno = Platform().accessError;
-  return Platform().accessError == 0 ? 0 : -1;
+  return result;
 }
 
 }  // namespace ProcMgr

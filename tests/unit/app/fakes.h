@@ -12,7 +12,7 @@
 
 namespace ProcMgr::App {
 
-// What the platform answers. A forked child sees it as it stood at the fork.
+// What the platform answers.
 struct FakePlatform {
   std::int32_t deviceResult = 0;
   std::uint32_t deviceCount = 1;
@@ -21,9 +21,11 @@ struct FakePlatform {
   std::uint32_t vfId = 0;  // Whose memory it can tell about.
   // The arguments of each platGrpAddProc: "GROUP PID PERMISSION".
   std::vector<std::string> admitted = {};
-  // The errno with which IAMInitProc fails; 0: it succeeds. Either way it leaves what it saw in the
-  // environment, as IAM_SAW: "NAME,PATH,HOME=...,OWNER_NAME=...,KEY=...,uid=...".
+  // The errno with which IAMInitProc fails; 0: it succeeds.
   int accessError = 0;
+  // Whether it wants a child with memory of its own, and leaves what it saw in the environment, as
+  // IAM_SAW: "NAME,PATH,HOME=...,OWNER_NAME=...,KEY=...,uid=...".
+  bool accessNeedsOwnMemory = false;
 };
 
 // Fresh in each test program; a test that changes it puts it back with Reset.

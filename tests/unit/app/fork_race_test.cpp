@@ -1,6 +1,5 @@
-// Launches from several threads at once while others log and look users up. A child is a copy of a
-// process whose other threads have vanished: were one of them in syslog or in the user database
-// just then, a child that needs the same lock of libc would wait for ever before its exec.
+// Launches from several threads at once while others log, look users up and throw. Whatever lock
+// another thread holds while a child is made, no child may need it before its exec.
 #include <atomic>
 #include <thread>
 
@@ -15,11 +14,7 @@ namespace ProcMgr::App {
 namespace {
 
 constexpr int kLaunchers = 3;
-#ifdef __SANITIZE_ADDRESS__
-constexpr int kLaunchesEach = 60;  // A fork has all of the sanitizer's own memory to copy.
-#else
 constexpr int kLaunchesEach = 800;
-#endif
 
 // Starts the record's program again and again; a launch that doesn't come to its end is a failure.
 template <typename Record>

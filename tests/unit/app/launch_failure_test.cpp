@@ -176,8 +176,9 @@ TEST_F(LaunchFailure, AFailedForkLeavesNoProcess) {
     });
   });
   thread.join();
-  const Lines expected = {"E PROCMGR : Start baseApp svc failed errno=11",
-                          "E PROCMGR: Start generalApp failed. fork failed: errno=11"};
+  const char* const base = "E PROCMGR : Start baseApp svc failed errno=11";
+  const char* const general = "E PROCMGR: Start generalApp failed. fork failed: errno=11";
+  const Lines expected = {base, general, base, general};
   EXPECT_EQ(TakeLog(), expected);
 }
 

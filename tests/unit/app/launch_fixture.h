@@ -12,6 +12,7 @@
 #include "sandbox/system_error.h"
 #include "tests/support/children.h"
 #include "tests/support/service_report.h"
+#include "tests/unit/app/fakes.h"
 
 namespace ProcMgr::App {
 
@@ -37,13 +38,17 @@ class LaunchTest : public ::testing::Test {
   [[nodiscard]] static GeneralAppInfo GeneralRecord(const ApplicationManifest::Fields& fields,
                                                     const std::string& owner = "owner");
 
-  // Calls `check` with a record of each kind.
+  // Calls `check` with a record of each kind, for each of the two ways in which a child is made.
   template <typename Check>
   static void ForBothKinds(const ApplicationManifest::Fields& fields, Check check) {
-    BaseAppInfo base = BaseRecord(fields);
-    check(base);
-    GeneralAppInfo general = GeneralRecord(fields);
-    check(general);
+    for (const bool needsOwnMemory : {false, true}) {
+      SCOPED_TRACE(needsOwnMemory ? "own memory" : "shared memory");
+      Platform().accessNeedsOwnMemory = needsOwnMemory;
+      BaseAppInfo base = BaseRecord(fields);
+      check(base);
+      GeneralAppInfo general = GeneralRecord(fields);
+      check(general);
+    }
   }
 
   // Starts the record's service, waits for its report and ends it.

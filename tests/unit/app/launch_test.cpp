@@ -2,6 +2,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <sstream>
@@ -137,6 +139,7 @@ TEST_F(Launch, EnvironmentOfAGeneralApplication) {
        "IAM_SAW=svc,/opt/test/service,HOME=/mine,OWNER_NAME=owner,KEY,uid=2001"},
   };
   ASSERT_EQ(setenv("PROC_NAME", "PROCMGR", 1), 0);
+  Platform().accessNeedsOwnMemory = true;
   for (const auto& row : rows) {
     SCOPED_TRACE(row.configured);
     ApplicationManifest::Fields fields = Fields();
@@ -150,6 +153,7 @@ TEST_F(Launch, EnvironmentOfAGeneralApplication) {
 
 TEST_F(Launch, EnvironmentOfABaseApplication) {
   ASSERT_EQ(setenv("HOME", "/manager", 1), 0);
+  Platform().accessNeedsOwnMemory = true;
   ApplicationManifest::Fields fields = Fields();
   fields.heartBeatSwitch = true;
   fields.envArgv = ParseEnv("KEY=k IS_RESTART=mine STARTUP_ENTRY_PATH=/mine");
@@ -165,6 +169,14 @@ TEST_F(Launch, EnvironmentOfABaseApplication) {
   ExpectEnv(ReportOf(app), "IS_RESTART=1 STARTUP_ENTRY_PATH=/opt/entry.yaml");
 }
 
+bool Holds(const Environment& env, std::string_view text) {
+  char* const* entry = env.Pointers();
+  while (*entry != nullptr && *entry != text) {
+    ++entry;
+  }
+  return *entry != nullptr;
+}
+
 TEST(ShareGroups, AreForAFewNamesOnly) {
   SharepoolCfg::Instance().InitSharepool("/nonexistent");
   struct {
@@ -178,13 +190,48 @@ TEST(ShareGroups, AreForAFewNamesOnly) {
   for (const auto& row : rows) {
     SCOPED_TRACE(std::string(row.name) + " of " + row.owner);
     ResetPlatform();
-    ASSERT_EQ(unsetenv("SHAREGROUP_PRECONFIG"), 0);
     AddShareGroups(row.name, row.owner, 7, {});
     EXPECT_EQ(Platform().admitted, Lines(row.hasGroups ? 1 : 0, "DEFAULT_MEM_GROUP 7 14"));
+    Environment env;
     std::string err;
-    SetShareGroupEnv(row.name, row.owner, {}, err);
-    EXPECT_EQ(std::getenv("SHAREGROUP_PRECONFIG") != nullptr, row.hasGroups);
+    SetShareGroupEnv(row.name, row.owner, {}, env, err);
+    EXPECT_EQ(Holds(env, "SHAREGROUP_PRECONFIG=1"), row.hasGroups);
   }
+}
+
+// Leaves out what is another in each process, and what the access library tells of itself.
+bool IsSetByTheLaunch(const std::string& key) {
+  if (key.starts_with("status.")) {
+    constexpr std::array kFields = {"Sig",   "Cap",  "Umask", "Groups",
+                                    "NoNew", "Secc", "Cpus",  "Mems"};
+    return std::any_of(kFields.begin(), kFields.end(), [&](const char* field) {
+      return std::string_view(key).substr(7).starts_with(field);
+    });
+  }
+  return key != "pid" && key != "env.IAM_SAW";
+}
+
+// A child that shares the manager's memory until its exec ends up as one that was forked.
+TEST_F(Launch, BothRoadsMakeTheSameProcess) {
+  ASSERT_EQ(setenv("HOME", "/manager", 1), 0);
+  ApplicationManifest::Fields fields = Fields();
+  fields.envArgv = ParseEnv("HOME=/mine A=1 PROC_NAME=svc");
+  fields.heartBeatSwitch = true;
+  fields.isSetRtPrio = true;
+  fields.nice = 3;
+  const auto reportOf = [this](auto app, bool needsOwnMemory) {
+    Platform().accessNeedsOwnMemory = needsOwnMemory;
+    std::map<std::string, std::string> report = ReportOf(app).Below("");
+    std::erase_if(report, [](const auto& entry) { return !IsSetByTheLaunch(entry.first); });
+    return report;
+  };
+  const auto compare = [&](const auto& app) {
+    const auto forked = reportOf(app, true);
+    EXPECT_GT(forked.size(), 40U);
+    EXPECT_EQ(reportOf(app, false), forked);
+  };
+  compare(BaseRecord(fields));
+  compare(GeneralRecord(fields, "ventrix"));
 }
 
 TEST_F(Launch, TheParentFilesTheStartAndSaysSo) {

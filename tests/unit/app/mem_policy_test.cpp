@@ -1,4 +1,4 @@
-#include "app/child_mem_policy.h"
+#include "app/mem_policy.h"
 
 #include <gtest/gtest.h>
 
@@ -35,7 +35,10 @@ TEST(SetMemPolicy, SaysWhatItCouldNotDo) {
   for (const auto& row : rows) {
     Platform() = row.platform;
     Platform().vfId = 3;
-    EXPECT_EQ(SetMemPolicy("svc", 3), row.text);
+    ErrText text;
+    const bool isSet = SetMemPolicy("svc", PlanMemPolicy("svc", 3), text);
+    EXPECT_EQ(isSet, text.IsEmpty());
+    EXPECT_EQ(text.View(), row.text);
   }
   ResetPlatform();
 }

@@ -205,12 +205,12 @@ TEST_F(SmallFile, GivesTheLinesOfAFileOfAnySize) {
 
 TEST_F(SmallFile, AppendsALineToWhatIsThereAndTellsFailures) {
   const std::string file = Write("tasks", "17\n");
-  EXPECT_EQ(AppendId(file, -1), 0);
-  EXPECT_EQ(AppendId(file, INT64_MAX), 0);
+  EXPECT_EQ(AppendId(file.c_str(), -1), 0);
+  EXPECT_EQ(AppendId(file.c_str(), INT64_MAX), 0);
   std::string out;
   EXPECT_EQ(ReadSmallFile(file, 100, out), 0);
   EXPECT_EQ(out, "17\n-1\n9223372036854775807\n");
-  EXPECT_EQ(AppendId(Path("missing"), 1), ENOENT);
+  EXPECT_EQ(AppendId(Path("missing").c_str(), 1), ENOENT);
   EXPECT_FALSE(std::filesystem::exists(Path("missing"))) << "a tasks file is the kernel's to make";
   EXPECT_EQ(AppendId("/dev/full", 1), ENOSPC);
 }
