@@ -130,9 +130,7 @@ Result Agent::WaitConnected(Milliseconds limit) noexcept {
 }
 
 Result Agent::ReportState(ServiceState state, Milliseconds wait) noexcept {
-  return BuildAndSend(*parts_->link, wait, [&](Serialization::PieceList& frames) {
-    return AgentFrames::StateFrames(state, frames);
-  });
+  return Guarded([&] { return parts_->link->ReportState(state, DeadlineAfter(wait)); });
 }
 
 Result Agent::StartApps(const std::vector<Message::StartAppInfo>& list,

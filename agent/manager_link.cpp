@@ -151,6 +151,10 @@ Result ManagerLink::Send(const Serialization::PieceList& frames, SteadyTime dead
       return result;
     }
   }
+  return SendOn(fd, frames);
+}
+
+Result ManagerLink::SendOn(int fd, const Serialization::PieceList& frames) {
   for (const Message::RequestMsg& frame : frames) {
     const int sent = ProcMgrNexioSendRequest(fd, RequestOf(frame));
     if (const Result result = ResultOf(sent, "send"); result != Result::kOk) {
@@ -158,6 +162,52 @@ Result ManagerLink::Send(const Serialization::PieceList& frames, SteadyTime dead
     }
   }
   return Result::kOk;
+}
+
+Result ManagerLink::ReportState(ServiceState state, SteadyTime deadline) {
+  Serialization::PieceList frames;
+  if (const Result built = AgentFrames::StateFrames(state, frames); built != Result::kOk) {
+    return built;
+  }
+  // The others are requests of the access manager, which make no sense to a manager that didn't get
+  // the service's own reports.
+  const bool lasts = state == ServiceState::kReady || state == ServiceState::kGoingDown;
+  int fd = 0;
+  {
+    const MutexLock lock(mutex_);
+    if (lasts && lastState_.has_value()) {
+      // It replaces what would be repeated at once: the channel that this one waits for must not
+      // begin with its opposite.
+      lastState_ = state;
+      ++stateCount_;
+    }
+    if (const Result result = AwaitChannel(deadline, fd); result != Result::kOk) {
+      return result;
+    }
+    if (lasts && !lastState_.has_value()) {
+      lastState_ = state;
+      ++stateCount_;
+    }
+  }
+  return SendOn(fd, frames);
+}
+
+void ManagerLink::RepeatState(int fd, ServiceState state, std::uint64_t count) {
+  for (;;) {
+    Serialization::PieceList frames;
+    if (AgentFrames::StateFrames(state, frames) != Result::kOk ||
+        NexioSendRequest(fd, RequestOf(frames.front())) < 0) {
+      return;  // The channel has broken already, and the next one gets it.
+    }
+    // A report of the service may have been sent in between and stand before ours: then the service
+    // has said something newer, which must come last.
+    const MutexLock lock(mutex_);
+    if (channel_ != fd || stateCount_ == count || !lastState_.has_value()) {
+      return;
+    }
+    state = *lastState_;
+    count = stateCount_;
+  }
 }
 
 Result ManagerLink::Call(const Message::RequestMsg& frame, SteadyTime deadline,
@@ -287,11 +337,17 @@ void ManagerLink::SetChannel(int fd) {
 void ManagerLink::OnConnect(int fd) {
   int old = 0;
   bool stopped = false;
+  std::optional<ServiceState> state;
+  std::uint64_t count = 0;
   {
+    // What is to be repeated is taken with the channel's coming: a first report that waits for it
+    // must not be sent twice.
     const MutexLock lock(mutex_);
     stopped = stopped_;
     if (!stopped) {
       old = channel_;
+      state = lastState_;
+      count = stateCount_;
       SetChannel(fd);
     }
   }
@@ -301,6 +357,9 @@ void ManagerLink::OnConnect(int fd) {
   if (old > 0) {
     // If a callback of the old one is running, it closes the old one on its way out.
     (void)NexioClosePipe(old);
+  }
+  if (state.has_value()) {
+    RepeatState(fd, *state, count);
   }
   TellChannel();
 }

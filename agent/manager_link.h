@@ -23,6 +23,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -59,6 +60,8 @@ class ManagerLink : public std::enable_shared_from_this<ManagerLink> {
   // Sends the frames in order on one channel, waiting for one until `deadline`.
   [[nodiscard]] Result Send(const Serialization::PieceList& frames, SteadyTime deadline)
       EXCLUDES(mutex_);
+  // As Agent::ReportState.
+  [[nodiscard]] Result ReportState(ServiceState state, SteadyTime deadline) EXCLUDES(mutex_);
   // Sends a frame and waits for its response, whose text goes to `answer`.
   [[nodiscard]] Result Call(const Message::RequestMsg& frame, SteadyTime deadline,
                             std::string& answer) EXCLUDES(mutex_);
@@ -100,6 +103,10 @@ class ManagerLink : public std::enable_shared_from_this<ManagerLink> {
   void TellChannel() EXCLUDES(mutex_);
 
   [[nodiscard]] Result AwaitChannel(SteadyTime deadline, int& fd) REQUIRES(mutex_);
+  [[nodiscard]] Result SendOn(int fd, const Serialization::PieceList& frames) EXCLUDES(mutex_);
+  // Reports on the new channel `fd` what the manager was told before it; `count` is that of the
+  // reports when the channel came.
+  void RepeatState(int fd, ServiceState state, std::uint64_t count) EXCLUDES(mutex_);
   // The result of a call of the messaging library on a channel.
   [[nodiscard]] Result ResultOf(int code, const char* what) EXCLUDES(mutex_);
   [[nodiscard]] bool InCallback() EXCLUDES(mutex_);
@@ -120,6 +127,9 @@ class ManagerLink : public std::enable_shared_from_this<ManagerLink> {
   int server_ GUARDED_BY(mutex_) = 0;
   int channel_ GUARDED_BY(mutex_) = 0;
   int toldChannel_ GUARDED_BY(mutex_) = 0;  // The channel that the service knows of.
+  // What is repeated on a new channel, once it has found one; and how many reports set it.
+  std::optional<ServiceState> lastState_ GUARDED_BY(mutex_);
+  std::uint64_t stateCount_ GUARDED_BY(mutex_) = 0;
   bool stopped_ GUARDED_BY(mutex_) = false;
   bool telling_ GUARDED_BY(mutex_) = false;
   std::thread::id teller_ GUARDED_BY(mutex_);

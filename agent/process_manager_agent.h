@@ -94,8 +94,7 @@ class Agent {
   // may call the agent, except for what waits for an answer (kInCallback), and may destroy it. An
   // exception that one lets out is caught and logged.
   struct Callbacks {
-    // A channel is up, for the first time or again. The place to report the state once more, since
-    // a manager that was restarted doesn't know it.
+    // A channel is up, for the first time or again.
     std::function<void()> connected;
     // The channel has broken. Not called when a new channel takes the place of an old one. Changes
     // that come while another callback runs are told together, as the last of them.
@@ -140,6 +139,9 @@ class Agent {
   // Yields kOk as soon as a channel is up, or kNoChannel after `limit`.
   [[nodiscard]] Result WaitConnected(Milliseconds limit) noexcept;
 
+  // Once kReady or kGoingDown has found a channel, the last of them is reported again, by the
+  // library and before Callbacks::connected, on each new channel: a manager that was restarted, or
+  // a report that got lost with its channel, needs no care of the service.
   [[nodiscard]] Result ReportState(ServiceState state, Milliseconds wait = {}) noexcept;
 
   // Start, restart and terminate general applications. The outcome of each comes to

@@ -105,6 +105,30 @@ TEST_F(AgentChannel, ManagerGoesAndComesBack) {
   }
 }
 
+TEST_F(AgentChannel, LastReportIsRepeatedOnEachNewChannelAndNeverTwiceOnOne) {
+  const auto agent = MakeAgent();
+  // A report that finds no channel fails, and nothing remains of it.
+  ASSERT_EQ(agent->ReportState(ServiceState::kGoingDown), Result::kNoChannel);
+  {
+    const FakeManager first = Connect(*agent);
+    ASSERT_EQ(agent->ReportState(ServiceState::kReady), Result::kOk);
+    ASSERT_EQ(agent->ReportState(ServiceState::kReportAll), Result::kOk);
+    EXPECT_EQ(first.ReceiveBody(3), "1#2#");
+    EXPECT_EQ(first.ReceiveBody(3), "1#1#");
+  }
+  {
+    const FakeManager second = Connect(*agent);
+    EXPECT_EQ(second.ReceiveBody(3), "1#2#");
+    ASSERT_EQ(agent->TermApps({"a"}), Result::kOk);
+    EXPECT_EQ(second.ReceiveBody(2), "1#a#");
+  }
+  // Without a channel, but with something to replace.
+  ASSERT_TRUE(Eventually([&] { return !agent->IsConnected(); }));
+  ASSERT_EQ(agent->ReportState(ServiceState::kGoingDown), Result::kNoChannel);
+  const FakeManager third = Connect(*agent);
+  EXPECT_EQ(third.ReceiveBody(3), "1#3#");
+}
+
 // The service's callback of the old channel runs while the manager is already back.
 TEST_F(AgentChannel, NewChannelTakesThePlaceOfTheOldAndCallbacksComeOneAtATime) {
   LineRecorder told;
