@@ -15,7 +15,8 @@ DESTDIR=$stage cmake --install "$build" --prefix /usr >/dev/null
 for file in sbin/process-manager bin/pmcheck bin/pmctl share/man/man1/pmctl.1 \
   share/bash-completion/completions/pmctl share/man/man8/process-manager.8 \
   libexec/process-manager/iammgr libexec/process-manager/operator \
-  lib/systemd/system/process-manager.service lib/tmpfiles.d/process-manager.conf; do
+  lib/systemd/system/process-manager.service lib/tmpfiles.d/process-manager.conf \
+  include/process-manager/process_manager_agent_c.h; do
   [[ -s $stage/usr/$file ]] || fail "/usr/$file is missing"
 done
 
