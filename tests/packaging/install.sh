@@ -13,6 +13,7 @@ fail() {
 DESTDIR=$stage cmake --install "$build" --prefix /usr >/dev/null
 
 for file in sbin/process-manager bin/pmcheck bin/pmctl share/man/man1/pmctl.1 \
+  bin/pm-notify share/man/man1/pm-notify.1 share/bash-completion/completions/pm-notify \
   share/bash-completion/completions/pmctl share/man/man8/process-manager.8 \
   libexec/process-manager/iammgr libexec/process-manager/operator \
   lib/systemd/system/process-manager.service lib/tmpfiles.d/process-manager.conf \

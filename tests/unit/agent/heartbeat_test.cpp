@@ -1,19 +1,15 @@
 // Beats as the manager's heartbeat socket gets them, and the thread that sends them.
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <filesystem>
 #include <future>
 
 #include "agent/process_manager_agent.h"
 #include "base/steady_time.h"
-#include "base/unique_fd.h"
 #include "sandbox/process_table.h"
-#include "sandbox/socket_path.h"
-#include "sandbox/system_error.h"
+#include "tests/unit/agent/beat_receiver.h"
 #include "tests/unit/agent/fake_manager.h"
 
 namespace PmTest {
@@ -21,30 +17,6 @@ namespace {
 
 using ProcMgr::Result;
 using std::chrono::milliseconds;
-
-// The manager's side: one datagram at a time.
-class BeatReceiver {
- public:
-  explicit BeatReceiver(const Sandbox& sandbox)
-      : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-    const std::string path = sandbox.Outside("/run/heartbeat.sock");
-    std::filesystem::remove(path);
-    const SocketPath address(path);
-    CheckStep(bind(fd_.Get(), address.Get(), address.Size()) == 0, "listen for beats");
-  }
-
-  // The name in the next beat; "none" if none comes.
-  [[nodiscard]] std::string Receive(milliseconds patience = kPatience) const {
-    char text[128];
-    ssize_t size = -1;
-    const bool came = Eventually(
-        [&] { return (size = recv(fd_.Get(), text, sizeof(text), MSG_DONTWAIT)) >= 0; }, patience);
-    return came ? std::string(text, static_cast<std::size_t>(size)) : "none";
-  }
-
- private:
-  ProcMgr::UniqueFd fd_;
-};
 
 using AgentHeartbeat = AgentTest;
 
