@@ -43,6 +43,27 @@ Agent::StatusMap StatusOf(const std::map<std::string, int>& numbers) {
   return status;
 }
 
+// False for a name that can't be the service's own. Says in one line what is missing and where to
+// put it: most services just end then, and the line is all that their author sees.
+bool MayServe(const std::string& name) {
+  if (name.empty()) {
+    LogError(
+        "ProcMgrAgent : the service has no name: PROC_NAME isn't set. Put "
+        "envArgv: {PROC_NAME: <its appName>} in its service file");
+    return false;
+  }
+  if (name == kManagerName) {
+    // A child of the manager inherits its PROC_NAME. A service that served it would take the place
+    // of the manager's own server, and the manager would wait for the service's name in vain.
+    LogError(
+        "ProcMgrAgent : the service has no name: PROC_NAME is PROCMGR, inherited from the manager. "
+        "Put envArgv: {PROC_NAME: <its appName>} in its service file");
+    return false;
+  }
+  // The library would see the part in front of it, the beats would carry the whole.
+  return name.find('\0') == std::string::npos;
+}
+
 // True if the report is about exactly these names, which are sorted as the report is.
 bool AreNames(const std::vector<std::string>& names, const Agent::StatusMap& status) {
   return std::equal(names.begin(), names.end(), status.begin(), status.end(),
@@ -64,14 +85,7 @@ ManagerLink::ManagerLink(Agent::Callbacks callbacks)
     : callbacks_(std::move(callbacks)), ownUser_(geteuid()) {}
 
 Result ManagerLink::Serve(const std::string& name) {
-  if (name.find('\0') != std::string::npos) {
-    // The library would see the part in front of it, the beats would carry the whole.
-    return Result::kInvalidName;
-  }
-  if (name == kManagerName) {
-    // A child of the manager inherits its PROC_NAME. A service that served it would take the place
-    // of the manager's own server, and the manager would wait for the service's name in vain.
-    LogError("ProcMgrAgent : PROC_NAME is the manager's; set the service's in its envArgv");
+  if (!MayServe(name)) {
     return Result::kInvalidName;
   }
   NexioServerParam param;

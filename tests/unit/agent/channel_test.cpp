@@ -198,13 +198,34 @@ TEST_F(AgentChannel, OnlyRootAndTheOwnUserAreLetIn) {
 
 TEST_F(AgentChannel, NamesThatCannotBeServed) {
   std::unique_ptr<Agent> agent;
-  for (const std::string& name :
-       {std::string(), std::string("PROCMGR"), std::string("a/b"), std::string("a\0b", 3)}) {
+  for (const std::string& name : {std::string("a/b"), std::string("a\0b", 3)}) {
     EXPECT_EQ(Agent::Create({name, {}}, agent), Result::kInvalidName) << name;
   }
   const auto first = MakeAgent({}, "taken");
   EXPECT_EQ(Agent::Create({"taken", {}}, agent), Result::kNameTaken);
   EXPECT_EQ(agent, nullptr);
+}
+
+// Whoever forgets the name finds in the log what is missing, and where to put it.
+TEST_F(AgentChannel, ForgottenNameIsToldInOneLine) {
+  const struct {
+    const char* inherited;
+    const char* told;
+  } cases[] = {{"PROCMGR", "PROC_NAME is PROCMGR, inherited from the manager. Put envArgv:"},
+               {"", "PROC_NAME isn't set. Put envArgv: {PROC_NAME: <its appName>}"}};
+  LogCapture log;
+  std::unique_ptr<Agent> agent;
+  for (const auto& c : cases) {
+    ASSERT_EQ(setenv("PROC_NAME", c.inherited, 1), 0);
+    EXPECT_EQ(Agent::Create({}, agent), Result::kInvalidName);
+    const std::vector<std::string> lines = log.Take();
+    ASSERT_EQ(lines.size(), 1U) << testing::PrintToString(lines);
+    EXPECT_THAT(lines.front(), testing::HasSubstr(c.told));
+  }
+  ASSERT_EQ(setenv("PROC_NAME", "svc", 1), 0);
+  EXPECT_EQ(Agent::Create({}, agent), Result::kOk);
+  EXPECT_EQ(agent->Name(), "svc");
+  ASSERT_EQ(unsetenv("PROC_NAME"), 0);
 }
 
 TEST_F(AgentChannel, StopWakesWhoWaitsAndFreesTheName) {
