@@ -1,4 +1,5 @@
-// A service in each language, on the real daemon: the examples as they are shown.
+// A service in each language, on the real daemon: the examples as they are shown. PM_BINDINGS_DIR
+// is set if there is a Python that can load the library.
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
@@ -8,11 +9,6 @@ constexpr const char* kUser = "service";
 
 class EveryLanguage : public ScenarioTest {
  protected:
-  void SetUp() override {
-    ScenarioTest::SetUp();
-    sandbox_.AddUser(kUser, 1000, 1000, "/");
-  }
-
   void InstallExample(const std::string& file) {
     sandbox_.InstallProgram(PM_EXAMPLES_DIR + file, "/opt/test/" + file, 1000, 1000);
   }
@@ -28,9 +24,18 @@ class EveryLanguage : public ScenarioTest {
              {"envArgv", environment}}};
   }
 
-  App InC() {
+  void SetUp() override {
+    ScenarioTest::SetUp();
+    sandbox_.AddUser(kUser, 1000, 1000, "/");
     sandbox_.InstallProgram(ProgramPath("../lib/libprocess_manager_agent.so.1"),
                             "/opt/test/lib/libprocess_manager_agent.so.1");
+    // As the system's set-up makes it.
+    sandbox_.WriteFile("/run/pm-notify/.made", "");
+    std::filesystem::permissions(sandbox_.Outside("/run/pm-notify"),
+                                 std::filesystem::perms::all | std::filesystem::perms::sticky_bit);
+  }
+
+  App InC() {
     sandbox_.InstallProgram(ProgramPath("c_service"), "/opt/test/c_service", 1000, 1000);
     return Reports("in_c", "/opt/test/c_service", {},
                    "{PROC_NAME: in_c, LD_LIBRARY_PATH: /opt/test/lib}");
@@ -45,45 +50,61 @@ class EveryLanguage : public ScenarioTest {
         "{PROC_NAME: in_shell}");
   }
 
-  // Stopped long enough to be missed, and then not missed any more: it beats.
-  void ExpectBeats(const std::string& name, pid_t pid) {
-    const std::string told = "Process heart beat notify. (app=" + name + ",pid=";
-    ASSERT_EQ(kill(pid, SIGSTOP), 0);
-    EXPECT_TRUE(log_.WaitFor([&](const LogLine& line) {
-                      return line.text.find(told) != std::string::npos &&
-                             line.text.find("status=lost") != std::string::npos;
-                    })
-                    .has_value());
-    ASSERT_EQ(kill(pid, SIGCONT), 0);
-    EXPECT_TRUE(Await(told + std::to_string(pid) + ",status=recovery)"));
+#ifdef PM_BINDINGS_DIR
+  App InPython() {
+    InstallExample("python_service.py");
+    sandbox_.InstallProgram(PM_BINDINGS_DIR "python/process_manager.py",
+                            "/opt/test/python/process_manager.py");
+    return Reports("in_python", "/opt/test/python_service.py", {},
+                   "{PROC_NAME: in_python, LD_LIBRARY_PATH: /opt/test/lib, "
+                   "PYTHONPATH: /opt/test/python, PYTHONDONTWRITEBYTECODE: '1'}");
   }
+#endif
 
-  // Dies, comes back, reports again, beats, and ends as it is asked to.
-  void LiveThrough(const std::string& name) {
-    const std::string report = "PM revice BASESERVICE_STATE_REPORT msg from " + name;
-    std::size_t before = log_.Lines().size();
-    ASSERT_EQ(kill(AwaitStarted(name), SIGKILL), 0);
-    EXPECT_TRUE(Await(report, before));
-    const pid_t second = AwaitStarted(name, before);
-    ExpectBeats(name, second);
-    before = log_.Lines().size();
-    ASSERT_EQ(kill(second, SIGTERM), 0);
-    EXPECT_TRUE(Await("PROCMGR : Process=" + name + ", pid=" + std::to_string(second) +
-                          " was self terminated, the exit status is 0.",
-                      before));
+  [[nodiscard]] bool AwaitLost(const std::string& name) const {
+    return log_
+        .WaitFor([&](const LogLine& line) {
+          return line.text.find("heart beat notify. (app=" + name + ",") != std::string::npos &&
+                 line.text.find("status=lost") != std::string::npos;
+        })
+        .has_value();
   }
 };
 
 TEST_F(EveryLanguage, ReportsComesBackAndBeats) {
-  const std::vector<App> apps = {InC(), InShell()};
+  std::vector<App> apps = {InC(), InShell()};
+#ifdef PM_BINDINGS_DIR
+  apps.push_back(InPython());
+#endif
   Boot(apps);
   for (const App& app : apps) {
     EXPECT_TRUE(Await("InitBaseApp:" + app.name + " success, report RUNNING!"));
   }
   AwaitBooted();
+  // Each dies, comes back and reports again.
+  const std::size_t before = log_.Lines().size();
   for (const App& app : apps) {
-    SCOPED_TRACE(app.name);
-    LiveThrough(app.name);
+    ASSERT_EQ(kill(AwaitStarted(app.name), SIGKILL), 0);
+  }
+  std::map<std::string, pid_t> pids;
+  for (const App& app : apps) {
+    EXPECT_TRUE(Await("PM revice BASESERVICE_STATE_REPORT msg from " + app.name, before));
+    pids[app.name] = AwaitStarted(app.name, before);
+  }
+  // Stopped long enough to be missed, and then not missed any more: it beats.
+  for (const auto& [name, pid] : pids) {
+    ASSERT_EQ(kill(pid, SIGSTOP), 0) << name;
+  }
+  for (const auto& [name, pid] : pids) {
+    EXPECT_TRUE(AwaitLost(name)) << name;
+    ASSERT_EQ(kill(pid, SIGCONT), 0) << name;
+    EXPECT_TRUE(Await("(app=" + name + ",pid=" + std::to_string(pid) + ",status=recovery)"));
+  }
+  // It ends as it is asked to.
+  for (const auto& [name, pid] : pids) {
+    ASSERT_EQ(kill(pid, SIGTERM), 0) << name;
+    EXPECT_TRUE(Await("PROCMGR : Process=" + name + ", pid=" + std::to_string(pid) +
+                      " was self terminated, the exit status is 0."));
   }
 }
 
