@@ -16,7 +16,8 @@ target_include_directories(pm_flags INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_definitions(pm_flags INTERFACE _GNU_SOURCE)
 target_compile_options(pm_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-  target_compile_options(pm_flags INTERFACE -Wthread-safety -Wthread-safety-beta)
+  target_compile_options(pm_flags INTERFACE
+                         "$<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety;-Wthread-safety-beta>")
 endif()
 
 if(PM_SANITIZE)
@@ -61,5 +62,7 @@ function(pm_program name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE pm_flags ${ARG_LINK})
+  # A sanitizer's run time comes whole only this way, also for a program in C.
+  set_target_properties(${name} PROPERTIES LINKER_LANGUAGE CXX)
   pm_in_room(${name})
 endfunction()
