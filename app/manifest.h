@@ -123,8 +123,8 @@ class DependGraph {
  public:
   DependGraph();
   ~DependGraph();
-  DependGraph(const DependGraph& other);
-  DependGraph& operator=(const DependGraph& other);
+  DependGraph(DependGraph&& other) noexcept;  // Leaves nothing to be called in `other`.
+  DependGraph& operator=(DependGraph&&) = delete;
 
   // Adds an application and the names that must be popped before it comes up for its turn.
   void AddVertex(const std::string& name, const std::set<std::string>& dependencies);

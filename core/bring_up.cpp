@@ -220,8 +220,8 @@ FirstChannel ProcessManager::StepFirstChannel(const std::string& name, bool& isA
     return FirstChannel::kFailed;
   }
   isAsked = true;
-  master_.OpenAside(name, app->gid_, {.isEndExpected = true},
-                    [this](bool) { handshake_.NoteEvent(); });
+  master_.RegServiceCallBack(name, app->gid_, {.isEndExpected = true},
+                             [this](bool) { handshake_.NoteEvent(); });
   return FirstChannel::kUnderWay;
 }
 

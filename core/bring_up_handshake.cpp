@@ -59,7 +59,7 @@ ProcessState BringUpHandshake::WaitForState() {
 void BringUpHandshake::NoteEvent() {
   const MutexLock lock(stateMutex_);
   ++events_;
-  stateCond_.NotifyAll();
+  eventCond_.NotifyAll();
 }
 
 std::uint64_t BringUpHandshake::Events() {
@@ -69,7 +69,7 @@ std::uint64_t BringUpHandshake::Events() {
 
 void BringUpHandshake::WaitForEvent(std::uint64_t seen, SteadyTime deadline) {
   const MutexLock lock(stateMutex_);
-  while (events_ == seen && stateCond_.WaitUntil(stateMutex_, deadline)) {
+  while (events_ == seen && eventCond_.WaitUntil(stateMutex_, deadline)) {
   }
 }
 

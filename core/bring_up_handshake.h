@@ -2,7 +2,6 @@
 #ifndef CORE_BRING_UP_HANDSHAKE_H
 #define CORE_BRING_UP_HANDSHAKE_H
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -31,8 +30,8 @@ class BringUpHandshake {
 
   // Main thread: begins to await `name`, whose record is to be waited for if it is there.
   void Await(const std::string& name) REQUIRES(baseAppMutex_) EXCLUDES(stateMutex_);
-  // Waits until the awaited service is RUNNING, TERMINATING or TERMINATED, or until EndWait; yields
-  // that state, and awaits nothing any more.
+  // Waits until the awaited service is RUNNING, TERMINATING or TERMINATED; yields that state, and
+  // awaits nothing any more.
   [[nodiscard]] ProcessState WaitForState() EXCLUDES(stateMutex_);
 
   // A channel's opening has ended, or a service will not be started again. Whoever counted Events
@@ -56,6 +55,7 @@ class BringUpHandshake {
 
   Mutex stateMutex_ ACQUIRED_AFTER(baseAppMutex_);
   CondVar stateCond_;
+  CondVar eventCond_;
   AwaitedApp awaited_ GUARDED_BY(stateMutex_);
   std::uint64_t events_ GUARDED_BY(stateMutex_) = 0;
 };

@@ -192,16 +192,17 @@ void ProcessManager::OpenNewChannel(const App::BaseAppInfo& app) {
   if (!app.isReporting_) {
     terms.patience = kPatience;
   }
-  master_.OpenAside(app.appName_, app.gid_, terms,
-                    [this, name = app.appName_, pid = app.pid_, state = app.state_](bool isOpen) {
-                      if (isOpen) {
-                        LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart success",
-                                name.c_str(), pid, GetProcessStateStr(state).c_str());
-                      } else {
-                        LogError("PROCMGR : procname=%s RegisterService failed", name.c_str());
-                      }
-                      handshake_.NoteEvent();
-                    });
+  master_.RegServiceCallBack(
+      app.appName_, app.gid_, terms,
+      [this, name = app.appName_, pid = app.pid_, state = app.state_](bool isOpen) {
+        if (isOpen) {
+          LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart success", name.c_str(),
+                  pid, GetProcessStateStr(state).c_str());
+        } else {
+          LogError("PROCMGR : procname=%s RegisterService failed", name.c_str());
+        }
+        handshake_.NoteEvent();
+      });
 }
 
 void ProcessManager::CheckGeneralApps() {

@@ -1,7 +1,6 @@
 // Delayed core binding, and the way back after a wake-up.
 #include "core/delayed_binding.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -171,11 +170,6 @@ sigset_t PlatformSignals() {
   sigaddset(&signals, BindingSignal());
   sigaddset(&signals, WakeUpSignal());
   return signals;
-}
-
-void BlockPlatformSignals() {
-  const sigset_t signals = PlatformSignals();
-  (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
 void ProcessManager::CheckCoreAffinityThread() {

@@ -136,39 +136,36 @@ struct BegunOpening {
   std::string procName;
   gid_t gid = 0;
   OpenTerms terms;
-  std::shared_ptr<Openings::Scope> scope;  // Null: it has failed already.
-  int error = 0;                           // The errno of that failure.
+  std::shared_ptr<Openings::Scope> scope;
 };
 
-// The steps of an opening that wait for nobody.
-BegunOpening BeginOpening(const std::string& procName, gid_t gid, const OpenTerms& terms) {
+// The steps of an opening that wait for nobody. Yields null, with a line in the log, if it has
+// failed already.
+std::shared_ptr<Openings::Scope> BeginOpening(const std::string& procName) {
   if (secure_getenv("PROC_NAME") == nullptr) {
     LogError("********* PROCMGR : RegServiceCallBack begin :pmProcName is null, targetProcName=%s",
              procName.c_str());
   }
-  BegunOpening opening{procName, gid, terms, nullptr, 0};
   if (procName.empty()) {
     LogError("PROCMGR : RegServiceCallBack failed: procName is null");
-    return opening;
+    return nullptr;
   }
   CloseLeftOver();
-  opening.scope = openings.Begin(procName, opening.error);
-  if (opening.scope == nullptr) {
-    ProcMgrMaster::TellOpeningFailed(kNexioBroken, opening.error);
-    return opening;
+  int error = 0;
+  std::shared_ptr<Openings::Scope> scope = openings.Begin(procName, error);
+  if (scope == nullptr) {
+    ProcMgrMaster::TellOpeningFailed(kNexioBroken, error);
+    return nullptr;
   }
   // A service that doesn't report, but serves, keeps its channel until it is opened anew.
   if (const int old = nameTable.TakeForClosing(procName); old > 0) {
     CloseMarked(old, [](int) {});
   }
-  return opening;
+  return scope;
 }
 
 // Waits for the peer. Ends the opening.
 bool FinishOpening(BegunOpening& opening) {
-  if (opening.scope == nullptr) {
-    return false;
-  }
   NexioOpenParam param;
   param.peerName = opening.procName.c_str();
   param.requestCallback = &ProcMgrMaster::ProcMgrMasterRequstMsgHandler;
@@ -188,6 +185,17 @@ bool FinishOpening(BegunOpening& opening) {
   }
   opening.scope.reset();
   return fd > 0;
+}
+
+// The same on a thread of its own, which an exception must not end.
+bool FinishOpeningAside(BegunOpening& opening) {
+  try {
+    return FinishOpening(opening);
+  } catch (const std::exception& error) {
+    LogError("PROCMGR: Caught exception=%s", error.what());
+    opening.scope.reset();
+    return false;
+  }
 }
 
 // Yields what it tells.
@@ -238,47 +246,36 @@ void ProcMgrMaster::Detach() const {
   attachment.Detach(this);
 }
 
-bool ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid,
-                                       const OpenTerms& terms) {
-  BegunOpening opening = BeginOpening(procName, gid, terms);
-  return FinishOpening(opening);
-}
-
-void ProcMgrMaster::OpenAside(const std::string& procName, gid_t gid, const OpenTerms& terms,
-                              Outcome outcome) {
-  auto opening = std::make_shared<BegunOpening>(BeginOpening(procName, gid, terms));
+void ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid,
+                                       const OpenTerms& terms, Outcome outcome) {
+  auto opening =
+      std::make_shared<BegunOpening>(BegunOpening{procName, gid, terms, BeginOpening(procName)});
+  if (opening->scope == nullptr) {
+    outcome(false);
+    return;
+  }
   // Whoever ends the opening tells it: its thread, the end of the process, or the want of a thread.
   const auto told = std::make_shared<const Outcome>(std::move(outcome));
   const bool isPatient = terms.patience.count() != 0;
-  if (isPatient && opening->scope != nullptr) {
+  if (isPatient) {
     // The few at a time may take long to come to this one; the end of its process doesn't.
     opening->scope->WaitForTurn([told] {
       TellOpeningFailed(kNexioBroken, 0);
       (*told)(false);
     });
   }
-  Crew& crew = isPatient ? patientOpeners_ : openers_;
   try {
-    crew.Run([opening, told] {
-      if (opening->scope != nullptr && !opening->scope->TakeTurn()) {
-        return;
+    (isPatient ? patientOpeners_ : openers_).Run([opening, told] {
+      if (opening->scope->TakeTurn()) {
+        (*told)(FinishOpeningAside(*opening));
       }
-      bool isOpen = false;
-      try {
-        isOpen = FinishOpening(*opening);
-      } catch (const std::exception& error) {
-        LogError("PROCMGR: Caught exception=%s", error.what());
-        opening->scope.reset();
-      }
-      (*told)(isOpen);
     });
   } catch (const std::system_error& error) {
-    if (opening->scope != nullptr && !opening->scope->TakeTurn()) {
-      return;
+    if (opening->scope->TakeTurn()) {
+      opening->scope.reset();
+      TellOpeningFailed(kNexioBroken, error.code().value());
+      (*told)(false);
     }
-    opening->scope.reset();
-    TellOpeningFailed(kNexioBroken, error.code().value());
-    (*told)(false);
   }
 }
 

@@ -9,10 +9,9 @@
 // name table lock is the last in the manager's order of locks: it is held around access to the
 // table and never across a call of the library or of handler_.
 //
-// Nobody waits here for a peer, RegServiceCallBack apart: an opening goes on aside, on a thread of
-// its own; a report that finds no room and a closing that a callback puts off are the keeper's
-// (message/keeper.h). Functions that tell an outcome do so once, on the caller's thread or on one
-// of those.
+// Nobody waits here for a peer: an opening goes on aside, on a thread of its own; a report that
+// finds no room and a closing that a callback puts off are the keeper's (message/keeper.h).
+// Functions that tell an outcome do so once, on the caller's thread or on one of those.
 //
 // Two races are settled here:
 // - A peer may send in the very instant its channel opens, before the descriptor has been filed.
@@ -68,15 +67,12 @@ class ProcMgrMaster {
   // destructor calls it.
   void Detach() const;
 
-  // Opens the channel to `procName`, which must run under `gid`, and waits for the peer: up to 3
-  // minutes, or 30 with "VENTRIX_RUN_MODE" at "1". A name has one opening at a time; a second one
-  // is refused.
-  [[nodiscard]] bool RegServiceCallBack(const std::string& procName, gid_t gid,
-                                        const OpenTerms& terms = {});
-
-  // The same aside: the opening is under way when the call returns, and `outcome` tells how it
-  // ended. The caller sees to it that no other process takes the peer's place meanwhile.
-  void OpenAside(const std::string& procName, gid_t gid, const OpenTerms& terms, Outcome outcome);
+  // Opens the channel to `procName`, which must run under `gid`. The opening is under way when the
+  // call returns, and `outcome` tells how it ended; it waits for the peer up to 3 minutes, or 30
+  // with "VENTRIX_RUN_MODE" at "1". A name has one opening at a time; a second one is refused. The
+  // caller sees to it that no other process takes the peer's place meanwhile.
+  void RegServiceCallBack(const std::string& procName, gid_t gid, const OpenTerms& terms,
+                          Outcome outcome);
 
   // The process that an opening of `procName` waits for has ended: ends it, if there is one.
   static void EndOpening(const std::string& procName);

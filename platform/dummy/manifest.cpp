@@ -14,13 +14,7 @@ DependGraph::DependGraph() : state_(std::make_unique<State>()) {}
 
 DependGraph::~DependGraph() = default;
 
-DependGraph::DependGraph(const DependGraph& other)
-    : state_(std::make_unique<State>(*other.state_)) {}
-
-DependGraph& DependGraph::operator=(const DependGraph& other) {
-  *state_ = *other.state_;
-  return *this;
-}
+DependGraph::DependGraph(DependGraph&& other) noexcept = default;
 
 void DependGraph::AddVertex(const std::string& name,
                             const std::set<std::string>& /*dependencies*/) {

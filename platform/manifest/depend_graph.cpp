@@ -50,13 +50,7 @@ DependGraph::DependGraph() : state_(std::make_unique<State>()) {}
 
 DependGraph::~DependGraph() = default;
 
-DependGraph::DependGraph(const DependGraph& other)
-    : state_(std::make_unique<State>(*other.state_)) {}
-
-DependGraph& DependGraph::operator=(const DependGraph& other) {
-  *state_ = *other.state_;
-  return *this;
-}
+DependGraph::DependGraph(DependGraph&& other) noexcept = default;
 
 bool DependGraph::IsEmpty() const {
   return state_->open.empty();

@@ -28,6 +28,8 @@ using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using namespace std::string_literals;
 
+constexpr gid_t kGid = 1001;
+
 class ProcMgrMasterTest : public ::testing::Test {
  protected:
   ProcMgrMasterTest() : master_([this](int fd, const NexioRequest* req) { Handle(fd, req); }) {
@@ -38,9 +40,18 @@ class ProcMgrMasterTest : public ::testing::Test {
   }
   ~ProcMgrMasterTest() override { fake_.Reset(); }
 
+  // Begins to open a channel; the future tells how it ended.
+  std::future<bool> Begin(const std::string& name, const OpenTerms& terms = {}) {
+    const auto outcome = std::make_shared<std::promise<bool>>();
+    master_.RegServiceCallBack(name, kGid, terms,
+                               [outcome](bool isOpen) { outcome->set_value(isOpen); });
+    return outcome->get_future();
+  }
+  bool Open(const std::string& name) { return Begin(name).get(); }
+
   // Opens a channel and yields its descriptor, with the log emptied.
   int Register(const std::string& name) {
-    EXPECT_TRUE(master_.RegServiceCallBack(name, 7));
+    EXPECT_TRUE(Open(name));
     (void)TakeLog();
     fake_->closeCalls.clear();
     return master_.GetFdFromProcName(name);
@@ -72,11 +83,11 @@ class ProcMgrMasterTest : public ::testing::Test {
 };
 
 TEST_F(ProcMgrMasterTest, OpensAndFilesAChannel) {
-  ASSERT_TRUE(master_.RegServiceCallBack("camera_service", 1001));
+  ASSERT_TRUE(Open("camera_service"));
   const int fd = master_.GetFdFromProcName("camera_service");
   EXPECT_GE(fd, 1);
   EXPECT_THAT(fake_->openedNames, ElementsAre("camera_service"));
-  EXPECT_EQ(fake_->opened[0].gid, 1001U);
+  EXPECT_EQ(fake_->opened[0].gid, kGid);
   EXPECT_GE(fake_->opened[0].cancelFd, 0);
   std::string name;
   EXPECT_TRUE(master_.GetProcNameFromFd(fd, name));
@@ -90,24 +101,16 @@ TEST_F(ProcMgrMasterTest, OpensAndFilesAChannel) {
   EXPECT_FALSE(master_.GetProcNameFromFd(fd, name));
 }
 
-TEST_F(ProcMgrMasterTest, OpeningAsideTellsItsOutcome) {
+TEST_F(ProcMgrMasterTest, AnOpeningTellsItsOutcomeAndHoldsNobodyUp) {
   std::promise<void> serve;
   fake_->onOpen = [&](int) { serve.get_future().wait(); };
-  std::promise<bool> outcome;
-  master_.OpenAside("aside", 7, {}, [&](bool isOpen) { outcome.set_value(isOpen); });
+  std::future<bool> outcome = Begin("aside");
   EXPECT_TRUE(ProcMgrMaster::IsOpening("aside"));
   // A name has one opening at a time.
-  bool isRefused = false;
-  std::promise<void> refused;
-  master_.OpenAside("aside", 7, {}, [&](bool isOpen) {
-    isRefused = !isOpen;
-    refused.set_value();
-  });
-  refused.get_future().wait();
-  EXPECT_TRUE(isRefused);
-  EXPECT_FALSE(master_.RegServiceCallBack("", 7));
+  EXPECT_FALSE(Open("aside"));
+  EXPECT_FALSE(Open(""));
   serve.set_value();
-  EXPECT_TRUE(outcome.get_future().get());
+  EXPECT_TRUE(outcome.get());
   EXPECT_THAT(fake_->openedNames, ElementsAre("aside"));
   EXPECT_GE(master_.GetFdFromProcName("aside"), 1);
   EXPECT_FALSE(ProcMgrMaster::IsOpening("aside"));
@@ -142,7 +145,7 @@ TEST_F(ProcMgrMasterTest, OpenResults) {
     SCOPED_TRACE(test.name);
     fake_.Reset();
     fake_->openResults = test.results;
-    EXPECT_EQ(master_.RegServiceCallBack("results", 7), test.opens);
+    EXPECT_EQ(Open("results"), test.opens);
     EXPECT_EQ(master_.GetFdFromProcName("results") >= 1, test.opens);
     EXPECT_THAT(fake_->opened, SizeIs(test.tries));
     EXPECT_THAT(fake_->sleeps, IsEmpty());
@@ -201,7 +204,7 @@ TEST_F(ProcMgrMasterTest, AFrameInTheInstantOfTheOpeningFindsItsSender) {
   };
   constexpr int kRounds = 300;
   for (int i = 0; i < kRounds; ++i) {
-    EXPECT_TRUE(master_.RegServiceCallBack("eager", 7));
+    EXPECT_TRUE(Open("eager"));
     library.join();
     ProcMgrMaster::UnRegServiceCallBack("eager");
   }
@@ -251,7 +254,7 @@ TEST_F(ProcMgrMasterTest, ClosingRacesWithCallbacks) {
   });
   std::vector<int> fds;
   for (int i = 0; i < 500; ++i) {
-    EXPECT_TRUE(master_.RegServiceCallBack("racer", 7));
+    EXPECT_TRUE(Open("racer"));
     fds.push_back(master_.GetFdFromProcName("racer"));
     current = fds.back();
     ProcMgrMaster::UnRegServiceCallBack("racer");
@@ -271,11 +274,7 @@ TEST_F(ProcMgrMasterTest, AnOpeningThatHasNotHadItsTurnEndsWithItsProcess) {
   fake_->onOpening = [open = gate.get_future().share()](const NexioOpenParam&) { open.wait(); };
   const OpenTerms patient{std::chrono::milliseconds(1), false};
   std::vector<std::future<bool>> outcomes;
-  const auto open = [&](const std::string& name) {
-    const auto outcome = std::make_shared<std::promise<bool>>();
-    outcomes.push_back(outcome->get_future());
-    master_.OpenAside(name, 7, patient, [outcome](bool isOpen) { outcome->set_value(isOpen); });
-  };
+  const auto open = [&](const std::string& name) { outcomes.push_back(Begin(name, patient)); };
   for (int i = 0; i < 10; ++i) {
     open("first" + std::to_string(i));
   }

@@ -81,7 +81,7 @@ TEST(DependGraph, LongChainAndLongCircle) {
     chain.AddVertex(name(i), i == 0 ? Names{} : Names{name(i - 1)});
     circle.AddVertex(name(i), {name((i + 1) % kLength)});
   }
-  EXPECT_THAT(Rounds(chain), SizeIs(kLength));
+  EXPECT_THAT(Rounds(std::move(chain)), SizeIs(kLength));
   PmTest::LogCapture log;
   EXPECT_THAT(circle.GetNoDependVertices(), SizeIs(kLength));
   const std::vector<std::string> lines = log.Take();
@@ -115,7 +115,7 @@ TEST(StartGraph, HoldsWhatTheLastParsesFoundAmongTheGivenNames) {
   const auto rounds = [&](const std::vector<std::string>& names) {
     DependGraph graph;
     library.GetStartGraph(names, graph);
-    return Rounds(graph);
+    return Rounds(std::move(graph));
   };
   const std::string keys = ", binPath: /b, uid: 1, gid: 1, dependList: ";
   ASSERT_EQ(parse("applications:\n- {appName: sg1" + keys + "[sg2, sg3]}\n- {appName: sg2" + keys +
