@@ -60,6 +60,9 @@ inline constexpr int kExitCodeEio = 125;
 // A first element of a core list that stands for all reserved cores.
 inline constexpr std::uint32_t kAllReservedCores = 255;
 
+// The keys of the dynamic parameters of a request.
+enum class ParamKey : int { kExecPath = 0, kVfId = 1, kEnv = 2 };
+
 class AppInfo {
  public:
   AppInfo() = default;
@@ -200,6 +203,8 @@ class BaseAppInfo : public AppInfo {
   std::set<std::string> dependList_;
   bool isForceTerm_ = false;
   std::string startupEntryPath_;
+  // The restart that follows its end is decided when the digest of its program is known.
+  bool isDigestAwaited_ = false;
   std::deque<SteadyTime> restartTimes_;  // Of the counted restarts, oldest first, five at most.
   bool isReady_ = false;
 };

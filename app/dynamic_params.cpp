@@ -9,7 +9,6 @@ namespace ProcMgr::App {
 namespace {
 
 // The keys of a request's parameters.
-enum class ParamKey : int { kExecPath = 0, kVfId = 1, kEnv = 2 };
 
 const std::vector<std::string>& ValuesOf(const std::map<int, std::vector<std::string>>& params,
                                          ParamKey key) {

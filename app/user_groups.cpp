@@ -1,13 +1,13 @@
 #include "app/user_groups.h"
 
 #include <pwd.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <map>
 #include <optional>
 #include <utility>
 
+#include "base/file_state.h"
 #include "base/immortal.h"
 #include "base/user_lookup.h"
 #include "platform/securec/securec.h"
@@ -15,32 +15,11 @@
 namespace ProcMgr::App {
 namespace {
 
-// What changes with each change of a file.
-struct FileState {
-  dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = 0;
-  timespec changed{};
-
-  [[nodiscard]] bool operator==(const FileState& other) const {
-    return device == other.device && inode == other.inode && size == other.size &&
-           changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec;
-  }
-};
-
-FileState StateOf(const char* path) {
-  struct stat file {};
-  if (stat(path, &file) != 0) {
-    return {};
-  }
-  return {file.st_dev, file.st_ino, file.st_size, file.st_ctim};
-}
-
 // The user database's files, in which a look-up ends on a board.
-using DatabaseState = std::pair<FileState, FileState>;
+using DatabaseState = std::pair<std::optional<FileState>, std::optional<FileState>>;
 
 DatabaseState StateOfDatabase() {
-  return {StateOf("/etc/passwd"), StateOf("/etc/group")};
+  return {StateOfFile("/etc/passwd"), StateOfFile("/etc/group")};
 }
 
 struct KnownGroups {

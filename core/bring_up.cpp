@@ -9,6 +9,7 @@
 #include "core/host_context.h"
 #include "core/log.h"
 #include "core/process_manager.h"
+#include "host/integrity_protect.h"
 #include "host/kernel_cmdline.h"
 #include "host/watchdog.h"
 
@@ -82,6 +83,8 @@ bool CheckDepends(const std::set<std::string>& dependList, const std::string& na
 
 // Starts the process and enters its record. An exit that comes in between waits for the entry.
 bool StartAndEnter(App::BaseAppInfo& app) EXCLUDES(baseAppMutex_) {
+  // Before the entry begins, for the reaper waits for its end.
+  IntegrityProtect::Instance().WorkOut(app.execPath_);
   const BaseAppEntry entry;
   if (!app.StartProcess() || app.state_ != ProcessState::STARTING) {
     LogError("Start %s failed, state:%s", app.appName_.c_str(),

@@ -10,6 +10,11 @@ bool EndsTheWait(ProcessState state) {
          state == ProcessState::TERMINATED;
 }
 
+// An end whose restart isn't decided yet is none to whoever awaits the service.
+ProcessState StateOf(const App::BaseAppInfo& app) {
+  return app.isDigestAwaited_ ? ProcessState::STARTING : app.state_;
+}
+
 }  // namespace
 
 void BringUpHandshake::Step(App::BaseAppInfo& app) {
@@ -41,7 +46,7 @@ void BringUpHandshake::Await(const std::string& name) {
   const App::BaseAppInfo* const app = FindBaseApp(name);
   const MutexLock lock(stateMutex_);
   // A record that has gone by now ended with no restart left.
-  awaited_ = {name, app == nullptr ? ProcessState::TERMINATED : app->state_};
+  awaited_ = {name, app == nullptr ? ProcessState::TERMINATED : StateOf(*app)};
 }
 
 ProcessState BringUpHandshake::WaitForState() {
@@ -77,7 +82,7 @@ bool BringUpHandshake::NoteState(const App::BaseAppInfo& app) {
   if (awaited_.name != app.appName_ || EndsTheWait(awaited_.state)) {
     return false;
   }
-  awaited_.state = app.state_;
+  awaited_.state = StateOf(app);
   return EndsTheWait(awaited_.state);
 }
 

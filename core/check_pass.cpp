@@ -9,6 +9,7 @@
 #include "core/process_manager.h"
 #include "core/self_reported.h"
 #include "host/core_affinity_mgr.h"
+#include "host/integrity_protect.h"
 #include "platform/heartbeat/heartbeat.h"
 
 namespace ProcMgr {
@@ -18,6 +19,12 @@ constexpr std::int64_t kPauseNs = 30'000'000;
 // What is done at every so many passes.
 constexpr std::uint64_t kUploadPasses = 11;
 constexpr std::uint64_t kCoreBindingPasses = 21;
+
+// Its new process needs a digest that isn't known yet: the record stays as it is.
+bool AwaitsDigest(const App::GeneralAppInfo& app) {
+  return app.state_ == ProcessState::RESTARTING && app.isExited_ && app.isRestartStarted_ == 0 &&
+         !IntegrityProtect::Instance().IsWorkedOut(app.execPath_);
+}
 
 // The exit has ended the opening that was under way, whose thread may not have noticed yet. Until
 // then no other process may come up under the name: the opening would take it for the old one.
@@ -126,6 +133,10 @@ void ProcessManager::CheckThread() {
 void ProcessManager::CheckBaseApps() {
   const MutexLock lock(baseAppMutex_);
   for (App::BaseAppInfo& app : executedBaseApp_) {
+    if (app.isDigestAwaited_) {
+      RestartIfWanted(app);
+      continue;
+    }
     if (app.IsAtRest() || IsOpeningEnding(app)) {
       continue;
     }
@@ -166,6 +177,11 @@ void ProcessManager::HandleAbnormalExit(App::BaseAppInfo& app) {
 
 void ProcessManager::RestartIfWanted(App::BaseAppInfo& app) {
   const char* const name = app.appName_.c_str();
+  app.isDigestAwaited_ =
+      app.IsRestartKept() && !IntegrityProtect::Instance().IsWorkedOut(app.execPath_);
+  if (app.isDigestAwaited_) {
+    return;
+  }
   if (!app.CheckRestart()) {
     LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s doesn't need to restart", name,
             app.pid_, GetProcessStateStr(app.state_).c_str());
@@ -211,7 +227,7 @@ void ProcessManager::CheckGeneralApps() {
     const MutexLock lock(generalAppMutex_);
     const SteadyTime now = SteadyNow();
     for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
-      if (app->IsAtRest()) {
+      if (app->IsAtRest() || AwaitsDigest(*app)) {
         continue;
       }
       StepGeneralApp(*app, now);

@@ -10,6 +10,7 @@
 #include "core/faults.h"
 #include "core/log.h"
 #include "core/process_manager.h"
+#include "host/integrity_protect.h"
 
 namespace ProcMgr {
 namespace {
@@ -161,12 +162,44 @@ void ProcessManager::UpdateAllGeneralAppMap(const std::string& name, const std::
   }
 }
 
+std::string ProcessManager::ProgramToStart(const std::string& name) {
+  {
+    const MutexLock lock(generalAppMutex_);
+    if (const GeneralAppPtr app = FindGeneralApp(name); app != nullptr) {
+      return app->state_ == ProcessState::TERMINATED ? app->execPath_ : "";
+    }
+    if (const auto known = allGeneralAppMap_.find(name); known != allGeneralAppMap_.end()) {
+      return known->second->execPath_;
+    }
+  }
+  std::optional<ApplicationManifest> manifest = startupCfg_.Find(name);
+  if (!manifest) {
+    manifest = startupCfg_.Match(name);
+  }
+  return manifest ? manifest->GetBinPath() : "";
+}
+
+void ProcessManager::WorkOutDigest(const std::string& name,
+                                   const std::map<int, std::vector<std::string>>& params) {
+  IntegrityProtect& protect = IntegrityProtect::Instance();
+  if (!protect.HasEntries()) {
+    return;
+  }
+  protect.WorkOut(ProgramToStart(name));
+  // A program that the request itself names.
+  const auto path = params.find(static_cast<int>(App::ParamKey::kExecPath));
+  if (path != params.end() && path->second.size() == 1) {
+    protect.WorkOut(path->second.front());
+  }
+}
+
 void ProcessManager::StartApp(const std::vector<Message::StartAppInfo>& list,
                               const std::string& sender) {
   LogInfo("%s PM revice START_APP msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
           sender.c_str(), JoinNames(list).c_str());
   std::vector<AppChange> changes;
   for (const Message::StartAppInfo& info : list) {
+    WorkOutDigest(info.appName, info.dynamicPara);
     const MutexLock lock(generalAppMutex_);
     if (!StartOneApp(info, sender, changes)) {
       return;
@@ -221,6 +254,7 @@ void ProcessManager::RestartApp(const std::vector<Message::RestartAppInfo>& list
           sender.c_str(), JoinNames(list).c_str());
   std::vector<AppChange> changes;
   for (const Message::RestartAppInfo& info : list) {
+    WorkOutDigest(info.appName, info.dynamicPara);
     const MutexLock lock(generalAppMutex_);
     RestartOneApp(info, sender, changes);
   }

@@ -139,6 +139,7 @@ void ProcessManager::StartPriorityApps(std::vector<PriorityAppEntry>& entries) {
     return StartsEarlier(*left, *right) || (!StartsEarlier(*right, *left) && left < right);
   });
   for (const PriorityAppEntry* const entry : order) {
+    WorkOutDigest(entry->appName, {});
     const MutexLock lock(generalAppMutex_);
     StartPriorityApp(*entry);
   }

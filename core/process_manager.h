@@ -22,6 +22,8 @@
 // Who may wait for what: only a thread that serves nobody else, and under no lock of the lists.
 //   main              for the channel and the report of the service that it brings up.
 //   openers           one thread an opening (message/proc_mgr_master.h), for a service to serve.
+//   digest workers    for the digest of a program that is to be started again
+//                     (host/integrity_protect.h); requests work theirs out on their own threads.
 //   keeper            the one thread that comes back, in everybody's place, to frames that a peer
 //                     has no room for and to closings whose callback runs (message/keeper.h).
 //   childMsgThread_   for children's texts; signalThread_ for signals.
@@ -72,6 +74,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -198,6 +201,11 @@ class ProcessManager {
   void TermOneApp(const std::string& name, const std::string& sender,
                   std::vector<AppChange>& changes) REQUIRES(generalAppMutex_);
   void QueryAppState(const std::vector<std::string>& names, const std::string& sender);
+  // Works out, before a lock is taken, the digest of what a request may be about to start.
+  void WorkOutDigest(const std::string& name, const std::map<int, std::vector<std::string>>& params)
+      EXCLUDES(generalAppMutex_);
+  // The program that stands behind a name; empty if the name is unknown or is running.
+  [[nodiscard]] std::string ProgramToStart(const std::string& name) EXCLUDES(generalAppMutex_);
   // Null if the name can't be resolved.
   [[nodiscard]] GeneralAppPtr GetGeneralApp(const std::string& name, const std::string& owner)
       REQUIRES(generalAppMutex_);

@@ -5,11 +5,16 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <optional>
+#include <system_error>
 
+#include "base/immortal.h"
+#include "base/may_wait.h"
 #include "base/sleep.h"
 #include "base/small_file.h"
+#include "base/steady_time.h"
 #include "core/log.h"
 #include "host/text_lines.h"
 
@@ -20,6 +25,7 @@ constexpr std::size_t kMaxLine = 255;
 constexpr std::size_t kDigestLength = 64;
 constexpr int kMaxAttempts = 5;
 constexpr std::int64_t kPauseNs = 1'000'000;
+constexpr std::chrono::seconds kMaxTime{60};
 
 // The name at the end of a path, trailing slashes left aside; none for a path without a directory.
 std::optional<std::string> FileName(const std::string& path) {
@@ -65,8 +71,7 @@ std::optional<std::string> RunDigest(const std::string& command, const std::stri
 }  // namespace
 
 IntegrityProtect& IntegrityProtect::Instance() {
-  static IntegrityProtect protect;
-  return protect;
+  return Immortal<IntegrityProtect>();
 }
 
 void IntegrityProtect::LoadHashCfg(const std::string& path) {
@@ -108,7 +113,7 @@ void IntegrityProtect::ParseHashLine(const std::string& line, std::size_t length
   binHashMap_.insert_or_assign(line.substr(0, equals), line.substr(equals + 1));
 }
 
-bool IntegrityProtect::Check(const std::string& binPath) const {
+bool IntegrityProtect::Check(const std::string& binPath) {
   if (binPath.empty()) {
     LogError("PROCMGR: IntegrityProtect appName is empty");
     return false;
@@ -127,14 +132,110 @@ bool IntegrityProtect::Check(const std::string& binPath) const {
              binPath.c_str());
     return false;
   }
-  const std::string command = "sha256sum " + binPath + "|cut -d' ' -f1";
-  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+  if (const std::optional<bool> verdict = TakeVerdict(binPath)) {
+    return *verdict;
+  }
+  return HasWantedDigest(binPath, entry->second);
+}
+
+std::optional<bool> IntegrityProtect::TakeVerdict(const std::string& binPath) {
+  const std::optional<FileState> file = StateOfFile(binPath.c_str());
+  const MutexLock lock(mutex_);
+  const auto verdict = verdicts_.find(binPath);
+  if (verdict == verdicts_.end() || verdict->second.isUnderWay || verdict->second.file != file) {
+    return std::nullopt;
+  }
+  const bool passes = verdict->second.passes;
+  verdicts_.erase(verdict);
+  return passes;
+}
+
+bool IntegrityProtect::HasWantedDigest(const std::string& binPath, const std::string& wanted) {
+  MayWait("sha256sum");
+  const std::optional<FileState> file = StateOfFile(binPath.c_str());
+  // Nobody ever writes into a fifo that is named as a program.
+  const bool isReadable = !file || file->IsRegular();
+  const SteadyTime deadline = SteadyNow() + kMaxTime;
+  const std::string command =
+      "timeout " + std::to_string(kMaxTime.count()) + " sha256sum " + binPath + "|cut -d' ' -f1";
+  for (int attempt = 0; isReadable && attempt < kMaxAttempts && SteadyNow() < deadline; ++attempt) {
     if (const std::optional<std::string> digest = RunDigest(command, binPath)) {
-      return entry->second == *digest;
+      return wanted == *digest;
     }
   }
   LogError("PROCMGR: IntegrityProtect sha256sum failed for app=%s", binPath.c_str());
   return false;
+}
+
+const std::string* IntegrityProtect::WantedDigest(const std::string& binPath) const {
+  const std::optional<std::string> name = FileName(binPath);
+  const auto entry = name ? binHashMap_.find(*name) : binHashMap_.end();
+  return entry == binHashMap_.end() || !IsPlainWord(binPath) ? nullptr : &entry->second;
+}
+
+// Files that can't be started are refused, and told, by what comes before the digest in a start.
+IntegrityProtect::Task IntegrityProtect::Begin(const std::string& binPath) {
+  const std::string* const wanted = WantedDigest(binPath);
+  const std::optional<FileState> file =
+      wanted == nullptr ? std::nullopt : StateOfFile(binPath.c_str());
+  if (!file || !file->IsRegular()) {
+    return {};
+  }
+  const MutexLock lock(mutex_);
+  const auto [verdict, isNew] = verdicts_.try_emplace(binPath);
+  if (!isNew && verdict->second.file == *file) {
+    return {nullptr, {}, verdict->second.isUnderWay};
+  }
+  verdict->second = {*file, true, false};
+  return {wanted, *file, true};
+}
+
+void IntegrityProtect::Finish(const std::string& binPath, const Task& task) {
+  std::optional<bool> passes;
+  try {
+    passes = HasWantedDigest(binPath, *task.wanted);
+  } catch (const std::exception& error) {
+    LogError("PROCMGR: Caught exception=%s", error.what());
+  }
+  const MutexLock lock(mutex_);
+  const auto verdict = verdicts_.find(binPath);
+  // Of a file that has changed meanwhile somebody else has begun to work it out.
+  if (verdict != verdicts_.end() && verdict->second.file == task.file) {
+    verdict->second.isUnderWay = false;
+    verdict->second.passes = passes.value_or(false);
+  }
+  finished_.NotifyAll();
+}
+
+bool IntegrityProtect::IsUnderWay(const std::string& binPath) {
+  const auto verdict = verdicts_.find(binPath);
+  return verdict != verdicts_.end() && verdict->second.isUnderWay;
+}
+
+void IntegrityProtect::WorkOut(const std::string& binPath) {
+  if (const Task task = Begin(binPath); task.wanted != nullptr) {
+    Finish(binPath, task);
+    return;
+  }
+  const MutexLock lock(mutex_);
+  while (IsUnderWay(binPath)) {
+    finished_.Wait(mutex_);
+  }
+}
+
+bool IntegrityProtect::IsWorkedOut(const std::string& binPath) {
+  const Task task = Begin(binPath);
+  if (task.wanted == nullptr) {
+    return !task.isUnderWay;
+  }
+  try {
+    crew_.Run([this, binPath, task] { Finish(binPath, task); });
+    return false;
+  } catch (const std::system_error&) {
+    const MutexLock lock(mutex_);
+    verdicts_.erase(binPath);
+    return true;  // There is no thread for it.
+  }
 }
 
 }  // namespace ProcMgr

@@ -362,5 +362,26 @@ TEST_F(Digest, ChangedBinaryIsNotStartedAgain) {
   EXPECT_TRUE(Eventually([&] { return daemon_->Services().size() == 1; }));
 }
 
+// A digest of seconds holds up its own service alone: others return, and the boot goes on.
+TEST_F(Digest, ALongOneHoldsUpNobodyElse) {
+  const std::string path = Install("/opt/test/large");
+  std::filesystem::resize_file(sandbox_.Outside(path), std::uintmax_t{400} << 20);
+  sandbox_.WriteFile(kHashes, "large=" + Sum(path) + "\n");
+  Boot({{"large", path, {"--serve", "large"}, {{"restart", "on-forever"}}},
+        {"other", kService, {"--serve", "other"}, {{"restart", "on-forever"}}}});
+  ASSERT_TRUE(Await("PROCMGR : STARTING to RUNNING appName=large"));
+  ASSERT_TRUE(Await("PROCMGR : STARTING to RUNNING appName=other"));
+  const std::size_t before = log_.Lines().size();
+  ASSERT_EQ(kill(AwaitStarted("large"), SIGKILL), 0);
+  ASSERT_TRUE(Await("owner=large, pid=", before));
+  ASSERT_EQ(kill(AwaitStarted("other"), SIGKILL), 0);
+  (void)AwaitStarted("other", before);
+  EXPECT_EQ(CountLines(log_.Masked(before), "Start baseApp success appName=large,"), 0U);
+  (void)AwaitStarted("large", before);
+  EXPECT_EQ(CountLines(log_.Masked(before), "owner=large, pid=#, state=TERMINATED unpexpectedly"),
+            1U)
+      << "the end is told once, and at once";
+}
+
 }  // namespace
 }  // namespace PmTest

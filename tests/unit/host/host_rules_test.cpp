@@ -95,6 +95,31 @@ TEST(Integrity, NothingThatAShellInterpretsReachesIt) {
   EXPECT_FALSE(check("bin", folder.Path("bin"))) << "of a folder there is no digest";
 }
 
+TEST(Integrity, AFifoIsRefusedAndNotReadFrom) {
+  const PmTest::TempFolder folder;
+  const std::string path = folder.Path("app");
+  ASSERT_EQ(mkfifo(path.c_str(), 0755), 0);
+  IntegrityProtect protect;
+  protect.ParseHashCfg("app=" + kAbcDigest);
+  EXPECT_FALSE(protect.Check(path));
+}
+
+// A verdict that was worked out beforehand counts for one start of that very file.
+TEST(Integrity, AVerdictCountsOnce) {
+  const PmTest::TempFolder folder;
+  const std::string path = folder.Write("app", "abc");
+  IntegrityProtect protect;
+  protect.ParseHashCfg("app=" + kAbcDigest);
+  EXPECT_TRUE(protect.IsWorkedOut(folder.Path("unlisted")));
+  EXPECT_TRUE(PmSandbox::Eventually([&] { return protect.IsWorkedOut(path); }));
+  (void)folder.Write("app", "abcd");
+  EXPECT_FALSE(protect.Check(path));
+  protect.WorkOut(path);
+  EXPECT_TRUE(protect.IsWorkedOut(path));
+  EXPECT_FALSE(protect.Check(path));
+  EXPECT_FALSE(protect.IsWorkedOut(path)) << "the next start needs its own";
+}
+
 // The manager's reaper takes whatever child it sees, the pipeline's among them.
 TEST(Integrity, SeveralThreadsCheckWhileAReaperTakesTheirChildren) {
   const PmTest::TempFolder folder;
