@@ -85,6 +85,8 @@ class AppInfo {
   // is dealt with by its exit status.
   [[nodiscard]] bool TermProcess();
 
+  void KillProcess() const;
+
   // Files the wait status of the record's process for the next CheckState. Reaper.
   void SetExitStatus(int status);
 
@@ -197,6 +199,9 @@ class BaseAppInfo : public AppInfo {
   [[nodiscard]] bool CheckRestart() { return CheckRestartAt(SteadyNow()); }
   [[nodiscard]] bool CheckRestartAt(SteadyTime now);
 
+  // Asks the process to end, and has nobody start it again. The caller writes TERMINATING.
+  void EndForGood();
+
   // Whether the policy keeps the record after its end.
   [[nodiscard]] bool IsRestartKept() const;
 
@@ -225,6 +230,10 @@ class GeneralAppInfo : public AppInfo {
   [[nodiscard]] ProcessState CheckStateAt(SteadyTime now);
 
   void SetTermBeginTime() { termBeginTime_ = SteadyNow(); }
+
+  // Asks the process to end, writes TERMINATING, and leaves the time-out to the caller: no step of
+  // the state machine kills it, gives up, or starts it again.
+  void EndForGood();
 
   // Takes over the values of a manifest that was loaded again. They count from the next start.
   void UpdateManifest(const ApplicationManifest& manifest);

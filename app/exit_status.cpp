@@ -125,6 +125,23 @@ bool AppInfo::TermProcess() {
   return true;
 }
 
+void AppInfo::KillProcess() const {
+  // Whatever became of the signal, as above.
+  (void)Signal(SIGKILL);
+}
+
+void BaseAppInfo::EndForGood() {
+  restart_ = "no";
+  (void)TermProcess();
+}
+
+void GeneralAppInfo::EndForGood() {
+  SetTermBeginTime();
+  (void)TermProcess();
+  state_ = ProcessState::TERMINATING;
+  isKillSent_ = true;
+}
+
 void AppInfo::SetExitStatus(int status) {
   exitStatus_ = status;
   isExited_ = true;

@@ -123,14 +123,20 @@ void ProcessManager::InitBaseApplication(const std::string& path) {
     }
   }
   baseManifests_.clear();
+  if (stop_.IsAsked()) {
+    return;  // The last service may have been given up half-way.
+  }
   LogInfo("%s InitBaseApplication end", BootStrace(kBootTraceTag).c_str());
   SleepNs(kPauseBeforeWatchDogNs);
   EnableWatchDog(startOk);
 }
 
-// False if a name has no manifest, which ends the walk.
+// False if a name has no manifest, or if the manager is to stop, which ends the walk.
 bool ProcessManager::StartRound(const std::set<std::string>& names, bool& startOk) {
   for (const std::string& name : names) {
+    if (stop_.IsAsked()) {
+      return false;
+    }
     const ApplicationManifest* const manifest = FindManifest(name);
     if (manifest == nullptr) {
       LogError("PROCMGR : can't find %s", name.c_str());
@@ -178,7 +184,7 @@ bool ProcessManager::InitOneBaseApplication(App::BaseAppInfo& app) {
 bool ProcessManager::OpenFirstChannel(const std::string& name) {
   bool isAsked = false;
   SteadyTime deadline = SteadyNow() + kRestartLimit;
-  for (;;) {
+  while (!stop_.IsAsked()) {
     const std::uint64_t seen = handshake_.Events();
     switch (StepFirstChannel(name, isAsked)) {
       case FirstChannel::kOpen:
@@ -199,6 +205,7 @@ bool ProcessManager::OpenFirstChannel(const std::string& name) {
     }
     handshake_.WaitForEvent(seen, deadline);
   }
+  return false;
 }
 
 // One look at the record and its channel. Begins the first opening, once, under the lock under

@@ -51,7 +51,7 @@ void BringUpHandshake::Await(const std::string& name) {
 
 ProcessState BringUpHandshake::WaitForState() {
   const MutexLock lock(stateMutex_);
-  while (!EndsTheWait(awaited_.state)) {
+  while (!EndsTheWait(awaited_.state) && !isGivenUp_) {
     LogInfo("PROCMGR: waiting for baseApp=%s reported state, RUNNING OR TERMINATING.",
             awaited_.name.c_str());
     stateCond_.Wait(stateMutex_);
@@ -74,8 +74,15 @@ std::uint64_t BringUpHandshake::Events() {
 
 void BringUpHandshake::WaitForEvent(std::uint64_t seen, SteadyTime deadline) {
   const MutexLock lock(stateMutex_);
-  while (events_ == seen && eventCond_.WaitUntil(stateMutex_, deadline)) {
+  while (events_ == seen && !isGivenUp_ && eventCond_.WaitUntil(stateMutex_, deadline)) {
   }
+}
+
+void BringUpHandshake::GiveUp() {
+  const MutexLock lock(stateMutex_);
+  isGivenUp_ = true;
+  stateCond_.NotifyAll();
+  eventCond_.NotifyAll();
 }
 
 bool BringUpHandshake::NoteState(const App::BaseAppInfo& app) {

@@ -30,8 +30,8 @@ class BringUpHandshake {
 
   // Main thread: begins to await `name`, whose record is to be waited for if it is there.
   void Await(const std::string& name) REQUIRES(baseAppMutex_) EXCLUDES(stateMutex_);
-  // Waits until the awaited service is RUNNING, TERMINATING or TERMINATED; yields that state, and
-  // awaits nothing any more.
+  // Waits until the awaited service is RUNNING, TERMINATING or TERMINATED, or until GiveUp; yields
+  // its state, and awaits nothing any more.
   [[nodiscard]] ProcessState WaitForState() EXCLUDES(stateMutex_);
 
   // A channel's opening has ended, or a service will not be started again. Whoever counted Events
@@ -40,6 +40,9 @@ class BringUpHandshake {
   [[nodiscard]] std::uint64_t Events() EXCLUDES(stateMutex_);
   // Waits for an event after the first `seen`, until `deadline`.
   void WaitForEvent(std::uint64_t seen, SteadyTime deadline) EXCLUDES(stateMutex_);
+
+  // The bring-up is to wait for nothing any more, now and later.
+  void GiveUp() EXCLUDES(stateMutex_);
 
  private:
   // Keeps the record's state if the main thread waits for the record. True if the wait is over.
@@ -58,6 +61,7 @@ class BringUpHandshake {
   CondVar eventCond_;
   AwaitedApp awaited_ GUARDED_BY(stateMutex_);
   std::uint64_t events_ GUARDED_BY(stateMutex_) = 0;
+  bool isGivenUp_ GUARDED_BY(stateMutex_) = false;
 };
 
 }  // namespace ProcMgr

@@ -177,6 +177,9 @@ void ProcessManager::HandleAbnormalExit(App::BaseAppInfo& app) {
 
 void ProcessManager::RestartIfWanted(App::BaseAppInfo& app) {
   const char* const name = app.appName_.c_str();
+  if (stop_.IsAsked()) {
+    app.restart_ = "no";
+  }
   app.isDigestAwaited_ =
       app.IsRestartKept() && !IntegrityProtect::Instance().IsWorkedOut(app.execPath_);
   if (app.isDigestAwaited_) {
@@ -227,6 +230,9 @@ void ProcessManager::CheckGeneralApps() {
     const MutexLock lock(generalAppMutex_);
     const SteadyTime now = SteadyNow();
     for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
+      if (app->state_ == ProcessState::RESTARTING && stop_.IsAsked()) {
+        app->EndForGood();
+      }
       if (app->IsAtRest() || AwaitsDigest(*app)) {
         continue;
       }

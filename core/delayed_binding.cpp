@@ -11,6 +11,7 @@
 #include "core/host_context.h"
 #include "core/log.h"
 #include "core/process_manager.h"
+#include "core/stop_request.h"
 #include "host/core_affinity_mgr.h"
 
 namespace ProcMgr {
@@ -169,6 +170,7 @@ sigset_t PlatformSignals() {
   sigemptyset(&signals);
   sigaddset(&signals, BindingSignal());
   sigaddset(&signals, WakeUpSignal());
+  sigaddset(&signals, StopSignal());
   return signals;
 }
 
@@ -204,6 +206,8 @@ void ProcessManager::PlatformSignalThread() {
       RequestDelayedBinding();
     } else if (signal == WakeUpSignal()) {
       (void)WakeUpRecover();  // Its last line tells how it went.
+    } else if (signal == StopSignal()) {
+      AskForStop();
     }
   }
 }
@@ -217,12 +221,12 @@ void ProcessManager::RequestDelayedBinding() {
   const MutexLock lock(coreAffinityThreadMutex_);
   // One is enough: it ends only if no further request will be honoured.
   if (!isCoreAffinityThreadStarted_) {
-    coreAffinityThread_ = StartWorker(&ProcessManager::CheckCoreAffinityThread);
+    StartWorker(coreAffinityThread_, &ProcessManager::CheckCoreAffinityThread);
     isCoreAffinityThreadStarted_ = true;
   }
 }
 
-std::thread ProcessManager::TakeCoreAffinityThread() {
+Worker ProcessManager::TakeCoreAffinityThread() {
   const MutexLock lock(coreAffinityThreadMutex_);
   return std::move(coreAffinityThread_);
 }

@@ -20,7 +20,8 @@ inline int WakeUpSignal() {
   return SIGRTMIN + 2;
 }
 
-// Both. main blocks them before it starts the first thread (core/starter.h).
+// Both, and the one that asks for an orderly stop (core/stop_request.h), which the same thread
+// takes. main blocks them before it starts the first thread (core/starter.h).
 [[nodiscard]] sigset_t PlatformSignals();
 
 }  // namespace ProcMgr

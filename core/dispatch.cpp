@@ -47,9 +47,23 @@ void ProcessManager::HandleRequest(int fd, const NexioRequest* request) {
   DispatchRequest(frame.type, frame, sender, *request, fd);
 }
 
+namespace {
+
+// What services say about themselves is heard to the end; requests end with the request to stop.
+bool IsReport(RequestType type) {
+  return type == RequestType::BASESERVICE_STATE_REPORT || type == RequestType::APP_EXECUTION_REPORT;
+}
+
+}  // namespace
+
 void ProcessManager::DispatchRequest(RequestType type, const RequestMsg& frame,
                                      const std::string& sender, const NexioRequest& request,
                                      int fd) {
+  if (stop_.IsAsked() && !IsReport(type)) {
+    LogWarning("PROCMGR : orderly stop: request type=%u from %s is not taken",
+               static_cast<unsigned>(type), sender.c_str());
+    return;
+  }
   switch (type) {
     case RequestType::START_APP: {
       std::vector<Message::StartAppInfo> list;

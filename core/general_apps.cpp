@@ -201,7 +201,7 @@ void ProcessManager::StartApp(const std::vector<Message::StartAppInfo>& list,
   for (const Message::StartAppInfo& info : list) {
     WorkOutDigest(info.appName, info.dynamicPara);
     const MutexLock lock(generalAppMutex_);
-    if (!StartOneApp(info, sender, changes)) {
+    if (stop_.IsAsked() || !StartOneApp(info, sender, changes)) {
       return;
     }
   }
@@ -256,6 +256,9 @@ void ProcessManager::RestartApp(const std::vector<Message::RestartAppInfo>& list
   for (const Message::RestartAppInfo& info : list) {
     WorkOutDigest(info.appName, info.dynamicPara);
     const MutexLock lock(generalAppMutex_);
+    if (stop_.IsAsked()) {
+      return;
+    }
     RestartOneApp(info, sender, changes);
   }
   reporter_.ReportGeneralApps(changes);

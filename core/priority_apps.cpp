@@ -141,6 +141,9 @@ void ProcessManager::StartPriorityApps(std::vector<PriorityAppEntry>& entries) {
   for (const PriorityAppEntry* const entry : order) {
     WorkOutDigest(entry->appName, {});
     const MutexLock lock(generalAppMutex_);
+    if (stop_.IsAsked()) {
+      return;
+    }
     StartPriorityApp(*entry);
   }
 }

@@ -2,7 +2,8 @@
 //
 // Threads
 // -------
-//   main              runs the boot (Run), then sits in a join for the rest of its life.
+//   main              runs the boot (Run), then waits for an orderly stop to be asked for, and does
+//                     it (core/orderly_stop.cpp).
 //   checkThread_      CheckThread: a pass over all records every 30 ms. Every consequence of an
 //                     exit, every report and every restart happens here.
 //   waitThread_       WaitThread: files the exit of every child in its record, and reaps it.
@@ -10,8 +11,9 @@
 //                     up.
 //   coreAffinityThread_
 //                     CheckCoreAffinityThread, once a delayed binding was requested.
-//   signalThread_     PlatformSignalThread: waits for the signals of a delayed binding and of a
-//                     wake-up.
+//   signalThread_     PlatformSignalThread: waits for the signals of a delayed binding, of a
+//   wake-up
+//                     and of an orderly stop.
 //   The messaging, upload and heartbeat libraries call RequstMsgHandler, OnPmUploadApp and
 //   OnHeartBeatNotify, beside each other and beside the threads above.
 //
@@ -77,7 +79,6 @@
 #include <map>
 #include <set>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -89,6 +90,8 @@
 #include "core/heart_messages.h"
 #include "core/reporter.h"
 #include "core/startup_cfg.h"
+#include "core/stop_request.h"
+#include "core/worker.h"
 #include "host/proc_mgr_cfg.h"
 #include "message/proc_mgr_master.h"
 #include "message/request_msg.h"
@@ -125,7 +128,7 @@ class ProcessManager {
   // default.
   [[nodiscard]] bool Init();
 
-  // Starts everything and returns when all threads have been joined, which is never on a board.
+  // Starts everything, and ends it again when an orderly stop is asked for. Then it returns.
   void Run();
 
  private:
@@ -218,11 +221,19 @@ class ProcessManager {
   void PlatformSignalThread();
   void RequestDelayedBinding() EXCLUDES(coreAffinityThreadMutex_);
   void CheckCoreAffinityThread();
-  [[nodiscard]] std::thread TakeCoreAffinityThread() EXCLUDES(coreAffinityThreadMutex_);
+  [[nodiscard]] Worker TakeCoreAffinityThread() EXCLUDES(coreAffinityThreadMutex_);
 
   // core/workers.cpp.
-  [[nodiscard]] std::thread StartWorker(void (ProcessManager::*body)());
+  void StartWorker(Worker& worker, void (ProcessManager::*body)());
   void StopWorkers();
+
+  // core/orderly_stop.cpp. The request comes on the signal thread; main stops.
+  void AskForStop();
+  void StopApplications();
+  void StopGeneralApps() EXCLUDES(generalAppMutex_);
+  // Ends the services that no other one depends on. False if there was none. `asked` are those that
+  // have had their turn.
+  [[nodiscard]] bool StopBaseLevel(std::set<pid_t>& asked) EXCLUDES(baseAppMutex_);
 
   // Constant after Init.
   std::string baseServiceCfgPath_;
@@ -231,17 +242,18 @@ class ProcessManager {
   std::set<std::uint32_t> reservedCoreSet_;
 
   // Main thread only.
-  std::thread checkThread_;
-  std::thread childMsgThread_;
-  std::thread waitThread_;
-  std::thread signalThread_;
+  Worker checkThread_;
+  Worker childMsgThread_;
+  Worker waitThread_;
+  Worker signalThread_;
 
   // Started by the signal thread at the first request.
   Mutex coreAffinityThreadMutex_;
-  std::thread coreAffinityThread_ GUARDED_BY(coreAffinityThreadMutex_);
+  Worker coreAffinityThread_ GUARDED_BY(coreAffinityThreadMutex_);
   bool isCoreAffinityThreadStarted_ GUARDED_BY(coreAffinityThreadMutex_) = false;
 
   std::atomic<bool> running_ = true;
+  StopRequest stop_;
 
   // Each with a lock and data of its own.
   StartupCfg startupCfg_;

@@ -27,8 +27,8 @@ void OnContinueSignal(int) {
   continueFlag_.store(true);
 }
 
-bool WaitForFlag() {
-  for (int step = 0; step < kWaitSteps && !continueFlag_.load(); ++step) {
+bool WaitForFlag(const StopRequest& stop) {
+  for (int step = 0; step < kWaitSteps && !continueFlag_.load() && !stop.IsAsked(); ++step) {
     SleepNs(kWaitStepNs);
   }
   return continueFlag_.load();
@@ -43,18 +43,18 @@ void InstallContinueHandler() {
   (void)sigaction(SIGCONT, &action, nullptr);
 }
 
-void WaitContinueSignal() {
+void WaitContinueSignal(const StopRequest& stop) {
   HostContext& context = HostContext::Instance();
   if (!context.isQuickStart_.load()) {
     LogInfoRouted("is not quickstart, so not wait for continue signal");
     return;
   }
-  if (WaitForFlag()) {
+  if (WaitForFlag(stop)) {
     const std::string time =
         FormatBootTrace(continueTime_.load(), GenericTimerFrequency(), kBootTraceTag);
     LogInfoRouted("%s wait success for continue startup, catch continue signal time=%s",
                   BootStrace(kBootTraceTag).c_str(), time.c_str());
-  } else {
+  } else if (!stop.IsAsked()) {
     LogInfoRouted("%s wait for continue startup timeout!!", BootStrace(kBootTraceTag).c_str());
   }
   context.isQuickStart_.store(false);

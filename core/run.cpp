@@ -17,15 +17,6 @@
 #include "platform/heartbeat/heartbeat.h"
 
 namespace ProcMgr {
-namespace {
-
-void Join(std::thread& worker) {
-  if (worker.joinable()) {
-    worker.join();
-  }
-}
-
-}  // namespace
 
 ProcessManager::ProcessManager(std::string baseServiceCfgPath)
     : baseServiceCfgPath_(std::move(baseServiceCfgPath)),
@@ -60,21 +51,17 @@ bool ProcessManager::Init() {
 
 // The check loop and the reaper exist before the first child does.
 void ProcessManager::Run() {
-  checkThread_ = StartWorker(&ProcessManager::CheckThread);
-  waitThread_ = StartWorker(&ProcessManager::WaitThread);
-  signalThread_ = StartWorker(&ProcessManager::PlatformSignalThread);
+  StartWorker(checkThread_, &ProcessManager::CheckThread);
+  StartWorker(waitThread_, &ProcessManager::WaitThread);
+  StartWorker(signalThread_, &ProcessManager::PlatformSignalThread);
   StartKeeper();
   InitPriorityApps(baseServiceCfgPath_);
-  WaitContinueSignal();
+  WaitContinueSignal(stop_);
   ContinueProcMgrInit();
-  childMsgThread_ = StartWorker(&ProcessManager::ReciveChildProcessMsgThread);
+  StartWorker(childMsgThread_, &ProcessManager::ReciveChildProcessMsgThread);
   InitBaseApplication(baseServiceCfgPath_);
-  std::thread coreAffinityThread = TakeCoreAffinityThread();
-  Join(coreAffinityThread);
-  Join(waitThread_);
-  Join(checkThread_);
-  Join(childMsgThread_);
-  Join(signalThread_);
+  stop_.Await();
+  StopApplications();
 }
 
 int ProcMgrRun(const std::string& baseServiceCfgPath) {

@@ -59,9 +59,9 @@ FORBIDDEN_IN_DAEMON = [
      {"base/mutex.h"}),
     (r"\bsystem\s*\(", "a shell in the manager: no", set()),
     (r"(?<![\w.>])(std::)?(exit|quick_exit|abort)\s*\(", "the manager doesn't end by itself", set()),
-    # The one joins by other means first; the other's threads live as long as the process.
+    # Its threads live as long as the process.
     (r"\.\s*detach\s*\(\s*\)", "nobody joins a detached thread: own it",
-     {"core/workers.cpp", "platform/nexio/reactor.cpp"}),
+     {"platform/nexio/reactor.cpp"}),
 ]
 # Calls that make a descriptor, and what their arguments must hold. core/starter.cpp makes the standard
 # descriptors where they are missing, and these are for the children.

@@ -46,6 +46,15 @@ void LeaveEverythingWrong() {
   (void)setrlimit(RLIMIT_NOFILE, &few);
 }
 
+template <std::size_t kCount>
+void Install(sock_filter (&filter)[kCount]) {
+  const sock_fprog program{kCount, filter};
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+    _exit(126);
+  }
+}
+
 // The same on a kernel that has no close_range.
 void LeaveEverythingWrongOnAnOldKernel() {
   sock_filter filter[] = {
@@ -54,12 +63,23 @@ void LeaveEverythingWrongOnAnOldKernel() {
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
   };
-  const sock_fprog program{std::size(filter), filter};
-  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
-    _exit(126);
-  }
+  Install(filter);
   LeaveEverythingWrong();
+}
+
+// A system that has no thread left.
+void ForbidThreads() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone3, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
+      BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, CLONE_THREAD, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  Install(filter);
 }
 
 const std::string kHashFile = "/etc/zur/base-plat/process-manager/bin_hash.cfg";
@@ -341,6 +361,13 @@ TEST_F(Priority, OtherWordsAreNoQuickStart) {
 using Starter = void (*)();
 
 class OddStarter : public ScenarioTest, public ::testing::WithParamInterface<Starter> {};
+
+TEST_F(Booting, WithoutAThreadItSaysSoAndEnds) {
+  beforeDaemon_ = &ForbidThreads;
+  Boot({Service("never")});
+  EXPECT_EQ(daemon_->WaitExit(), 1 << 8);
+  EXPECT_TRUE(Await("PROCMGR: Caught exception=Resource temporarily unavailable"));
+}
 
 TEST_P(OddStarter, PutsRightWhatItsStarterLeftBehind) {
   const std::string file = "/run/sandbox/report";

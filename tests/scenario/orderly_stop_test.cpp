@@ -1,0 +1,109 @@
+// The orderly stop: what was started ends in the reverse order of the boot, whatever it does.
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "tests/scenario/general_test.h"
+
+namespace PmTest {
+namespace {
+
+class OrderlyStop : public GeneralTest {
+ protected:
+  void Ask() const { daemon_->Signal(SIGRTMIN + 3); }
+
+  void ExpectEnd() {
+    EXPECT_EQ(daemon_->WaitExit(), 0);
+    EXPECT_TRUE(log_.WaitFor("PROCMGR : orderly stop end").has_value());
+  }
+
+  // The texts behind "orderly stop", without what differs from run to run.
+  std::vector<std::string> Steps(std::size_t from) {
+    std::vector<std::string> steps;
+    for (const std::string& line : log_.Masked(from)) {
+      const std::size_t begin = line.find("orderly stop: ");
+      if (begin != std::string::npos) {
+        steps.push_back(line.substr(begin + 14));
+      }
+    }
+    return steps;
+  }
+
+  static std::string Killed(const std::string& name) {
+    return "app=" + name + ", pid=# has not ended, so SIGKILL";
+  }
+};
+
+TEST_F(OrderlyStop, EndsEverythingInTheReverseOrderOfTheBoot) {
+  sandbox_.WriteFile(
+      kEntryFile,
+      ServiceFile({Service("job"), Service("deaf", {"--ignore-term"}, {{"termTimeOut", "200"}})}));
+  Boot({Reporting("iammgr"),
+        Reporting("owner", {{"dependList", "[iammgr]"},
+                            {"startupEntryPath", kEntryFile},
+                            {"restart", "on-forever"}}),
+        Service("plain", {}, {{"dependList", "[owner]"}, {"restart", "on-forever"}}),
+        Service("stubborn", {"--ignore-term"}, {{"termTimeOut", "200"}, {"restart", "on-failure"}}),
+        Service("stopped", {}, {{"termTimeOut", "200"}})});
+  ASSERT_TRUE(iammgr_.BecomeReady() && owner_.BecomeReady());
+  AwaitBooted();
+  ASSERT_EQ(owner_.LoadStartupCfg(), "0");
+  ASSERT_TRUE(owner_.StartApps({{"job", {}, {}}, {"deaf", {}, {}}}));
+  ASSERT_TRUE(Await("report appState to owner, appState=RUNNING_NORMAL_START, appName=deaf"));
+  ASSERT_EQ(kill(AwaitStarted("stopped"), SIGSTOP), 0);
+  const std::size_t before = log_.Lines().size();
+  Ask();
+  ASSERT_TRUE(Await("orderly stop begin", before));
+  EXPECT_TRUE(owner_.StartApps({{"job", {}, {}}}));
+  ExpectEnd();
+  EXPECT_THAT(Steps(before),
+              ::testing::UnorderedElementsAre(
+                  "asked general applications to end, count=2", Killed("deaf"),
+                  "request type=0 from owner is not taken",
+                  "asked base services to end, appList=plain,stubborn,stopped,", Killed("stubborn"),
+                  Killed("stopped"), "asked base services to end, appList=owner,",
+                  "asked base services to end, appList=iammgr,"));
+  const std::vector<std::string> lines = log_.Masked(before);
+  EXPECT_EQ(CountLines(lines, "Start baseApp success"), 0U);
+  EXPECT_EQ(CountLines(lines, "SetExitStatus"), 7U) << "every end is filed";
+}
+
+// Whatever the bring-up waits for.
+TEST_F(OrderlyStop, EndsABootUnderWay) {
+  const std::vector<std::vector<App>> boots = {
+      {Service("first"), Reporting("never-serves"), Service("later")},
+      {Reporting("iammgr"), Reporting("owner")},
+  };
+  for (const std::vector<App>& apps : boots) {
+    const std::size_t before = log_.Lines().size();
+    Boot(apps);
+    if (apps.front().name == "iammgr") {
+      ASSERT_TRUE(iammgr_.AwaitChannel());
+      ASSERT_TRUE(Await("waiting for baseApp=iammgr", before));
+    } else {
+      ASSERT_TRUE(Await("Start baseApp success appName=never-serves,", before));
+    }
+    Ask();
+    ExpectEnd();
+    EXPECT_FALSE(log_.WaitFor("InitBaseApplication end", before, std::chrono::milliseconds(0)));
+    daemon_.reset();
+  }
+}
+
+TEST_F(OrderlyStop, ASecondRequestCutsTheTimeOutsShort) {
+  Boot({Service("patient", {"--ignore-term"}, {{"termTimeOut", "3600000"}})});
+  AwaitBooted();
+  const std::size_t before = log_.Lines().size();
+  Ask();
+  ASSERT_TRUE(Await("asked base services to end", before));
+  Ask();
+  ExpectEnd();
+  EXPECT_THAT(Steps(before), ::testing::ElementsAre("asked general applications to end, count=0",
+                                                    "asked base services to end, appList=patient,",
+                                                    Killed("patient")));
+}
+
+}  // namespace
+}  // namespace PmTest
