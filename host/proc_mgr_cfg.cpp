@@ -4,7 +4,9 @@
 
 #include <cerrno>
 
+#include "base/printable.h"
 #include "base/text.h"
+#include "base/user_lookup.h"
 #include "core/log.h"
 
 namespace ProcMgr {
@@ -13,6 +15,8 @@ namespace {
 constexpr const char* kWatchDogKey = "watch_dog";
 constexpr const char* kPmUploadKey = "pmupload";
 constexpr const char* kDelayCoreKey = "delay_core";
+constexpr const char* kSupervisionKey = "supervision";
+constexpr const char* kStatusKey = "status";
 
 std::optional<bool> ReadBool(const KvsTypeYaml& node, const char* key) {
   KvsTypeYaml sub;
@@ -49,6 +53,35 @@ Number ReadNumberOrZero(const KvsTypeYaml& node, const char* key, const char* ra
   return value.value_or(0);
 }
 
+std::string ScalarOf(const KvsTypeYaml& node) {
+  std::string text;
+  return node.GetString(text) ? text : std::string();
+}
+
+// The mapping under `key`, which may be left out.
+std::optional<KvsTypeYaml> FindMapping(const KvsTypeYaml& root, const char* key) {
+  KvsTypeYaml node;
+  std::vector<std::string> elements;
+  if (!root.GetSubKvs(key, node)) {
+    return std::nullopt;
+  }
+  std::string text;
+  if (node.GetString(text) || node.GetSequenceString(elements)) {
+    LogWarningRouted("LoadProcMgrCfg %s=%s is no mapping, use its defaults", key,
+                     Printable(text).c_str());
+    return std::nullopt;
+  }
+  return node;
+}
+
+// The group of that number or name.
+std::optional<gid_t> FindGroup(const std::string& text) {
+  if (IsStrDigits(text)) {
+    return ParseNumber<gid_t>(text);
+  }
+  return FindGroupId(text);
+}
+
 }  // namespace
 
 void LoadProcMgrCfg(const std::string& path, ProcMgrCfg& cfg) {
@@ -66,6 +99,8 @@ void LoadProcMgrCfg(const std::string& path, ProcMgrCfg& cfg) {
     (void)LoadPmUploadCfg(root, cfg);  // It has logged a missing key, and the default stands.
   }
   (void)LoadDelayCoreCfg(root, cfg);  // Optional.
+  LoadSupervisionCfg(root, cfg);
+  LoadStatusCfg(root, cfg);
 }
 
 bool LoadWatchDogCfg(const KvsTypeYaml& root, ProcMgrCfg& cfg) {
@@ -112,6 +147,43 @@ bool LoadDelayCoreCfg(const KvsTypeYaml& root, ProcMgrCfg& cfg) {
   LogInfoRouted("PROCMGR: LoadDelayCoreCfg finish checkNum=%d, isWakeUpEnable=%d, checkInterval=%u",
                 settings.checkNum, settings.isWakeUpEnable ? 1 : 0, settings.checkInterval);
   return true;
+}
+
+void LoadSupervisionCfg(const KvsTypeYaml& root, ProcMgrCfg& cfg) {
+  const std::optional<KvsTypeYaml> node = FindMapping(root, kSupervisionKey);
+  KvsTypeYaml sub;
+  if (!node || !node->GetSubKvs("reaction", sub)) {
+    return;
+  }
+  const std::string word = ScalarOf(sub);
+  if (word == "immediate") {
+    cfg.reaction = Reaction::kImmediate;
+  } else if (word != "pass") {
+    LogWarningRouted(
+        "LoadProcMgrCfg supervision/reaction=%s is neither pass nor immediate, use pass",
+        Printable(word).c_str());
+  }
+}
+
+void LoadStatusCfg(const KvsTypeYaml& root, ProcMgrCfg& cfg) {
+  const std::optional<KvsTypeYaml> node = FindMapping(root, kStatusKey);
+  if (!node) {
+    return;
+  }
+  KvsTypeYaml sub;
+  if (node->GetSubKvs("enable", sub) && !sub.GetBool(cfg.status.isEnabled)) {
+    LogWarningRouted("LoadProcMgrCfg status/enable=%s is neither true nor false, use true",
+                     Printable(ScalarOf(sub)).c_str());
+  }
+  if (!node->GetSubKvs("group", sub)) {
+    return;
+  }
+  const std::string name = ScalarOf(sub);
+  const std::optional<gid_t> gid = FindGroup(name);
+  if (!gid) {
+    LogWarningRouted("LoadProcMgrCfg status/group=%s is no group, use 0", Printable(name).c_str());
+  }
+  cfg.status.gid = gid.value_or(0);
 }
 
 bool GetWatchDogEnbale(const KvsTypeYaml& node) {

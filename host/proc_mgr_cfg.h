@@ -5,6 +5,8 @@
 #ifndef HOST_PROC_MGR_CFG_H
 #define HOST_PROC_MGR_CFG_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -34,21 +36,39 @@ struct DelayCoreSettings {
   bool operator==(const DelayCoreSettings&) const = default;
 };
 
+// When the supervision looks at the applications.
+enum class Reaction {
+  kPass,       // At every pass, 30 ms behind the end of the last.
+  kImmediate,  // As soon as there is something to see.
+};
+
+// The status service (status/status_service.h).
+struct StatusCfg {
+  bool isEnabled = true;
+  gid_t gid = 0;  // Whose members may ask, besides root.
+};
+
 struct ProcMgrCfg {
   WatchDogCfg watchDogCfg;
   bool pmUploadEnable = false;  // Whether the upload service is started.
   // The settings of a delayed core binding; none if the file has no "delay_core".
   std::optional<DelayCoreSettings> delayCore;
+  Reaction reaction = Reaction::kPass;
+  StatusCfg status;
 };
 
 // Reads the file at `path` into `cfg`, which holds the defaults. "pmupload" is read only in a file
-// that has "watch_dog". Boot thread; reads a file.
+// that has "watch_dog". Boot thread; reads a file, and the group database for a group's name.
 void LoadProcMgrCfg(const std::string& path, ProcMgrCfg& cfg);
 
 // The parts of the file, each given the root node: true if its key is there.
 [[nodiscard]] bool LoadWatchDogCfg(const KvsTypeYaml& root, ProcMgrCfg& cfg);
 [[nodiscard]] bool LoadPmUploadCfg(const KvsTypeYaml& root, ProcMgrCfg& cfg);
 [[nodiscard]] bool LoadDelayCoreCfg(const KvsTypeYaml& root, ProcMgrCfg& cfg);
+
+// These may be left out, whole or in part, without a line.
+void LoadSupervisionCfg(const KvsTypeYaml& root, ProcMgrCfg& cfg);
+void LoadStatusCfg(const KvsTypeYaml& root, ProcMgrCfg& cfg);
 
 // The values, each given the node of its mapping: the value, or the default with a warning.
 [[nodiscard]] bool GetWatchDogEnbale(const KvsTypeYaml& node);

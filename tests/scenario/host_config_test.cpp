@@ -67,34 +67,51 @@ TEST_F(Configuration, OwnSettings) {
   const std::string defaults = finish + "1, wdTimeout=60 s, wdAction=2";
   const std::string noTimeout = "4 GetWatchDogTimeout is null !";
   const std::string upload = "6 PROCMGR: LoadPmUploadCfg finish enable=1";
-  CheckEach(kOwn,
-            {
-                {kMissing, {failed + "errno=2"}, {"LoadWatchDogCfg", "LoadPmUploadCfg"}},
-                {kFolder, {broken}},
-                {"", {broken}},
-                {kBinary, {broken}},
-                {kOversized, {broken}},
-                {"watch_dog: [1,\n", {broken}, {"LoadWatchDogCfg"}},
-                {"watch_dog: {enable: false, timeout: '15', action: 0}\npmupload: {enable: true}\n"
-                 "delay_core: {check_num: -1, check_interval: 200, wake_up_enable: true}\n",
-                 {finish + "0, wdTimeout=15 s, wdAction=0", upload,
-                  delay + "-1, isWakeUpEnable=1, checkInterval=200"},
-                 {"is null !"}},
-                {"watch_dog: {enable: perhaps, timeout: -5, action: 3}\npmupload: {}\n",
-                 {"4 GetWatchDogEnbale is null !", noTimeout, "4 GetWatchDogAction is null !",
-                  defaults, "4 GetPmuploadEnbale is null !", upload}},
-                {"watch_dog: 7\npmupload: off\n", {noTimeout, defaults}},
-                {"watch_dog: {timeout: 1.5}\n", {noTimeout, defaults}},
-                // The other settings hang on the presence of the first.
-                {"pmupload: {enable: true}\n",
-                 {"3 LoadWatchDogCfg not exist watch_dog key"},
-                 {"LoadPmUploadCfg"}},
-                {"watch_dog: {timeout: 99999999999999999999}\n"
-                 "delay_core: {check_num: 300, check_interval: 4294967296}\n",
-                 {finish + "1, wdTimeout=99999999999999999999 s, wdAction=2",
-                  "4 LoadDelayCoreCfg check_num=300 is no number from -128 to 127, use 0",
-                  delay + "0, isWakeUpEnable=0, checkInterval=0"}},
-            });
+  CheckEach(
+      kOwn,
+      {
+          {kMissing, {failed + "errno=2"}, {"LoadWatchDogCfg", "LoadPmUploadCfg"}},
+          {kFolder, {broken}},
+          {"", {broken}},
+          {kBinary, {broken}},
+          {kOversized, {broken}},
+          {"watch_dog: [1,\n", {broken}, {"LoadWatchDogCfg"}},
+          {"watch_dog: {enable: false, timeout: '15', action: 0}\npmupload: {enable: true}\n"
+           "delay_core: {check_num: -1, check_interval: 200, wake_up_enable: true}\n",
+           {finish + "0, wdTimeout=15 s, wdAction=0", upload,
+            delay + "-1, isWakeUpEnable=1, checkInterval=200"},
+           {"is null !"}},
+          {"watch_dog: {enable: perhaps, timeout: -5, action: 3}\npmupload: {}\n",
+           {"4 GetWatchDogEnbale is null !", noTimeout, "4 GetWatchDogAction is null !", defaults,
+            "4 GetPmuploadEnbale is null !", upload}},
+          {"watch_dog: 7\npmupload: off\n", {noTimeout, defaults}},
+          {"watch_dog: {timeout: 1.5}\n", {noTimeout, defaults}},
+          // The other settings hang on the presence of the first.
+          {"pmupload: {enable: true}\n",
+           {"3 LoadWatchDogCfg not exist watch_dog key"},
+           {"LoadPmUploadCfg"}},
+          {"watch_dog: {timeout: 99999999999999999999}\n"
+           "delay_core: {check_num: 300, check_interval: 4294967296}\n",
+           {finish + "1, wdTimeout=99999999999999999999 s, wdAction=2",
+            "4 LoadDelayCoreCfg check_num=300 is no number from -128 to 127, use 0",
+            delay + "0, isWakeUpEnable=0, checkInterval=0"}},
+          // Read without the first too, and said nothing about unless they are wrong.
+          {"supervision: {reaction: immediate}\nstatus: {enable: true, group: root}\n",
+           {"3 LoadWatchDogCfg not exist watch_dog key"},
+           {"LoadProcMgrCfg"}},
+          {"supervision: {reaction: soon}\nstatus: {enable: perhaps, group: \"nobody\\e[m\"}\n",
+           {"4 LoadProcMgrCfg supervision/reaction=soon is neither pass nor immediate, use "
+            "pass",
+            "4 LoadProcMgrCfg status/enable=perhaps is neither true nor false, use true",
+            "4 LoadProcMgrCfg status/group=nobody\\x1b[m is no group, use 0"}},
+          {"supervision: now\nstatus: [off]\n",
+           {"4 LoadProcMgrCfg supervision=now is no mapping, use its defaults",
+            "4 LoadProcMgrCfg status= is no mapping, use its defaults"}},
+          {"status: {group: 4294967296}\nsupervision: {reaction: [pass]}\n",
+           {"4 LoadProcMgrCfg status/group=4294967296 is no group, use 0",
+            "4 LoadProcMgrCfg supervision/reaction= is neither pass nor immediate, use "
+            "pass"}},
+      });
 }
 
 TEST_F(Configuration, Digests) {
