@@ -231,6 +231,9 @@ class GeneralAppInfo : public AppInfo {
 
   void SetTermBeginTime() { termBeginTime_ = SteadyNow(); }
 
+  // When the time-out of an end that has been asked for is up; far off if there is none.
+  [[nodiscard]] SteadyTime TermTimeEnd() const;
+
   // Asks the process to end, writes TERMINATING, and leaves the time-out to the caller: no step of
   // the state machine kills it, gives up, or starts it again.
   void EndForGood();

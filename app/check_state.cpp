@@ -113,6 +113,13 @@ bool GeneralAppInfo::IsTermTimeUp(SteadyTime now) const {
   return ElapsedMs(termBeginTime_, now) >= static_cast<std::int64_t>(termTimeOut_);
 }
 
+SteadyTime GeneralAppInfo::TermTimeEnd() const {
+  const bool isRunning =
+      (state_ == TERMINATING || (state_ == RESTARTING && isRestartStarted_ == 0)) && !isExited_ &&
+      !isKillSent_;
+  return isRunning ? termBeginTime_ + std::chrono::milliseconds(termTimeOut_) : SteadyTime::max();
+}
+
 ProcessState GeneralAppInfo::CheckTerminating(SteadyTime now) {
   if (isExited_) {
     reportState_ = TERMINATED_NORMAL_EXIT;

@@ -6,6 +6,7 @@
 #include "base/may_wait.h"
 #include "base/names.h"
 #include "core/log.h"
+#include "core/pass_bell.h"
 
 namespace ProcMgr {
 
@@ -82,6 +83,7 @@ bool IsAccessServiceReady() {
 void EnterBaseApp(const App::BaseAppInfo& app) {
   executedBaseApp_.push_back(app);
   IndexBaseApp(executedBaseApp_.size() - 1);
+  passBell.Ring();
 }
 
 bool RelaunchBaseApp(App::BaseAppInfo& app) {
@@ -92,6 +94,7 @@ bool RelaunchBaseApp(App::BaseAppInfo& app) {
   const auto index = static_cast<std::size_t>(&app - executedBaseApp_.data());
   Drop(baseAppPids_, oldPid, index);
   baseAppPids_.emplace(app.pid_, index);
+  passBell.Ring();
   return true;
 }
 
@@ -149,12 +152,16 @@ bool LaunchGeneralApp(const GeneralAppPtr& app) {
   } else {
     FilePid(*app, oldPid);
   }
+  passBell.Ring();
   return true;
 }
 
 void StepGeneralApp(App::GeneralAppInfo& app, SteadyTime now) {
   const pid_t oldPid = app.pid_;
   app.state_ = app.CheckStateAt(now);
+  if (app.pid_ != oldPid) {
+    passBell.Ring();
+  }
   FilePid(app, oldPid);
 }
 

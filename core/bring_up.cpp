@@ -231,7 +231,7 @@ FirstChannel ProcessManager::StepFirstChannel(const std::string& name, bool& isA
   }
   isAsked = true;
   master_.RegServiceCallBack(name, app->gid_, {.isEndExpected = true},
-                             [this](bool) { handshake_.NoteEvent(); });
+                             [this](bool) { NoteOpeningEnd(); });
   return FirstChannel::kUnderWay;
 }
 

@@ -1,4 +1,5 @@
 // The supervision loop: a pass over all records, every 30 ms.
+#include <algorithm>
 #include <chrono>
 
 #include "base/names.h"
@@ -6,6 +7,7 @@
 #include "core/app_lists.h"
 #include "core/faults.h"
 #include "core/log.h"
+#include "core/pass_bell.h"
 #include "core/process_manager.h"
 #include "core/self_reported.h"
 #include "host/core_affinity_mgr.h"
@@ -16,9 +18,32 @@ namespace ProcMgr {
 namespace {
 
 constexpr std::int64_t kPauseNs = 30'000'000;
-// What is done at every so many passes.
-constexpr std::uint64_t kUploadPasses = 11;
-constexpr std::uint64_t kCoreBindingPasses = 21;
+
+// What is done at every so many passes; where passes don't keep time, as often by the clock.
+class SlowDuty {
+ public:
+  explicit SlowDuty(std::uint64_t passes)
+      : passes_(passes),
+        period_(std::chrono::nanoseconds(kPauseNs) * passes),
+        next_(SteadyNow() + period_) {}
+
+  [[nodiscard]] bool IsDue(std::uint64_t pass) {
+    if (!passBell.IsEnabled()) {
+      return pass % passes_ == 0;
+    }
+    const SteadyTime now = SteadyNow();
+    if (now < next_) {
+      return false;
+    }
+    next_ = now + period_;
+    return true;
+  }
+
+ private:
+  const std::uint64_t passes_;
+  const SteadyTime::duration period_;
+  SteadyTime next_;
+};
 
 // Its new process needs a digest that isn't known yet: the record stays as it is.
 bool AwaitsDigest(const App::GeneralAppInfo& app) {
@@ -115,17 +140,23 @@ void DropChannel(const App::BaseAppInfo& app, ProcMgrMaster& master) {
 }  // namespace
 
 void ProcessManager::CheckThread() {
+  SlowDuty uploads(11);
+  SlowDuty coreBindings(21);
   for (std::uint64_t pass = 1; running_.load(); ++pass) {
     CheckBaseApps();
-    CheckGeneralApps();
+    const SteadyTime due = CheckGeneralApps();
     RemoveTerminatedApps();
-    if (pass % kUploadPasses == 0) {
+    if (uploads.IsDue(pass)) {
       CheckPmUploadApps(reporter_);
     }
-    if (pass % kCoreBindingPasses == 0) {
+    if (coreBindings.IsDue(pass)) {
       CoreAffinityMgr::Instance().CheckThreadCoreInfos();
     }
-    SleepNs(kPauseNs);
+    if (passBell.IsEnabled()) {
+      passBell.WaitUntil(std::min(due, SteadyNow() + std::chrono::nanoseconds(kPauseNs)));
+    } else {
+      SleepNs(kPauseNs);
+    }
   }
   LogWarning("PROCMGR: CheckThread exit now.");
 }
@@ -220,11 +251,19 @@ void ProcessManager::OpenNewChannel(const App::BaseAppInfo& app) {
         } else {
           LogError("PROCMGR : procname=%s RegisterService failed", name.c_str());
         }
-        handshake_.NoteEvent();
+        NoteOpeningEnd();
       });
 }
 
-void ProcessManager::CheckGeneralApps() {
+// The bring-up may wait for it, and so may the record: its process has ended, and no other comes up
+// before the opening is over.
+void ProcessManager::NoteOpeningEnd() {
+  handshake_.NoteEvent();
+  passBell.Ring();
+}
+
+SteadyTime ProcessManager::CheckGeneralApps() {
+  SteadyTime due = SteadyTime::max();
   std::vector<AppChange> changes;
   {
     const MutexLock lock(generalAppMutex_);
@@ -237,6 +276,7 @@ void ProcessManager::CheckGeneralApps() {
         continue;
       }
       StepGeneralApp(*app, now);
+      due = std::min(due, app->TermTimeEnd());
       if (app->reportState_ == ReportAppStateType::INVALID_INTERMEDIATE_STATE) {
         continue;
       }
@@ -247,6 +287,7 @@ void ProcessManager::CheckGeneralApps() {
     }
   }
   reporter_.ReportGeneralApps(changes);
+  return due;
 }
 
 void ProcessManager::RemoveTerminatedApps() {

@@ -17,7 +17,8 @@
 //   The messaging, upload and heartbeat libraries call RequstMsgHandler, OnPmUploadApp and
 //   OnHeartBeatNotify, beside each other and beside the threads above.
 //
-// Who wakes whom: the check thread and the reaper are woken by time and by the kernel alone. The
+// Who wakes whom: the check thread and the reaper are woken by time and by the kernel alone; with
+// an immediate reaction set, the check thread by core/pass_bell.h besides. The
 // bring-up waits in the handshake (core/bring_up_handshake.h) for the channel and the report of one
 // service; openings that end, UpdateBaseAppState and the check pass wake it.
 //
@@ -145,9 +146,11 @@ class ProcessManager {
   void CheckThread();
   void CheckBaseApps() EXCLUDES(baseAppMutex_);
   void HandleAbnormalExit(App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
+  void NoteOpeningEnd();
   void RestartIfWanted(App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
   void OpenNewChannel(const App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
-  void CheckGeneralApps() EXCLUDES(generalAppMutex_);
+  // Yields when the next term time-out is up.
+  [[nodiscard]] SteadyTime CheckGeneralApps() EXCLUDES(generalAppMutex_);
   void RemoveTerminatedApps() EXCLUDES(generalAppMutex_, baseAppMutex_);
 
   // core/reaper.cpp. Wait thread.

@@ -8,6 +8,7 @@
 #include "base/sleep.h"
 #include "core/app_lists.h"
 #include "core/log.h"
+#include "core/pass_bell.h"
 #include "core/process_manager.h"
 
 namespace ProcMgr {
@@ -52,6 +53,7 @@ void FileExitStatus(pid_t pid, int status) EXCLUDES(generalAppMutex_, baseAppMut
     const std::size_t index = FindBaseAppByPid(pid, limit);
     if (index < executedBaseApp_.size()) {
       executedBaseApp_[index].SetExitStatus(status);
+      passBell.Ring();
       ProcMgrMaster::EndOpening(executedBaseApp_[index].appName_);
       return;
     }
@@ -61,6 +63,7 @@ void FileExitStatus(pid_t pid, int status) EXCLUDES(generalAppMutex_, baseAppMut
     const GeneralAppPtr app = generalName.empty() ? nullptr : FindGeneralApp(generalName);
     if (app != nullptr) {
       app->SetExitStatus(status);
+      passBell.Ring();
       return;
     }
   }

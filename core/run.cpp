@@ -6,6 +6,7 @@
 #include "core/faults.h"
 #include "core/host_context.h"
 #include "core/log.h"
+#include "core/pass_bell.h"
 #include "core/process_manager.h"
 #include "core/quick_start.h"
 #include "host/core_affinity_mgr.h"
@@ -36,6 +37,10 @@ ProcessManager::~ProcessManager() {
 bool ProcessManager::Init() {
   InstallContinueHandler();
   LoadProcMgrCfg(kProcMgrCfgFile, procMgrCfg_);
+  if (procMgrCfg_.reaction == Reaction::kImmediate) {
+    passBell.Enable();
+    IntegrityProtect::Instance().TellVerdicts([] { passBell.Ring(); });
+  }
   InitHostContext();
   SharepoolCfg::Instance().InitSharepool();
   IntegrityProtect::Instance().LoadHashCfg();

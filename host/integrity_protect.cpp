@@ -197,12 +197,17 @@ void IntegrityProtect::Finish(const std::string& binPath, const Task& task) {
   } catch (const std::exception& error) {
     LogError("PROCMGR: Caught exception=%s", error.what());
   }
+  Keep(binPath, task, passes.value_or(false));
+  tell_();
+}
+
+void IntegrityProtect::Keep(const std::string& binPath, const Task& task, bool passes) {
   const MutexLock lock(mutex_);
   const auto verdict = verdicts_.find(binPath);
   // Of a file that has changed meanwhile somebody else has begun to work it out.
   if (verdict != verdicts_.end() && verdict->second.file == task.file) {
     verdict->second.isUnderWay = false;
-    verdict->second.passes = passes.value_or(false);
+    verdict->second.passes = passes;
   }
   finished_.NotifyAll();
 }

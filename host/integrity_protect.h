@@ -9,11 +9,13 @@
 #ifndef HOST_INTEGRITY_PROTECT_H
 #define HOST_INTEGRITY_PROTECT_H
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "base/crew.h"
 #include "base/file_state.h"
@@ -43,6 +45,9 @@ class IntegrityProtect {
   // Whether any binary is listed.
   [[nodiscard]] bool HasEntries() const { return !binHashMap_.empty(); }
 
+  // Has each verdict that is worked out told by a call. Boot thread, once.
+  void TellVerdicts(std::function<void()> tell) { tell_ = std::move(tell); }
+
   // Works out what Check will need, if anything. Takes as long as Check without it.
   void WorkOut(const std::string& binPath) EXCLUDES(mutex_);
   // The same aside, without waiting: true if Check has what it needs, or can't get it this way.
@@ -67,6 +72,7 @@ class IntegrityProtect {
   [[nodiscard]] std::optional<bool> TakeVerdict(const std::string& binPath) EXCLUDES(mutex_);
   [[nodiscard]] Task Begin(const std::string& binPath) EXCLUDES(mutex_);
   void Finish(const std::string& binPath, const Task& task) EXCLUDES(mutex_);
+  void Keep(const std::string& binPath, const Task& task, bool passes) EXCLUDES(mutex_);
   [[nodiscard]] bool IsUnderWay(const std::string& binPath) REQUIRES(mutex_);
 
   // Takes one line, cut off behind the longest that is legal, and its whole length.
@@ -74,6 +80,8 @@ class IntegrityProtect {
 
   // File name to digest, 64 lower-case hexadecimal digits if it is to match.
   std::unordered_map<std::string, std::string> binHashMap_;
+
+  std::function<void()> tell_ = [] {};
 
   // A leaf.
   Mutex mutex_;

@@ -1,4 +1,6 @@
 // What becomes of services that end.
+#include <algorithm>
+#include <vector>
 
 #include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"
@@ -45,6 +47,34 @@ TEST_F(Supervision, KilledServiceReturnsAndKnowsIt) {
   EXPECT_EQ(std::erase(lines, "6 PROCMGR : STARTING to RUNNING appName=steady, pid=#"), 1U);
   EXPECT_EQ(lines, expected);
   EXPECT_TRUE(daemon_->Zombies().empty());
+}
+
+// Without waiting for the end of a pause: half of one, 15 ms, lies between the two settings.
+TEST_F(Supervision, ImmediateReactionIsTheFasterOne) {
+  const auto medianAway = [this](const std::string& settings) {
+    sandbox_.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml", settings);
+    const std::size_t booting = log_.Lines().size();
+    Boot({Service("stays"), Service("steady", {"--serve", "steady"}, {{"restart", "on-forever"}})});
+    pid_t pid = AwaitStarted("steady", booting);
+    std::vector<ProcMgr::SteadyTime::duration> away;
+    for (int i = 0; i < 25; ++i) {
+      const std::size_t before = log_.Lines().size();
+      const ProcMgr::SteadyTime killed = ProcMgr::SteadyNow();
+      EXPECT_EQ(kill(pid, SIGKILL), 0);
+      const auto back = log_.WaitFor("Start baseApp success appName=steady,", before);
+      if (!back.has_value() || !Await("state=STARTING restart success", before)) {
+        ADD_FAILURE() << "it doesn't come back";
+        break;
+      }
+      away.push_back(log_.At(*back).at - killed);
+      pid = AwaitStarted("steady", before);
+    }
+    daemon_.reset();
+    std::sort(away.begin(), away.end());
+    return away[away.size() / 2];
+  };
+  const auto atPasses = medianAway("supervision:\n  reaction: pass\n");
+  EXPECT_LT(medianAway("supervision:\n  reaction: immediate\n"), atPasses);
 }
 
 // The test plays the service's end of the channel, so that the service itself may die at will.
