@@ -1,18 +1,21 @@
 #include "core/log.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
-#include <string>
+#include <span>
+#include <string_view>
 
 #include "base/immortal.h"
 #include "base/names.h"
+#include "base/printable.h"
 #include "base/unique_fd.h"
 #include "core/host_context.h"
 
@@ -23,60 +26,83 @@ constexpr const char* kKernelLog = "/dev/kmsg";
 // The longest record that every kernel takes from user space; a longer one is refused whole, so the
 // end of a long line is cut off rather than the line lost.
 constexpr std::size_t kKernelRecord = 976;
+// A line and its NUL.
+constexpr std::size_t kLineBytes = (std::size_t{16} << 10) + 1;
 
 // The sink of a tool or a test; null in the daemon. Called under the log's lock, read without it:
 // the kernel log must not wait for a syslog daemon that is slow.
 std::atomic<LogSink> logSink = nullptr;
 
-// Yields false, with `args` unused, if there is no sink.
-__attribute__((format(printf, 2, 0))) bool ToSink(int level, const char* format, va_list args) {
+// Makes the line in `buffer`, kLineBytes long, and ends it with a NUL. Needs no memory. What a peer
+// or a file has put in there can neither break the line nor reach a terminal.
+__attribute__((format(printf, 2, 0))) std::string_view MakeLine(std::span<char> buffer,
+                                                                const char* format, va_list args) {
+  const std::span<char> text = buffer.first(buffer.size() - 1);
+  const int length = std::vsnprintf(buffer.data(), buffer.size(), format, args);
+  std::size_t size = static_cast<std::size_t>(std::max(length, 0));
+  if (size > text.size()) {
+    size = text.size();
+    std::copy(kCutOff.begin(), kCutOff.end(), text.last(kCutOff.size()).begin());
+  }
+  size = MakePrintable(text, size);
+  buffer[size] = '\0';
+  return {buffer.data(), size};
+}
+
+// Yields false if there is no sink.
+bool ToSink(int level, std::string_view line) {
   if (logSink.load() == nullptr) {
     return false;
   }
-  va_list again;
-  va_copy(again, args);
-  const int length = std::vsnprintf(nullptr, 0, format, args);
-  if (length >= 0) {
-    std::string text(static_cast<std::size_t>(length) + 1, '\0');
-    (void)std::vsnprintf(text.data(), text.size(), format, again);
-    const MutexLock lock(LogLock());
-    if (const LogSink current = logSink.load()) {
-      current(level, text.c_str());
-    }
+  const MutexLock lock(LogLock());
+  if (const LogSink current = logSink.load()) {
+    current(level, line.data());
   }
-  va_end(again);
   return true;
 }
 
 __attribute__((format(printf, 2, 0))) void ToSyslog(int level, const char* format, va_list args) {
-  if (ToSink(level, format, args)) {
+  char buffer[kLineBytes];
+  const std::string_view line = MakeLine(buffer, format, args);
+  if (ToSink(level, line)) {
     return;
   }
   const MutexLock lock(LogLock());
-  vsyslog(level, format, args);
+  syslog(level, "%s", line.data());
+}
+
+bool IsCharacterDevice(int fd) {
+  struct stat status {};
+  return fstat(fd, &status) == 0 && S_ISCHR(status.st_mode);
 }
 
 // One line costs one open, one write and one close: lines of several threads don't mix, and nothing
 // stays open. Without the device the line is lost; it must not be made as a file, which would fill
 // the memory behind /dev, so nothing here creates it.
-__attribute__((format(printf, 2, 0))) void ToKernelLog(int level, const char* format,
-                                                       va_list args) {
-  if (ToSink(level, format, args)) {
-    return;
-  }
+void WriteKernelRecord(int level, std::string_view line) {
   const UniqueFd device(open(kKernelLog, O_RDWR | O_APPEND | O_CLOEXEC | O_NOCTTY));
   if (!device.IsOpen()) {
     return;
   }
-  std::array<char, kKernelRecord> line{};
-  const auto prefix = static_cast<std::size_t>(std::snprintf(
-      line.data(), line.size(), "<%d> PROCMGR[%d] ", level, HostContext::Instance().pid_));
-  if (std::vsnprintf(line.data() + prefix, line.size() - prefix, format, args) < 0) {
-    return;
+  std::array<char, kKernelRecord> record{};
+  const int length = std::snprintf(record.data(), record.size(), "<%d> PROCMGR[%d] %s", level,
+                                   HostContext::Instance().pid_, line.data());
+  std::size_t size = std::min(static_cast<std::size_t>(std::max(length, 0)), record.size() - 1);
+  if (IsCharacterDevice(device.Get())) {
+    // The kernel shows a record without a line break only when the next one comes.
+    record[size++] = '\n';
   }
   // A log that can't be written has nobody to be told to.
-  [[maybe_unused]] const ssize_t ignored =
-      write(device.Get(), line.data(), std::strlen(line.data()));
+  [[maybe_unused]] const ssize_t ignored = write(device.Get(), record.data(), size);
+}
+
+__attribute__((format(printf, 2, 0))) void ToKernelLog(int level, const char* format,
+                                                       va_list args) {
+  char buffer[kLineBytes];
+  const std::string_view line = MakeLine(buffer, format, args);
+  if (!ToSink(level, line)) {
+    WriteKernelRecord(level, line);
+  }
 }
 
 __attribute__((format(printf, 2, 0))) void Route(int level, const char* format, va_list args) {

@@ -5,6 +5,9 @@
 // "/dev/kmsg" instead, or nowhere if that can't be opened. The level is fixed by the function's
 // name: error 3, warning 4, information 6, debug 7. The text stands whole at its call site.
 //
+// Bytes that aren't printable ASCII appear as "\xNN" in every line, and a line is cut off with
+// "..." behind 16 KiB: callers hand over names and texts of others as they are.
+//
 // Any thread may call; a child before its exec never does.
 #ifndef CORE_LOG_H
 #define CORE_LOG_H

@@ -6,7 +6,6 @@
 #include <algorithm>
 
 #include "base/names.h"
-#include "base/printable.h"
 #include "core/log.h"
 #include "host/core_affinity_mgr.h"
 #include "host/sharepool_cfg.h"
@@ -35,7 +34,7 @@ bool IsBelievable(const PmUpload::LoadAppInfo& info, int fd) {
     return true;
   }
   LogError("PROCMGR : pmupload name=%s, pid=%d from uid=%u, pid=%d is not believed, fd=%d",
-           Printable(info.pidAppName).c_str(), info.pid, peer.uid, peer.pid, fd);
+           info.pidAppName.c_str(), info.pid, peer.uid, peer.pid, fd);
   return false;
 }
 

@@ -26,6 +26,11 @@ static_assert(RLIM_INFINITY == kUnlimited);
 // Far above what the C library takes for a line of the user database.
 constexpr std::size_t kMaxPasswdLine = 16384;
 
+// A value as a line of the log shows it: the newline that belongs to it would be told as "\x0a".
+std::string Shown(const std::string& value) {
+  return value.substr(0, value.find_last_not_of('\n') + 1);
+}
+
 // The number that `value`, a rest of a line with its newline, begins with. What isn't wholly a
 // number of bytes is used as strtoull reads it, for that has always been its meaning, but not
 // silently.
@@ -33,7 +38,7 @@ std::uint64_t ToBytes(const std::string& value) {
   const std::string_view digits(value.data(), value.find_last_not_of(" \t\r\n") + 1);
   if (!ParseNumber<std::uint64_t>(digits)) {
     LogWarning("PROCMGR: GetLockedMemoryLimitFromCfg value=%s is no number of bytes",
-               value.c_str());
+               Shown(value).c_str());
   }
   return std::strtoull(value.c_str(), nullptr, 10);
 }
@@ -95,7 +100,7 @@ std::uint64_t ParseLockedMemoryLimit(std::string_view text) {
       LogInfo("PROCMGR: GetLockedMemoryLimitFromCfg limit is unlimited");
       return kUnlimited;
     }
-    LogInfo("PROCMGR: GetLockedMemoryLimitFromCfg limit value=%s", value.c_str());
+    LogInfo("PROCMGR: GetLockedMemoryLimitFromCfg limit value=%s", Shown(value).c_str());
     return ToBytes(value);
   }
   LogInfo("PROCMGR: GetLockedMemoryLimitFromCfg not find %s limit cfg, return default",

@@ -1,10 +1,8 @@
 #include "message/upload_service.h"
 
 #include <cstring>
-#include <string_view>
 #include <utility>
 
-#include "base/printable.h"
 #include "core/log.h"
 #include "message/keeper.h"
 
@@ -16,11 +14,6 @@ using ProcMgr::LogInfo;
 using ProcMgr::LogWarning;
 
 constexpr int kCloseTries = 50;
-
-// Every local process can send these texts, and they go to the log.
-std::string Shown(std::string_view text) {
-  return ProcMgr::Printable(text, ProcMgr::kShownPathBytes);
-}
 
 // Written before the server exists and only read from then on, so it needs no lock.
 UploadCallBacks& CallBackSlot() {
@@ -54,7 +47,7 @@ bool RegXCallBack(UploadCallBacks callBacks) {
 }
 
 void servercallback(int fd, const char* clientName, std::uint32_t nameLen) {
-  LogInfo("servercallback fd=%d, clientName=%s, nameLen=%d", fd, Shown(clientName).c_str(),
+  LogInfo("servercallback fd=%d, clientName=%s, nameLen=%d", fd, clientName,
           static_cast<int>(nameLen));
   if (fd < 0) {
     LogError("servercallbak fd=%d is invaild.", fd);
@@ -73,7 +66,7 @@ void PmHandleRequest(int fd, const ProcMgr::NexioRequest* req) {
     return;
   }
   LogInfo("PmHandleRequest receive pid=%d, pidAppName=%s, binPath=%s", info.pid,
-          Shown(info.pidAppName).c_str(), Shown(info.binPath).c_str());
+          info.pidAppName.c_str(), info.binPath.c_str());
   const UploadCallBacks& manager = CallBackSlot();
   const bool result = manager.onUploadApp(info, fd);
   const bool inWhiteList = manager.inWhiteList(info.binPath);

@@ -10,7 +10,6 @@
 
 #include "app/manifest.h"
 #include "base/mutex.h"
-#include "base/printable.h"
 #include "core/log.h"
 #include "platform/manifest/manifest_loader.h"
 #include "platform/manifest/pattern.h"
@@ -56,8 +55,7 @@ int ParseAndDepend::ParseYaml(ParamType /*type*/, const std::string& path,
     LogError("a service file can't be loaded: there is no memory for it");
     return kFailed;
   } catch (const std::exception& failure) {
-    LogError("%s:1:1: the file can't be loaded: %s", Printable(path, kShownPathBytes).c_str(),
-             failure.what());
+    LogError("%s:1:1: the file can't be loaded: %s", path.c_str(), failure.what());
     return kFailed;
   }
 }

@@ -8,7 +8,6 @@
 #include <string_view>
 #include <utility>
 
-#include "base/printable.h"
 #include "base/sleep.h"
 #include "core/log.h"
 #include "platform/nexio/channel.h"
@@ -260,15 +259,11 @@ void Channel::TellNoMemory() {
 }
 
 void Channel::TellFault() {
-  std::string shown;
-  try {
-    shown = Printable(peerName_);
-  } catch (const std::bad_alloc&) {
-    // The line goes without the name rather than not at all.
-  }
   const char* const fault = fault_;
+  // Like the fault, the name doesn't change any more.
+  const char* const name = peerName_.c_str();
   mutex_.Unlock();
-  LogWarning("NEXIO : connection closed: %s, fd=%d, peer=%s, pid=%d", fault, handle_, shown.c_str(),
+  LogWarning("NEXIO : connection closed: %s, fd=%d, peer=%s, pid=%d", fault, handle_, name,
              peer_.pid);
   mutex_.Lock();
 }

@@ -1,16 +1,20 @@
 #include "core/log.h"
 
-#include <gtest/gtest.h>
+#include <pty.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "base/printable.h"
+#include "base/unique_fd.h"
 #include "core/host_context.h"
 #include "sandbox/log_reader.h"
 #include "sandbox/process_table.h"
 #include "sandbox/sandbox.h"
+#include "tests/support/test.h"
 
 namespace {
 
@@ -72,10 +76,40 @@ TEST_F(Log, WithoutKernelLogTheLineIsDroppedAndNoFileIsMade) {
   EXPECT_EQ(log_.Lines().size(), 1U) << log_.Text();
 }
 
+// The kernel shows a record of its device only when it ends with a line break.
+TEST(KernelLog, ARecordOfTheDeviceEndsWithALineBreak) {
+  int master = -1;
+  int device = -1;
+  ASSERT_EQ(openpty(&master, &device, nullptr, nullptr, nullptr), 0);
+  const ProcMgr::UniqueFd reader(master);
+  const ProcMgr::UniqueFd terminal(device);
+  termios raw{};
+  cfmakeraw(&raw);
+  ASSERT_EQ(tcsetattr(device, TCSANOW, &raw), 0);
+  const PmSandbox::Sandbox sandbox;
+  const PmSandbox::Sandbox::Inside inside(sandbox);
+  ASSERT_TRUE(std::filesystem::remove("/dev/kmsg"));
+  std::filesystem::create_symlink("/proc/self/fd/" + std::to_string(device), "/dev/kmsg");
+  ProcMgr::HostContext::Instance().pid_ = 321;
+  ProcMgr::HostContext::Instance().isQuickStart_ = true;
+  for (const std::string& text : {std::string("short"), std::string(2000, 'x')}) {
+    ProcMgr::LogInfoRouted("%s", text.c_str());
+    // The kernel takes no more than 976 bytes.
+    const std::string record = ("<6> PROCMGR[321] " + text).substr(0, 975) + '\n';
+    std::array<char, 2000> buffer{};
+    const ssize_t size = read(master, buffer.data(), buffer.size());
+    EXPECT_EQ(std::string(buffer.data(), static_cast<std::size_t>(std::max(size, ssize_t{0}))),
+              record);
+  }
+  ProcMgr::HostContext::Instance().isQuickStart_ = false;
+}
+
 TEST_F(Log, LongLines) {
   const std::string text(5000, 'x');
   ProcMgr::LogInfo("%s", text.c_str());
-  ASSERT_TRUE(log_.WaitFor(text)) << "syslog has no limit that a path could reach";
+  ASSERT_TRUE(log_.WaitFor(text)) << "no path could reach the limit";
+  ProcMgr::LogInfo("%s", std::string(40'000, 'y').c_str());
+  ASSERT_TRUE(log_.WaitFor("y...")) << "what lies beyond the limit is cut";
 
   // The kernel refuses a longer record whole.
   QuickStart(true);
@@ -83,6 +117,43 @@ TEST_F(Log, LongLines) {
   const std::string kernelLog = sandbox_.ReadFile("/dev/kmsg");
   EXPECT_TRUE(kernelLog.starts_with("<6> PROCMGR[321] xxx"));
   EXPECT_EQ(kernelLog.size(), 975U);
+}
+
+TEST_F(Log, WhatOthersPutIntoALineIsPrintable) {
+  const char* const evil = "a\nb\x1b[2J\xc3\xa4\x7f\\x41 100%s~";
+  const std::string shown = "<a\\x0ab\\x1b[2J\\xc3\\xa4\\x7f\\x41 100%s~>";
+  ProcMgr::LogError("<%s>", evil);
+  // What has been made printable before stays as it is.
+  ProcMgr::LogError("<%s>", ProcMgr::Printable(evil).c_str());
+  ASSERT_TRUE(log_.WaitForCount(shown, 2)) << log_.Text();
+  QuickStart(true);
+  ProcMgr::LogErrorRouted("<%s>", evil);
+  EXPECT_EQ(sandbox_.ReadFile("/dev/kmsg"), "<3> PROCMGR[321] " + shown);
+}
+
+TEST(MakePrintable, CutsWhatHasNoRoom) {
+  const struct {
+    std::string text;
+    std::size_t room;
+    std::string shown;
+  } cases[] = {
+      {"", 4, ""},
+      {"abcd", 4, "abcd"},
+      {"a\n\n\n", 4, "a..."},
+      {"\n", 4, "\\x0a"},
+      {"a\n", 4, "a..."},
+      {"\n\n", 7, "\\x0a..."},
+      {"\n\nab", 9, "\\x0a..."},
+      {"\n\nab", 10, "\\x0a\\x0aab"},
+      {"ab\n\n", 10, "ab\\x0a\\x0a"},
+      {"ab\xff", 5, "ab..."},
+  };
+  for (const auto& c : cases) {
+    std::string buffer = c.text;
+    buffer.resize(c.room);
+    const std::size_t size = ProcMgr::MakePrintable(buffer, c.text.size());
+    EXPECT_EQ(buffer.substr(0, size), c.shown);
+  }
 }
 
 }  // namespace
