@@ -45,6 +45,7 @@ void MayWait([[maybe_unused]] const char* call) {
   const char* const held = HeldWhileWaiting();
   if (held != nullptr) {
     LogError("PROCMGR : %s would wait under %s", call, held);
+    CloseLog();  // Or the line would end with the process, in the queue.
   }
   assert(held == nullptr);
 #endif

@@ -8,12 +8,17 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <span>
 #include <string_view>
 
 #include "base/immortal.h"
+#include "base/line_queue.h"
+#include "base/mutex.h"
 #include "base/names.h"
 #include "base/printable.h"
 #include "base/unique_fd.h"
@@ -26,12 +31,33 @@ constexpr const char* kKernelLog = "/dev/kmsg";
 // The longest record that every kernel takes from user space; a longer one is refused whole, so the
 // end of a long line is cut off rather than the line lost.
 constexpr std::size_t kKernelRecord = 976;
+// How long the end of the process waits for a reader of the log.
+constexpr std::chrono::milliseconds kLastPatience{200};
 // A line and its NUL.
-constexpr std::size_t kLineBytes = (std::size_t{16} << 10) + 1;
+constexpr std::size_t kLineBytes = LineRing::kMaxTextBytes + 1;
 
-// The sink of a tool or a test; null in the daemon. Called under the log's lock, read without it:
-// the kernel log must not wait for a syslog daemon that is slow.
+// The sink of a tool or a test; null in the daemon. Called under the lock, read without it.
+Mutex sinkMutex;
 std::atomic<LogSink> logSink = nullptr;
+
+// syslog waits while the reader's socket is full, and others wait for syslog's own lock meanwhile.
+class SyslogWriter : public LineWriter {
+ public:
+  void Write(int level, const char* text) override { syslog(level, "%s", text); }
+  void TellLost(std::uint64_t count) override {
+    syslog(LOG_WARNING, "PROCMGR : %llu lines of the log are lost, its reader was too slow",
+           static_cast<unsigned long long>(count));
+  }
+};
+
+struct SyslogQueue {
+  SyslogWriter writer;
+  LineQueue lines{writer};
+};
+
+// The way to syslog; null until OpenLog, from when on nobody else calls syslog. Never destroyed:
+// its thread may stand in a write while the process ends.
+std::atomic<LineQueue*> syslogQueue = nullptr;
 
 // Makes the line in `buffer`, kLineBytes long, and ends it with a NUL. Needs no memory. What a peer
 // or a file has put in there can neither break the line nor reach a terminal.
@@ -54,7 +80,7 @@ bool ToSink(int level, std::string_view line) {
   if (logSink.load() == nullptr) {
     return false;
   }
-  const MutexLock lock(LogLock());
+  const MutexLock lock(sinkMutex);
   if (const LogSink current = logSink.load()) {
     current(level, line.data());
   }
@@ -67,8 +93,11 @@ __attribute__((format(printf, 2, 0))) void ToSyslog(int level, const char* forma
   if (ToSink(level, line)) {
     return;
   }
-  const MutexLock lock(LogLock());
-  syslog(level, "%s", line.data());
+  if (LineQueue* const queue = syslogQueue.load()) {
+    queue->Push(level, line);
+  } else {
+    syslog(level, "%s", line.data());
+  }
 }
 
 bool IsCharacterDevice(int fd) {
@@ -115,24 +144,29 @@ __attribute__((format(printf, 2, 0))) void Route(int level, const char* format, 
 
 }  // namespace
 
-Mutex& LogLock() {
-  // Threads may still log while the process exits.
-  return Immortal<Mutex>();
-}
-
 void OpenLog() {
-  const MutexLock lock(LogLock());
-  openlog(kManagerName, LOG_PID, LOG_USER);
+  // At once, so that the descriptors of the boot have the same numbers in every run.
+  openlog(kManagerName, LOG_PID | LOG_NDELAY, LOG_USER);
+  try {
+    LineQueue& queue = Immortal<SyslogQueue>().lines;
+    queue.Start();
+    syslogQueue = &queue;
+  } catch (const std::exception& failure) {
+    // A log that may hold up its callers is better than none.
+    LogError("PROCMGR : the log has no thread of its own: %s", failure.what());
+  }
 }
 
 void CloseLog() {
-  const MutexLock lock(LogLock());
-  closelog();
+  LineQueue* const queue = syslogQueue.load();
+  if (queue == nullptr || queue->End(kLastPatience)) {
+    closelog();
+  }
 }
 
 void SetLogSink(LogSink sink) {
   // Under the lock, so that nobody is in the old sink any more when this returns.
-  const MutexLock lock(LogLock());
+  const MutexLock lock(sinkMutex);
   logSink = sink;
 }
 

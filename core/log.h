@@ -5,26 +5,32 @@
 // "/dev/kmsg" instead, or nowhere if that can't be opened. The level is fixed by the function's
 // name: error 3, warning 4, information 6, debug 7. The text stands whole at its call site.
 //
+// Any thread may call. After OpenLog a line for syslog is only put into a queue
+// (base/line_queue.h), whatever the state of the memory and of the reader, and one thread writes
+// the queue to syslog. So a reader that doesn't read holds up nobody; what the queue has no room
+// for meanwhile is lost, and a warning in its place says how many lines it was. Without OpenLog, as
+// in an agent or a tool, the caller writes to syslog itself. Lines of the kernel log are written by
+// their callers, always.
+//
 // Bytes that aren't printable ASCII appear as "\xNN" in every line, and a line is cut off with
 // "..." behind 16 KiB: callers hand over names and texts of others as they are.
 //
-// Any thread may call; a child before its exec never does.
+// A child never logs before its exec: nothing there empties the queue, and its lock may be held for
+// ever.
 #ifndef CORE_LOG_H
 #define CORE_LOG_H
-
-#include "base/mutex.h"
 
 #define PM_PRINTF __attribute__((format(printf, 1, 2)))
 
 namespace ProcMgr {
 
-// Opens syslog with the ident "PROCMGR", LOG_PID and LOG_USER.
-void OpenLog();
-void CloseLog();
-
-// Held around every line and every change of where lines go. A leaf: nothing else is taken under
+// Opens syslog with the ident "PROCMGR", LOG_PID and LOG_USER and starts the thread that writes to
 // it.
-[[nodiscard]] Mutex& LogLock();
+void OpenLog();
+// Writes what is left, for at most 200 ms, and closes syslog. The last act of a process that has
+// opened it: lines that come later go nowhere until the next OpenLog. One thread at a time opens
+// and closes.
+void CloseLog();
 
 // Takes a line without a line break, and its level as a syslog priority. Called one line at a time
 // under the log's lock: it must not log itself.

@@ -29,6 +29,9 @@
 //                     (host/integrity_protect.h); requests work theirs out on their own threads.
 //   keeper            the one thread that comes back, in everybody's place, to frames that a peer
 //                     has no room for and to closings whose callback runs (message/keeper.h).
+//   log               the one thread that writes lines to syslog, for whoever reads them there. All
+//                     others only queue theirs (core/log.h); where the queue is full and the reader
+//                     gets on, they wait for room (base/line_queue.h).
 //   childMsgThread_   for children's texts; signalThread_ for signals.
 // The check thread, the reaper and the libraries' threads ask, and go on: what became of a report,
 // an opening or a closing is logged by whoever comes to know it. Each call that may wait names
@@ -120,7 +123,7 @@ class ProcessManager {
  public:
   // `baseServiceCfgPath` is the resolved path of the base-service file.
   explicit ProcessManager(std::string baseServiceCfgPath);
-  // Ends what an exception out of Run has left running, then closes the pipe and the log.
+  // Ends what an exception out of Run has left running, then closes the pipe.
   ~ProcessManager();
   ProcessManager(const ProcessManager&) = delete;
   ProcessManager& operator=(const ProcessManager&) = delete;

@@ -31,7 +31,6 @@ ProcessManager::~ProcessManager() {
   master_.Detach();
   StopWorkers();
   CloseChildMsgPipe();
-  CloseLog();
 }
 
 bool ProcessManager::Init() {

@@ -66,7 +66,8 @@ std::string MaskLine(const LogLine& line) {
 }
 
 LogReader::LogReader(const Sandbox& sandbox)
-    : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)), stop_(eventfd(0, EFD_CLOEXEC)) {
+    : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
+      stop_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   CheckStep(socket_.IsOpen() && stop_.IsOpen(), "make the log socket");
   // As root the limit of the system doesn't bind; without the size nothing is lost either.
   (void)setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer,
@@ -76,12 +77,24 @@ LogReader::LogReader(const Sandbox& sandbox)
   CheckStep(
       bind(socket_.Get(), address.Get(), address.Size()) == 0 && chmod(path.c_str(), 0666) == 0,
       "serve /dev/log");
-  thread_ = std::thread(&LogReader::ReadLoop, this);
+  Resume();
 }
 
 LogReader::~LogReader() {
+  if (thread_.joinable()) {
+    Pause();
+  }
+}
+
+void LogReader::Pause() {
   (void)eventfd_write(stop_.Get(), 1);
   thread_.join();
+}
+
+void LogReader::Resume() {
+  eventfd_t ignored = 0;
+  (void)eventfd_read(stop_.Get(), &ignored);
+  thread_ = std::thread(&LogReader::ReadLoop, this);
 }
 
 void LogReader::ReadLoop() {

@@ -49,6 +49,11 @@ class LogReader {
   LogReader(const LogReader&) = delete;
   LogReader& operator=(const LogReader&) = delete;
 
+  // From the one on nobody reads, and whoever logs meets a socket that fills up; the other reads
+  // on.
+  void Pause();
+  void Resume();
+
   // Everything so far.
   [[nodiscard]] std::vector<LogLine> Lines() const EXCLUDES(mutex_);
   // The lines from `begin` up to `end`, as MaskLine gives them.

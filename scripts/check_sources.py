@@ -42,7 +42,7 @@ FORBIDDEN_OUTSIDE_TESTS = [
     (r"\b(atoi|atol|atoll|atof)\s*\(", "swallows errors: use ParseNumber of base/text.h", set()),
 ]
 FORBIDDEN_IN_DAEMON = [
-    (r"\b(v?syslog|openlog|closelog)\s*\(", "use core/log.h",
+    (r"\b(v?syslog|openlog|closelog)\s*\(", "use core/log.h: syslog waits for the log's reader",
      {"core/log.cpp"}),
     (r"\b(clock_nanosleep|nanosleep|usleep|sleep|sleep_for|sleep_until)\s*\(", "use base/sleep.h",
      {"base/sleep.cpp"}),

@@ -1,6 +1,7 @@
 // Whatever a peer does or leaves undone, the others are supervised, answered and booted as ever.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -11,7 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "sandbox/agent_peer.h"
+#include "sandbox/socket_path.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
@@ -190,6 +193,74 @@ TEST_F(NobodyWaits, TheOnlyReportOfAServiceThatDiedBeforeItServedIsNeverLost) {
     peers.push_back(std::move(*peer));
   }
   AwaitBooted();
+}
+
+// The log is bound and never read. What its queue has no room for is lost, and counted.
+TEST_F(NobodyWaits, WhileNobodyReadsTheLog) {
+  constexpr std::size_t kServices = 12;
+  constexpr std::size_t kFrames = 6000;
+  AgentPeer agent(sandbox_, "agent");
+  std::vector<App> apps = {Reporting("agent", {{"restart", "on-forever"}})};
+  while (apps.size() < kServices) {
+    apps.push_back(Victim("victim" + std::to_string(apps.size())));
+  }
+  log_.Pause();
+  Boot(apps);
+  ASSERT_TRUE(agent.BecomeReady());
+  ASSERT_TRUE(Eventually([&] { return daemon_->Services().size() == kServices; }));
+  for (const pid_t pid : daemon_->Services()) {
+    const ProcMgr::SteadyTime killed = ProcMgr::SteadyNow();
+    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    ASSERT_TRUE(Eventually([&] {
+      const std::vector<pid_t> services = daemon_->Services();
+      return services.size() == kServices &&
+             std::find(services.begin(), services.end(), pid) == services.end();
+    }));
+    EXPECT_LT(ProcMgr::SteadyNow() - killed, kSoon);
+  }
+  ASSERT_TRUE(agent.BecomeReady());
+  ExpectAnswerSoon(agent);
+  // Each of them costs a line.
+  for (std::size_t i = 0; i < kFrames; ++i) {
+    ASSERT_TRUE(agent.SendPacket(MakePacket(kRequest, 1, "")));
+  }
+  ExpectAnswerSoon(agent);
+
+  log_.Resume();
+  const auto loss = log_.WaitFor(" lines of the log are lost");
+  ASSERT_TRUE(loss.has_value());
+  const std::string text = log_.At(*loss).text;
+  const std::size_t lost = std::stoul(text.substr(text.find(": ") + 2));
+  const std::string ofFrame = "RequstMsgHandler size=0 bytes";
+  const std::size_t read = log_.Count(ofFrame);
+  EXPECT_LT(read, kFrames);
+  EXPECT_GE(lost + read, kFrames);
+  // The second answer has lines, too, and so has each restart when its channel is given up.
+  EXPECT_LE(lost + read, kFrames + 5 * kServices);
+  // What came before the flood is all there.
+  const std::vector<std::string> lines = log_.Masked(0, *loss);
+  EXPECT_EQ(CountLines(lines, "InitBaseApplication end"), 1U);
+  EXPECT_EQ(CountLines(lines, "Start baseApp success"), 2 * kServices);
+  ASSERT_TRUE(agent.SendPacket(MakePacket(kRequest, 1, "")));
+  EXPECT_TRUE(Await(ofFrame, *loss));
+}
+
+TEST_F(NobodyWaits, AnEndWhileNobodyReadsTheLogIsAnEnd) {
+  log_.Pause();
+  // Somebody else has filled it.
+  const ProcMgr::UniqueFd other(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  const std::string path = sandbox_.Outside("/dev/log");
+  const SocketPath address(path);
+  ASSERT_EQ(connect(other.Get(), address.Get(), address.Size()), 0);
+  while (send(other.Get(), "x", 1, 0) == 1) {
+  }
+  ASSERT_EQ(errno, EAGAIN);
+  const ProcMgr::SteadyTime begin = ProcMgr::SteadyNow();
+  Start({});
+  const auto status = daemon_->WaitExit();
+  EXPECT_LT(ProcMgr::SteadyNow() - begin, kSoon);
+  ASSERT_TRUE(status.has_value() && WIFEXITED(*status));
+  EXPECT_EQ(WEXITSTATUS(*status), 255);
 }
 
 }  // namespace

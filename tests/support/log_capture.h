@@ -27,23 +27,30 @@ class LogCapture {
   // The lines since the last call, in order: "E " or another first letter of the level, and the
   // text.
   std::vector<std::string> Take() {
-    const ProcMgr::MutexLock lock(ProcMgr::LogLock());
-    return std::exchange(Lines(), {});
+    Taken& taken = All();
+    const ProcMgr::MutexLock lock(taken.mutex);
+    return std::exchange(taken.lines, {});
   }
 
  private:
-  // The log calls it under its lock.
-  static void Add(int level, const char* text) NO_THREAD_SAFETY_ANALYSIS {
+  struct Taken {
+    ProcMgr::Mutex mutex;
+    std::vector<std::string> lines GUARDED_BY(mutex);
+  };
+
+  static void Add(int level, const char* text) {
     const char letter = level == LOG_ERR       ? 'E'
                         : level == LOG_WARNING ? 'W'
                         : level == LOG_INFO    ? 'I'
                                                : 'D';
-    Lines().push_back(std::string(1, letter) + ' ' + text);
+    Taken& taken = All();
+    const ProcMgr::MutexLock lock(taken.mutex);
+    taken.lines.push_back(std::string(1, letter) + ' ' + text);
   }
 
-  static std::vector<std::string>& Lines() REQUIRES(ProcMgr::LogLock()) {
-    static std::vector<std::string> lines;
-    return lines;
+  static Taken& All() {
+    static Taken taken;
+    return taken;
   }
 };
 

@@ -4,7 +4,9 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -15,6 +17,29 @@
 #include "sandbox/process_table.h"
 #include "sandbox/sandbox.h"
 #include "tests/support/test.h"
+#include "tests/support/threads.h"
+
+namespace {
+
+// While set, this thread gets no memory.
+thread_local bool isStarved = false;
+
+}  // namespace
+
+// Not inlined, or the compiler takes the pairs below for mismatched ones.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  void* const memory = isStarved ? nullptr : std::malloc(size);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  std::free(memory);
+}
 
 namespace {
 
@@ -48,6 +73,7 @@ TEST_F(Log, QuickStartSendsRoutedCallsToTheKernelLogAlone) {
     ProcMgr::LogInfoRouted("routed information %d", 7);
   };
   ProcMgr::LogInfo("opens the socket");
+  ASSERT_TRUE(log_.WaitFor("opens the socket"));
   const std::vector<std::string> descriptors = PmSandbox::OpenDescriptors(getpid());
   QuickStart(true);
   writeOneOfEach();
@@ -129,6 +155,40 @@ TEST_F(Log, WhatOthersPutIntoALineIsPrintable) {
   QuickStart(true);
   ProcMgr::LogErrorRouted("<%s>", evil);
   EXPECT_EQ(sandbox_.ReadFile("/dev/kmsg"), "<3> PROCMGR[321] " + shown);
+}
+
+TEST_F(Log, ALineNeedsNoMemory) {
+  const std::string text = std::string(200, '\n') + "the end";
+  isStarved = true;
+  for (int i = 0; i < 1000; ++i) {
+    ProcMgr::LogError("%d%s", i, text.c_str());
+  }
+  QuickStart(true);
+  ProcMgr::LogErrorRouted("%s", text.c_str());
+  isStarved = false;
+  EXPECT_TRUE(log_.WaitForCount("\\x0athe end", 1000));
+  EXPECT_EQ(log_.Lines().size(), 1000U);
+  EXPECT_TRUE(sandbox_.ReadFile("/dev/kmsg").ends_with("\\x0athe end"));
+}
+
+// Several threads, at a rate that no boot reaches, and a burst larger than the queue.
+TEST_F(Log, AReaderThatKeepsUpGetsEveryLineInOrder) {
+  constexpr int kThreads = 4;
+  constexpr int kEach = 5000;
+  PmTest::OnThreads(kThreads, [](int thread) {
+    for (int i = 0; i < kEach; ++i) {
+      ProcMgr::LogInfo("thread %d line %d", thread, i);
+    }
+  });
+  ProcMgr::CloseLog();
+  std::vector<int> next(kThreads, 0);
+  ASSERT_TRUE(log_.WaitForCount("thread", std::size_t{kThreads} * kEach)) << log_.Lines().size();
+  for (const PmSandbox::LogLine& line : log_.Lines()) {
+    const auto thread = static_cast<std::size_t>(line.text.at(7) - '0');
+    ASSERT_EQ(line.text,
+              "thread " + std::to_string(thread) + " line " + std::to_string(next.at(thread)));
+    ++next.at(thread);
+  }
 }
 
 TEST(MakePrintable, CutsWhatHasNoRoom) {
