@@ -8,8 +8,9 @@
 namespace PmBench {
 
 BootedDaemon::BootedDaemon(int services,
-                           const std::vector<std::pair<std::string, std::string>>& keys)
-    : serviceFile_(Prepare(services, keys)),
+                           const std::vector<std::pair<std::string, std::string>>& keys,
+                           const std::string& settings)
+    : serviceFile_(Prepare(services, keys, settings)),
       startNs_(MonotonicNs()),
       daemon_(sandbox_, {serviceFile_}) {
   if (!log_.WaitFor("InitBaseApplication end").has_value()) {
@@ -18,9 +19,13 @@ BootedDaemon::BootedDaemon(int services,
   (void)marks_.Await(static_cast<std::size_t>(services));
 }
 
-std::string BootedDaemon::Prepare(
-    int services, const std::vector<std::pair<std::string, std::string>>& keys) const {
+std::string BootedDaemon::Prepare(int services,
+                                  const std::vector<std::pair<std::string, std::string>>& keys,
+                                  const std::string& settings) const {
   PrepareHost(sandbox_);
+  if (!settings.empty()) {
+    sandbox_.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml", settings);
+  }
   std::vector<PmSandbox::App> apps;
   apps.reserve(static_cast<std::size_t>(services));
   for (int i = 0; i < services; ++i) {

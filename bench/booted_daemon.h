@@ -17,9 +17,11 @@ namespace PmBench {
 class BootedDaemon {
  public:
   // Boots `services` services, each with the given further keys, and waits until the bring-up is
-  // through and all have come to their main. Throws if that fails.
+  // through and all have come to their main. `settings` is the manager's own configuration file.
+  // Throws if that fails.
   explicit BootedDaemon(int services,
-                        const std::vector<std::pair<std::string, std::string>>& keys = {});
+                        const std::vector<std::pair<std::string, std::string>>& keys = {},
+                        const std::string& settings = {});
 
   [[nodiscard]] const PmSandbox::Sandbox& Host() const { return sandbox_; }
   [[nodiscard]] const Marks& Services() const { return marks_; }
@@ -33,9 +35,10 @@ class BootedDaemon {
   }
 
  private:
-  // Writes the service file and yields its path.
-  [[nodiscard]] std::string Prepare(
-      int services, const std::vector<std::pair<std::string, std::string>>& keys) const;
+  // Writes the files and yields the path of the service file.
+  [[nodiscard]] std::string Prepare(int services,
+                                    const std::vector<std::pair<std::string, std::string>>& keys,
+                                    const std::string& settings) const;
 
   PmSandbox::Sandbox sandbox_;
   PmSandbox::LogReader log_{sandbox_};
