@@ -27,7 +27,7 @@ def read_rooms():
 
 ROOMS, EVERYWHERE, OFFERED = read_rooms()
 # What runs inside the manager's process.
-DAEMON = {"base", "platform", "host", "message", "app", "core"}
+DAEMON = {"base", "platform", "host", "message", "status", "app", "core"}
 
 # (pattern, advice, files that may). Comments and the inside of strings are blanked before the search.
 FORBIDDEN_EVERYWHERE = [

@@ -1,0 +1,163 @@
+// What the manager tells about its applications: the words, and the pictures in which they travel
+// from the memory to the text. docs/status.md tells what each means to a reader.
+#ifndef STATUS_PICTURE_H
+#define STATUS_PICTURE_H
+
+#include <sys/types.h>
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/restart_window.h"
+#include "base/steady_time.h"
+
+namespace ProcMgr::Status {
+
+// The number of an application in the memory; 0 for none.
+using AppId = std::uint32_t;
+
+using WallTime = std::chrono::system_clock::time_point;
+
+enum class AppKind : std::uint8_t { kBase, kGeneral, kSelf };
+
+enum class AppState : std::uint8_t {
+  kWaiting,
+  kLeftOut,
+  kBlocked,
+  kRefused,
+  kStarting,
+  kRunning,
+  kStopping,
+  kRestarting,
+  kEnded,
+  kFailed,
+  kGivenUp,
+};
+
+enum class CauseKind : std::uint8_t {
+  kDependency,
+  kMissing,
+  kPermission,
+  kArgument,
+  kDigest,
+  kCore,
+  kFork,
+  kExec,
+  kExit,
+  kSignal,
+  kLimit,
+  kRequest,
+  kTurn,
+  kReport,
+  kOption,
+};
+
+enum class ExitKind : std::uint8_t { kExit, kSignal, kCore, kExec };
+
+// What the boot spends its time on. The first three and the last are the manager's own; the others
+// belong to one application's first start.
+enum class Phase : std::uint8_t {
+  kInit,
+  kPriority,
+  kContinue,
+  kPause,
+  kChecks,
+  kFork,
+  kReady,
+  kOpen,
+};
+
+// The words of the text.
+[[nodiscard]] const char* WordOf(AppKind kind);
+[[nodiscard]] const char* WordOf(AppState state);
+[[nodiscard]] const char* WordOf(CauseKind cause);
+[[nodiscard]] const char* WordOf(ExitKind exit);
+[[nodiscard]] const char* WordOf(Phase phase);
+
+// Why an application isn't running.
+struct Cause {
+  CauseKind what = CauseKind::kTurn;
+  std::string text;
+  std::string on;  // The application that it hangs on; empty for none.
+};
+
+struct Exit {
+  WallTime time;
+  pid_t pid = 0;
+  ExitKind how = ExitKind::kExit;
+  int value = 0;  // The exit status or the signal.
+  std::string text;
+};
+
+// Of an application's exits the last so many are kept.
+inline constexpr std::size_t kKeptExits = 8;
+
+// What doesn't change from one start to the next request: who it is, and what was asked for.
+struct AppFacts {
+  AppKind kind = AppKind::kBase;
+  bool isReporting = false;
+  uid_t uid = 0;
+  gid_t gid = 0;
+  std::string name;
+  std::string owner;   // Empty for none.
+  std::string policy;  // The manifest's word for restarts.
+  std::string path;
+  std::vector<std::string> arguments;
+  std::vector<std::string> depends;
+  std::vector<std::uint32_t> cores;
+  std::string startFile;  // Empty for none.
+};
+
+// Cheap to copy: whatever is long is shared, and never changed once it is.
+struct AppPicture {
+  std::shared_ptr<const AppFacts> facts;
+  std::shared_ptr<const Cause> cause;                    // Null for none that is known.
+  std::shared_ptr<const std::vector<Exit>> exits;        // Newest first; null for none.
+  WallTime since;                                        // When it came into the state.
+  SteadyTime forked;                                     // Its last fork.
+  std::optional<std::chrono::microseconds> readyIn;      // From there to its report, or to running.
+  std::array<SteadyTime, kMostRestarts> restartTimes{};  // That count, oldest first.
+  std::uint32_t restartTimesUsed = 0;
+  std::uint32_t restarts = 0;  // Since the manager's start.
+  pid_t pid = 0;               // 0: no process.
+  AppState state = AppState::kWaiting;
+  bool isGivenUp = false;
+};
+
+// How many restarts the policy still grants at `now`; none if it sets no bound.
+[[nodiscard]] std::optional<std::size_t> RestartsLeft(const AppPicture& app, SteadyTime now);
+
+struct ManagerPicture {
+  bool isBootDone = false;
+  WallTime since;                           // The manager's start.
+  std::shared_ptr<const AppFacts> awaited;  // Whose report or channel the boot waits for.
+  WallTime awaitedSince;
+};
+
+// Everything at one moment, the applications in the order of their first mention.
+struct Picture {
+  ManagerPicture manager;
+  std::vector<AppPicture> apps;
+};
+
+struct Span {
+  std::shared_ptr<const AppFacts> facts;  // Null: the manager's own.
+  Phase phase = Phase::kInit;
+  std::chrono::microseconds begin{0};  // From the manager's start.
+  std::optional<std::chrono::microseconds> end;
+};
+
+struct BootPicture {
+  std::optional<std::chrono::microseconds> end;
+  std::vector<Span> spans;  // In the order of their beginnings.
+};
+
+}  // namespace ProcMgr::Status
+
+#endif  // STATUS_PICTURE_H
