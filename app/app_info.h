@@ -44,6 +44,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -51,6 +52,7 @@
 #include "app/manifest.h"
 #include "base/app_state.h"
 #include "base/steady_time.h"
+#include "status/picture.h"
 
 namespace ProcMgr::App {
 
@@ -152,16 +154,21 @@ class AppInfo {
   std::map<std::string, std::string> envTemplate_;
   bool isVfIdDynamic_ = false;
   std::string vfIdPattern_;
+  Status::AppId statusId_ = 0;  // Under which the manager's memory knows it; 0: not at all.
 
  protected:
   // The checks that can still refuse a start, each with its log line.
   [[nodiscard]] bool PrepareStart() const;
+  [[nodiscard]] std::optional<Status::CauseKind> FindFault() const;
 
   // What a start clears in a record that has run before.
   void ClearForStart();
 
   // The pointers of an argument vector into the record's own texts, null-terminated.
   [[nodiscard]] std::vector<char*> BuildArgv();
+
+  // Whether the policy takes the exit on file, which nobody asked for, for a normal end.
+  [[nodiscard]] bool IsExitAccepted() const;
 
   // Reads an exit that nobody asked for into reportState_ and isTerminatedByEio_.
   void ClassifyExit();

@@ -11,6 +11,7 @@
 #include <cstdlib>
 
 #include "base/child_msg_pipe.h"
+#include "base/last_words.h"
 #include "base/raw_calls.h"
 
 namespace ProcMgr::App {
@@ -147,6 +148,7 @@ void TellManager(const LaunchPlan& plan, pid_t self, const ErrText& text) {
 }
 
 [[noreturn]] PM_NEVER_LEFT void Fail(const LaunchPlan& plan, pid_t self, const ErrText& text) {
+  KeepLastWords(self, text.View());
   TellManager(plan, self, text);
   Exit(1);
 }
@@ -154,11 +156,12 @@ void TellManager(const LaunchPlan& plan, pid_t self, const ErrText& text) {
 [[noreturn]] PM_NEVER_LEFT void Exec(const LaunchPlan& plan, pid_t self, char* const* env) {
   RestoreDescriptorLimit();
   const long result = RawCall(SYS_execve, plan.config.execPath.c_str(), plan.argv.data(), env);
-  if (result == -EIO) {
-    Exit(kExitCodeEio);
-  }
   ErrText text;
   text.Add(plan.execErr).AddNumber(-result).Add(";");
+  if (result == -EIO) {
+    KeepLastWords(self, text.View());
+    Exit(kExitCodeEio);
+  }
   Fail(plan, self, text);
 }
 

@@ -5,8 +5,10 @@
 #include <csignal>
 
 #include "app/app_info.h"
+#include "base/last_words.h"
 #include "base/names.h"
 #include "core/log.h"
+#include "status/memory.h"
 
 namespace ProcMgr::App {
 namespace {
@@ -132,10 +134,12 @@ void AppInfo::KillProcess() const {
 
 void BaseAppInfo::EndForGood() {
   restart_ = "no";
+  Status::Memory::Instance().NoteEndForGood(statusId_);
   (void)TermProcess();
 }
 
 void GeneralAppInfo::EndForGood() {
+  Status::Memory::Instance().NoteEndForGood(statusId_);
   SetTermBeginTime();
   (void)TermProcess();
   state_ = ProcessState::TERMINATING;
@@ -145,6 +149,8 @@ void GeneralAppInfo::EndForGood() {
 void AppInfo::SetExitStatus(int status) {
   exitStatus_ = status;
   isExited_ = true;
+  Status::Memory::Instance().NoteExit(statusId_, pid_, status, IsExitAccepted(),
+                                      TakeLastWords(pid_));
   LogInfo("PROCMGR : SetExitStatus %s, pid=%d", appName_.c_str(), pid_);
 }
 
@@ -162,12 +168,15 @@ int AppInfo::ProbeProcess() const {
   return 0;
 }
 
+bool AppInfo::IsExitAccepted() const {
+  const bool isSuccess = WIFEXITED(exitStatus_) && WEXITSTATUS(exitStatus_) == 0;
+  return restart_ == "on-until-succeed" && ownerName_ == kAccessService && isSuccess;
+}
+
 void AppInfo::ClassifyExit() {
   LogExitStatus(exitStatus_, appName_, pid_);
-  const bool isNormal = WIFEXITED(exitStatus_);
-  isTerminatedByEio_ = isNormal && WEXITSTATUS(exitStatus_) == kExitCodeEio;
-  const bool isSuccess = isNormal && WEXITSTATUS(exitStatus_) == 0;
-  if (restart_ == "on-until-succeed" && ownerName_ == kAccessService && isSuccess) {
+  isTerminatedByEio_ = WIFEXITED(exitStatus_) && WEXITSTATUS(exitStatus_) == kExitCodeEio;
+  if (IsExitAccepted()) {
     reportState_ = ReportAppStateType::TERMINATED_NORMAL_EXIT;
     LogInfo("PROCMGR : non resident app=%s normal exit", appName_.c_str());
   } else {

@@ -1,4 +1,5 @@
 // The parent's side of a launch. The child's side is app/child_steps.h.
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -8,6 +9,7 @@
 #include "app/spawn.h"
 #include "base/boot_trace.h"
 #include "core/log.h"
+#include "status/memory.h"
 
 namespace ProcMgr::App {
 namespace {
@@ -21,6 +23,10 @@ template <typename Record>
   const pid_t child = Spawn(plan);
   if (child > 0 && plan.isBound) {
     CoreAffinityMgr::Instance().LogMissingAiTasks(child, plan.binding);
+  }
+  if (child < 0) {
+    Status::Memory::Instance().Refuse(app.statusId_, Status::CauseKind::kFork,
+                                      "fork failed, errno=" + std::to_string(-child));
   }
   return child;
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -15,9 +16,12 @@
 #include "core/log.h"
 #include "host/core_affinity_mgr.h"
 #include "host/integrity_protect.h"
+#include "status/memory.h"
 
 namespace ProcMgr::App {
 namespace {
+
+using Status::CauseKind;
 
 constexpr mode_t kAnyExecute = S_IXUSR | S_IXGRP | S_IXOTH;
 
@@ -70,46 +74,81 @@ bool HasExecutePermission(const std::string& appName, const std::string& binPath
   return true;
 }
 
-bool CheckChildProParas(const std::string& appName, const std::string& execPath, uid_t uid,
-                        const std::vector<std::string>& arguments) {
+// Yields what is wrong; none if nothing is.
+std::optional<CauseKind> CheckChildProParas(const std::string& appName, const std::string& execPath,
+                                            uid_t uid, const std::vector<std::string>& arguments) {
   if (std::any_of(arguments.begin(), arguments.end(), HasIllegalStr)) {
     LogError("PROCMGR : CheckChildProParas App=%s arguments include illegal str", appName.c_str());
-    return false;
+    return CauseKind::kArgument;
   }
   if (access(execPath.c_str(), F_OK) != 0) {
     LogError("PROCMGR : Start App=%s failed, binPath=%s is not existed !!!", appName.c_str(),
              execPath.c_str());
-    return false;
+    return CauseKind::kMissing;
   }
   std::string resolved;
   if (!StandardizationPath(execPath, resolved)) {
-    return false;
+    return CauseKind::kMissing;
   }
   struct stat file {};
   if (stat(resolved.c_str(), &file) != 0) {
     const int error = errno;
     LogError("PROCMGR : Start App=%s failed, stat binPath=%s failed, error=%d", appName.c_str(),
              resolved.c_str(), error);
-    return false;
+    return CauseKind::kMissing;
   }
-  return HasExecutePermission(appName, resolved, uid, file);
+  if (!HasExecutePermission(appName, resolved, uid, file)) {
+    return CauseKind::kPermission;
+  }
+  return std::nullopt;
+}
+
+std::string Describe(CauseKind fault, const std::string& path, uid_t uid) {
+  switch (fault) {
+    case CauseKind::kArgument:
+      return "an argument holds a character that means something to a shell";
+    case CauseKind::kMissing:
+      return "there is no program " + path;
+    case CauseKind::kPermission:
+      return "user " + std::to_string(uid) + " may not execute " + path;
+    case CauseKind::kDigest:
+      return "the digest of " + path + " is not the one that is listed";
+    case CauseKind::kCore:
+      return "a core that it asks for is no control core";
+    default:
+      return {};
+  }
 }
 
 }  // namespace
 
 bool AppInfo::PrepareStart() const {
-  if (!CheckChildProParas(appName_, execPath_, uid_, arguments_)) {
+  Status::Memory& memory = Status::Memory::Instance();
+  memory.BeginChecks(statusId_);
+  if (const std::optional<CauseKind> fault = FindFault()) {
+    memory.Refuse(statusId_, *fault, Describe(*fault, execPath_, uid_));
     return false;
+  }
+  memory.PassChecks(statusId_);
+  return true;
+}
+
+std::optional<CauseKind> AppInfo::FindFault() const {
+  if (const auto fault = CheckChildProParas(appName_, execPath_, uid_, arguments_)) {
+    return fault;
   }
   if (!IntegrityProtect::Instance().Check(execPath_)) {
     LogError("PROCMGR : IntegrityProtect app=%s or sha256sum has been modified", execPath_.c_str());
-    return false;
+    return CauseKind::kDigest;
   }
   // The core lists are read at the end of a quick start; a priority application is checked then.
   if (startupPriority_ != -1 && HostContext::Instance().isQuickStart_.load()) {
-    return true;
+    return std::nullopt;
   }
-  return CoreAffinityMgr::Instance().CheckIsCtrlCpu(appName_, coreAffinity_);
+  if (!CoreAffinityMgr::Instance().CheckIsCtrlCpu(appName_, coreAffinity_)) {
+    return CauseKind::kCore;
+  }
+  return std::nullopt;
 }
 
 }  // namespace ProcMgr::App

@@ -1,16 +1,13 @@
 // Whether a base application that has ended is started again.
-#include <chrono>
-
 #include "app/app_info.h"
+#include "base/restart_window.h"
 #include "core/log.h"
+#include "status/memory.h"
 
 namespace ProcMgr::App {
 namespace {
 
-constexpr unsigned kRestartLimit = 5;
 constexpr long kRestartWindowMs = 60'000;
-// One millisecond more than the window that is printed.
-constexpr std::chrono::nanoseconds kRestartWindow{60'001'000'000};
 
 }  // namespace
 
@@ -21,16 +18,18 @@ bool BaseAppInfo::CheckRestartAt(SteadyTime now) {
   if (restart_ != "on-failure") {
     return false;
   }
-  if (restartTimes_.size() >= kRestartLimit) {
+  if (restartTimes_.size() >= kMostRestarts) {
     if (now - restartTimes_.front() < kRestartWindow) {
-      LogError("PROCMGR : Process=%s has restart %u times in recent %ld ms.", appName_.c_str(),
-               kRestartLimit, kRestartWindowMs);
+      LogError("PROCMGR : Process=%s has restart %zu times in recent %ld ms.", appName_.c_str(),
+               kMostRestarts, kRestartWindowMs);
       restart_ = "no";
+      Status::Memory::Instance().GiveUp(statusId_);
       return false;
     }
     restartTimes_.pop_front();
   }
   restartTimes_.push_back(now);
+  Status::Memory::Instance().NoteRestartTimes(statusId_, restartTimes_);
   return true;
 }
 

@@ -7,6 +7,7 @@
 #include "base/names.h"
 #include "core/log.h"
 #include "core/pass_bell.h"
+#include "status/memory.h"
 
 namespace ProcMgr {
 
@@ -94,6 +95,7 @@ bool RelaunchBaseApp(App::BaseAppInfo& app) {
   const auto index = static_cast<std::size_t>(&app - executedBaseApp_.data());
   Drop(baseAppPids_, oldPid, index);
   baseAppPids_.emplace(app.pid_, index);
+  Status::Memory::Instance().NoteStarted(app.statusId_, app.pid_);
   passBell.Ring();
   return true;
 }
@@ -152,17 +154,26 @@ bool LaunchGeneralApp(const GeneralAppPtr& app) {
   } else {
     FilePid(*app, oldPid);
   }
+  Status::Memory::Instance().NoteStarted(app->statusId_, app->pid_);
   passBell.Ring();
   return true;
 }
 
 void StepGeneralApp(App::GeneralAppInfo& app, SteadyTime now) {
   const pid_t oldPid = app.pid_;
+  const bool isOldProcess = app.isRestartStarted_ == 0;
+  const ProcessState before = app.state_;
   app.state_ = app.CheckStateAt(now);
   if (app.pid_ != oldPid) {
     passBell.Ring();
   }
   FilePid(app, oldPid);
+  if (app.state_ == ProcessState::RESTARTING && isOldProcess && app.isRestartStarted_ != 0) {
+    Status::Memory::Instance().NoteStarted(app.statusId_, app.pid_);
+  }
+  if (app.state_ == ProcessState::RUNNING && before != ProcessState::RUNNING) {
+    Status::Memory::Instance().NoteRunning(app.statusId_);
+  }
 }
 
 void RemoveTerminatedGeneralApps() {

@@ -10,7 +10,7 @@
 //   5. the name table lock of ProcMgrMaster, the thread table lock of CoreAffinityMgr
 //   Leaves, under which nothing else is taken but the log's lock: HeartMessages::heartMutex_,
 //   Reporter::baseNamesMutex_, ProcessManager::coreAffinityThreadMutex_, delayCoreMutex_,
-//   sensorMutex_.
+//   sensorMutex_, the lock of Status::Memory.
 #ifndef CORE_APP_LISTS_H
 #define CORE_APP_LISTS_H
 
@@ -37,6 +37,7 @@ struct PmUploadEntry {
   std::string appName;
   int fd = -1;
   std::uint32_t gid = 0;
+  Status::AppId statusId = 0;
 };
 
 extern Mutex pmUploadMutex_;

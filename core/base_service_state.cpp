@@ -6,6 +6,7 @@
 #include "core/log.h"
 #include "core/process_manager.h"
 #include "host/core_affinity_mgr.h"
+#include "status/memory.h"
 
 namespace ProcMgr {
 namespace {
@@ -64,6 +65,11 @@ void ProcessManager::SetReportedState(const std::string& sender, ProcessState st
     UpdateFaultSensor(sender, app->nodeType_, Fault::kOff);
   }
   handshake_.TakeReport(*app, state);
+  if (app->state_ == ProcessState::RUNNING) {
+    Status::Memory::Instance().NoteRunning(app->statusId_);
+  } else if (app->state_ == ProcessState::TERMINATING) {
+    Status::Memory::Instance().NoteStopping(app->statusId_, {});
+  }
 }
 
 void ProcessManager::UpdateBaseServiceReady(const std::string& name, int fd) {

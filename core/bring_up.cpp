@@ -9,12 +9,15 @@
 #include "core/host_context.h"
 #include "core/log.h"
 #include "core/process_manager.h"
+#include "core/status_feed.h"
 #include "host/integrity_protect.h"
 #include "host/kernel_cmdline.h"
 #include "host/watchdog.h"
 
 namespace ProcMgr {
 namespace {
+
+using Status::Memory;
 
 constexpr std::int64_t kPauseBeforeWatchDogNs = 30'000'000;
 // How long a first channel is waited for while there is no process to serve it.
@@ -38,6 +41,7 @@ bool ParseYamlFile(const std::string& path, std::vector<ApplicationManifest>& ma
   if (ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, path, manifests, {}) != 0) {
     return false;
   }
+  MentionBaseApps(manifests);
   HostContext& context = HostContext::Instance();
   std::vector<std::string> names;
   for (const ApplicationManifest& manifest : manifests) {
@@ -47,6 +51,10 @@ bool ParseYamlFile(const std::string& path, std::vector<ApplicationManifest>& ma
     }
     if (IsOptionalServiceAllowed(context, manifest.GetCfgPath())) {
       names.push_back(manifest.GetAppName());
+    } else {
+      Memory::Instance().LeaveOut(
+          MentionBaseApp(manifest),
+          "an optional service that the kernel command line doesn't ask for");
     }
   }
   reporter.PublishBaseAppNames(std::move(names));
@@ -54,27 +62,31 @@ bool ParseYamlFile(const std::string& path, std::vector<ApplicationManifest>& ma
   return true;
 }
 
-bool CheckDepends(const std::set<std::string>& dependList, const std::string& name)
-    EXCLUDES(baseAppMutex_) {
-  if (dependList.empty()) {
+bool CheckDepends(const App::BaseAppInfo& dependant) EXCLUDES(baseAppMutex_) {
+  const std::string& name = dependant.appName_;
+  const auto block = [&dependant](const std::string& depend, const char* what) {
+    Memory::Instance().Block(dependant.statusId_, depend, "it needs " + depend + what);
+    return false;
+  };
+  if (dependant.dependList_.empty()) {
     return true;
   }
   const MutexLock lock(baseAppMutex_);
-  for (const std::string& depend : dependList) {
+  for (const std::string& depend : dependant.dependList_) {
     LogInfo("PROCMGR : %s depends on %s [%s => %s]", name.c_str(), depend.c_str(), name.c_str(),
             depend.c_str());
     if (executedBaseApp_.empty()) {
       LogError("PROCMGR : %s 's dependcy %s hasn't been started", name.c_str(), depend.c_str());
-      return false;
+      return block(depend, ", which has not been started");
     }
     const App::BaseAppInfo* const app = FindBaseApp(depend);
     if (app == nullptr) {
       LogError("PROCMGR : %s 's dependcy %s not find,", name.c_str(), depend.c_str());
-      return false;
+      return block(depend, ", which has not been started");
     }
     if (!app->IsRunning()) {
       LogError("PROCMGR : %s's dependcy %s hasn't been started", name.c_str(), depend.c_str());
-      return false;
+      return block(depend, ", which is not running");
     }
     LogInfo("PROCMGR : %s's dependcy %s has been started", name.c_str(), depend.c_str());
   }
@@ -84,6 +96,7 @@ bool CheckDepends(const std::set<std::string>& dependList, const std::string& na
 // Starts the process and enters its record. An exit that comes in between waits for the entry.
 bool StartAndEnter(App::BaseAppInfo& app) EXCLUDES(baseAppMutex_) {
   // Before the entry begins, for the reaper waits for its end.
+  Memory::Instance().BeginChecks(app.statusId_);
   IntegrityProtect::Instance().WorkOut(app.execPath_);
   const BaseAppEntry entry;
   if (!app.StartProcess() || app.state_ != ProcessState::STARTING) {
@@ -92,6 +105,7 @@ bool StartAndEnter(App::BaseAppInfo& app) EXCLUDES(baseAppMutex_) {
     UpdateFaultSensor(app.appName_, app.nodeType_, Fault::kOn);
     return false;
   }
+  Memory::Instance().NoteStarted(app.statusId_, app.pid_);
   const MutexLock lock(baseAppMutex_);
   EnterBaseApp(app);
   if (FindBaseApp(app.appName_) == nullptr) {
@@ -127,7 +141,10 @@ void ProcessManager::InitBaseApplication(const std::string& path) {
     return;  // The last service may have been given up half-way.
   }
   LogInfo("%s InitBaseApplication end", BootStrace(kBootTraceTag).c_str());
-  SleepNs(kPauseBeforeWatchDogNs);
+  {
+    const Status::PhaseScope pause(Status::Phase::kPause);
+    SleepNs(kPauseBeforeWatchDogNs);
+  }
   EnableWatchDog(startOk);
 }
 
@@ -143,6 +160,7 @@ bool ProcessManager::StartRound(const std::set<std::string>& names, bool& startO
       return false;
     }
     App::BaseAppInfo app(*manifest);
+    app.statusId_ = MentionBaseApp(*manifest);
     if (!InitOneBaseApplication(app)) {
       LogError("process-manager cur time:%s, start baseApp=%s failed",
                BootStrace(kBootTraceTag).c_str(), name.c_str());
@@ -158,7 +176,7 @@ bool ProcessManager::InitOneBaseApplication(App::BaseAppInfo& app) {
     LogWarning("PROCMGR=%s is already running", name.c_str());
     return true;
   }
-  if (!CheckDepends(app.dependList_, name)) {
+  if (!CheckDepends(app)) {
     return false;
   }
   if (!StartAndEnter(app)) {
@@ -168,6 +186,7 @@ bool ProcessManager::InitOneBaseApplication(App::BaseAppInfo& app) {
   if (!app.isReporting_) {
     return true;
   }
+  const Status::AwaitScope await(app.statusId_);
   if (!OpenFirstChannel(name)) {
     LogError("PROCMGR : procname=%s RegisterService failed", name.c_str());
     return false;
@@ -230,8 +249,12 @@ FirstChannel ProcessManager::StepFirstChannel(const std::string& name, bool& isA
     return FirstChannel::kFailed;
   }
   isAsked = true;
+  Memory::Instance().BeginPhase(Status::Phase::kOpen, app->statusId_);
   master_.RegServiceCallBack(name, app->gid_, {.isEndExpected = true},
-                             [this](bool) { NoteOpeningEnd(); });
+                             [this, id = app->statusId_](bool) {
+                               Memory::Instance().EndPhase(Status::Phase::kOpen, id);
+                               NoteOpeningEnd();
+                             });
   return FirstChannel::kUnderWay;
 }
 

@@ -13,6 +13,7 @@
 #include "host/core_affinity_mgr.h"
 #include "host/integrity_protect.h"
 #include "platform/heartbeat/heartbeat.h"
+#include "status/memory.h"
 
 namespace ProcMgr {
 namespace {
@@ -174,6 +175,7 @@ void ProcessManager::CheckBaseApps() {
     handshake_.Step(app);
     switch (app.reportState_) {
       case ReportAppStateType::RUNNING_NORMAL_START:
+        Status::Memory::Instance().NoteRunning(app.statusId_);
         UpdateFaultSensor(app.appName_, app.nodeType_, Fault::kOff);
         break;
       case ReportAppStateType::TERMINATED_NORMAL_EXIT:
@@ -210,6 +212,7 @@ void ProcessManager::RestartIfWanted(App::BaseAppInfo& app) {
   const char* const name = app.appName_.c_str();
   if (stop_.IsAsked()) {
     app.restart_ = "no";
+    Status::Memory::Instance().DropRestarts(app.statusId_);
   }
   app.isDigestAwaited_ =
       app.IsRestartKept() && !IntegrityProtect::Instance().IsWorkedOut(app.execPath_);

@@ -10,10 +10,13 @@
 #include "core/faults.h"
 #include "core/log.h"
 #include "core/process_manager.h"
+#include "core/status_feed.h"
 #include "host/integrity_protect.h"
 
 namespace ProcMgr {
 namespace {
+
+using Status::Memory;
 
 // SCHED_FIFO, in the numbers of SetSchedPolicy.
 constexpr std::int32_t kReservedCorePolicy = 3;
@@ -76,7 +79,7 @@ bool IsStartable(const App::GeneralAppInfo& app, const std::string& sender,
 }
 
 // The check pass starts the new process when the old one has gone.
-void EndForRestart(App::GeneralAppInfo& app) REQUIRES(generalAppMutex_) {
+void EndForRestart(App::GeneralAppInfo& app, const std::string& sender) REQUIRES(generalAppMutex_) {
   app.savedForceTerm_ = app.isForceTerm_;
   app.isForceTerm_ = true;
   if (!app.TermProcess()) {
@@ -86,6 +89,7 @@ void EndForRestart(App::GeneralAppInfo& app) REQUIRES(generalAppMutex_) {
   }
   app.state_ = ProcessState::RESTARTING;
   app.isRestartStarted_ = 0;
+  Memory::Instance().NoteRestarting(app.statusId_, sender);
   LogInfo(
       "PROCMGR : RestartApp set RESTARTING state finished(when app was running "
       "before):appName=%s, pid=%d, state=%s",
@@ -100,6 +104,7 @@ bool RestartStoppedApp(const GeneralAppPtr& app, std::vector<AppChange>& changes
   if (!isTerminated && !isRemoved) {
     return false;
   }
+  Memory::Instance().NoteRestarting(app->statusId_, owner);
   if (!LaunchGeneralApp(app)) {
     AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, owner);
     LogError("PROCMGR : RestartApp failed: StartProcess failed appName=%s, pid=%d",
@@ -217,7 +222,11 @@ bool ProcessManager::StartOneApp(const Message::StartAppInfo& info, const std::s
     LogError("PROCMGR : StartApp: appName=%s is null", name);
     return false;
   }
-  if (!app->UpdateDynamicParam(info.argv, info.dynamicPara)) {
+  const bool isParamValid = app->UpdateDynamicParam(info.argv, info.dynamicPara);
+  MentionGeneralApp(*app);
+  if (!isParamValid) {
+    Memory::Instance().RefuseRequest(app->statusId_, Status::CauseKind::kArgument,
+                                     "the parameters of " + sender + " don't fit the manifest");
     AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
     LogError("PROCMGR : StartApp failed : appName=%s, dynamic para invalid", name);
     return true;
@@ -274,7 +283,11 @@ void ProcessManager::RestartOneApp(const Message::RestartAppInfo& info, const st
               sender);
     return;
   }
-  if (!app->UpdateDynamicParam(info.argv, info.dynamicPara)) {
+  const bool isParamValid = app->UpdateDynamicParam(info.argv, info.dynamicPara);
+  MentionGeneralApp(*app);
+  if (!isParamValid) {
+    Memory::Instance().RefuseRequest(app->statusId_, Status::CauseKind::kArgument,
+                                     "the parameters of " + sender + " don't fit the manifest");
     AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
     LogError("PROCMGR : RestartApp failed : appName=%s, dynamic para invalid", name);
     return;
@@ -292,7 +305,7 @@ void ProcessManager::RestartOneApp(const Message::RestartAppInfo& info, const st
         name, app->pid_, GetProcessStateStr(app->state_).c_str());
     return;
   }
-  EndForRestart(*app);
+  EndForRestart(*app, sender);
 }
 
 void ProcessManager::TermGeneralApp(const std::vector<Message::TermAppInfo>& list,
@@ -329,6 +342,7 @@ void ProcessManager::TermOneApp(const std::string& name, const std::string& send
   app->SetTermBeginTime();
   if (app->TermProcess()) {
     app->state_ = ProcessState::TERMINATING;
+    Memory::Instance().NoteStopping(app->statusId_, sender);
   } else {
     LogError("PROCMGR : TermGeneralApp failed: TermProcess failed: appName=%s, pid=%d, state=%s)",
              name.c_str(), app->pid_, GetProcessStateStr(app->state_).c_str());

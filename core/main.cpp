@@ -14,6 +14,7 @@
 #include "core/starter.h"
 #include "platform/iam/iam.h"
 #include "platform/timer/generic_timer.h"
+#include "status/memory.h"
 
 namespace ProcMgr {
 namespace {
@@ -52,6 +53,7 @@ bool ResolvePath(const char* argument, std::string& path) {
 int Main(int argc, char** argv) {
   HostContext& context = HostContext::Instance();
   context.pid_ = getpid();
+  Status::Memory::Instance().BeginBoot();
   SetBootClock({&GenericTimerCount, &GenericTimerFrequency});
   OpenLog();
   (void)signal(SIGPIPE, SIG_IGN);

@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "core/process_manager.h"
 #include "core/self_reported.h"
+#include "core/status_feed.h"
 #include "host/cgroups.h"
 #include "host/core_affinity_mgr.h"
 #include "host/kernel_cmdline.h"
@@ -75,6 +76,7 @@ std::uint32_t LoadStartCfgInfo(const std::string& path, std::vector<PriorityAppE
     LogErrorRouted("process-manager LoadStartCfgInfo=%s failed", path.c_str());
     return kLoadStartCfgFailed;
   }
+  MentionBaseApps(owners);
   std::vector<ApplicationManifest> found;
   for (const ApplicationManifest& owner : owners) {
     const std::string entryPath = owner.GetStartupEntryPath();
@@ -160,6 +162,7 @@ void ProcessManager::StartPriorityApp(const PriorityAppEntry& entry) {
     return;
   }
   app->isPriorityPending_ = true;
+  MentionGeneralApp(*app);
   if (!LaunchGeneralApp(app)) {
     app->state_ = ProcessState::TERMINATED;
     app->reportState_ = ReportAppStateType::TERMINATED_ABNORMAL_EXIT;

@@ -16,6 +16,7 @@
 #include "host/sharepool_cfg.h"
 #include "message/keeper.h"
 #include "platform/heartbeat/heartbeat.h"
+#include "status/memory.h"
 
 namespace ProcMgr {
 
@@ -34,6 +35,7 @@ ProcessManager::~ProcessManager() {
 }
 
 bool ProcessManager::Init() {
+  const Status::PhaseScope phase(Status::Phase::kInit);
   InstallContinueHandler();
   LoadProcMgrCfg(kProcMgrCfgFile, procMgrCfg_);
   if (procMgrCfg_.reaction == Reaction::kImmediate) {
@@ -59,11 +61,18 @@ void ProcessManager::Run() {
   StartWorker(waitThread_, &ProcessManager::WaitThread);
   StartWorker(signalThread_, &ProcessManager::PlatformSignalThread);
   StartKeeper();
-  InitPriorityApps(baseServiceCfgPath_);
-  WaitContinueSignal(stop_);
-  ContinueProcMgrInit();
+  {
+    const Status::PhaseScope phase(Status::Phase::kPriority);
+    InitPriorityApps(baseServiceCfgPath_);
+  }
+  {
+    const Status::PhaseScope phase(Status::Phase::kContinue);
+    WaitContinueSignal(stop_);
+    ContinueProcMgrInit();
+  }
   StartWorker(childMsgThread_, &ProcessManager::ReciveChildProcessMsgThread);
   InitBaseApplication(baseServiceCfgPath_);
+  Status::Memory::Instance().EndBoot();
   stop_.Await();
   StopApplications();
 }

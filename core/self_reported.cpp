@@ -7,6 +7,7 @@
 
 #include "base/names.h"
 #include "core/log.h"
+#include "core/status_feed.h"
 #include "host/core_affinity_mgr.h"
 #include "host/sharepool_cfg.h"
 #include "message/nexio.h"
@@ -101,7 +102,11 @@ bool AddPmUploadApp(const PmUpload::LoadAppInfo& info, int fd) EXCLUDES(pmUpload
              info.pidAppName.c_str());
     return false;
   }
-  pmUploadApps_.emplace(info.pid, PmUploadEntry{info.pidAppName, fd, info.gid});
+  const auto [entry, isNew] =
+      pmUploadApps_.emplace(info.pid, PmUploadEntry{info.pidAppName, fd, info.gid});
+  if (isNew) {
+    entry->second.statusId = MentionSelfReported(info.pidAppName, info.binPath, info.gid, info.pid);
+  }
   return true;
 }
 
@@ -149,6 +154,7 @@ void CheckPmUploadApps(Reporter& reporter) {
       gone.push_back({app.appName, pid, app.gid,
                       static_cast<std::uint32_t>(ReportAppStateType::TERMINATED_NORMAL_EXIT), 0});
       CoreAffinityMgr::Instance().RecycleThreadCoreInfo(pid, app.appName);
+      Status::Memory::Instance().NoteGone(app.statusId);
       entry = pmUploadApps_.erase(entry);
     }
   }

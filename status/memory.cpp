@@ -55,7 +55,7 @@ bool Enter(AppPicture& app, AppState state, std::shared_ptr<const Cause> cause) 
 
 bool ComesBack(const AppPicture& app) {
   const AppFacts& facts = *app.facts;
-  return facts.kind == AppKind::kBase && !app.isGivenUp &&
+  return facts.kind == AppKind::kBase && !app.isRestartOver &&
          (facts.policy == "on-failure" || facts.policy == "on-forever");
 }
 
@@ -326,6 +326,24 @@ void Memory::NoteRestarting(AppId app, std::string by) {
                  Entry& entry) { return Enter(entry.picture, AppState::kRestarting, cause); });
 }
 
+void Memory::NoteEndForGood(AppId app) {
+  Apply(app, [](Entry& entry) {
+    AppPicture& picture = entry.picture;
+    picture.isRestartOver = true;
+    return Enter(picture, picture.pid == 0 ? AppState::kEnded : AppState::kStopping,
+                 MakeCause(CauseKind::kRequest, "the manager is being stopped"));
+  });
+}
+
+void Memory::DropRestarts(AppId app) {
+  Apply(app, [](Entry& entry) {
+    AppPicture& picture = entry.picture;
+    picture.isRestartOver = true;
+    return picture.pid == 0 && picture.state == AppState::kRestarting &&
+           Enter(picture, AppState::kFailed, picture.cause);
+  });
+}
+
 void Memory::NoteExit(AppId app, pid_t pid, int status, bool isAccepted,
                       const std::optional<std::string>& lastWords) {
   Apply(app, [&, this](Entry& entry) REQUIRES(mutex_) {
@@ -359,7 +377,7 @@ void Memory::GiveUp(AppId app) {
     if (picture.cause != nullptr) {
       text += "; the last end: " + picture.cause->text;
     }
-    picture.isGivenUp = true;
+    picture.isRestartOver = true;
     return Enter(picture, AppState::kGivenUp, MakeCause(CauseKind::kLimit, std::move(text)));
   });
 }

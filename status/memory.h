@@ -87,6 +87,9 @@ class Memory {
   // Somebody, or with an empty `by` the application itself, has asked for its end or restart.
   void NoteStopping(AppId app, std::string by) EXCLUDES(mutex_);
   void NoteRestarting(AppId app, std::string by) EXCLUDES(mutex_);
+  // It is asked to end because the manager ends; and nobody restarts it any more, however it ends.
+  void NoteEndForGood(AppId app) EXCLUDES(mutex_);
+  void DropRestarts(AppId app) EXCLUDES(mutex_);
   // The wait status of its process. `isAccepted`: its policy takes such an end for a normal one.
   // `lastWords`: it has ended before it became its program, and that is why.
   void NoteExit(AppId app, pid_t pid, int status, bool isAccepted,

@@ -46,7 +46,7 @@ const char* WordOf(Phase phase) {
 
 std::optional<std::size_t> RestartsLeft(const AppPicture& app, SteadyTime now) {
   const AppFacts& facts = *app.facts;
-  if (facts.kind != AppKind::kBase || app.isGivenUp) {
+  if (facts.kind != AppKind::kBase || app.isRestartOver) {
     return 0;
   }
   if (facts.policy == "on-forever") {

@@ -127,7 +127,7 @@ struct AppPicture {
   std::uint32_t restarts = 0;  // Since the manager's start.
   pid_t pid = 0;               // 0: no process.
   AppState state = AppState::kWaiting;
-  bool isGivenUp = false;
+  bool isRestartOver = false;  // Its policy brings it back no more.
 };
 
 // How many restarts the policy still grants at `now`; none if it sets no bound.

@@ -60,6 +60,8 @@ const Feed kLeave = [](Memory& memory, AppId app) { memory.NoteStopping(app, "")
 const Feed kStop = [](Memory& memory, AppId app) { memory.NoteStopping(app, "hmi"); };
 const Feed kRestart = [](Memory& memory, AppId app) { memory.NoteRestarting(app, "hmi"); };
 const Feed kGiveUp = [](Memory& memory, AppId app) { memory.GiveUp(app); };
+const Feed kEndForGood = [](Memory& memory, AppId app) { memory.NoteEndForGood(app); };
+const Feed kDropRestarts = [](Memory& memory, AppId app) { memory.DropRestarts(app); };
 const Feed kGone = [](Memory& memory, AppId app) { memory.NoteGone(app); };
 Feed End(int status, bool isAccepted = false) {
   return
@@ -105,6 +107,12 @@ TEST(Memory, StatesAndCausesFollowTheFeed) {
        {kStart, kUp, kLeave, End(Exited(0))},
        "restarting, request: it has said that it goes down; 7 exit 0 exit status 0"},
       {once, {kStart, kUp, kLeave}, "stopping 7, request: it has said that it goes down"},
+      // The manager goes, and brings nobody back.
+      {kept,
+       {kStart, kUp, kEndForGood, End(kKilled)},
+       "ended, request: the manager is being stopped; 7 signal 9 SIGKILL"},
+      {kept, {kStart, End(kKilled), kDropRestarts}, "failed, signal: SIGKILL; 7 signal 9 SIGKILL"},
+      {kept, {kStart, kDropRestarts, kUp}, "running 7"},
       // Nobody restarts a general application by its policy.
       {general, {kStart, End(Exited(0))}, "failed, exit: exit status 0; 7 exit 0 exit status 0"},
       {general,
