@@ -14,6 +14,8 @@
 //   signalThread_     PlatformSignalThread: waits for the signals of a delayed binding, of a
 //   wake-up
 //                     and of an orderly stop.
+//   The status service has a thread of its own (status/status_service.h), which takes no lock but
+//                     that of the memory, the name table's and the heartbeat library's.
 //   The messaging, upload and heartbeat libraries call RequstMsgHandler, OnPmUploadApp and
 //   OnHeartBeatNotify, beside each other and beside the threads above.
 //
@@ -99,6 +101,7 @@
 #include "host/proc_mgr_cfg.h"
 #include "message/proc_mgr_master.h"
 #include "message/request_msg.h"
+#include "status/status_service.h"
 
 namespace ProcMgr {
 
@@ -268,6 +271,8 @@ class ProcessManager {
   // Behind what its openings still tell at their end.
   ProcMgrMaster master_;
   Reporter reporter_;
+  // Behind what it asks: its thread ends first.
+  Status::StatusService statusService_;
 
   // Every general application with a fixed name that was ever asked for, with or without a process;
   // the records stay for the life of the manager.

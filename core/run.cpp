@@ -19,13 +19,29 @@
 #include "status/memory.h"
 
 namespace ProcMgr {
+namespace {
+
+std::optional<std::chrono::milliseconds> SinceBeat(const std::string& name) {
+  std::uint64_t age = 0;
+  if (GetHeartBeatAge(name.c_str(), name.size(), age) != 0) {
+    return std::nullopt;
+  }
+  return std::chrono::milliseconds(age);
+}
+
+}  // namespace
 
 ProcessManager::ProcessManager(std::string baseServiceCfgPath)
     : baseServiceCfgPath_(std::move(baseServiceCfgPath)),
       master_([this](int fd, const NexioRequest* request) { RequstMsgHandler(fd, request); }),
-      reporter_(master_) {}
+      reporter_(master_),
+      statusService_(Status::Memory::Instance(), {[this](const std::string& name) {
+                                                    return master_.GetFdFromProcName(name) > 0;
+                                                  },
+                                                  &SinceBeat}) {}
 
 ProcessManager::~ProcessManager() {
+  statusService_.Stop();
   UnregisterSensorNodes();
   DisableAllCheckHeartBeat();
   running_.store(false);
@@ -52,6 +68,9 @@ bool ProcessManager::Init() {
     CoreAffinityMgr::Instance().LoadCpuInfo();
   }
   LogInfoRouted("%s, init success", BootStrace(kBootTraceTag).c_str());
+  if (procMgrCfg_.status.isEnabled) {
+    (void)statusService_.Start(procMgrCfg_.status.gid);  // It has logged its failure.
+  }
   return true;
 }
 

@@ -11,6 +11,10 @@ int RegisterCheckHeartBeat(const char* /*name*/, std::size_t /*length*/, gid_t /
 
 void UnregisterCheckHeartBeat(const char* /*name*/, std::size_t /*length*/) {}
 
+int GetHeartBeatAge(const char* /*name*/, std::size_t /*length*/, std::uint64_t& /*ageMs*/) {
+  return ENOSYS;
+}
+
 void DisableAllCheckHeartBeat() {}
 
 }  // namespace ProcMgr

@@ -1,7 +1,10 @@
 #include "platform/heartbeat/heartbeat.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -56,6 +59,22 @@ void UnregisterCheckHeartBeat(const char* name, std::size_t length) {
   if (process.watcher != nullptr) {
     process.watcher->Unregister({name, length});
   }
+}
+
+int GetHeartBeatAge(const char* name, std::size_t length, std::uint64_t& ageMs) {
+  if (!IsName(name, length)) {
+    return EINVAL;
+  }
+  auto& process = Immortal<Process>();
+  const MutexLock lock(process.mutex);
+  const auto beat =
+      process.watcher == nullptr ? std::nullopt : process.watcher->LastBeat({name, length});
+  if (!beat) {
+    return ENOENT;
+  }
+  const auto age = std::chrono::floor<std::chrono::milliseconds>(SteadyNow() - *beat);
+  ageMs = static_cast<std::uint64_t>(std::max<std::int64_t>(age.count(), 0));
+  return 0;
 }
 
 void DisableAllCheckHeartBeat() {

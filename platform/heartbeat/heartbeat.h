@@ -29,6 +29,11 @@ using HeartBeatNotify = bool (*)(const char* name, std::size_t length, pid_t pid
 // end after the return. Never blocks. Any thread.
 void UnregisterCheckHeartBeat(const char* name, std::size_t length);
 
+// Tells in `ageMs` how many milliseconds ago the last beat of `name` came. Yields 0, or an errno
+// with `ageMs` untouched: of a name that isn't watched, or hasn't beaten yet. Never blocks. Any
+// thread.
+[[nodiscard]] int GetHeartBeatAge(const char* name, std::size_t length, std::uint64_t& ageMs);
+
 // Stops everything; no notification runs after the return. Not to be called from a notification.
 void DisableAllCheckHeartBeat();
 

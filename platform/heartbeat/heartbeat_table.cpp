@@ -42,6 +42,14 @@ BeatResult Table::Beat(std::string_view name, gid_t gid, pid_t pid, SteadyTime n
   return BeatResult::kCounted;
 }
 
+std::optional<SteadyTime> Table::LastBeat(std::string_view name) const {
+  const auto found = entries_.find(name);
+  if (found == entries_.end() || !found->second.hasBeaten) {
+    return std::nullopt;
+  }
+  return found->second.heard;
+}
+
 void Table::Expire(SteadyTime now, std::vector<News>& news) {
   if (!nextCheck_ || now < *nextCheck_) {
     return;

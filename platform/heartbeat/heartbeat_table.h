@@ -54,6 +54,9 @@ class Table {
   BeatResult Beat(std::string_view name, gid_t gid, pid_t pid, SteadyTime now,
                   std::vector<News>& news);
 
+  // When the last beat of `name` came; none before the first since the registration.
+  [[nodiscard]] std::optional<SteadyTime> LastBeat(std::string_view name) const;
+
   // Appends every loss whose time has come to `news`.
   void Expire(SteadyTime now, std::vector<News>& news);
 

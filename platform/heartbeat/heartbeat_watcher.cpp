@@ -131,6 +131,11 @@ void Watcher::Unregister(std::string_view name) {
   table_.Unregister(name);
 }
 
+std::optional<SteadyTime> Watcher::LastBeat(std::string_view name) {
+  const MutexLock lock(mutex_);
+  return table_.LastBeat(name);
+}
+
 void Watcher::ThreadBody() noexcept {
   while (true) {
     WaitForWork();

@@ -2,6 +2,7 @@
 #ifndef PLATFORM_HEARTBEAT_HEARTBEAT_WATCHER_H
 #define PLATFORM_HEARTBEAT_HEARTBEAT_WATCHER_H
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -33,6 +34,9 @@ class Watcher {
   // admitted when its registration ends.
   void Register(std::string_view name, gid_t gid, HeartBeatNotify notify) EXCLUDES(mutex_);
   void Unregister(std::string_view name) EXCLUDES(mutex_);
+
+  // As Table::LastBeat.
+  [[nodiscard]] std::optional<SteadyTime> LastBeat(std::string_view name) EXCLUDES(mutex_);
 
   // Removes the socket file, so that another watcher can be started at the path.
   void Retract();

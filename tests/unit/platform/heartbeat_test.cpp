@@ -76,6 +76,19 @@ TEST_F(TableTest, BeatsOfStrangersCountForNothing) {
   EXPECT_THAT(Told(), IsEmpty());
 }
 
+TEST_F(TableTest, LastBeatIsTheOneThatCountedLast) {
+  Register("a");
+  EXPECT_EQ(table_.LastBeat("a"), std::nullopt);
+  Beat("a");
+  const SteadyTime beat = now_;
+  Pass(1h);
+  Beat("a", 6, 101);
+  EXPECT_EQ(table_.LastBeat("a"), beat);
+  EXPECT_EQ(table_.LastBeat("b"), std::nullopt);
+  Register("a");
+  EXPECT_EQ(table_.LastBeat("a"), std::nullopt);
+}
+
 TEST_F(TableTest, RegistrationBeginsAnewAndEndsWhatWasToBeTold) {
   Register("a");
   Beat("a", 7);

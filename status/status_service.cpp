@@ -1,0 +1,267 @@
+#include "status/status_service.h"
+
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+
+#include "base/block_signals.h"
+#include "core/log.h"
+#include "status/picture_json.h"
+#include "status/status_socket.h"
+
+namespace ProcMgr::Status {
+namespace {
+
+constexpr const char* kSocketName = "/status.sock";
+constexpr std::chrono::milliseconds kAcceptPause{100};
+
+// Where the service's own descriptors stand among those that are polled; the clients' follow.
+enum Place : std::size_t { kStop, kChanged, kListener, kFirstClient };
+
+void LogNotServed(const std::string& path, const std::string& fault) {
+  LogWarning("PROCMGR : the status is not told at %s: %s", path.c_str(), fault.c_str());
+}
+
+struct Request {
+  std::string get;
+  std::string name;
+  bool isWatch = false;
+};
+
+// Whatever isn't understood yields a request for nothing.
+Request Parse(const std::string& line) {
+  const auto json = nlohmann::json::parse(line, nullptr, false);
+  Request request;
+  if (!json.is_object()) {
+    return request;
+  }
+  const auto text = [&json](const char* key) {
+    const auto found = json.find(key);
+    return found != json.end() && found->is_string() ? found->get<std::string>() : std::string();
+  };
+  request.get = text("get");
+  request.name = text("name");
+  const auto watch = json.find("watch");
+  request.isWatch = watch != json.end() && watch->is_boolean() && watch->get<bool>();
+  return request;
+}
+
+// Of several of a name, one with a process.
+const AppPicture* FindApp(const Picture& picture, const std::string& name) {
+  const AppPicture* found = nullptr;
+  for (const AppPicture& app : picture.apps) {
+    if (app.facts->name == name && (found == nullptr || (found->pid == 0 && app.pid != 0))) {
+      found = &app;
+    }
+  }
+  return found;
+}
+
+}  // namespace
+
+bool StatusService::Start(gid_t gid, const std::string& folder) {
+  gid_ = gid;
+  path_ = folder + kSocketName;
+  stop_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  changed_.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!stop_.IsOpen() || !changed_.IsOpen()) {
+    LogNotServed(path_, "eventfd, errno=" + std::to_string(errno));
+    return false;
+  }
+  std::string fault;
+  listener_ = ListenAt(folder, path_, gid, fault);
+  if (!listener_.IsOpen()) {
+    LogNotServed(path_, fault);
+    return false;
+  }
+  try {
+    const BlockSignals block;
+    thread_ = std::thread([this] { Serve(); });
+    (void)pthread_setname_np(thread_.native_handle(), "status");
+  } catch (const std::system_error& error) {
+    LogNotServed(path_, "thread, errno=" + std::to_string(error.code().value()));
+    Stop();
+    return false;
+  }
+  return true;
+}
+
+void StatusService::Stop() {
+  if (!listener_.IsOpen()) {
+    return;
+  }
+  if (thread_.joinable()) {
+    (void)eventfd_write(stop_.Get(), 1);
+    thread_.join();
+  }
+  listener_.Reset();
+  (void)unlink(path_.c_str());
+}
+
+// An exception, out of memory above all, costs the clients and not the service.
+void StatusService::Serve() {
+  bool isStopped = false;
+  while (!isStopped) {
+    try {
+      std::vector<pollfd> polled = Polled();
+      if (poll(polled.data(), polled.size(), Timeout()) < 0) {
+        continue;  // EINTR, or no memory.
+      }
+      isStopped = polled[kStop].revents != 0;
+      ServeOnce(polled);
+    } catch (const std::exception& error) {
+      LogError("PROCMGR: Caught exception=%s", error.what());
+      clients_.clear();
+      DropClients();
+    }
+  }
+  clients_.clear();
+  DropClients();
+}
+
+void StatusService::ServeOnce(const std::vector<pollfd>& polled) {
+  if (polled[kChanged].revents != 0) {
+    eventfd_t count = 0;
+    (void)eventfd_read(changed_.Get(), &count);
+    TellChanges(memory_.TakeChanges());
+  }
+  ServeClients(polled);
+  DropClients();
+  // Behind the others: the place of one that has just gone is free.
+  if (polled[kListener].revents != 0) {
+    Accept();
+  }
+}
+
+std::vector<pollfd> StatusService::Polled() const {
+  std::vector<pollfd> polled(kFirstClient);
+  polled[kStop] = {stop_.Get(), POLLIN, 0};
+  polled[kChanged] = {changed_.Get(), POLLIN, 0};
+  // poll passes over a negative number.
+  polled[kListener] = {SteadyNow() < acceptAgain_ ? -1 : listener_.Get(), POLLIN, 0};
+  for (const StatusClient& client : clients_) {
+    polled.push_back({client.Fd(), client.Events(), 0});
+  }
+  return polled;
+}
+
+// In milliseconds, -1 for no end.
+int StatusService::Timeout() const {
+  SteadyTime until = SteadyNow() < acceptAgain_ ? acceptAgain_ : SteadyTime::max();
+  for (const StatusClient& client : clients_) {
+    if (client.HasLine()) {
+      return 0;
+    }
+    until = std::min(until, client.Deadline().value_or(SteadyTime::max()));
+  }
+  return until == SteadyTime::max() ? -1 : MillisecondsUntil(until);
+}
+
+void StatusService::Accept() {
+  UniqueFd fd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (!fd.IsOpen()) {
+    if (errno != EAGAIN && errno != ECONNABORTED && errno != EINTR) {
+      acceptAgain_ = SteadyNow() + kAcceptPause;
+    }
+    return;
+  }
+  if (clients_.size() < kMostClients && IsPeerAllowed(fd.Get(), gid_)) {
+    clients_.emplace_back(std::move(fd), SteadyNow());
+  }
+}
+
+// One line of each at a time: who asks for much waits for those who ask for little.
+void StatusService::ServeClients(const std::vector<pollfd>& polled) {
+  std::size_t place = kFirstClient;
+  for (StatusClient& client : clients_) {
+    const short events = polled[place++].revents;
+    client.Take(events);
+    if ((events & POLLOUT) != 0) {
+      client.SendOn(SteadyNow());
+    }
+    if (const std::optional<std::string> line = client.NextLine()) {
+      Answer(client, *line);
+    }
+  }
+}
+
+void StatusService::Answer(StatusClient& client, const std::string& line) {
+  const Request request = Parse(line);
+  if (request.isWatch) {
+    Watch(client);
+  } else if (request.get == "status") {
+    client.Give(StatusLine(memory_.Copy()), SteadyNow());
+  } else if (request.get == "boot") {
+    client.Give(BootLine(memory_.CopyBoot()), SteadyNow());
+  } else if (request.get == "app") {
+    AnswerApp(client, request.name);
+  } else {
+    client.Give(ErrorLine("unknown request: {\"get\": \"status\"}, {\"get\": \"app\", \"name\": "
+                          "NAME}, {\"get\": \"boot\"} and {\"watch\": true} are known"),
+                SteadyNow());
+  }
+}
+
+void StatusService::AnswerApp(StatusClient& client, const std::string& name) {
+  const Picture picture = memory_.Copy();
+  const AppPicture* const app = FindApp(picture, name);
+  if (app == nullptr) {
+    client.Give(ErrorLine("unknown application: " + name), SteadyNow());
+    return;
+  }
+  AppSurroundings surroundings;
+  surroundings.process = ReadProcFacts(app->pid);
+  if (app->facts->kind == AppKind::kBase) {
+    surroundings.hasChannel = neighbours_.hasChannel(name);
+    surroundings.sinceBeat = neighbours_.sinceBeat(name);
+  }
+  client.Give(AppLine(*app, picture, surroundings), SteadyNow());
+}
+
+// What had changed before this picture was taken is for those who watched already.
+void StatusService::Watch(StatusClient& client) {
+  Changes before;
+  const Picture picture = memory_.BeginWatch(changed_.Get(), before);
+  isWatched_ = true;
+  TellChanges(before);
+  client.isWatching = true;
+  client.Give(StatusLine(picture), SteadyNow());
+}
+
+void StatusService::TellChanges(const Changes& changes) {
+  for (const Change& change : changes.list) {
+    TellWatchers(ChangeLine(change));
+  }
+  if (changes.isOverrun) {
+    TellWatchers(StatusLine(memory_.Copy()));
+  }
+}
+
+void StatusService::TellWatchers(const std::string& line) {
+  for (StatusClient& client : clients_) {
+    if (client.isWatching) {
+      client.Give(line, SteadyNow());
+    }
+  }
+}
+
+void StatusService::DropClients() {
+  const SteadyTime now = SteadyNow();
+  clients_.remove_if([now](const StatusClient& client) { return client.IsOver(now); });
+  const bool isWatched = std::any_of(clients_.begin(), clients_.end(),
+                                     [](const StatusClient& client) { return client.isWatching; });
+  if (isWatched_ && !isWatched) {
+    memory_.EndWatch();
+  }
+  isWatched_ = isWatched;
+}
+
+}  // namespace ProcMgr::Status

@@ -1,0 +1,124 @@
+// As much of JSON Schema as the project's own schemas use. A keyword that isn't known here is an
+// error of the schema, so that nothing in it goes unchecked.
+#ifndef TESTS_SUPPORT_JSON_SCHEMA_H
+#define TESTS_SUPPORT_JSON_SCHEMA_H
+
+#include <nlohmann/json.hpp>
+
+#include "tests/support/test.h"
+
+namespace PmTest {
+
+class JsonSchema {
+ public:
+  explicit JsonSchema(nlohmann::json root) : root_(std::move(root)) {}
+
+  // Empty, or what is wrong with `value` by the definition of that name.
+  [[nodiscard]] std::string Check(const nlohmann::json& value,
+                                  const std::string& definition) const {
+    return Fault(value, {{"$ref", "#/definitions/" + definition}}, definition);
+  }
+
+ private:
+  using Json = nlohmann::json;
+
+  static bool IsOfType(const Json& value, const std::string& type) {
+    return (type == "number" && value.is_number()) ||
+           (type == "integer" && value.is_number_integer()) ||
+           (type == "string" && value.is_string()) || (type == "boolean" && value.is_boolean()) ||
+           (type == "null" && value.is_null()) || (type == "array" && value.is_array()) ||
+           (type == "object" && value.is_object());
+  }
+
+  std::string Fault(const Json& value, const Json& schema, const std::string& at) const {
+    for (const auto& [keyword, rule] : schema.items()) {
+      std::string fault = FaultByOne(value, schema, keyword, rule, at);
+      if (!fault.empty()) {
+        return fault;
+      }
+    }
+    return {};
+  }
+
+  std::string FaultByOne(const Json& value, const Json& schema, const std::string& keyword,
+                         const Json& rule, const std::string& at) const {
+    const std::string wrong = at + ": " + value.dump() + " against " + keyword + " " + rule.dump();
+    if (keyword == "$ref") {
+      return Fault(value, root_.at(Json::json_pointer(rule.get<std::string>().substr(1))), at);
+    }
+    if (keyword == "const") {
+      return value == rule ? "" : wrong;
+    }
+    if (keyword == "enum") {
+      return std::find(rule.begin(), rule.end(), value) != rule.end() ? "" : wrong;
+    }
+    if (keyword == "type") {
+      const Json types = rule.is_array() ? rule : Json::array({rule});
+      return std::any_of(types.begin(), types.end(),
+                         [&](const Json& type) { return IsOfType(value, type); })
+                 ? ""
+                 : wrong;
+    }
+    if (keyword == "anyOf") {
+      return std::any_of(rule.begin(), rule.end(),
+                         [&](const Json& one) { return Fault(value, one, at).empty(); })
+                 ? ""
+                 : wrong;
+    }
+    if (keyword == "minimum") {
+      return value.is_number() && value < rule ? wrong : "";
+    }
+    if (keyword == "maxItems") {
+      return value.is_array() && value.size() > rule ? wrong : "";
+    }
+    if (keyword == "required") {
+      const auto isThere = [&value](const Json& key) {
+        return value.contains(key.get<std::string>());
+      };
+      return !value.is_object() || std::all_of(rule.begin(), rule.end(), isThere) ? "" : wrong;
+    }
+    if (keyword == "items") {
+      return value.is_array() ? FaultOfEach(value, rule, at) : "";
+    }
+    if (keyword == "properties" || keyword == "additionalProperties") {
+      return value.is_object() ? FaultOfMembers(value, schema, at) : "";
+    }
+    return at + ": unknown keyword " + keyword;
+  }
+
+  [[nodiscard]] std::string FaultOfEach(const Json& list, const Json& schema,
+                                        const std::string& at) const {
+    const auto wrong = std::find_if(list.begin(), list.end(), [&](const Json& element) {
+      return !Fault(element, schema, at).empty();
+    });
+    return wrong == list.end() ? "" : Fault(*wrong, schema, at + "[]");
+  }
+
+  [[nodiscard]] std::string FaultOfMembers(const Json& object, const Json& schema,
+                                           const std::string& at) const {
+    const Json known = schema.value("properties", Json::object());
+    const Json others = schema.value("additionalProperties", Json(true));
+    std::string fault;
+    for (const auto& [key, member] : object.items()) {
+      std::string place = at;
+      place.append(".").append(key);
+      if (known.contains(key)) {
+        fault = Fault(member, known.at(key), place);
+      } else if (others.is_object()) {
+        fault = Fault(member, others, place);
+      } else if (!others.get<bool>()) {
+        fault = place + ": unknown member";
+      }
+      if (!fault.empty()) {
+        break;
+      }
+    }
+    return fault;
+  }
+
+  const Json root_;
+};
+
+}  // namespace PmTest
+
+#endif  // TESTS_SUPPORT_JSON_SCHEMA_H
