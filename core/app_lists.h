@@ -10,7 +10,7 @@
 //   5. the name table lock of ProcMgrMaster, the thread table lock of CoreAffinityMgr
 //   Leaves, under which nothing else is taken but the log's lock: HeartMessages::heartMutex_,
 //   Reporter::baseNamesMutex_, ProcessManager::coreAffinityThreadMutex_, delayCoreMutex_,
-//   sensorMutex_, the lock of Status::Memory.
+//   PlatformEvents::mutex_, sensorMutex_, the lock of Status::Memory.
 #ifndef CORE_APP_LISTS_H
 #define CORE_APP_LISTS_H
 

@@ -3,7 +3,9 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
+#include <ctime>
 #include <utility>
 
 #include "base/sleep.h"
@@ -20,10 +22,17 @@ namespace {
 constexpr std::int64_t kPollNs = 100'000'000;
 constexpr std::int64_t kNsPerMs = 1'000'000;
 constexpr std::int8_t kMaxRounds = 127;
+// Between the rounds of a request that sets no end and asks for no pause: a thread that can't be
+// bound would otherwise cost a processor for good.
+constexpr std::int64_t kLeastPauseNs = 10'000'000;
 
 // The settings of the last request.
 Mutex delayCoreMutex_;
 DelayCoreSettings delayCoreCfg_ GUARDED_BY(delayCoreMutex_);
+
+// How many requests were honoured. Whoever has seen them up to a number misses none that follows,
+// however briefly the flag between them was down.
+std::atomic<std::uint64_t> honouredRequests_ = 0;
 
 DelayCoreSettings CurrentSettings() {
   const MutexLock lock(delayCoreMutex_);
@@ -78,7 +87,15 @@ std::uint32_t SetDelayCoreAffinity(const DelayCoreSettings& cfg) {
     delayCoreCfg_ = cfg;
   }
   context.delayCoreAffinityReceived_.store(true);
+  ++honouredRequests_;
   return isOk ? 0 : kDelayedBindingFailed;
+}
+
+std::int64_t PauseNs(const DelayCoreSettings& settings) {
+  if (settings.checkInterval == 0) {
+    return settings.checkNum < 0 ? kLeastPauseNs : 0;
+  }
+  return settings.checkInterval * kNsPerMs;
 }
 
 // The check rounds of one request: each binds the threads that have come up since the last.
@@ -98,8 +115,8 @@ void BindNewThreads(const DelayCoreSettings& settings) {
     if (count < kMaxRounds) {
       ++count;
     }
-    if (settings.checkInterval != 0) {
-      SleepNs(settings.checkInterval * kNsPerMs);
+    if (const std::int64_t pause = PauseNs(settings); pause != 0) {
+      SleepNs(pause);
     }
     if (isOk || count == settings.checkNum) {
       break;
@@ -174,40 +191,90 @@ sigset_t PlatformSignals() {
   return signals;
 }
 
+void PlatformEvents::Put(PlatformEvent event) {
+  const MutexLock lock(mutex_);
+  events_.push_back(event);
+  changed_.NotifyAll();
+}
+
+PlatformEvent PlatformEvents::Take() {
+  const MutexLock lock(mutex_);
+  while (events_.empty() && !isClosed_) {
+    changed_.Wait(mutex_);
+  }
+  if (isClosed_) {
+    return PlatformEvent::kNone;
+  }
+  const PlatformEvent event = events_.front();
+  events_.pop_front();
+  return event;
+}
+
+void PlatformEvents::Close() {
+  const MutexLock lock(mutex_);
+  isClosed_ = true;
+  changed_.NotifyAll();
+}
+
+bool TakePlatformSignals(PlatformEvents& events) {
+  const sigset_t signals = PlatformSignals();
+  bool isWokenUp = false;
+  bool isRequested = false;
+  bool isStopAsked = false;
+  int signal = sigwaitinfo(&signals, nullptr);
+  while (signal > 0) {
+    isWokenUp = isWokenUp || signal == WakeUpSignal();
+    isRequested = isRequested || signal == BindingSignal();
+    isStopAsked = isStopAsked || signal == StopSignal();
+    const timespec atOnce{};
+    signal = sigtimedwait(&signals, nullptr, &atOnce);
+  }
+  // What is pending together has come within a moment, or while this process stood still, and the
+  // kernel can't tell in which order. Nobody asks for a binding just to have it undone, but a
+  // binding is asked for at once after a wake-up.
+  if (isWokenUp) {
+    events.Put(PlatformEvent::kWakeUp);
+  }
+  if (isRequested) {
+    events.Put(PlatformEvent::kBinding);
+  }
+  return isStopAsked;
+}
+
+// Each honoured request has its check rounds.
 void ProcessManager::CheckCoreAffinityThread() {
-  const HostContext& context = HostContext::Instance();
-  bool rearm = false;
+  std::uint64_t seen = 0;
   while (running_.load()) {
-    if (!context.delayCoreAffinityReceived_.load()) {
-      SleepNs(kPollNs);
-      rearm = false;
-      continue;
-    }
-    if (rearm) {
+    const std::uint64_t honoured = honouredRequests_.load();
+    if (honoured == seen) {
       SleepNs(kPollNs);
       continue;
     }
+    seen = honoured;
     const DelayCoreSettings settings = CurrentSettings();
-    rearm = settings.isWakeUpEnable;
     BindNewThreads(settings);
-    if (!rearm) {
+    if (!settings.isWakeUpEnable) {
       break;
     }
   }
   LogInfo("PROCMGR: CheckCoreAffinityThread exit now.");
 }
 
-// What a handler may not do, a thread that waits for the signal may.
 void ProcessManager::PlatformSignalThread() {
-  const sigset_t signals = PlatformSignals();
   while (running_.load()) {
-    const int signal = sigwaitinfo(&signals, nullptr);
-    if (signal == BindingSignal()) {
-      RequestDelayedBinding();
-    } else if (signal == WakeUpSignal()) {
-      (void)WakeUpRecover();  // Its last line tells how it went.
-    } else if (signal == StopSignal()) {
+    if (TakePlatformSignals(platformEvents_)) {
       AskForStop();
+    }
+  }
+}
+
+void ProcessManager::PlatformEventThread() {
+  while (running_.load()) {
+    const PlatformEvent event = platformEvents_.Take();
+    if (event == PlatformEvent::kBinding) {
+      RequestDelayedBinding();
+    } else if (event == PlatformEvent::kWakeUp) {
+      (void)WakeUpRecover();  // Its last line tells how it went.
     }
   }
 }

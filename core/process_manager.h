@@ -11,9 +11,9 @@
 //                     up.
 //   coreAffinityThread_
 //                     CheckCoreAffinityThread, once a delayed binding was requested.
-//   signalThread_     PlatformSignalThread: waits for the signals of a delayed binding, of a
-//   wake-up
-//                     and of an orderly stop.
+//   signalThread_     PlatformSignalThread: takes the signals of a delayed binding, of a wake-up and
+//                     of an orderly stop as they come.
+//   eventThread_      PlatformEventThread: does what the first two ask for.
 //   The status service has a thread of its own (status/status_service.h), which takes no lock but
 //                     that of the memory, the name table's and the heartbeat library's.
 //   The messaging, upload and heartbeat libraries call RequstMsgHandler, OnPmUploadApp and
@@ -34,7 +34,8 @@
 //   log               the one thread that writes lines to syslog, for whoever reads them there. All
 //                     others only queue theirs (core/log.h); where the queue is full and the reader
 //                     gets on, they wait for room (base/line_queue.h).
-//   childMsgThread_   for children's texts; signalThread_ for signals.
+//   childMsgThread_   for children's texts; signalThread_ for signals, eventThread_ for what they
+//                     tell.
 // The check thread, the reaper and the libraries' threads ask, and go on: what became of a report,
 // an opening or a closing is logged by whoever comes to know it. Each call that may wait names
 // itself to base/may_wait.h, which ends debug and sanitizer builds if its thread holds a lock of
@@ -93,6 +94,7 @@
 #include "base/mutex.h"
 #include "core/app_lists.h"
 #include "core/bring_up_handshake.h"
+#include "core/delayed_binding.h"
 #include "core/heart_messages.h"
 #include "core/reporter.h"
 #include "core/startup_cfg.h"
@@ -226,8 +228,9 @@ class ProcessManager {
   void UpdateAllGeneralAppMap(const std::string& name, const std::string& owner)
       REQUIRES(generalAppMutex_);
 
-  // core/delayed_binding.cpp. The signal thread takes the platform's sleep and wake events.
+  // core/delayed_binding.cpp. The platform's sleep and wake events.
   void PlatformSignalThread();
+  void PlatformEventThread();
   void RequestDelayedBinding() EXCLUDES(coreAffinityThreadMutex_);
   void CheckCoreAffinityThread();
   [[nodiscard]] Worker TakeCoreAffinityThread() EXCLUDES(coreAffinityThreadMutex_);
@@ -255,8 +258,9 @@ class ProcessManager {
   Worker childMsgThread_;
   Worker waitThread_;
   Worker signalThread_;
+  Worker eventThread_;
 
-  // Started by the signal thread at the first request.
+  // Started by the event thread at the first request.
   Mutex coreAffinityThreadMutex_;
   Worker coreAffinityThread_ GUARDED_BY(coreAffinityThreadMutex_);
   bool isCoreAffinityThreadStarted_ GUARDED_BY(coreAffinityThreadMutex_) = false;
@@ -266,6 +270,7 @@ class ProcessManager {
 
   // Each with a lock and data of its own.
   StartupCfg startupCfg_;
+  PlatformEvents platformEvents_;
   HeartMessages heartMessages_;
   BringUpHandshake handshake_;
   // Behind what its openings still tell at their end.

@@ -89,6 +89,8 @@ void ProcessManager::Run() {
     WaitContinueSignal(stop_);
     ContinueProcMgrInit();
   }
+  // The core lists have been read, by which it goes.
+  StartWorker(eventThread_, &ProcessManager::PlatformEventThread);
   StartWorker(childMsgThread_, &ProcessManager::ReciveChildProcessMsgThread);
   InitBaseApplication(baseServiceCfgPath_);
   Status::Memory::Instance().EndBoot();

@@ -24,7 +24,9 @@ void ProcessManager::StartWorker(Worker& worker, void (ProcessManager::*body)())
 
 void ProcessManager::StopWorkers() {
   InstallWakeHandler();
-  signalThread_.WakeAndJoin();  // First: it starts the next.
+  signalThread_.WakeAndJoin();
+  platformEvents_.Close();
+  eventThread_.WakeAndJoin();  // Before the next, which it starts.
   Worker coreAffinityThread = TakeCoreAffinityThread();
   coreAffinityThread.WakeAndJoin();
   waitThread_.WakeAndJoin();

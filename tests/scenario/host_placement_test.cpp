@@ -138,7 +138,7 @@ TEST_F(Placement, AiCoreTakesTheServiceIntoTheAiSet) {
   if (!HasTwoCores()) {
     GTEST_SKIP() << "a machine with one core has none for a second set";
   }
-  sandbox_.MakePlatformGroups("0-1", "1");
+  sandbox_.MakeCpuset("Elsewhere", "1");
   const auto app = [](const std::string& name, const std::string& cores) {
     return Service(name, {"--threads", "1", "--report", "/run/sandbox/" + name},
                    {{"cpuset", "CtrlCPU"}, {"coreAffinity", cores}, {"resGroupName", "OTHER"}});
@@ -236,6 +236,57 @@ TEST_F(DelayedBinding, WakeUpBringsTheDefaultCoresBackAndAllowsTheNextRequest) {
   EXPECT_TRUE(AllOn("0-1"));
   Signal(ProcMgr::BindingSignal());
   EXPECT_TRUE(Eventually([this] { return AllOn("0"); }));
+}
+
+// Both are pending when the manager comes to look, and the kernel hands out the binding first.
+TEST_F(DelayedBinding, WakeUpAndTheRequestBehindItCanComeTogether) {
+  BootDelayed("check_num: 1, wake_up_enable: true, check_interval: 0");
+  Signal(ProcMgr::BindingSignal());
+  ASSERT_TRUE(Await("CheckCoreAffinityThread finish check"));
+  const std::size_t before = log_.Lines().size();
+  Signal(SIGSTOP);
+  ASSERT_TRUE(Eventually([this] { return ReadStat(daemon_->Pid()).state == 'T'; }));
+  Signal(ProcMgr::WakeUpSignal());
+  Signal(ProcMgr::BindingSignal());
+  Signal(SIGCONT);
+  const auto wokenUp = log_.WaitFor("WakeUpRecover success", before);
+  ASSERT_TRUE(wokenUp.has_value());
+  // Both follow within the 100 ms in which nobody has looked whether the flag was down.
+  EXPECT_TRUE(Await("CheckCoreAffinityThread finish check 1 times", *wokenUp));
+  EXPECT_TRUE(AllOn("0"));
+  EXPECT_EQ(log_.Count("SetDelayCoreAffinity return directly"), 0U);
+}
+
+// With rounds until all are bound and no pause asked for, a thread that can't be bound would cost a
+// processor.
+TEST_F(DelayedBinding, EndlessRoundsLeaveTheProcessorToOthers) {
+  sandbox_.MakeCpuset("Elsewhere", "1");
+  BootDelayed("check_num: -1, check_interval: 0");
+  const std::string tasks = sandbox_.Outside("/sys/fs/cgroup/cpuset/Elsewhere/tasks");
+  for (const pid_t tid : Threads(pid_)) {
+    ASSERT_EQ(ProcMgr::AppendId(tasks.c_str(), tid), 0);
+  }
+  Signal(ProcMgr::BindingSignal());
+  constexpr const char* kFailed = "CheckMissingTids SetCoreAffinityToOs failed";
+  ASSERT_TRUE(Await(kFailed));
+  const ProcMgr::SteadyTime begin = ProcMgr::SteadyNow();
+  // 40 rounds of three threads, half of which may have been on their way already.
+  ASSERT_TRUE(log_.WaitForCount(kFailed, log_.Count(kFailed) + 120));
+  EXPECT_GE(ProcMgr::SteadyNow() - begin, std::chrono::milliseconds(200));
+}
+
+// Until the signal to continue has come the core lists aren't read, or just being read.
+TEST_F(DelayedBinding, EventsOfAQuickStartWaitForItsContinuation) {
+  sandbox_.WriteFile(std::string(kConfigDir) + "procmgr_cfg.yaml",
+                     "delay_core: {check_num: 1, wake_up_enable: true}\n");
+  Boot({Service("plain")}, {"true"});
+  ASSERT_TRUE(WaitForKernelLog(sandbox_, "InitPriorityApps start priority apps finish"));
+  Signal(ProcMgr::WakeUpSignal());
+  Signal(SIGCONT);
+  const auto continued = log_.WaitFor("ContinueProcMgrInit success");
+  ASSERT_TRUE(continued.has_value());
+  EXPECT_TRUE(Await("WakeUpRecover success"));
+  EXPECT_GT(log_.WaitFor("WakeUpRecover wakeUpDelayCoreAffinity"), continued);
 }
 
 // The record of a service that can't come back keeps a pid that may be a stranger's by now.
