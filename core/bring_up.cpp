@@ -8,6 +8,7 @@
 #include "core/faults.h"
 #include "core/host_context.h"
 #include "core/log.h"
+#include "core/predecessor.h"
 #include "core/process_manager.h"
 #include "core/status_feed.h"
 #include "host/integrity_protect.h"
@@ -124,6 +125,7 @@ void ProcessManager::InitBaseApplication(const std::string& path) {
     LogError("PROCMGR : ParseYamlFile failed, ProcMgr return");
     return;
   }
+  TellOrphans(baseManifests_);
   bool startOk = true;
   DependGraph graph;
   ParseAndDepend::Instance().GetStartGraph(*reporter_.BaseAppNames(), graph);

@@ -10,6 +10,7 @@
 #include "base/standard_path.h"
 #include "core/host_context.h"
 #include "core/log.h"
+#include "core/predecessor.h"
 #include "core/process_manager.h"
 #include "core/starter.h"
 #include "platform/iam/iam.h"
@@ -20,6 +21,7 @@ namespace ProcMgr {
 namespace {
 
 constexpr int kExitUsage = -1;  // 255 at the parent.
+constexpr int kExitOther = 2;
 
 int Usage(const char* program) {
   LogErrorRouted("ProcMgr: intput argc num is < 2, please input baseService yaml config path");
@@ -66,6 +68,9 @@ int Main(int argc, char** argv) {
   std::string path;
   if (!SetProcMgrProcName() || !ResolvePath(argv[1], path)) {
     return kExitUsage;
+  }
+  if (!BecomeOnlyManager()) {
+    return kExitOther;
   }
   LeaveWorkingDirectory();
   LogInfoRouted("ProcMgr: main begin: baseServiceCfgPath: %s", path.c_str());

@@ -97,7 +97,7 @@ const std::vector<std::string> kPlainBoot = {
     "6 ProcMgr boot args, qelmode=kernel_utils",
     "6 ProcMgr: cmdline qelcoreEnable=1",
     "6 ProcMgr boot args, reboot_reason=cold",
-    "4 [TRACE]PROCMGR: creat anonymous pipe success, read pipe fd=4, write pipe fd=5",
+    "4 [TRACE]PROCMGR: creat anonymous pipe success, read pipe fd=5, write pipe fd=6",
     "3 LoadSharepoolCfg failed: errno=2",
     "6 sharepoolCfg has DEFAULT_MEM_GROUP sharepool group",
     "6 CreateSharepoolGroup group=DEFAULT_MEM_GROUP success",
@@ -125,6 +125,47 @@ const std::vector<std::string> kPlainBoot = {
 };
 
 class Booting : public ScenarioTest {};
+
+TEST_F(Booting, SecondManagerEndsBeforeItStartsAnything) {
+  Boot({Service("alpha")});
+  AwaitBooted();
+  const std::size_t before = log_.Lines().size();
+  Process second(sandbox_, ProgramPath("process-manager"), {kBaseFile}, {{}, "second"});
+  const auto status = second.WaitExit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFEXITED(*status));
+  EXPECT_EQ(WEXITSTATUS(*status), 2);
+  const std::string pid = std::to_string(daemon_->Pid());
+  EXPECT_THAT(second.Output(), HasSubstr("another one runs on this machine, pid " + pid));
+  EXPECT_TRUE(Await("another process-manager runs on this machine, pid=" + pid, before));
+  EXPECT_EQ(log_.Count("PM main begin"), 1U);
+}
+
+// The children of the killed one live on. None of them has its lock; each that runs as a service
+// is told, and nobody else who runs the same program.
+TEST_F(Booting, NextManagerTellsWhatAKilledOneHasLeft) {
+  const std::vector<App> services = {Service("alpha", {}, {{"envArgv", "{PROC_NAME: alpha}"}}),
+                                     Service("beta")};
+  Boot(services);
+  const pid_t alpha = AwaitStarted("alpha");
+  const pid_t beta = AwaitStarted("beta");
+  AwaitBooted();
+  EXPECT_EQ(log_.Count("of an earlier process-manager"), 0U);
+  const Process stranger(sandbox_, kService, {}, {{}, "stranger"});
+  daemon_->Signal(SIGKILL);
+  ASSERT_TRUE(daemon_->WaitExit().has_value());
+
+  const std::size_t before = log_.Lines().size();
+  Process next(sandbox_, ProgramPath("process-manager"), {kBaseFile}, {{}, "next"});
+  ASSERT_TRUE(Await("InitBaseApplication end", before));
+  for (const auto& [pid, name] : {std::pair{alpha, "alpha"}, std::pair{beta, "beta"}}) {
+    EXPECT_EQ(log_.Count("pid=" + std::to_string(pid) +
+                         " of an earlier process-manager still runs as base app=" + name +
+                         ", path=" + kService),
+              1U);
+  }
+  EXPECT_EQ(log_.Count("of an earlier process-manager"), 2U);
+}
 
 TEST_F(Booting, BadArgumentsEndItAtOnceAndSayWhyOnBothSides) {
   struct Case {
