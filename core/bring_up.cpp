@@ -99,6 +99,7 @@ bool StartAndEnter(App::BaseAppInfo& app) EXCLUDES(baseAppMutex_) {
   // Before the entry begins, for the reaper waits for its end.
   Memory::Instance().BeginChecks(app.statusId_);
   IntegrityProtect::Instance().WorkOut(app.execPath_);
+  ProcMgrMaster::ClearName(app.appName_, app.uid_, app.gid_);
   const BaseAppEntry entry;
   if (!app.StartProcess() || app.state_ != ProcessState::STARTING) {
     LogError("Start %s failed, state:%s", app.appName_.c_str(),

@@ -93,6 +93,7 @@ bool RestartBaseApp(const std::string& name) REQUIRES(baseAppMutex_) {
     return false;
   }
   LogInfo("PROCMGR : Restarting process %s", name.c_str());
+  ProcMgrMaster::ClearName(name, app->uid_, app->gid_);
   if (!RelaunchBaseApp(*app)) {
     LogError("PROCMGR : Restarting process : %s failed ", name.c_str());
     return false;

@@ -96,6 +96,14 @@ struct NexioServerParam {
 // Serves `param.serverName`: the callbacks then serve every client. Yields 0 or more.
 [[nodiscard]] int NexioCreateServer(const NexioServerParam& param);
 
+// Makes the name of a service free that is about to be started under `uid` and `gid`: whoever may
+// write to the place of the names could have put something there that its server can't replace.
+// Left is what the service replaces or has itself, and what a process of `gid` serves (the service
+// may have an orphan); everything else is removed, followed nowhere and told in the log, with the
+// process that served it. Needs root. Yields 0, also if nothing stood there, or a negative errno.
+// Never blocks.
+[[nodiscard]] int NexioClearName(const char* name, uid_t uid, gid_t gid);
+
 // Neither blocks: a peer that doesn't read costs its sender nothing but kNexioBusy.
 [[nodiscard]] int NexioSendRequest(int fd, const NexioRequest& request);
 [[nodiscard]] int NexioSendResponse(int fd, const NexioResponse& response);

@@ -279,6 +279,14 @@ void ProcMgrMaster::RegServiceCallBack(const std::string& procName, gid_t gid,
   }
 }
 
+void ProcMgrMaster::ClearName(const std::string& procName, uid_t uid, gid_t gid) {
+  const int result = NexioClearName(procName.c_str(), uid, gid);
+  // A service whose name no server can have doesn't serve.
+  if (result < 0 && result != kNexioBadName) {
+    LogWarning("PROCMGR : can't clear the name of %s, ret=%d", procName.c_str(), result);
+  }
+}
+
 void ProcMgrMaster::EndOpening(const std::string& procName) {
   openings.End(procName);
 }

@@ -74,6 +74,10 @@ class ProcMgrMaster {
   void RegServiceCallBack(const std::string& procName, gid_t gid, const OpenTerms& terms,
                           Outcome outcome);
 
+  // Before each start of a base service: what others have put under its name is removed, told in
+  // the log. Never blocks.
+  static void ClearName(const std::string& procName, uid_t uid, gid_t gid);
+
   // The process that an opening of `procName` waits for has ended: ends it, if there is one.
   static void EndOpening(const std::string& procName);
   [[nodiscard]] static bool IsOpening(const std::string& procName);

@@ -12,6 +12,10 @@ int NexioCreateServer(const NexioServerParam& /*param*/) {
   return -ENOSYS;
 }
 
+int NexioClearName(const char* /*name*/, uid_t /*uid*/, gid_t /*gid*/) {
+  return 0;
+}
+
 int NexioSendRequest(int /*fd*/, const NexioRequest& /*request*/) {
   return kNexioBadFd;
 }

@@ -14,6 +14,7 @@
 #include "base/sleep.h"
 #include "core/log.h"
 #include "platform/nexio/arrival_watch.h"
+#include "platform/nexio/connector.h"
 
 namespace ProcMgr::Nexio {
 namespace {
@@ -138,6 +139,34 @@ int Listen(int fd, const sockaddr_un& address, Claim& out) {
   return 0;
 }
 
+// A socket that the service's own process has made. It has one name; another user may have given it
+// a second one.
+bool IsOwnSocket(const struct stat& status, uid_t uid, gid_t gid) {
+  return S_ISSOCK(status.st_mode) && status.st_nlink == 1 && status.st_uid == uid &&
+         status.st_gid == gid;
+}
+
+// No process, and one that can't be told: it has more clients than it takes.
+constexpr pid_t kNobody = -1;
+constexpr pid_t kUnknown = 0;
+
+// Asks who serves the socket that `entry` is open on with O_PATH: through the descriptor, because
+// under its name there may be a link by now. The kernel tells the user and group of whoever
+// listens; for kUnknown they stay in `out` as they were.
+void AskWhoServes(int entry, NexioPeer& out) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = "/proc/self/fd/" + std::to_string(entry);
+  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+  const UniqueFd probe(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  out.pid = kNobody;
+  if (connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+    (void)ReadPeer(probe.Get(), out);
+  } else if (errno == EAGAIN) {
+    out.pid = kUnknown;
+  }
+}
+
 int WaitForSocketDirectory(SteadyTime deadline) {
   int result = MakeSocketDirectory();
   if (result != -EACCES) {
@@ -226,6 +255,33 @@ void ReleaseName(std::string_view name, Claim& claim) {
     (void)unlink(address.sun_path);
   }
   claim.listener.Reset();
+}
+
+int ClearName(std::string_view name, uid_t uid, gid_t gid) {
+  const std::string path = SocketPath(name);
+  const UniqueFd entry(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status {};
+  if (!entry.IsOpen() || fstat(entry.Get(), &status) != 0) {
+    return errno == ENOENT ? 0 : -errno;
+  }
+  if (IsOwnSocket(status, uid, gid)) {
+    return 0;
+  }
+  NexioPeer server{kNobody, status.st_uid, status.st_gid};
+  if (S_ISSOCK(status.st_mode) && status.st_nlink == 1) {
+    AskWhoServes(entry.Get(), server);
+    if (server.pid != kNobody && server.gid == gid) {
+      return 0;
+    }
+  }
+  // No lock of the directory, which anybody could hold: the one that would claim the name rightly
+  // isn't started yet.
+  const int result = RemoveEntry(path);
+  if (result == 0) {
+    LogWarning("NEXIO : %s stood in a service's way and is removed, pid=%d, uid=%u, gid=%u",
+               path.c_str(), server.pid, server.uid, server.gid);
+  }
+  return result;
 }
 
 }  // namespace ProcMgr::Nexio

@@ -47,6 +47,9 @@ struct Claim {
 // Stops listening, and removes the socket file if it is still the claim's own.
 void ReleaseName(std::string_view name, Claim& claim);
 
+// As NexioClearName; `name` must be a server's name.
+[[nodiscard]] int ClearName(std::string_view name, uid_t uid, gid_t gid);
+
 }  // namespace ProcMgr::Nexio
 
 #endif  // PLATFORM_NEXIO_ADDRESS_H

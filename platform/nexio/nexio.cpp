@@ -68,6 +68,10 @@ int NexioOpen(const NexioOpenParam& param) try {
   NexioPeer peer;
   const int connected = Nexio::ConnectToServer(param.peerName, param.gid, OwnName(), deadline,
                                                param.cancelFd, fd, peer);
+  if (connected == kNexioDenied) {
+    LogWarning("NEXIO : %s is served by another group, pid=%d, uid=%u, gid=%u", param.peerName,
+               peer.pid, peer.uid, peer.gid);
+  }
   if (connected < 0) {
     return connected;
   }
@@ -121,6 +125,13 @@ int NexioCreateServer(const NexioServerParam& param) try {
     return started;
   }
   return handle;
+} catch (const std::bad_alloc&) {
+  return -ENOMEM;
+}
+
+int NexioClearName(const char* name, uid_t uid, gid_t gid) try {
+  return name != nullptr && Nexio::IsServerName(name) ? Nexio::ClearName(name, uid, gid)
+                                                      : kNexioBadName;
 } catch (const std::bad_alloc&) {
   return -ENOMEM;
 }

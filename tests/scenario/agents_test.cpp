@@ -46,10 +46,44 @@ TEST_F(HostileAgent, WrongGroupCantTakeAName) {
   Boot({Reporting("aaa"), Service("zzz")});
   AwaitBooted();
   EXPECT_EQ(log_.Count("PROCMGR : RegServiceCallBack failed!! ret=-13,"), 1U);
+  EXPECT_EQ(log_.Count("aaa is served by another group, pid=" + std::to_string(getpid()) +
+                       ", uid=0, gid=4321"),
+            1U);
   EXPECT_EQ(log_.Count("Start baseApp success appName=zzz,"), 1U);
   // The service itself is supervised all the same.
   ASSERT_EQ(kill(AwaitStarted("aaa"), SIGKILL), 0);
   EXPECT_TRUE(Await("PROCMGR : Process aaa removed from the list of executedBaseApp_"));
+}
+
+// Before its first start and before each other. In a folder with the sticky bit the service itself
+// can't remove what others have made.
+TEST_F(HostileAgent, WhoeverTakesANameFirstCantKeepAServiceFromIt) {
+  const std::string path = sandbox_.Outside("/run/nexio/aaa.sock");
+  sandbox_.AddUser("pilot", 7002, 7002, "/home/pilot");
+  constexpr const char* kOwn = "/opt/test/pilots";
+  sandbox_.InstallProgram(ProgramPath("test-service"), kOwn, 7002, 7002);
+  const auto giveAway = [&path] { ASSERT_EQ(lchown(path.c_str(), 65534, 65534), 0); };
+  const auto isServed = [&path] {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) && status.st_uid == 7002;
+  };
+  const RawServer thief(sandbox_, "aaa", 65534);
+  giveAway();
+  Boot({{"aaa",
+         kOwn,
+         {"--serve", "aaa"},
+         {{"uid", "pilot"}, {"gid", "pilot"}, {"restart", "on-forever"}}}});
+  const pid_t first = AwaitStarted("aaa");
+  const std::string told = "aaa.sock stood in a service's way and is removed, pid=";
+  EXPECT_EQ(log_.Count(told + std::to_string(getpid()) + ", uid=0, gid=65534"), 1U);
+  ASSERT_TRUE(Eventually(isServed));
+
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  ASSERT_EQ(symlink(kBaseFile, path.c_str()), 0);
+  giveAway();
+  ASSERT_EQ(kill(first, SIGKILL), 0);
+  EXPECT_TRUE(Eventually(isServed));
+  EXPECT_EQ(log_.Count(told), 2U);
 }
 
 TEST_F(HostileAgent, BrokenFrameIsDroppedAndTheChannelGoesOn) {

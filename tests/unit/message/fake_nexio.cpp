@@ -132,6 +132,10 @@ int NexioSendResponse(int fd, const NexioResponse& response) {
   return FakeNexio::Instance().Send(fd, response.seq, response.data, response.size);
 }
 
+int NexioClearName(const char* /*name*/, uid_t /*uid*/, gid_t /*gid*/) {
+  return 0;
+}
+
 int NexioCreateServer(const NexioServerParam& param) {
   FakeNexio::Instance()->serverParam = param;
   return FakeNexio::Instance()->serverResult;

@@ -125,6 +125,84 @@ TEST(Nexio, RootServesANameWhateverStandsThere) {
   }
 }
 
+// What is cleared away before a service of user 1234 and group 1235 is started.
+TEST(Nexio, NameIsClearedOfWhatItsServiceCantReplace) {
+  constexpr uid_t kUser = 1234;
+  constexpr gid_t kGroup = 1235;
+  const EchoServer victim("victim");
+  const std::string path = "/run/nexio/cleared.sock";
+  std::optional<RawServer> server;
+  const auto serve = [&](gid_t listener, uid_t uid, gid_t gid) {
+    server.emplace(Box(), "cleared", listener);
+    EXPECT_EQ(lchown(path.c_str(), uid, gid), 0);
+  };
+  const struct {
+    const char* name;
+    std::function<void()> put;
+    bool isLeft;
+    std::string line;  // A part of what is told.
+  } cases[] = {
+      {"nothing", [] {}, false, ""},
+      {"file", [&] { Box().WriteFile(path, "x"); }, false, "pid=-1, uid=0, gid=0"},
+      {"link", [&] { std::filesystem::create_symlink("victim.sock", path); }, false, "pid=-1"},
+      {"directory", [&] { Box().WriteFile(path + "/a/b", "x"); }, false, "pid=-1"},
+      {"its own stale socket",
+       [&] {
+         serve(kGroup, kUser, kGroup);
+         server.reset();
+       },
+       true, ""},
+      {"stale socket of its former user",
+       [&] {
+         serve(kGroup, 4711, kGroup);
+         server.reset();
+       },
+       false, "pid=-1, uid=4711, gid=1235"},
+      {"second name of another socket of its user",
+       [&] {
+         serve(kGroup, kUser, kGroup);
+         std::filesystem::create_hard_link(path, "/run/nexio/other.sock");
+       },
+       false, "pid=-1, uid=1234, gid=1235"},
+      {"its own orphan", [&] { serve(kGroup, kUser, kGroup); }, true, ""},
+      {"its orphan of a former user", [&] { serve(kGroup, 4711, kGroup); }, true, ""},
+      // The group of the file is anybody's choice who belongs to it, the listener's isn't.
+      {"stranger", [&] { serve(4711, 65534, kGroup); }, false,
+       "pid=" + std::to_string(getpid()) + ", uid=0, gid=4711"},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.name);
+    each.put();
+    const std::size_t told = Log().Lines().size();
+    EXPECT_EQ(ProcMgr::NexioClearName("cleared", kUser, kGroup), 0);
+    EXPECT_EQ(std::filesystem::symlink_status(path).type() != std::filesystem::file_type::not_found,
+              each.isLeft);
+    if (!each.line.empty()) {
+      EXPECT_TRUE(Log().WaitFor(
+          "cleared.sock stood in a service's way and is removed, " + each.line, told));
+    }
+    EXPECT_EQ(Ask(Channel("victim").fd, "untouched"), "untouched");
+    std::filesystem::remove(path);
+    std::filesystem::remove("/run/nexio/other.sock");
+  }
+  EXPECT_EQ(ProcMgr::NexioClearName("no/name", kUser, kGroup), ProcMgr::kNexioBadName);
+}
+
+// A server with more clients than it takes can't be asked and is taken for what its file says.
+TEST(Nexio, ClearingANameWaitsForNobody) {
+  const std::string path = "/run/nexio/full.sock";
+  const ProcMgr::UniqueFd server(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const SocketPath address(path);
+  ASSERT_EQ(bind(server.Get(), address.Get(), address.Size()), 0);
+  ASSERT_EQ(listen(server.Get(), 0), 0);
+  ASSERT_EQ(lchown(path.c_str(), 4711, 1235), 0);
+  const std::optional<RawPeer> first = ConnectRaw(Box(), "full");
+  EXPECT_EQ(ProcMgr::NexioClearName("full", 1234, 1235), 0);
+  EXPECT_TRUE(std::filesystem::exists(path));
+  EXPECT_EQ(ProcMgr::NexioClearName("full", 1234, 1236), 0);
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
 // Each way in which a peer can be late.
 TEST(Nexio, PeerThatComesLaterIsFound) {
   std::optional<RawServer> server;
