@@ -6,21 +6,18 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "base/names.h"
-#include "base/printable.h"
 #include "base/small_file.h"
 #include "base/standard_path.h"
 #include "base/text.h"
 #include "core/log.h"
+#include "core/process_facts.h"
 
 namespace ProcMgr {
 namespace {
@@ -63,19 +60,6 @@ void TellOther(int fd) {
 
 std::string ProcPath(pid_t pid, const char* file) {
   return "/proc/" + std::to_string(pid) + "/" + file;
-}
-
-// The program of a process; empty for a kernel thread, or if it has gone. A program that has been
-// replaced since is still that program.
-std::string ProgramOf(pid_t pid) {
-  constexpr std::string_view kReplaced = " (deleted)";
-  std::array<char, PATH_MAX> target{};
-  const ssize_t length = readlink(ProcPath(pid, "exe").c_str(), target.data(), target.size());
-  std::string_view path(target.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
-  if (path.ends_with(kReplaced)) {
-    path.remove_suffix(kReplaced.size());
-  }
-  return std::string(path);
 }
 
 // A container's processes run programs of the same paths.
@@ -125,7 +109,7 @@ void TellIfOrphan(pid_t pid, const std::vector<Program>& programs) {
     LogWarning(
         "PROCMGR : pid=%d of an earlier process-manager still runs as base app=%s, path=%s, and is "
         "not supervised",
-        pid, found->second->GetAppName().c_str(), Printable(program).c_str());
+        pid, found->second->GetAppName().c_str(), program.c_str());
   }
 }
 

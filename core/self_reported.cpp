@@ -1,12 +1,12 @@
 #include "core/self_reported.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "base/names.h"
 #include "core/log.h"
+#include "core/process_facts.h"
 #include "core/status_feed.h"
 #include "host/core_affinity_mgr.h"
 #include "host/sharepool_cfg.h"
@@ -24,19 +24,41 @@ bool IsAlive(pid_t pid) {
   return access(path.c_str(), F_OK) == 0;
 }
 
+void Refuse(const PmUpload::LoadAppInfo& info, const NexioPeer& asker, int fd, const char* reason) {
+  LogError("PROCMGR : pmupload name=%s, pid=%d from uid=%u, pid=%d %s, fd=%d",
+           info.pidAppName.c_str(), info.pid, asker.uid, asker.pid, reason, fd);
+}
+
 // Whoever connects may name any process; only root, and the user to whom that process belongs, is
-// believed. A process that isn't there belongs to nobody.
-bool IsBelievable(const PmUpload::LoadAppInfo& info, int fd) {
-  NexioPeer peer;
-  struct stat process {};
-  const std::string path = "/proc/" + std::to_string(info.pid);
-  const bool isThere = info.pid > 0 && stat(path.c_str(), &process) == 0;
-  if (isThere && NexioGetPeer(fd, peer) == 0 && (peer.uid == 0 || peer.uid == process.st_uid)) {
-    return true;
+// believed. Yields false, with a line that names the asker, for anybody else. What else is said of
+// the process counts as far as the kernel says it, too: `info` is put right.
+bool Confirm(PmUpload::LoadAppInfo& info, int fd) {
+  NexioPeer asker;
+  if (NexioGetPeer(fd, asker) != 0) {
+    return false;  // The connection has gone, and nobody waits for an answer.
   }
-  LogError("PROCMGR : pmupload name=%s, pid=%d from uid=%u, pid=%d is not believed, fd=%d",
-           info.pidAppName.c_str(), info.pid, peer.uid, peer.pid, fd);
-  return false;
+  ProcessIds ids;
+  if (info.pid <= 0 || !ReadProcessIds(info.pid, ids)) {
+    Refuse(info, asker, fd, "names a process that isn't there");
+    return false;
+  }
+  const bool isOwn = std::all_of(ids.uids.begin(), ids.uids.end(),
+                                 [&asker](uid_t uid) { return uid == asker.uid; });
+  if (asker.uid != 0 && !isOwn) {
+    Refuse(info, asker, fd, "is not believed");
+    return false;
+  }
+  if (std::find(ids.gids.begin(), ids.gids.end(), info.gid) == ids.gids.end()) {
+    LogWarning("PROCMGR : pmupload pid=%d doesn't run under gid=%u but under %u", info.pid,
+               info.gid, ids.gids[1]);
+    info.gid = ids.gids[1];
+  }
+  // Root names the program that its process is about to become.
+  if (asker.uid != 0 && info.binPath != ProgramOf(info.pid)) {
+    LogWarning("PROCMGR : pmupload pid=%d doesn't run %s", info.pid, info.binPath.c_str());
+    info.binPath.clear();
+  }
+  return true;
 }
 
 bool Holds(const std::vector<std::string>& list, const std::string& text) {
@@ -114,11 +136,11 @@ void AddPmUploadAppGroups(const PmUpload::LoadAppInfo& info) {
   SharepoolCfg::Instance().AddSharepoolGroup(info.pidAppName, info.pid, WantedGroups(info));
 }
 
-bool OnPmUploadApp(Reporter& reporter, const PmUpload::LoadAppInfo& info, int fd) {
+bool OnPmUploadApp(Reporter& reporter, PmUpload::LoadAppInfo info, int fd) {
   if (info.alreadyReported) {
     return true;  // The peer only fetches further group names.
   }
-  if (!IsBelievable(info, fd) || !AddPmUploadApp(info, fd)) {
+  if (!Confirm(info, fd) || !AddPmUploadApp(info, fd)) {
     return false;
   }
   const bool isReported = reporter.ReportAppState(
@@ -146,6 +168,15 @@ void CheckPmUploadApps(Reporter& reporter) {
     const MutexLock lock(pmUploadMutex_);
     for (auto entry = pmUploadApps_.begin(); entry != pmUploadApps_.end();) {
       const auto& [pid, app] = *entry;
+      // Before the look at the process: its end mustn't be taken for that of its namesake.
+      if (IsAppNameUsed(app.appName)) {
+        LogWarning(
+            "pmupload pid=%d, name=%s isn't watched any more, an app of that name was started", pid,
+            app.appName.c_str());
+        Status::Memory::Instance().NoteGone(app.statusId);
+        entry = pmUploadApps_.erase(entry);
+        continue;
+      }
       if (IsAlive(pid)) {
         ++entry;
         continue;

@@ -11,8 +11,10 @@ namespace ProcMgr {
 // false if it can't be opened.
 [[nodiscard]] bool StartUploadService(Reporter& reporter);
 
-// Drops those that have gone, and reports them. Check thread.
-void CheckPmUploadApps(Reporter& reporter) EXCLUDES(pmUploadMutex_);
+// Drops those that have gone, and reports them; and, without a report, those under whose names an
+// application was started since. Check thread.
+void CheckPmUploadApps(Reporter& reporter)
+    EXCLUDES(pmUploadMutex_, generalAppMutex_, baseAppMutex_);
 
 }  // namespace ProcMgr
 

@@ -1,5 +1,9 @@
 // Processes that the manager did not start, announced with pmupload.
+#include <sys/syscall.h>
 
+#include <thread>
+
+#include "message/upload_msg.h"
 #include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"
 
@@ -22,9 +26,38 @@ class Upload : public ScenarioTest {
       groups += "  - group_" + std::to_string(i) + ": {mem_size: 4}\n";
     }
     sandbox_.WriteFile("/etc/sharepool/groups.yaml", groups);
-    Boot({Reporting("iammgr")});
-    ASSERT_TRUE(access_.BecomeReady());
-    AwaitBooted();
+    sandbox_.WriteFile("/etc/sharepool/white.yaml",
+                       std::string("add_all_groups_white_lists: [") + kListed + "]\n");
+    // The last service waits until "gate" is ready.
+    Boot({Reporting("iammgr"), Reporting("gate", {{"dependList", "[iammgr]"}}),
+          Service("late", {}, {{"dependList", "[gate]"}})});
+    ASSERT_TRUE(access_.BecomeReady() && gate_.AwaitChannel());
+    ASSERT_EQ(NextReport().substr(0, 5), "gate ");
+  }
+
+  // Announces on a connection of user `uid` and yields the response.
+  std::string Announce(const std::string& name, pid_t pid, gid_t gid, const std::string& path,
+                       uid_t uid) {
+    PmUpload::LoadAppInfo info;
+    info.pidAppName = name;
+    info.binPath = path;
+    info.pid = pid;
+    info.gid = gid;
+    PmUpload::UploadMsg msg;
+    EXPECT_TRUE(PmUpload::PackInfoRequest(info, msg));
+    std::optional<RawPeer> peer;
+    // The ids of one thread, which the kernel records at the connect.
+    std::thread([&] {
+      if (syscall(SYS_setresuid, -1, uid, -1) == 0) {
+        peer = ConnectRaw(sandbox_, "PROCMGR");
+      }
+    }).join();
+    if (!peer.has_value() || !peer->Send(MakePacket(kHello, 0, "tester")) ||
+        !peer->Send(MakePacket(kRequest, 1, {reinterpret_cast<const char*>(&msg), sizeof(msg)}))) {
+      return "(no connection)";
+    }
+    const auto response = peer->Receive();
+    return response.has_value() ? response->data : "(no response)";
   }
 
   // Runs the tool to its end; `prefix` is what it is started through.
@@ -49,7 +82,9 @@ class Upload : public ScenarioTest {
   }
 
   static constexpr int kGroups = 1024;
+  static constexpr const char* kListed = "/opt/test/listed";
   AgentPeer access_{sandbox_, "iammgr"};
+  AgentPeer gate_{sandbox_, "gate"};
   int runs_ = 0;
 };
 
@@ -106,6 +141,52 @@ TEST_F(Upload, StrangersProcessIsNotBelieved) {
   EXPECT_EQ(RunTool({"--procName=stolen", "--pid=" + pid}, output, asGuest), 1) << output;
   EXPECT_TRUE(Await("PROCMGR : pmupload name=stolen, pid=" + pid + " from uid=7000"));
   EXPECT_EQ(RunTool({"--procName=own", "--", "/bin/true"}, output, asGuest), 0) << output;
+}
+
+TEST_F(Upload, OnlyWhatTheKernelConfirmsCounts) {
+  sandbox_.InstallProgram(ProgramPath("test-service"), kListed);
+  const Process guest(sandbox_, "/usr/bin/setpriv",
+                      {"--reuid=7000", "--regid=7000", "--clear-groups", kService}, {{}, "guest"});
+  ASSERT_TRUE(Eventually([&] { return StatusField(guest.Pid(), "Gid").starts_with("7000"); }));
+  const std::string pid = std::to_string(guest.Pid());
+  // The program of the white list would be in every group.
+  EXPECT_EQ(Announce("claimer", guest.Pid(), 0, kListed, kUser).substr(0, 2), "1#");
+  const auto report = access_.NextReport();
+  ASSERT_TRUE(report.has_value());
+  EXPECT_EQ(report->appName, "claimer");
+  EXPECT_EQ(report->gid, 7000U);
+  EXPECT_TRUE(Await("PROCMGR : pmupload pid=" + pid + " doesn't run under gid=0 but under 7000"));
+  EXPECT_TRUE(Await("pmupload pid=" + pid + " doesn't run /opt/test/listed"));
+  ASSERT_TRUE(Await("appName=claimer, groupName=DEFAULT_MEM_GROUP, permission=alloc"));
+  EXPECT_EQ(log_.Count("appName=claimer, groupName=group_"), 0U);
+
+  // Nobody, a kernel thread or a thread of somebody.
+  const pid_t thread = Threads(daemon_->Pid()).back();
+  for (const pid_t none : {pid_t{4194303}, thread, pid_t{0}, pid_t{-1}}) {
+    EXPECT_EQ(Announce("ghost", none, 0, kService, 0).substr(0, 2), "0#");
+    EXPECT_TRUE(Await("PROCMGR : pmupload name=ghost, pid=" + std::to_string(none) +
+                      " from uid=0, pid=" + std::to_string(getpid()) +
+                      " names a process that isn't there"));
+  }
+  EXPECT_EQ(Announce("ghost", 4194303, 0, kService, kUser).substr(0, 2), "0#");
+  EXPECT_TRUE(Await("name=ghost, pid=4194303 from uid=7000, pid="));
+}
+
+TEST_F(Upload, ServiceTakesItsNameBack) {
+  Process namesake(sandbox_, kService, {}, {{}, "namesake"});
+  EXPECT_EQ(Announce("late", namesake.Pid(), 0, kService, 0).substr(0, 2), "1#");
+  EXPECT_EQ(NextReport(), "late " + std::to_string(namesake.Pid()) + " 0");
+  ASSERT_TRUE(gate_.ReportState(kStateReady));
+  const pid_t late = AwaitStarted("late");
+  EXPECT_EQ(NextReport(), "late " + std::to_string(late) + " 0");
+  // Whichever comes first, the pass that looks after the announced or the end.
+  namesake.Signal(SIGKILL);
+  ASSERT_TRUE(namesake.WaitExit().has_value());
+  EXPECT_TRUE(Await("pmupload pid=" + std::to_string(namesake.Pid()) +
+                    ", name=late isn't watched any more, an app of that name was started"));
+  ASSERT_EQ(kill(late, SIGKILL), 0);
+  EXPECT_EQ(NextReport().substr(0, 5 + std::to_string(late).size()),
+            "late " + std::to_string(late));
 }
 
 }  // namespace
