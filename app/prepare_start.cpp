@@ -3,13 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "app/app_info.h"
+#include "app/start_rules.h"
 #include "app/user_groups.h"
 #include "base/standard_path.h"
 #include "core/host_context.h"
@@ -23,61 +22,44 @@ namespace {
 
 using Status::CauseKind;
 
-constexpr mode_t kAnyExecute = S_IXUSR | S_IXGRP | S_IXOTH;
-
-// Nothing is passed through a shell; an argument that looks as if somebody tried is refused.
-bool HasIllegalStr(std::string_view text) {
-  static constexpr std::array<std::string_view, 12> kTokens = {"|",  ";",  ">", "<", ">>", "`",
-                                                               "||", "&&", "&", "(", ")",  "$"};
-  return std::any_of(kTokens.begin(), kTokens.end(), [text](std::string_view token) {
-    return text.find(token) != std::string_view::npos;
-  });
-}
-
-// Judges the execute permission by mode, owner and group of the file. The bit for others alone is
-// good enough for root only.
 bool HasExecutePermission(const std::string& appName, const std::string& binPath, uid_t uid,
                           const struct stat& file) {
-  if (uid == 0) {
-    if ((file.st_mode & kAnyExecute) == 0) {
+  switch (JudgeExecute(uid, file, &IsUserInGroup)) {
+    case ExecuteVerdict::kOk:
+      return true;
+    case ExecuteVerdict::kNobodyMay:
       LogError(
           "PROCMGR : Start App=%s failed, cfg uid is root, but binPath=%s uid=%u not have x "
           "permission !!",
           appName.c_str(), binPath.c_str(), file.st_uid);
       return false;
-    }
-    return true;
-  }
-  if (uid == file.st_uid) {
-    if ((file.st_mode & S_IXUSR) == 0) {
+    case ExecuteVerdict::kOwnerMayNot:
       LogError(
           "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s uid=%u not have x permission "
           "!!",
           appName.c_str(), uid, binPath.c_str(), file.st_uid);
       return false;
-    }
-    return true;
+    case ExecuteVerdict::kNotInGroup:
+      LogError(
+          "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s uid=%u, gid=%u not have x "
+          "permission !!",
+          appName.c_str(), uid, binPath.c_str(), file.st_uid, file.st_gid);
+      return false;
+    case ExecuteVerdict::kGroupMayNot:
+      break;
   }
-  if (!IsUserInGroup(uid, file.st_gid)) {
-    LogError(
-        "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s uid=%u, gid=%u not have x "
-        "permission !!",
-        appName.c_str(), uid, binPath.c_str(), file.st_uid, file.st_gid);
-    return false;
-  }
-  if ((file.st_mode & S_IXGRP) == 0) {
-    LogError(
-        "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s gid=%u not have x permission !!",
-        appName.c_str(), uid, binPath.c_str(), file.st_gid);
-    return false;
-  }
-  return true;
+  LogError(
+      "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s gid=%u not have x permission !!",
+      appName.c_str(), uid, binPath.c_str(), file.st_gid);
+  return false;
 }
 
 // Yields what is wrong; none if nothing is.
 std::optional<CauseKind> CheckChildProParas(const std::string& appName, const std::string& execPath,
                                             uid_t uid, const std::vector<std::string>& arguments) {
-  if (std::any_of(arguments.begin(), arguments.end(), HasIllegalStr)) {
+  if (std::any_of(arguments.begin(), arguments.end(), [](const std::string& argument) {
+        return FindShellToken(argument).has_value();
+      })) {
     LogError("PROCMGR : CheckChildProParas App=%s arguments include illegal str", appName.c_str());
     return CauseKind::kArgument;
   }

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "app/manifest.h"
+#include "base/circles.h"
 #include "base/printable.h"
 #include "core/log.h"
-#include "platform/manifest/circles.h"
 
 namespace ProcMgr {
 namespace {
@@ -39,9 +39,9 @@ struct DependGraph::State {
   void BreakCircles();
 
   // Name to its open dependencies.
-  Manifest::Dependencies open;
+  Dependencies open;
   // Name to those that depend on it, so that a pop needn't search.
-  Manifest::Dependencies dependants;
+  Dependencies dependants;
   // The names in `open` that have no open dependency.
   std::set<std::string> free;
 };
@@ -77,9 +77,9 @@ std::set<std::string> DependGraph::GetNoDependVertices() {
 
 void DependGraph::State::BreakCircles() {
   std::size_t logged = 0;
-  const std::vector<std::set<std::string>> groups = Manifest::FindCircleGroups(open);
+  const std::vector<std::set<std::string>> groups = FindCircleGroups(open);
   for (const std::set<std::string>& group : groups) {
-    const auto circles = Manifest::FindCircles(open, group, kMaxLoggedCircles - logged);
+    const auto circles = FindCircles(open, group, kMaxLoggedCircles - logged);
     for (const std::vector<std::string>& circle : circles) {
       LogError("%s", CircleText(circle).c_str());
     }

@@ -173,7 +173,8 @@ bool SharepoolGroupsKey(ValueReader& reader, const YamlNode& node, std::string_v
 
 bool MatchKey(ValueReader& reader, const YamlNode& node, std::string_view name,
               ReadApplication& out) {
-  return reader.TextMap(node, name, out.match);
+  out.isMatchKnown = reader.TextMap(node, name, out.match);
+  return out.isMatchKnown;
 }
 
 bool RestartKey(ValueReader& reader, const YamlNode& node, std::string_view name,

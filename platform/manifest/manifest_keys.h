@@ -16,6 +16,8 @@ struct ReadApplication {
   ApplicationManifest::Fields fields;
   // The pairs that the load must bring for the application to be taken.
   std::map<std::string, std::string> match;
+  // False if `match` has a fault, so that it is open whether the application is taken.
+  bool isMatchKnown = true;
 };
 
 // True for a key of an application.

@@ -47,14 +47,14 @@ void ManifestLoader::LoadFile(const std::string& shownPath, const Origin& origin
   if (!StandardizationPath(shownPath, file.resolvedPath)) {
     faults_.Error(origin.file, origin.place,
                   Quoted(shownPath) + ' ' + ReadFailure(errno == 0 ? ENAMETOOLONG : errno));
+    areNamesKnown_ = false;
     return;
   }
   YamlDocument document;
-  if (!CheckChain(file, origin) || !Read(file, origin, document)) {
-    return;
-  }
   ValueReader reader(file, faults_);
-  if (!CheckKeysOfMappings(reader, document)) {
+  if (!CheckChain(file, origin) || !Read(file, origin, document) ||
+      !CheckKeysOfMappings(reader, document)) {
+    areNamesKnown_ = false;
     return;
   }
   chain_.push_back(file.resolvedPath);
@@ -209,11 +209,16 @@ void ManifestLoader::ReadInclude(ValueReader& reader, const YamlNode& entry, con
 
 void ManifestLoader::ReadApplicationEntry(ValueReader& reader, const YamlNode& entry) {
   ReadApplication application;
-  if (!ReadApplicationMapping(reader, entry, application) || !IsTaken(application.match)) {
+  const bool isGood = ReadApplicationMapping(reader, entry, application);
+  if (application.fields.appName.empty() || !application.isMatchKnown) {
+    areNamesKnown_ = false;
+    return;
+  }
+  if (!IsTaken(application.match)) {
     return;
   }
   // Only what this load takes can clash: variants of one application for several machines have
-  // one name and differ in what they match.
+  // one name and differ in what they match. Other faults don't hide a clash.
   const YamlNode& name = *entry.Find("appName");
   const auto [first, isNew] = placeOfName_.emplace(application.fields.appName,
                                                    PlaceText(reader.File().shownPath, name.place));
@@ -223,7 +228,27 @@ void ManifestLoader::ReadApplicationEntry(ValueReader& reader, const YamlNode& e
                                  "; each application must be described once");
     return;
   }
+  if (!isGood) {
+    return;
+  }
   applications_.emplace_back(std::move(application.fields));
+  if (places_ != nullptr) {
+    NotePlacesOf(reader.File(), entry);
+  }
+}
+
+void ManifestLoader::NotePlacesOf(const SourceFile& file, const YamlNode& entry) {
+  ApplicationPlaces& places = places_->emplace_back();
+  places.file = file.shownPath;
+  places.application = entry.place;
+  for (const auto& [key, value] : entry.children) {
+    ValuePlaces& of = places.ofKey[key->text];
+    of.value = value->place;
+    for (const auto& [entryKey, element] : value->children) {
+      of.elements.emplace_back(entryKey == nullptr ? element->text : entryKey->text,
+                               element->place);
+    }
+  }
 }
 
 bool ManifestLoader::IsTaken(const std::map<std::string, std::string>& match) const {

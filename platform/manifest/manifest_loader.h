@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "app/manifest.h"
+#include "platform/manifest/checked_load.h"
 #include "platform/manifest/faults.h"
 #include "platform/manifest/manifest_values.h"
 #include "platform/manifest/yaml_tree.h"
@@ -33,6 +34,15 @@ class ManifestLoader {
   // What was loaded, in the order of the files. Complete only if there were no errors.
   [[nodiscard]] std::vector<ApplicationManifest>& Applications() { return applications_; }
 
+  // Has the place of everything noted for each of Applications(), in the same order, in `places`.
+  void NotePlaces(std::vector<ApplicationPlaces>& places) { places_ = &places; }
+  // The names that the load takes, those of applications with faults included. Not all of them are
+  // known if a file or a name couldn't be read.
+  [[nodiscard]] const std::map<std::string, std::string>& PlaceOfName() const {
+    return placeOfName_;
+  }
+  [[nodiscard]] bool AreNamesKnown() const { return areNamesKnown_; }
+
  private:
   // Where a fault of a file as a whole is told: the entry that includes it, or its own beginning.
   struct Origin {
@@ -50,6 +60,7 @@ class ManifestLoader {
   void ReadEntry(ValueReader& reader, const YamlNode& entry);
   void ReadInclude(ValueReader& reader, const YamlNode& entry, const YamlNode& path);
   void ReadApplicationEntry(ValueReader& reader, const YamlNode& entry);
+  void NotePlacesOf(const SourceFile& file, const YamlNode& entry);
   [[nodiscard]] bool IsTaken(const std::map<std::string, std::string>& match) const;
 
   const std::map<std::string, std::string>& matchData_;
@@ -57,6 +68,8 @@ class ManifestLoader {
   std::vector<ApplicationManifest> applications_;
   // The place of each name that is taken.
   std::map<std::string, std::string> placeOfName_;
+  bool areNamesKnown_ = true;
+  std::vector<ApplicationPlaces>* places_ = nullptr;
   // The resolved paths of the files that are being read, each included by the one before it.
   std::vector<std::string> chain_;
   std::size_t files_ = 0;

@@ -2,9 +2,9 @@
 
 #include <array>
 
+#include "base/nearest_word.h"
 #include "base/printable.h"
 #include "platform/manifest/core_list.h"
-#include "platform/manifest/nearest_word.h"
 
 namespace ProcMgr::Manifest {
 namespace {

@@ -13,13 +13,9 @@
 #include <string_view>
 #include <vector>
 
-namespace ProcMgr::Manifest {
+#include "platform/manifest/place.h"
 
-// Lines and columns count from 1, columns in bytes.
-struct Place {
-  int line = 1;
-  int column = 1;
-};
+namespace ProcMgr::Manifest {
 
 // How deep collections may nest. yaml-cpp recurses once a level, on threads with small stacks too.
 inline constexpr std::size_t kMaxYamlDepth = 64;

@@ -6,11 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 
+#include "base/channel_name.h"
 #include "base/sleep.h"
 #include "core/log.h"
 #include "platform/nexio/arrival_watch.h"
@@ -19,7 +19,6 @@
 namespace ProcMgr::Nexio {
 namespace {
 
-constexpr std::size_t kMaxServerName = 64;
 constexpr mode_t kDirectoryMode = 01777;
 constexpr mode_t kSocketMode = 0666;
 
@@ -30,11 +29,6 @@ constexpr int kBacklog = 256;
 // A claim holds the lock for microseconds; whoever holds it longer isn't claiming a name.
 constexpr auto kLockPatience = std::chrono::seconds(1);
 constexpr std::int64_t kLockPauseNs = 1'000'000;
-
-bool IsNameByte(char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
-         c == '_' || c == '-';
-}
 
 // The lock under which names are claimed and released, on the directory itself: it needs no file of
 // its own and goes with its holder. Any user can take it and keep it, so its wait is bounded: then
@@ -188,8 +182,7 @@ int WaitForSocketDirectory(SteadyTime deadline) {
 }  // namespace
 
 bool IsServerName(std::string_view name) {
-  return !name.empty() && name.size() <= kMaxServerName && name.front() != '.' &&
-         std::all_of(name.begin(), name.end(), IsNameByte);
+  return IsChannelName(name);
 }
 
 std::string SocketPath(std::string_view name) {
@@ -200,7 +193,7 @@ sockaddr_un SocketAddress(std::string_view name) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   const std::string path = SocketPath(name);
-  static_assert(sizeof("/run/nexio/.sock") + kMaxServerName <= sizeof(address.sun_path));
+  static_assert(sizeof("/run/nexio/.sock") + kMaxChannelName <= sizeof(address.sun_path));
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
   return address;
 }

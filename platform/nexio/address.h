@@ -16,7 +16,7 @@ namespace ProcMgr::Nexio {
 inline constexpr const char* kRunDirectory = "/run";
 inline constexpr const char* kSocketDirectory = "/run/nexio";
 
-// 1 to 64 bytes of A-Z a-z 0-9 . _ -, no leading dot: such a name can't leave the directory.
+// The rule of base/channel_name.h.
 [[nodiscard]] bool IsServerName(std::string_view name);
 
 // The socket path of a server; `name` must be a server's name.

@@ -1,11 +1,11 @@
-#include "platform/manifest/circles.h"
+#include "base/circles.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <deque>
 #include <utility>
 
-namespace ProcMgr::Manifest {
+namespace ProcMgr {
 namespace {
 
 // Tarjan's strongly connected components, with a stack of its own in place of recursion: a chain of
@@ -149,4 +149,4 @@ std::vector<std::vector<std::string>> FindCircles(const Dependencies& graph,
   return circles;
 }
 
-}  // namespace ProcMgr::Manifest
+}  // namespace ProcMgr

@@ -1,13 +1,13 @@
 // Circles of dependencies.
-#ifndef PLATFORM_MANIFEST_CIRCLES_H
-#define PLATFORM_MANIFEST_CIRCLES_H
+#ifndef BASE_CIRCLES_H
+#define BASE_CIRCLES_H
 
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
-namespace ProcMgr::Manifest {
+namespace ProcMgr {
 
 using Dependencies = std::map<std::string, std::set<std::string>>;
 
@@ -22,6 +22,6 @@ using Dependencies = std::map<std::string, std::set<std::string>>;
                                                                 const std::set<std::string>& group,
                                                                 std::size_t limit);
 
-}  // namespace ProcMgr::Manifest
+}  // namespace ProcMgr
 
-#endif  // PLATFORM_MANIFEST_CIRCLES_H
+#endif  // BASE_CIRCLES_H

@@ -1,0 +1,171 @@
+// What the checker finds in files that the daemon would take, or takes in part.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "tests/unit/tools/pmcheck_fixture.h"
+
+namespace {
+
+using PmTest::PmCheck;
+using PmTest::Result;
+using ::testing::HasSubstr;
+
+// "LINE:COLUMN severity rule" of each finding about `file`.
+std::vector<std::string> Brief(const std::string& json, const std::string& file) {
+  std::vector<std::string> list;
+  const auto document = nlohmann::json::parse(json);
+  for (const auto& checked : document.at("files")) {
+    for (const auto& finding : checked.at("findings")) {
+      if (finding.value("file", "").ends_with(file)) {
+        list.push_back(std::to_string(finding.at("line").get<int>()) + ':' +
+                       std::to_string(finding.at("column").get<int>()) + ' ' +
+                       finding.at("severity").get<std::string>() + ' ' +
+                       finding.at("rule").get<std::string>());
+      }
+    }
+  }
+  return list;
+}
+
+// One service to a line, `rest` being its keys beside those that are required.
+std::string Line(const std::string& name, const std::string& rest) {
+  return "  - {appName: " + name + ", binPath: /b, uid: 1, gid: 1" + (rest.empty() ? "" : ", ") +
+         rest + "}\n";
+}
+
+std::string Reporting(const std::string& name) {
+  return "isReporting: true, envArgv: {PROC_NAME: " + name + "}";
+}
+
+// The processor time of the programs that have ended: what else the machine does doesn't count.
+double ChildrenSeconds() {
+  rusage usage{};
+  EXPECT_EQ(getrusage(RUSAGE_CHILDREN, &usage), 0);
+  const auto seconds = [](const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+  };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+TEST_F(PmCheck, EachPlantedFaultIsFoundAtItsPlaceAndNothingElse) {
+  folder_.Write("base.yaml",
+                "applications:\n" +                                                       //
+                    Line("access", Reporting("access")) +                                 // 2
+                    Line("quiet", "") +                                                   // 3
+                    Line("a", "dependList: [quiet]") +                                    // 4
+                    Line("b", "dependList: [acces]") +                                    // 5
+                    Line("c", "arguments: [ok, 'a|b']") +                                 // 6
+                    Line("\"odd name\"", "isReporting: true") +                           // 7
+                    Line("d", "isReporting: true") +                                      // 8
+                    Line("e", "isReporting: true, envArgv: {X: 1, PROC_NAME: f}") +       // 9
+                    Line("g", "startupPriority: 1, sharepoolGroups: [{groupName: x}]") +  // 10
+                    Line("h", "startupEntryPath: none.yaml") +                            // 11
+                    Line("i", "startupEntryPath: entry.yaml, restart: sometimes") +       // 12
+                    Line("i", "startupEntryPath: entry.yaml") +                           // 13
+                    Line("j", "dependList: [k]") +                                        // 14
+                    Line("k", "dependList: [access, j]") +                                // 15
+                    Line("l", "startupEntryPath: entry.yaml") +                           // 16
+                    Line("m", "startupEntryPath: other.yaml, arguments: [\"${a}\"]") +    // 17
+                    Line("n", "dependList: [i]"));                                        // 18
+  folder_.Write("entry.yaml",
+                "applications:\n" +
+                    Line("\"p${[0-9]}\"", "startupPriority: 1, arguments: [\"${a|b}\"]") +  // 2
+                    Line("q", "startupPriority: 1, arguments: [\"${a|b}\"]") +              // 3
+                    Line("r", "startupPriority: 1, dependList: [q]") +                      // 4
+                    Line("s", "arguments: ['$HOME'], unknown: 1") +                         // 5
+                    Line("t", "nice: 90"));                                                 // 6
+  folder_.Write("other.yaml", "applications:\n" + Line("r", ""));
+  const Result result = Run("--format json base.yaml");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.err, "");
+  EXPECT_THAT(Brief(result.out, "base.yaml"),
+              ::testing::ElementsAre(
+                  "4:60 warning dependency-without-report", "5:60 error unmet-dependency",
+                  "6:63 error shell-token", "7:15 error channel-name", "8:5 warning proc-name",
+                  "9:93 warning proc-name", "10:64 warning unread-key", "10:84 warning unread-key",
+                  "11:65 warning entry-file", "12:86 error faulty-file", "13:15 error faulty-file",
+                  "14:60 error circle", "17:89 error shell-token"));
+  EXPECT_THAT(Brief(result.out, "entry.yaml"),
+              ::testing::ElementsAre("2:74 warning priority", "3:64 warning priority",
+                                     "4:79 warning unread-key", "5:59 error shell-token",
+                                     "5:69 warning doubtful-file", "6:53 error faulty-file"));
+  EXPECT_THAT(Brief(result.out, "other.yaml"), ::testing::ElementsAre("2:15 warning entry-twice"));
+  EXPECT_THAT(result.out, HasSubstr("the nearest name is \\\"access\\\""));
+}
+
+TEST_F(PmCheck, ExamplePlatformHasNoFinding) {
+  // With its users as numbers: this machine needn't have them.
+  std::string text;
+  const std::filesystem::path folder = std::filesystem::path(EXAMPLE_PLATFORM).parent_path();
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+    if (!entry.is_regular_file()) {
+      continue;
+    }
+    std::ifstream in(entry.path());
+    std::string out;
+    for (std::string line; std::getline(in, line);) {
+      const std::size_t id = std::min(line.find("uid: "), line.find("gid: "));
+      out += (id == std::string::npos ? line : line.substr(0, id + 5) + "7") + '\n';
+    }
+    folder_.Write(std::filesystem::relative(entry.path(), folder).string(), out);
+  }
+  const Result result = Run("--strict platform.yaml entries/operator.yaml");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_THAT(result.out, HasSubstr("round 4: planner_service"));
+}
+
+TEST_F(PmCheck, StrictTakesWarningsForFaults) {
+  folder_.Write("warned.yaml", "applications:\n" + Line("d", "isReporting: true"));
+  EXPECT_EQ(Run("warned.yaml").status, 0);
+  EXPECT_EQ(Run("--strict warned.yaml").status, 1);
+}
+
+TEST_F(PmCheck, WhatHangsOnACircleIsInNoRound) {
+  folder_.Write("circle.yaml", "applications:\n" + Line("a", "dependList: [b]") +
+                                   Line("b", "dependList: [a]") + Line("c", "dependList: [a]") +
+                                   Line("d", "dependList: [d]") + Line("e", ""));
+  const Result result = Run("circle.yaml");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, "circle.yaml: 5 applications\nround 1: e\nnever: a b c d\n");
+  EXPECT_THAT(result.err, HasSubstr("circle.yaml:5:60: error: d -> d: "));
+}
+
+TEST_F(PmCheck, SarifNamesRulePlaceAndLevel) {
+  folder_.Write("warned.yaml", "applications:\n" + Line("d", "isReporting: true"));
+  const auto document = nlohmann::json::parse(Run("--format sarif warned.yaml").out);
+  EXPECT_EQ(document.at("version"), "2.1.0");
+  const auto& run = document.at("runs").at(0);
+  const auto& result = run.at("results").at(0);
+  EXPECT_EQ(result.at("level"), "warning");
+  EXPECT_EQ(result.at("locations").at(0).at("physicalLocation").at("artifactLocation").at("uri"),
+            "warned.yaml");
+  const auto& rules = run.at("tool").at("driver").at("rules");
+  EXPECT_TRUE(std::any_of(rules.begin(), rules.end(), [&result](const auto& rule) {
+    return rule.at("id") == result.at("ruleId");
+  }));
+}
+
+// Every service has a fault of each of two kinds, one of which needs the search for a near name.
+TEST_F(PmCheck, AThousandServicesTakeASecond) {
+  std::string text = "applications:\n";
+  for (int i = 0; i < 1000; ++i) {
+    const std::string number = std::to_string(i);
+    text += Line("service_with_a_long_name_" + number,
+                 "isReporting: true, dependList: [servize_with_a_long_name_" + number + "]");
+  }
+  folder_.Write("large.yaml", text);
+  const double before = ChildrenSeconds();
+  const Result result = Run("--format json large.yaml");
+#ifndef PM_SANITIZED
+  EXPECT_LT(ChildrenSeconds() - before, 1.0);
+#endif
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(Brief(result.out, "large.yaml").size(), 2000U);
+}
+
+}  // namespace
