@@ -4,13 +4,10 @@
 #include "host/sharepool_cfg.h"
 
 namespace ProcMgr::App {
-namespace {
 
 bool HasShareGroups(const std::string& name, const std::string& owner) {
   return owner == kDataService || name == kDataService || name == "EM";
 }
-
-}  // namespace
 
 void AddShareGroups(const std::string& name, const std::string& owner, pid_t pid,
                     const std::vector<SharepoolGroupsInfo>& groups) {

@@ -12,7 +12,10 @@
 
 namespace ProcMgr::App {
 
-// Admits a new process to its groups, if the application is one of those that have any. Parent,
+// Whether an application is one of those that have any.
+[[nodiscard]] bool HasShareGroups(const std::string& name, const std::string& owner);
+
+// Admits a new process to its groups, if HasShareGroups(). Parent,
 // right after its start.
 void AddShareGroups(const std::string& name, const std::string& owner, pid_t pid,
                     const std::vector<SharepoolGroupsInfo>& groups);

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -19,6 +20,13 @@ namespace ProcMgr {
 // thread.
 [[nodiscard]] std::optional<uid_t> FindUserId(const std::string& name);
 [[nodiscard]] std::optional<gid_t> FindGroupId(const std::string& name);
+
+using UserFinder = std::function<std::optional<uid_t>(const std::string& name)>;
+using GroupFinder = std::function<std::optional<gid_t>(const std::string& name)>;
+
+// Puts other look-ups in the places of the two above, which call them under the lock. For tools
+// that look at the files of another machine: the daemon never calls it.
+void SetIdFinders(UserFinder users, GroupFinder groups);
 
 }  // namespace ProcMgr
 

@@ -25,6 +25,13 @@ std::span<const Rule> Rules() {
       Rule{"entry-file", "A start-up entry file that can't be found"},
       Rule{"priority", "A start-up priority that doesn't lead to a start"},
       Rule{"entry-twice", "An application in two start-up entry files"},
+      Rule{"user", "A user that the host doesn't know, or that is in too many groups"},
+      Rule{"binary", "A program that the host doesn't have, or can't run for the user"},
+      Rule{"digest", "A program that isn't the one that is listed"},
+      Rule{"cores", "Cores outside of the control set"},
+      Rule{"cgroup", "A cgroup or cpuset that the host doesn't have"},
+      Rule{"share-group", "A share pool group that the host doesn't have"},
+      Rule{"kernel-cmdline", "What the kernel command line changes about the boot"},
   };
   return kRules;
 }

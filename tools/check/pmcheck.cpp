@@ -3,18 +3,22 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "tools/check/checks.h"
+#include "tools/check/host.h"
 #include "tools/check/report.h"
 
 namespace {
 
 using ProcMgr::Check::CheckedFile;
 using ProcMgr::Check::Finding;
+using ProcMgr::Check::Host;
 using ProcMgr::Check::ServiceFile;
 using ProcMgr::Check::Severity;
 
@@ -26,7 +30,9 @@ struct Wishes {
   std::vector<std::string> files;
   std::vector<std::string> matches;
   std::string format = "text";
+  std::string root;
   bool isStrict = false;
+  bool isHost = false;
 };
 
 void AddOptions(CLI::App& app, Wishes& wishes) {
@@ -39,6 +45,14 @@ void AddOptions(CLI::App& app, Wishes& wishes) {
       ->check([](const std::string& pair) {
         return pair.find('=') == std::string::npos ? "must be KEY=VALUE" : "";
       });
+  CLI::Option* const host =
+      app.add_flag("--host", wishes.isHost,
+                   "Checks the files against this machine, too: binaries, users, cores, cgroups, "
+                   "digests, share pool groups, the kernel command line");
+  app.add_option("--root", wishes.root,
+                 "The folder that holds the platform's files in place of this machine's")
+      ->needs(host)
+      ->check(CLI::ExistingDirectory);
   app.add_flag("--strict", wishes.isStrict, "Warnings count as faults");
   app.add_option("--format", wishes.format,
                  "text (default), json, or sarif for code review tools; json and sarif go to "
@@ -55,10 +69,18 @@ std::map<std::string, std::string> MatchData(const std::vector<std::string>& mat
   return data;
 }
 
-CheckedFile CheckFile(const std::string& path,
-                      const std::map<std::string, std::string>& matchData) {
+// Resolved; "/" is this machine.
+std::string RootFolder(const std::string& path) {
+  const std::string resolved = std::filesystem::canonical(path).string();
+  return resolved == "/" ? "" : resolved;
+}
+
+// `host` is null if no host counts.
+CheckedFile CheckFile(const std::string& path, const std::map<std::string, std::string>& matchData,
+                      Host* host) {
   CheckedFile checked;
-  checked.files = ProcMgr::Check::LoadPlatform(path, {}, matchData, checked.findings);
+  checked.files = ProcMgr::Check::LoadPlatform(path, host == nullptr ? "" : host->Root(), matchData,
+                                               checked.findings);
   const ServiceFile& first = checked.files.first;
   checked.order = ProcMgr::Check::FindStartOrder(first.load.applications);
   std::vector<const ServiceFile*> entries;
@@ -71,6 +93,15 @@ CheckedFile CheckFile(const std::string& path,
     entries.push_back(&entry);
   }
   ProcMgr::Check::CheckEntryFiles(entries, checked.findings);
+  if (host != nullptr) {
+    if (!first.isEntry) {
+      host->CheckBoot(first, checked.findings);
+    }
+    host->CheckServices(first, checked.findings);
+    for (const ServiceFile& entry : checked.files.entries) {
+      host->CheckServices(entry, checked.findings);
+    }
+  }
   ProcMgr::Check::SortFindings(checked.findings);
   return checked;
 }
@@ -84,10 +115,14 @@ bool IsGood(const CheckedFile& file, bool isStrict) {
 
 int Check(const Wishes& wishes) {
   const std::map<std::string, std::string> matchData = MatchData(wishes.matches);
+  std::optional<Host> host;
+  if (wishes.isHost) {
+    host.emplace(wishes.root.empty() ? "" : RootFolder(wishes.root));
+  }
   std::vector<CheckedFile> checked;
   bool areGood = true;
   for (const std::string& path : wishes.files) {
-    checked.push_back(CheckFile(path, matchData));
+    checked.push_back(CheckFile(path, matchData, host ? &*host : nullptr));
     areGood = IsGood(checked.back(), wishes.isStrict) && areGood;
   }
   if (wishes.format == "json") {

@@ -73,7 +73,7 @@ PlatformFiles LoadPlatform(const std::string& path, const std::string& root,
                            const std::map<std::string, std::string>& matchData,
                            std::vector<Finding>& findings) {
   PlatformFiles files;
-  files.first = {path, Manifest::LoadForCheck(path, matchData), false};
+  files.first = {path, Manifest::LoadForCheck(path, matchData), false, {}};
   files.first.isEntry = LooksLikeEntryFile(files.first.load.applications);
   TakeFaults(files.first.load, findings);
   std::set<std::string> known;
@@ -91,7 +91,8 @@ PlatformFiles LoadPlatform(const std::string& path, const std::string& root,
                                       "; nothing can be started through " + owner.ShownName()));
       continue;
     }
-    files.entries.push_back({entryPath, Manifest::LoadForCheck(entryPath, matchData), true});
+    files.entries.push_back({entryPath, Manifest::LoadForCheck(entryPath, matchData), true,
+                             owner.Manifest().GetAppName()});
     TakeFaults(files.entries.back().load, findings);
   }
   return files;

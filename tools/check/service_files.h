@@ -43,6 +43,8 @@ struct ServiceFile {
   Manifest::CheckedLoad load;
   // True for what is started on request, false for base services.
   bool isEntry = false;
+  // Of an entry file: the first service that names it; empty if that isn't known.
+  std::string owner = {};
 
   [[nodiscard]] std::vector<Service> Services() const;
 };

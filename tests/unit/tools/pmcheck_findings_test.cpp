@@ -10,32 +10,11 @@
 
 namespace {
 
+using PmTest::Brief;
+using PmTest::Line;
 using PmTest::PmCheck;
 using PmTest::Result;
 using ::testing::HasSubstr;
-
-// "LINE:COLUMN severity rule" of each finding about `file`.
-std::vector<std::string> Brief(const std::string& json, const std::string& file) {
-  std::vector<std::string> list;
-  const auto document = nlohmann::json::parse(json);
-  for (const auto& checked : document.at("files")) {
-    for (const auto& finding : checked.at("findings")) {
-      if (finding.value("file", "").ends_with(file)) {
-        list.push_back(std::to_string(finding.at("line").get<int>()) + ':' +
-                       std::to_string(finding.at("column").get<int>()) + ' ' +
-                       finding.at("severity").get<std::string>() + ' ' +
-                       finding.at("rule").get<std::string>());
-      }
-    }
-  }
-  return list;
-}
-
-// One service to a line, `rest` being its keys beside those that are required.
-std::string Line(const std::string& name, const std::string& rest) {
-  return "  - {appName: " + name + ", binPath: /b, uid: 1, gid: 1" + (rest.empty() ? "" : ", ") +
-         rest + "}\n";
-}
 
 std::string Reporting(const std::string& name) {
   return "isReporting: true, envArgv: {PROC_NAME: " + name + "}";
@@ -95,28 +74,6 @@ TEST_F(PmCheck, EachPlantedFaultIsFoundAtItsPlaceAndNothingElse) {
                                      "5:69 warning doubtful-file", "6:53 error faulty-file"));
   EXPECT_THAT(Brief(result.out, "other.yaml"), ::testing::ElementsAre("2:15 warning entry-twice"));
   EXPECT_THAT(result.out, HasSubstr("the nearest name is \\\"access\\\""));
-}
-
-TEST_F(PmCheck, ExamplePlatformHasNoFinding) {
-  // With its users as numbers: this machine needn't have them.
-  std::string text;
-  const std::filesystem::path folder = std::filesystem::path(EXAMPLE_PLATFORM).parent_path();
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
-    if (!entry.is_regular_file()) {
-      continue;
-    }
-    std::ifstream in(entry.path());
-    std::string out;
-    for (std::string line; std::getline(in, line);) {
-      const std::size_t id = std::min(line.find("uid: "), line.find("gid: "));
-      out += (id == std::string::npos ? line : line.substr(0, id + 5) + "7") + '\n';
-    }
-    folder_.Write(std::filesystem::relative(entry.path(), folder).string(), out);
-  }
-  const Result result = Run("--strict platform.yaml entries/operator.yaml");
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.err, "");
-  EXPECT_THAT(result.out, HasSubstr("round 4: planner_service"));
 }
 
 TEST_F(PmCheck, StrictTakesWarningsForFaults) {

@@ -8,8 +8,10 @@
 #include <array>
 #include <cstdio>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "tests/support/temp_folder.h"
 
@@ -47,6 +49,29 @@ class PmCheck : public ::testing::Test {
 
   PmTest::TempFolder folder_;
 };
+
+// "LINE:COLUMN severity rule" of each finding about `file`.
+inline std::vector<std::string> Brief(const std::string& json, const std::string& file) {
+  std::vector<std::string> list;
+  const auto document = nlohmann::json::parse(json);
+  for (const auto& checked : document.at("files")) {
+    for (const auto& finding : checked.at("findings")) {
+      if (finding.value("file", "").ends_with(file)) {
+        list.push_back(std::to_string(finding.at("line").get<int>()) + ':' +
+                       std::to_string(finding.at("column").get<int>()) + ' ' +
+                       finding.at("severity").get<std::string>() + ' ' +
+                       finding.at("rule").get<std::string>());
+      }
+    }
+  }
+  return list;
+}
+
+// One service to a line, `rest` being its keys beside those that are required.
+inline std::string Line(const std::string& name, const std::string& rest) {
+  return "  - {appName: " + name + ", binPath: /b, uid: 1, gid: 1" + (rest.empty() ? "" : ", ") +
+         rest + "}\n";
+}
 
 }  // namespace PmTest
 

@@ -1,0 +1,279 @@
+#include "tools/check/host.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "app/app_info.h"
+#include "app/share_groups.h"
+#include "app/start_rules.h"
+#include "base/printable.h"
+#include "core/log.h"
+#include "host/cgroups.h"
+#include "host/kernel_cmdline.h"
+#include "tools/check/root_path.h"
+
+namespace ProcMgr::Check {
+namespace {
+
+using Findings = std::vector<Finding>;
+
+std::vector<std::string>* complaints = nullptr;
+
+// The log calls it under its lock.
+void KeepComplaint(int level, const char* text) {
+  if (complaints != nullptr && level <= LOG_ERR) {
+    complaints->emplace_back(text);
+  }
+}
+
+bool IsPattern(const std::string& text) {
+  return ParseAndDepend::Instance().IsDynamicPara(text);
+}
+
+CpusetPaths CpusetsBelow(const std::string& root) {
+  CpusetPaths paths;
+  paths.ctrlCpus.insert(0, root);
+  paths.aiCpus.insert(0, root);
+  paths.aiTasks.insert(0, root);
+  return paths;
+}
+
+CgroupRoots CgroupsBelow(const std::string& root) {
+  CgroupRoots roots;
+  roots.cpu.insert(0, root);
+  roots.memory.insert(0, root);
+  roots.cpuset.insert(0, root);
+  return roots;
+}
+
+std::string MachinePath(const std::string& root, const std::string& path) {
+  return ResolveInRoot(root, path).value_or(root + path);
+}
+
+std::string NotExecutable(App::ExecuteVerdict verdict, const struct stat& file) {
+  switch (verdict) {
+    case App::ExecuteVerdict::kOk:
+      break;
+    case App::ExecuteVerdict::kNobodyMay:
+      return "it has no execute bit";
+    case App::ExecuteVerdict::kOwnerMayNot:
+      return "the user owns it, and the owner has no execute bit";
+    case App::ExecuteVerdict::kNotInGroup:
+      return "the user neither owns it nor is in its group " + std::to_string(file.st_gid) +
+             " (the bit for others counts for root only)";
+    case App::ExecuteVerdict::kGroupMayNot:
+      return "its group " + std::to_string(file.st_gid) + " has no execute bit";
+  }
+  return {};
+}
+
+}  // namespace
+
+Host::Host(std::string root)
+    : root_(std::move(root)),
+      rootFolder_(open((root_ + '/').c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
+      users_(root_),
+      cores_(CpusetsBelow(root_)) {
+  complaints = &cmdlineComplaints_;
+  SetLogSink(&KeepComplaint);
+  const std::string cmdline = root_ + kKernelCmdlineFile;
+  ParseKernelCmdline(context_, cmdline, root_ + kConfigDir);
+  ParseRebootReason(context_, cmdline, root_ + kConfigDir);
+  complaints = nullptr;
+  cores_.LoadCpuInfo();
+  digests_.LoadHashCfg(MachinePath(root_, kBinHashFile));
+  shareGroups_.LoadSharepoolCfg(MachinePath(root_, kSharepoolDir));
+  shareGroups_.FinishSharepoolCfg();
+  if (const auto shell = ResolveInRoot(root_, "/bin/sh")) {
+    const std::optional<Executable> executable = ReadExecutable(*shell);
+    if (executable && executable->kind == Executable::Kind::kElf) {
+      machine_ = executable->machine;
+    }
+  }
+}
+
+void Host::CheckBoot(const ServiceFile& file, Findings& findings) {
+  for (const std::string& complaint : cmdlineComplaints_) {
+    findings.push_back({Severity::kWarning, "kernel-cmdline", {}, {}, Printable(complaint, 4096)});
+  }
+  if (!context_.startupYaml_.empty() &&
+      context_.startupYaml_ != ResolveInRoot({}, file.path).value_or(file.path)) {
+    findings.push_back({Severity::kWarning,
+                        "kernel-cmdline",
+                        file.path,
+                        {},
+                        "the kernel command line boots " + Quoted(context_.startupYaml_) +
+                            " in place of this file"});
+  }
+  for (const Service& service : file.Services()) {
+    if (!IsOptionalServiceAllowed(context_, service.Manifest().GetCfgPath())) {
+      findings.push_back(service.At("appName", Severity::kWarning, "kernel-cmdline",
+                                    service.ShownName() +
+                                        " is left out: the kernel command line doesn't ask for "
+                                        "this optional service"));
+    }
+  }
+}
+
+void Host::CheckServices(const ServiceFile& file, Findings& findings) {
+  for (const Service& service : file.Services()) {
+    CheckUser(service, findings);
+    if (!IsPattern(service.Manifest().GetBinPath())) {
+      CheckBinary(service, findings);
+    }
+    CheckCores(service, file.isEntry, findings);
+    CheckCgroups(service, findings);
+    if (file.isEntry) {
+      CheckShareGroups(service, file.owner, findings);
+    }
+  }
+}
+
+void Host::CheckUser(const Service& service, Findings& findings) {
+  const uid_t uid = service.Manifest().GetUid();
+  switch (users_.Judge(uid)) {
+    case UserVerdict::kOk:
+      return;
+    case UserVerdict::kUnknown:
+      findings.push_back(service.At("uid", Severity::kError, "user",
+                                    "the user database doesn't know the user " +
+                                        std::to_string(uid) + ", so no start gets its groups"));
+      return;
+    case UserVerdict::kTooManyGroups:
+      findings.push_back(service.At(
+          "uid", Severity::kError, "user",
+          "the user " + std::to_string(uid) + " is in more than 128 groups, so every start fails"));
+  }
+}
+
+void Host::CheckBinary(const Service& service, Findings& findings) {
+  const std::string& binPath = service.Manifest().GetBinPath();
+  const auto add = [&](const std::string& why) {
+    findings.push_back(service.At("binPath", Severity::kError, "binary",
+                                  Quoted(binPath) + " can't be started: " + why));
+  };
+  const std::optional<std::string> path = ResolveInRoot(root_, binPath);
+  struct stat file {};
+  if (!path || stat(path->c_str(), &file) != 0) {
+    add("it isn't there");
+    return;
+  }
+  if (!S_ISREG(file.st_mode)) {
+    add("it is no regular file");
+    return;
+  }
+  const auto verdict =
+      App::JudgeExecute(service.Manifest().GetUid(), file,
+                        [this](uid_t uid, gid_t gid) { return users_.IsInGroup(uid, gid); });
+  // A user that can't be read is told as such.
+  const bool isToldByUser = verdict == App::ExecuteVerdict::kNotInGroup &&
+                            users_.Judge(service.Manifest().GetUid()) != UserVerdict::kOk;
+  if (verdict != App::ExecuteVerdict::kOk && !isToldByUser) {
+    add(NotExecutable(verdict, file));
+  }
+  // Whoever checks may be allowed to read less than the daemon.
+  if (const std::optional<Executable> executable = ReadExecutable(*path)) {
+    CheckContent(service, *executable, findings);
+    CheckDigest(service, findings);
+  }
+}
+
+void Host::CheckContent(const Service& service, const Executable& executable, Findings& findings) {
+  const auto add = [&](const std::string& why) {
+    findings.push_back(
+        service.At("binPath", Severity::kError, "binary",
+                   Quoted(service.Manifest().GetBinPath()) + " can't be started: " + why));
+  };
+  if (executable.kind == Executable::Kind::kOther) {
+    add("it is neither an ELF program nor a script that begins with \"#!\"");
+    return;
+  }
+  if (executable.kind == Executable::Kind::kElf && machine_ && executable.machine != *machine_) {
+    add("it is made for " + MachineName(executable.machine) + ", and /bin/sh for " +
+        MachineName(*machine_));
+    return;
+  }
+  const bool needsOne = executable.kind == Executable::Kind::kScript;
+  if ((needsOne || !executable.interpreter.empty()) &&
+      !ResolveInRoot(root_, executable.interpreter)) {
+    add("its interpreter " + Quoted(executable.interpreter) + " isn't there");
+  }
+}
+
+// The digest's rule looks at the path, too, so it gets the platform's one behind a harmless name of
+// the root.
+void Host::CheckDigest(const Service& service, Findings& findings) {
+  if (!digests_.HasEntries()) {
+    return;
+  }
+  std::string prefix;
+  if (!root_.empty()) {
+    prefix = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(rootFolder_.Get());
+  }
+  if (!digests_.Check(prefix + service.Manifest().GetBinPath())) {
+    findings.push_back(service.At("binPath", Severity::kError, "digest",
+                                  Quoted(service.Manifest().GetBinPath()) +
+                                      " hasn't the digest that bin_hash.cfg lists, so every start "
+                                      "is refused; correct the list or the binary"));
+  }
+}
+
+void Host::CheckCores(const Service& service, bool isEntry, Findings& findings) {
+  const std::vector<std::uint32_t>& cores = service.Manifest().GetCoreAffinity();
+  if (cores.empty() || (isEntry && cores.front() == App::kAllReservedCores)) {
+    return;
+  }
+  const std::vector<std::uint32_t>& allowed = cores_.CtrlCpus();
+  const auto stranger = std::find_if(cores.begin(), cores.end(), [&allowed](std::uint32_t core) {
+    return std::find(allowed.begin(), allowed.end(), core) == allowed.end();
+  });
+  if (stranger != cores.end()) {
+    findings.push_back(service.At(
+        "coreAffinity", Severity::kError, "cores",
+        allowed.empty() ? "the cpuset CtrlCPU can't be read, so every start that names cores is "
+                          "refused"
+                        : "core " + std::to_string(*stranger) +
+                              " isn't in the cpuset CtrlCPU, so every start is refused"));
+  }
+}
+
+void Host::CheckCgroups(const Service& service, Findings& findings) {
+  const ApplicationManifest& manifest = service.Manifest();
+  const CgroupTasks tasks =
+      FindCgroupTasks(manifest.GetResGroupName(), manifest.GetCpuset(), CgroupsBelow(root_));
+  const std::array<std::pair<const char*, const std::string*>, 3> each = {
+      {{"resGroupName", &tasks.cpu}, {"resGroupName", &tasks.memory}, {"cpuset", &tasks.cpuset}}};
+  for (const auto& [key, path] : each) {
+    if (!path->empty() && access(path->c_str(), F_OK) != 0) {
+      findings.push_back(service.At(key, Severity::kWarning, "cgroup",
+                                    Quoted(path->substr(root_.size())) + " isn't there, so " +
+                                        service.ShownName() + " runs outside of its group"));
+    }
+  }
+}
+
+void Host::CheckShareGroups(const Service& service, const std::string& owner, Findings& findings) {
+  const std::string& name = service.Manifest().GetAppName();
+  if (!App::HasShareGroups(name, owner)) {
+    return;
+  }
+  for (const SharepoolGroupsInfo& group : service.Manifest().GetSharepoolGroups()) {
+    std::string err;
+    if (!shareGroups_.CheckSharepoolGroupCfg(group, err)) {
+      findings.push_back(service.At("sharepoolGroups", Severity::kWarning, "share-group",
+                                    service.ShownName() + " doesn't get the group " +
+                                        Quoted(group.groupName) +
+                                        ": the platform has no such "
+                                        "group, or the permission " +
+                                        Quoted(group.permission) + " isn't one"));
+    }
+  }
+}
+
+}  // namespace ProcMgr::Check
