@@ -22,6 +22,8 @@ struct Finding {
   Manifest::Place place;
   // What is wrong, and what would be right; printable.
   std::string text;
+  // The application that it is about; empty for none in particular.
+  std::string service = {};
 };
 
 // A kind of finding.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tools/check/checks.h"
+#include "tools/check/graph.h"
 #include "tools/check/host.h"
 #include "tools/check/report.h"
 
@@ -30,6 +31,7 @@ struct Wishes {
   std::vector<std::string> files;
   std::vector<std::string> matches;
   std::string format = "text";
+  std::string graph;
   std::string root;
   bool isStrict = false;
   bool isHost = false;
@@ -54,10 +56,15 @@ void AddOptions(CLI::App& app, Wishes& wishes) {
       ->needs(host)
       ->check(CLI::ExistingDirectory);
   app.add_flag("--strict", wishes.isStrict, "Warnings count as faults");
-  app.add_option("--format", wishes.format,
-                 "text (default), json, or sarif for code review tools; json and sarif go to "
-                 "standard output whole")
-      ->check(CLI::IsMember({"text", "json", "sarif"}));
+  CLI::Option* const format =
+      app.add_option("--format", wishes.format,
+                     "text (default), json, or sarif for code review tools; json and sarif go to "
+                     "standard output whole")
+          ->check(CLI::IsMember({"text", "json", "sarif"}));
+  app.add_option("--graph", wishes.graph,
+                 "dot: prints the start order as a graph for Graphviz in place of the rounds")
+      ->check(CLI::IsMember({"dot"}))
+      ->excludes(format);
 }
 
 std::map<std::string, std::string> MatchData(const std::vector<std::string>& matches) {
@@ -106,6 +113,13 @@ CheckedFile CheckFile(const std::string& path, const std::map<std::string, std::
   return checked;
 }
 
+void PrintGraphs(const std::vector<CheckedFile>& files) {
+  for (const CheckedFile& file : files) {
+    ProcMgr::Check::PrintFindings(file);
+    std::printf("%s", ProcMgr::Check::DotGraph(file).c_str());
+  }
+}
+
 bool IsGood(const CheckedFile& file, bool isStrict) {
   return std::all_of(file.findings.begin(), file.findings.end(),
                      [isStrict](const Finding& finding) {
@@ -125,7 +139,9 @@ int Check(const Wishes& wishes) {
     checked.push_back(CheckFile(path, matchData, host ? &*host : nullptr));
     areGood = IsGood(checked.back(), wishes.isStrict) && areGood;
   }
-  if (wishes.format == "json") {
+  if (!wishes.graph.empty()) {
+    PrintGraphs(checked);
+  } else if (wishes.format == "json") {
     PrintJson(checked);
   } else if (wishes.format == "sarif") {
     PrintSarif(checked);

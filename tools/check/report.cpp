@@ -1,5 +1,6 @@
 #include "tools/check/report.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -60,6 +61,9 @@ Json FindingOf(const Finding& finding) {
     out["line"] = finding.place.line;
     out["column"] = finding.place.column;
   }
+  if (!finding.service.empty()) {
+    out["service"] = Printable(finding.service, finding.service.size());
+  }
   out["message"] = finding.text;
   return out;
 }
@@ -80,10 +84,12 @@ Json SarifResult(const Finding& finding) {
 
 }  // namespace
 
+void PrintFindings(const CheckedFile& file) {
+  std::for_each(file.findings.begin(), file.findings.end(), &PrintFinding);
+}
+
 void PrintText(const CheckedFile& file) {
-  for (const Finding& finding : file.findings) {
-    PrintFinding(finding);
-  }
+  PrintFindings(file);
   const ServiceFile& first = file.files.first;
   if (first.load.hasErrors) {
     std::printf("%s: faulty\n", first.path.c_str());

@@ -18,7 +18,10 @@ struct CheckedFile {
   std::vector<Finding> findings;
 };
 
-// Findings to standard error, one line each; number of applications, start order and unmet
+// Findings to standard error, one line each.
+void PrintFindings(const CheckedFile& file);
+
+// The findings, and number of applications, start order and unmet
 // dependencies to standard output.
 void PrintText(const CheckedFile& file);
 

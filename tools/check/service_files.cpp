@@ -35,9 +35,9 @@ std::string Service::ShownName() const {
 Finding Service::At(const std::string& key, Severity severity, std::string_view rule,
                     std::string text) const {
   const auto value = places_.ofKey.find(key);
-  return {severity, std::string(rule), places_.file,
-          value == places_.ofKey.end() ? places_.application : value->second.value,
-          std::move(text)};
+  return {severity,        std::string(rule),
+          places_.file,    value == places_.ofKey.end() ? places_.application : value->second.value,
+          std::move(text), manifest_.GetAppName()};
 }
 
 Finding Service::AtElement(const std::string& key, std::string_view element, Severity severity,

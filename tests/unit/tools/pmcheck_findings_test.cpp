@@ -92,6 +92,30 @@ TEST_F(PmCheck, WhatHangsOnACircleIsInNoRound) {
   EXPECT_THAT(result.err, HasSubstr("circle.yaml:5:60: error: d -> d: "));
 }
 
+TEST_F(PmCheck, GraphShowsOrderReportsAndFaults) {
+  folder_.Write("a.yaml", "applications:\n" + Line("a", Reporting("a")) + Line("b", "") +
+                              Line("'c\"'", "dependList: [a, b, ghost]") +
+                              Line("d", "arguments: ['|'], " + Reporting("d")));
+  const Result result = Run("--graph dot a.yaml");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out, R"(digraph "a.yaml" {
+  rankdir=LR;
+  node [shape=box];
+  "a" [peripheries=2];
+  "b";
+  "c\"" [color=red];
+  "d" [peripheries=2, color=red];
+  { rank=same; "a"; "b"; "d"; }
+  { rank=same; "c\""; }
+  "a" -> "c\"";
+  "b" -> "c\"" [color=orange];
+  "ghost" -> "c\"" [color=red];
+  "ghost" [style=dashed, color=red];
+}
+)");
+  EXPECT_EQ(Run("--graph dot --format json a.yaml").status, 2);
+}
+
 TEST_F(PmCheck, SarifNamesRulePlaceAndLevel) {
   folder_.Write("warned.yaml", "applications:\n" + Line("d", "isReporting: true"));
   const auto document = nlohmann::json::parse(Run("--format sarif warned.yaml").out);
