@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
-namespace ProcMgr::Manifest {
+#include "platform/manifest/key_info.h"
 
-inline constexpr std::uint32_t kMaxCore = 1023;
+namespace ProcMgr::Manifest {
 
 // Core numbers in the order in which they came, each once.
 class CoreList {

@@ -10,6 +10,7 @@
 
 #include "base/printable.h"
 #include "base/user_lookup.h"
+#include "platform/manifest/key_info.h"
 #include "platform/manifest/pattern.h"
 
 namespace ProcMgr::Manifest {
@@ -20,7 +21,6 @@ using Fields = ApplicationManifest::Fields;
 constexpr std::int64_t kUint32Max = std::numeric_limits<std::uint32_t>::max();
 constexpr std::int64_t kInt32Min = std::numeric_limits<std::int32_t>::min();
 constexpr std::int64_t kInt32Max = std::numeric_limits<std::int32_t>::max();
-constexpr std::size_t kMaxNameBytes = 255;
 
 // A key's reader: reads the value of the key `name` into its field. False after telling the fault.
 using KeyReader = bool (*)(ValueReader& reader, const YamlNode& node, std::string_view name,
@@ -179,9 +179,8 @@ bool MatchKey(ValueReader& reader, const YamlNode& node, std::string_view name,
 
 bool RestartKey(ValueReader& reader, const YamlNode& node, std::string_view name,
                 ReadApplication& out) {
-  static constexpr std::array<std::string_view, 4> kWords = {"on-failure", "on-forever",
-                                                             "on-until-succeed", "no"};
-  if (node.IsCollection() || std::find(kWords.begin(), kWords.end(), node.text) == kWords.end()) {
+  if (node.IsCollection() ||
+      std::find(kRestartWords.begin(), kRestartWords.end(), node.text) == kRestartWords.end()) {
     reader.Wrong(node, name, "on-failure, on-forever, on-until-succeed or no");
     return false;
   }
@@ -229,55 +228,113 @@ bool StartupEntryPathKey(ValueReader& reader, const YamlNode& node, std::string_
 }
 
 struct KeyRule {
-  std::string_view name;
+  KeyInfo info;
   KeyReader read;
 };
 
+template <auto kField>
+std::int64_t Fallback() {
+  return static_cast<std::int64_t>(Fields{}.*kField);
+}
+
+template <auto kField>
+constexpr KeyRule TextRule(std::string_view name, std::string_view description) {
+  return {{name, KeyKind::kText, description}, &TextKey<kField>};
+}
+
+template <auto kField>
+constexpr KeyRule FlagRule(std::string_view name, std::string_view description) {
+  return {{name, KeyKind::kFlag, description, 0, 1, &Fallback<kField>}, &FlagKey<kField>};
+}
+
+template <auto kField, std::int64_t kLow, std::int64_t kHigh>
+constexpr KeyRule IntegerRule(std::string_view name, std::string_view description) {
+  return {{name, KeyKind::kInteger, description, kLow, kHigh, &Fallback<kField>},
+          &IntegerKey<kField, kLow, kHigh>};
+}
+
+template <auto kField, auto kFind>
+constexpr KeyRule IdRule(std::string_view name, std::string_view description) {
+  return {{name, KeyKind::kId, description, 0, kUint32Max}, &IdKey<kField, kFind>};
+}
+
 constexpr std::array kRules = {
-    KeyRule{"appName", &AppNameKey},
-    KeyRule{"binPath", &BinPathKey},
-    KeyRule{"uid", &IdKey<&Fields::uid, &FindUserId>},
-    KeyRule{"gid", &IdKey<&Fields::gid, &FindGroupId>},
-    KeyRule{"arguments", &ArgumentsKey},
-    KeyRule{"envArgv", &EnvArgvKey},
-    KeyRule{"dependList", &DependListKey},
-    KeyRule{"coreAffinity", &CoreAffinityKey},
-    KeyRule{"resGroupName", &TextKey<&Fields::resGroupName>},
-    KeyRule{"cpuset", &TextKey<&Fields::cpuset>},
-    KeyRule{"restart", &RestartKey},
-    KeyRule{"termTimeOut", &IntegerKey<&Fields::termTimeOut, 0, kUint32Max>},
-    KeyRule{"nice", &IntegerKey<&Fields::nice, -20, 19>},
-    KeyRule{"nodeType", &IntegerKey<&Fields::nodeType, kInt32Min, kInt32Max>},
-    KeyRule{"startupPriority", &IntegerKey<&Fields::startupPriority, -1, kInt32Max>},
-    KeyRule{"vfId", &VfIdKey},
-    KeyRule{"startupEntryPath", &StartupEntryPathKey},
-    KeyRule{"securityCon", &TextKey<&Fields::securityCon>},
-    KeyRule{"soName", &TextKey<&Fields::soName>},
-    KeyRule{"soPath", &TextKey<&Fields::soPath>},
-    KeyRule{"processBindPath", &TextKey<&Fields::processBindPath>},
-    KeyRule{"sharepoolGroups", &SharepoolGroupsKey},
-    KeyRule{"isReporting", &FlagKey<&Fields::isReporting>},
-    KeyRule{"isForceTerm", &FlagKey<&Fields::isForceTerm>},
-    KeyRule{"isSetRtPrio", &FlagKey<&Fields::isSetRtPrio>},
-    KeyRule{"isDelayCoreAffinity", &FlagKey<&Fields::isDelayCoreAffinity>},
-    KeyRule{"isSo", &FlagKey<&Fields::isSo>},
-    KeyRule{"heartBeatSwitch", &FlagKey<&Fields::heartBeatSwitch>},
-    KeyRule{"isDynamicPara", &FlagKey<&Fields::isDynamicPara>},
-    KeyRule{"match", &MatchKey},
+    KeyRule{{"appName", KeyKind::kName,
+             "The application's name; may be a pattern in a start-up entry file."},
+            &AppNameKey},
+    KeyRule{{"binPath", KeyKind::kPath, "The program: an absolute path, or a pattern."},
+            &BinPathKey},
+    IdRule<&Fields::uid, &FindUserId>("uid", "The user: a number or a name."),
+    IdRule<&Fields::gid, &FindGroupId>("gid", "The group: a number or a name."),
+    KeyRule{{"arguments", KeyKind::kScalars, "argv[1] and on, each taken as its text."},
+            &ArgumentsKey},
+    KeyRule{{"envArgv", KeyKind::kVariables,
+             "Environment variables. A service that reports needs PROC_NAME with its appName."},
+            &EnvArgvKey},
+    KeyRule{{"dependList", KeyKind::kNames, "The applications that must run first."},
+            &DependListKey},
+    KeyRule{{"coreAffinity", KeyKind::kCores,
+             "Core numbers and ranges; left out: the control cores. 255 in the first place stands "
+             "for the reserved cores, for an application started on request."},
+            &CoreAffinityKey},
+    TextRule<&Fields::resGroupName>("resGroupName", "The cpu and memory cgroup."),
+    TextRule<&Fields::cpuset>("cpuset", "The cpuset cgroup."),
+    KeyRule{{"restart", KeyKind::kRestart, "When the application is started again."}, &RestartKey},
+    IntegerRule<&Fields::termTimeOut, 0, kUint32Max>(
+        "termTimeOut", "Milliseconds between SIGTERM and the next step."),
+    IntegerRule<&Fields::nice, -20, 19>("nice", "What is added to the niceness."),
+    IntegerRule<&Fields::nodeType, kInt32Min, kInt32Max>(
+        "nodeType", "0: a sensor shows the application's faults."),
+    IntegerRule<&Fields::startupPriority, -1, kInt32Max>(
+        "startupPriority", "Lower starts earlier, ahead of the base services; -1: no priority."),
+    KeyRule{{"vfId", KeyKind::kIntegerOrPattern, "The device function, or a pattern; -1: none.",
+             kInt32Min, kInt32Max, &Fallback<&Fields::vfId>},
+            &VfIdKey},
+    KeyRule{{"startupEntryPath", KeyKind::kText,
+             "The start-up entry file, absolute or relative to this file."},
+            &StartupEntryPathKey},
+    TextRule<&Fields::securityCon>("securityCon", "Carried with the application."),
+    TextRule<&Fields::soName>("soName", "Carried with the application."),
+    TextRule<&Fields::soPath>("soPath", "Carried with the application."),
+    TextRule<&Fields::processBindPath>("processBindPath", "Carried with the application."),
+    KeyRule{{"sharepoolGroups", KeyKind::kGroups,
+             "The share pool groups that the application gets; of a base service it isn't read."},
+            &SharepoolGroupsKey},
+    FlagRule<&Fields::isReporting>("isReporting", "The service reports its own state and beats."),
+    FlagRule<&Fields::isForceTerm>("isForceTerm",
+                                   "SIGKILL is allowed when termTimeOut has run out."),
+    FlagRule<&Fields::isSetRtPrio>("isSetRtPrio", "The limit of real-time priorities is raised."),
+    FlagRule<&Fields::isDelayCoreAffinity>(
+        "isDelayCoreAffinity", "Core binding waits for the request of delayed binding."),
+    FlagRule<&Fields::isSo>("isSo", "Carried with the application."),
+    FlagRule<&Fields::heartBeatSwitch>("heartBeatSwitch", "The process is told to beat (GRP_HB)."),
+    // Left out it depends on the other keys.
+    KeyRule{{"isDynamicPara", KeyKind::kFlag,
+             "Requests bring parts of the launch; left out: true if there is a pattern."},
+            &FlagKey<&Fields::isDynamicPara>},
+    KeyRule{{"match", KeyKind::kPairs,
+             "The application is taken only if the load's match data has every pair."},
+            &MatchKey},
 };
 
-constexpr std::array<std::string_view, 4> kRequired = {"appName", "binPath", "uid", "gid"};
+constexpr std::array<KeyInfo, kRules.size()> KeyInfos() {
+  std::array<KeyInfo, kRules.size()> infos;
+  std::transform(kRules.begin(), kRules.end(), infos.begin(), [](auto& rule) { return rule.info; });
+  return infos;
+}
+constexpr std::array<KeyInfo, kRules.size()> kKeyInfos = KeyInfos();
 
 constexpr std::array<std::string_view, kRules.size()> KeyNames() {
   std::array<std::string_view, kRules.size()> names;
-  std::transform(kRules.begin(), kRules.end(), names.begin(), [](auto& rule) { return rule.name; });
+  std::transform(kKeyInfos.begin(), kKeyInfos.end(), names.begin(),
+                 [](auto& info) { return info.name; });
   return names;
 }
 constexpr std::array<std::string_view, kRules.size()> kKeyNames = KeyNames();
 
 bool CheckRequired(ValueReader& reader, const YamlNode& mapping) {
   bool isGood = true;
-  for (const std::string_view name : kRequired) {
+  for (const std::string_view name : kRequiredKeys) {
     if (mapping.Find(name) == nullptr) {
       reader.Error(mapping.place, "the application has no " + std::string(name) +
                                       "; appName, binPath, uid and gid are required");
@@ -297,6 +354,10 @@ bool HasPatterns(const Fields& fields) {
 
 }  // namespace
 
+std::span<const KeyInfo> ApplicationKeys() {
+  return kKeyInfos;
+}
+
 bool IsApplicationKey(std::string_view key) {
   return std::find(kKeyNames.begin(), kKeyNames.end(), key) != kKeyNames.end();
 }
@@ -306,11 +367,11 @@ bool ReadApplicationMapping(ValueReader& reader, const YamlNode& mapping, ReadAp
   for (const auto& [key, value] : mapping.children) {
     const auto* const rule = std::find_if(
         kRules.begin(), kRules.end(),
-        [&name = key->text](const KeyRule& candidate) { return candidate.name == name; });
+        [&name = key->text](const KeyRule& candidate) { return candidate.info.name == name; });
     if (rule == kRules.end()) {
       reader.UnknownKey(*key, kKeyNames);
     } else {
-      isGood = rule->read(reader, *value, rule->name, out) && isGood;
+      isGood = rule->read(reader, *value, rule->info.name, out) && isGood;
     }
   }
   if (mapping.Find("isDynamicPara") == nullptr) {

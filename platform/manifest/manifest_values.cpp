@@ -5,6 +5,7 @@
 #include "base/nearest_word.h"
 #include "base/printable.h"
 #include "platform/manifest/core_list.h"
+#include "platform/manifest/key_info.h"
 
 namespace ProcMgr::Manifest {
 namespace {
@@ -214,18 +215,17 @@ bool ValueReader::Cores(const YamlNode& node, std::string_view what,
 }
 
 bool ValueReader::Group(const YamlNode& node, SharepoolGroupsInfo& out) {
-  static constexpr std::array<std::string_view, 2> kKnown = {"groupName", "permission"};
   if (!Mapping(node, "an element of sharepoolGroups")) {
     return false;
   }
   bool isGood = true;
   for (const auto& [key, value] : node.children) {
-    if (key->text == kKnown[0]) {
-      isGood = Text(*value, kKnown[0], out.groupName) && isGood;
-    } else if (key->text == kKnown[1]) {
-      isGood = Text(*value, kKnown[1], out.permission) && isGood;
+    if (key->text == kGroupKeys[0]) {
+      isGood = Text(*value, kGroupKeys[0], out.groupName) && isGood;
+    } else if (key->text == kGroupKeys[1]) {
+      isGood = Text(*value, kGroupKeys[1], out.permission) && isGood;
     } else {
-      UnknownKey(*key, kKnown);
+      UnknownKey(*key, kGroupKeys);
     }
   }
   if (isGood && out.groupName.empty()) {

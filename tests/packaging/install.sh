@@ -16,6 +16,7 @@ for file in sbin/process-manager bin/pmcheck bin/pmctl share/man/man1/pmctl.1 \
   bin/pm-notify share/man/man1/pm-notify.1 share/bash-completion/completions/pm-notify \
   share/bash-completion/completions/pmctl share/man/man8/process-manager.8 \
   libexec/process-manager/iammgr libexec/process-manager/operator \
+  share/process-manager/service-file.schema.json \
   lib/systemd/system/process-manager.service lib/tmpfiles.d/process-manager.conf \
   include/process-manager/process_manager_agent_c.h lib/python3/dist-packages/process_manager.py; do
   [[ -s $stage/usr/$file ]] || fail "/usr/$file is missing"

@@ -49,12 +49,14 @@ std::string ElfInterpreter(int fd) {
 
 Executable ReadElf(int fd, const std::array<char, kHeadBytes>& head) {
   Executable elf{Executable::Kind::kElf, 0, {}};
-  const auto byteAt = [&head](std::size_t i) { return static_cast<std::uint8_t>(head[i]); };
+  const auto byteAt = [&head](std::size_t i) -> std::uint32_t {
+    return static_cast<std::uint8_t>(head[i]);
+  };
   const bool isBig = head[EI_DATA] == ELFDATA2MSB;
   const std::size_t at = offsetof(Elf64_Ehdr, e_machine);
   const std::uint32_t machine =
       isBig ? byteAt(at) << 8U | byteAt(at + 1) : byteAt(at + 1) << 8U | byteAt(at);
-  elf.machine = machine << 16U | std::uint32_t{byteAt(EI_CLASS)} << 8U | byteAt(EI_DATA);
+  elf.machine = machine << 16U | byteAt(EI_CLASS) << 8U | byteAt(EI_DATA);
   const bool isOwnOrder = isBig == (std::endian::native == std::endian::big);
   if (isOwnOrder) {
     elf.interpreter = head[EI_CLASS] == ELFCLASS64 ? ElfInterpreter<Elf64_Ehdr, Elf64_Phdr>(fd)

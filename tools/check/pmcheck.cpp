@@ -14,6 +14,7 @@
 #include "tools/check/graph.h"
 #include "tools/check/host.h"
 #include "tools/check/report.h"
+#include "tools/check/schema.h"
 
 namespace {
 
@@ -35,12 +36,12 @@ struct Wishes {
   std::string root;
   bool isStrict = false;
   bool isHost = false;
+  bool isSchema = false;
 };
 
 void AddOptions(CLI::App& app, Wishes& wishes) {
   app.add_option("FILE", wishes.files,
-                 "A service file; its includes and entry files are checked with it")
-      ->required();
+                 "A service file; its includes and entry files are checked with it");
   app.add_option("-m,--match", wishes.matches,
                  "Match data of the load, KEY=VALUE; may be given several times")
       ->allow_extra_args(false)
@@ -65,6 +66,8 @@ void AddOptions(CLI::App& app, Wishes& wishes) {
                  "dot: prints the start order as a graph for Graphviz in place of the rounds")
       ->check(CLI::IsMember({"dot"}))
       ->excludes(format);
+  app.add_flag("--schema", wishes.isSchema,
+               "Prints the JSON schema of service files, for editors, and checks nothing");
 }
 
 std::map<std::string, std::string> MatchData(const std::vector<std::string>& matches) {
@@ -165,8 +168,15 @@ int main(int argc, char** argv) {
     AddOptions(app, wishes);
     try {
       app.parse(argc, argv);
+      if (wishes.files.empty() && !wishes.isSchema) {
+        throw CLI::RequiredError("FILE");
+      }
     } catch (const CLI::ParseError& error) {
       return app.exit(error) == 0 ? kGood : kUsage;
+    }
+    if (wishes.isSchema) {
+      std::printf("%s", ProcMgr::Check::ServiceFileSchema().c_str());
+      return kGood;
     }
     return Check(wishes);
   } catch (const std::exception& failure) {

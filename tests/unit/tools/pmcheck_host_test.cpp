@@ -122,6 +122,25 @@ TEST_F(PmCheckHost, EachPlantedFaultIsFoundAtItsPlaceAndNothingElse) {
   EXPECT_THAT(Brief(result.out, "entry.yaml"), ElementsAre("3:77 warning share-group"));
 }
 
+// The checker itself is a program with an interpreter: this machine has that, an empty root hasn't.
+TEST_F(PmCheckHost, RealProgramRunsHereAndMissesItsInterpreterElsewhere) {
+  WriteUsers({"user"});
+  std::ostringstream program;
+  program << std::ifstream(PMCHECK).rdbuf();
+  WriteProgram("bin/sh", program.str(), 0755);
+  folder_.Write("there.yaml",
+                "applications: [{appName: a, uid: user, gid: user, binPath: /bin/sh}]\n");
+  const Result there = RunHost("there.yaml");
+  EXPECT_EQ(there.status, 1);
+  EXPECT_THAT(there.err, HasSubstr("there.yaml:1:60: error: \"/bin/sh\" can't be started: its "
+                                   "interpreter \"/"));
+  folder_.Write("here.yaml", "applications: [{appName: a, uid: " + std::to_string(geteuid()) +
+                                 ", gid: 0, binPath: " PMCHECK "}]\n");
+  const Result here = Run("--host here.yaml");
+  EXPECT_EQ(here.status, 0);
+  EXPECT_EQ(here.err, "");
+}
+
 TEST_F(PmCheckHost, KernelCommandLineTellsWhatIsBooted) {
   WriteUsers({"user"});
   WriteProgram("bin/good", Elf(kX86), 0750);
