@@ -62,6 +62,7 @@ function(pm_program name)
   cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE pm_flags ${ARG_LINK})
+  target_compile_definitions(${name} PRIVATE PM_VERSION="${PROJECT_VERSION}")
   # A sanitizer's run time comes whole only this way, also for a program in C.
   set_target_properties(${name} PROPERTIES LINKER_LANGUAGE CXX)
   pm_in_room(${name})

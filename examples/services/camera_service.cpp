@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "examples/services/service.h"
+#include "tools/service/base_service.h"
 
 namespace {
 
@@ -19,7 +19,7 @@ void Publish(std::uint64_t number) {
 }  // namespace
 
 int main() {
-  Example::Service service("camera_service");
+  Services::BaseService service("camera_service");
   std::uint64_t number = 0;
   Publish(number);
   service.ReportReady();

@@ -1,8 +1,8 @@
 // map_service loads its map before it reports: the boot waits for it.
-#include "examples/services/service.h"
+#include "tools/service/base_service.h"
 
 int main() {
-  Example::Service service("map_service");
+  Services::BaseService service("map_service");
   constexpr std::chrono::milliseconds kLoading{150};
   if (!service.Run(kLoading)) {
     return 0;

@@ -4,10 +4,10 @@
 #include <cstdio>
 #include <fstream>
 
-#include "examples/services/service.h"
+#include "tools/service/base_service.h"
 
 int main() {
-  Example::Service service("planner_service");
+  Services::BaseService service("planner_service");
   service.ReportReady();
   std::uint64_t last = 0;
   std::uint64_t plans = 0;

@@ -1,8 +1,8 @@
 // proc_launcher, the launcher of the example platform.
-#include "examples/services/service.h"
+#include "tools/service/base_service.h"
 
 int main() {
-  Example::Service service("proc_launcher");
+  Services::BaseService service("proc_launcher");
   service.ReportReady();
   while (service.Run(std::chrono::seconds(1))) {
   }

@@ -1,4 +1,4 @@
-#include "examples/services/service.h"
+#include "tools/service/base_service.h"
 
 #include <algorithm>
 #include <csignal>
@@ -9,7 +9,7 @@
 
 #include "base/names.h"
 
-namespace Example {
+namespace Services {
 namespace {
 
 // Below a second: the limit of a sleep is given in nanoseconds alone.
@@ -39,7 +39,7 @@ void BlockEndSignals() {
   (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-Service::Service(const char* name, ProcMgr::Agent::Callbacks callbacks) {
+BaseService::BaseService(const char* name, ProcMgr::Agent::Callbacks callbacks) {
   // The threads of the libraries inherit the mask, so the signals wait for Run.
   BlockEndSignals();
   ProcMgr::Agent::Options options;
@@ -48,7 +48,17 @@ Service::Service(const char* name, ProcMgr::Agent::Callbacks callbacks) {
   Require("serve the name", ProcMgr::Agent::Create(options, agent_));
 }
 
-void Service::ReportReady() {
+void BaseService::AwaitManager(std::chrono::seconds limit) {
+  const ProcMgr::Result result = agent_->WaitConnected(limit);
+  if (result != ProcMgr::Result::kOk) {
+    (void)std::fprintf(
+        stderr, "%s: %s within %lld s: it is a base service, which the manager starts\n",
+        agent_->Name().c_str(), ProcMgr::ToText(result), static_cast<long long>(limit.count()));
+    std::_Exit(EXIT_FAILURE);
+  }
+}
+
+void BaseService::ReportReady() {
   const bool isAccessManager = agent_->Name() == ProcMgr::kAccessService;
   if (isAccessManager) {
     Require("report that the access manager is up",
@@ -62,7 +72,7 @@ void Service::ReportReady() {
   }
 }
 
-void Service::BeatIfDue() {
+void BaseService::BeatIfDue() {
   const ProcMgr::SteadyTime now = ProcMgr::SteadyNow();
   if (now >= nextBeat_) {
     nextBeat_ = now + kBeatPeriod;
@@ -71,7 +81,7 @@ void Service::BeatIfDue() {
   }
 }
 
-bool Service::Run(std::chrono::milliseconds period) {
+bool BaseService::Run(std::chrono::milliseconds period) {
   const sigset_t signals = EndSignals();
   const ProcMgr::SteadyTime end = ProcMgr::SteadyNow() + period;
   do {
@@ -86,4 +96,4 @@ bool Service::Run(std::chrono::milliseconds period) {
   return true;
 }
 
-}  // namespace Example
+}  // namespace Services

@@ -1,11 +1,11 @@
-#include "examples/services/known_apps.h"
+#include "tools/iammgr/known_apps.h"
 
 #include "app/manifest.h"
 #include "base/names.h"
 #include "base/small_file.h"
 #include "base/text.h"
 
-namespace Example {
+namespace Iammgr {
 namespace {
 
 constexpr std::size_t kStatLimit = 4096;
@@ -68,4 +68,4 @@ AppKind KnownApps::Find(const std::string& name, pid_t pid, pid_t manager) const
   return {manager > 0 && ParentOf(pid) == manager ? "general" : "self-reported", ""};
 }
 
-}  // namespace Example
+}  // namespace Iammgr

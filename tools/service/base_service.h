@@ -1,7 +1,7 @@
-// What the services of the example platform share: they report to the manager that they are ready,
+// What the base services of this project share: they report to the manager that they are ready,
 // they beat from their own loop, and they end when they are told to.
-#ifndef EXAMPLES_SERVICES_SERVICE_H
-#define EXAMPLES_SERVICES_SERVICE_H
+#ifndef TOOLS_SERVICE_BASE_SERVICE_H
+#define TOOLS_SERVICE_BASE_SERVICE_H
 
 #include <chrono>
 #include <memory>
@@ -9,18 +9,23 @@
 #include "agent/process_manager_agent.h"
 #include "base/steady_time.h"
 
-namespace Example {
+namespace Services {
 
-// Blocks SIGTERM and SIGINT, so that they wait for Service::Run. A Service does so itself; a
-// program that starts threads before it calls this first.
+// Blocks SIGTERM and SIGINT, so that they wait for BaseService::Run. A BaseService does so itself;
+// a program that starts threads before it calls this first.
 void BlockEndSignals();
 
-class Service {
+class BaseService {
  public:
   // Serves `name`, the one that the manifest gives the application. Blocks SIGTERM and SIGINT for
   // Run; make it before any thread. Ends the process with a line on standard error if the name
   // can't be served.
-  explicit Service(const char* name, ProcMgr::Agent::Callbacks callbacks = {});
+  explicit BaseService(const char* name, ProcMgr::Agent::Callbacks callbacks = {});
+
+  // Waits until the manager has opened the channel. Ends the process with a line on standard error
+  // if it doesn't within `limit`: then no manager has started this program. ReportReady waits too;
+  // this is for what must not be there without a manager.
+  void AwaitManager(std::chrono::seconds limit);
 
   // Tells the manager that this service is ready, as soon as the channel is there; "iammgr" says
   // first that it is up, and asks at last for what has happened before. Ends the process if no
@@ -41,6 +46,6 @@ class Service {
   ProcMgr::SteadyTime nextBeat_;
 };
 
-}  // namespace Example
+}  // namespace Services
 
-#endif  // EXAMPLES_SERVICES_SERVICE_H
+#endif  // TOOLS_SERVICE_BASE_SERVICE_H

@@ -1,6 +1,6 @@
 // Waiting for what becomes of applications that have been asked for.
-#ifndef EXAMPLES_SERVICES_OUTCOMES_H
-#define EXAMPLES_SERVICES_OUTCOMES_H
+#ifndef TOOLS_OPERATOR_OUTCOMES_H
+#define TOOLS_OPERATOR_OUTCOMES_H
 
 #include <map>
 #include <optional>
@@ -11,7 +11,7 @@
 #include "base/steady_time.h"
 #include "message/request_msg.h"
 
-namespace Example {
+namespace Operator {
 
 // The reports of an application say nothing about which request they answer, so one request at a
 // time waits for one name. Any thread may call.
@@ -58,6 +58,6 @@ class Outcomes {
   Slots slots_ GUARDED_BY(mutex_);
 };
 
-}  // namespace Example
+}  // namespace Operator
 
-#endif  // EXAMPLES_SERVICES_OUTCOMES_H
+#endif  // TOOLS_OPERATOR_OUTCOMES_H

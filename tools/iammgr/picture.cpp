@@ -1,11 +1,11 @@
-#include "examples/services/picture.h"
+#include "tools/iammgr/picture.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "base/app_state.h"
 
-namespace Example {
+namespace Iammgr {
 namespace {
 
 constexpr std::size_t kMostEntries = 8192;
@@ -137,4 +137,4 @@ std::string Picture::ToJson() const {
       -1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
-}  // namespace Example
+}  // namespace Iammgr

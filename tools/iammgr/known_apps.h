@@ -1,7 +1,7 @@
 // What the service files tell about the applications of the platform: which are base services, and
 // which base service a general application belongs to.
-#ifndef EXAMPLES_SERVICES_KNOWN_APPS_H
-#define EXAMPLES_SERVICES_KNOWN_APPS_H
+#ifndef TOOLS_IAMMGR_KNOWN_APPS_H
+#define TOOLS_IAMMGR_KNOWN_APPS_H
 
 #include <sys/types.h>
 
@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-namespace Example {
+namespace Iammgr {
 
 struct AppKind {
   std::string kind;   // "manager", "base", "general" or "self-reported".
@@ -35,6 +35,6 @@ class KnownApps {
   std::vector<std::pair<std::string, std::string>> patterns_;  // Pattern and owner.
 };
 
-}  // namespace Example
+}  // namespace Iammgr
 
-#endif  // EXAMPLES_SERVICES_KNOWN_APPS_H
+#endif  // TOOLS_IAMMGR_KNOWN_APPS_H

@@ -1,5 +1,5 @@
 // What the access manager makes of the manager's reports.
-#include "examples/services/picture.h"
+#include "tools/iammgr/picture.h"
 
 #include <gtest/gtest.h>
 
@@ -25,7 +25,7 @@ class PictureTest : public ::testing::Test {
 
   // The row of the only process that the reports, which come one a second, leave behind.
   nlohmann::json RowAfter(const std::vector<AppStateInfo>& reports) const {
-    Example::Picture picture(base_);
+    Iammgr::Picture picture(base_);
     for (std::size_t i = 0; i < reports.size(); ++i) {
       picture.Apply({reports[i]}, static_cast<std::time_t>(i));
     }
@@ -86,7 +86,7 @@ TEST_F(PictureTest, AnswerForANameWithoutAProcessLeavesNoRow) {
 }
 
 TEST_F(PictureTest, MadeUpNamesDontMakeItGrowWithoutEnd) {
-  Example::Picture picture(base_);
+  Iammgr::Picture picture(base_);
   constexpr int kNames = 9000;
   picture.Apply({{"fixed", 5, 0, 0, 0}}, 0);
   for (int i = 0; i < kNames; ++i) {

@@ -10,16 +10,16 @@
 //       {"ok", "text"}
 //
 // A request that can't be served at all gets {"error": TEXT}.
-#ifndef EXAMPLES_SERVICES_OPERATOR_REQUESTS_H
-#define EXAMPLES_SERVICES_OPERATOR_REQUESTS_H
+#ifndef TOOLS_OPERATOR_OPERATOR_REQUESTS_H
+#define TOOLS_OPERATOR_OPERATOR_REQUESTS_H
 
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
 #include "agent/process_manager_agent.h"
-#include "examples/services/outcomes.h"
+#include "tools/operator/outcomes.h"
 
-namespace Example {
+namespace Operator {
 
 class OperatorRequests {
  public:
@@ -48,6 +48,6 @@ class OperatorRequests {
   const std::string iammgrSocket_;
 };
 
-}  // namespace Example
+}  // namespace Operator
 
-#endif  // EXAMPLES_SERVICES_OPERATOR_REQUESTS_H
+#endif  // TOOLS_OPERATOR_OPERATOR_REQUESTS_H

@@ -1,8 +1,8 @@
-#include "examples/services/outcomes.h"
+#include "tools/operator/outcomes.h"
 
 #include <utility>
 
-namespace Example {
+namespace Operator {
 
 using ProcMgr::MutexLock;
 using ProcMgr::SteadyTime;
@@ -86,4 +86,4 @@ bool Outcomes::AllReported(const std::vector<std::string>& names) const {
   return true;
 }
 
-}  // namespace Example
+}  // namespace Operator

@@ -1,4 +1,4 @@
-#include "examples/services/operator_requests.h"
+#include "tools/operator/operator_requests.h"
 
 #include <algorithm>
 #include <chrono>
@@ -10,7 +10,7 @@
 #include "base/app_state.h"
 #include "tools/local/local_client.h"
 
-namespace Example {
+namespace Operator {
 namespace {
 
 using nlohmann::json;
@@ -250,4 +250,4 @@ json OperatorRequests::Load(const std::string& operation, const json& request) c
   return {{"ok", false}, {"text", text}};
 }
 
-}  // namespace Example
+}  // namespace Operator

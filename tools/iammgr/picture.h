@@ -1,6 +1,6 @@
 // The access manager's picture of every process of the platform, built from the manager's reports.
-#ifndef EXAMPLES_SERVICES_PICTURE_H
-#define EXAMPLES_SERVICES_PICTURE_H
+#ifndef TOOLS_IAMMGR_PICTURE_H
+#define TOOLS_IAMMGR_PICTURE_H
 
 #include <cstdint>
 #include <ctime>
@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "base/mutex.h"
-#include "examples/services/known_apps.h"
 #include "message/request_msg.h"
+#include "tools/iammgr/known_apps.h"
 
-namespace Example {
+namespace Iammgr {
 
 class Picture {
  public:
@@ -53,6 +53,6 @@ class Picture {
   pid_t manager_ GUARDED_BY(mutex_) = 0;
 };
 
-}  // namespace Example
+}  // namespace Iammgr
 
-#endif  // EXAMPLES_SERVICES_PICTURE_H
+#endif  // TOOLS_IAMMGR_PICTURE_H

@@ -1,0 +1,75 @@
+// operator, the base service behind pmctl: it runs the applications of its start-up file at the
+// bidding of people, who reach it over a local socket if they are root or in its group.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "tools/local/local_client.h"
+#include "tools/local/local_server.h"
+#include "tools/operator/operator_requests.h"
+#include "tools/operator/outcomes.h"
+#include "tools/service/base_service.h"
+#include "tools/service/service_program.h"
+
+namespace {
+
+constexpr std::chrono::seconds kLoadLimit{30};
+// Each request that waits for an outcome holds one.
+constexpr unsigned kServerThreads = 8;
+
+struct Wish {
+  std::string socket = Local::kOperatorSocket;
+  std::string iammgrSocket = Local::kIammgrSocket;
+  unsigned waitSeconds = Services::kDefaultWaitSeconds;
+};
+
+void Serve(const Wish& wish) {
+  Operator::Outcomes outcomes;
+  ProcMgr::Agent::Callbacks callbacks;
+  callbacks.appStates = [&outcomes](const auto& changes) { outcomes.Report(changes); };
+  Services::BaseService service("operator", std::move(callbacks));
+  service.AwaitManager(std::chrono::seconds(wish.waitSeconds));
+  const Operator::OperatorRequests requests(service.Agent(), outcomes, wish.iammgrSocket);
+  const Local::LocalServer server(
+      wish.socket, kServerThreads,
+      [&requests](const std::string& request) { return requests.Handle(request); });
+  service.ReportReady();
+  const ProcMgr::Result loaded = service.Agent().LoadStartupCfg({}, kLoadLimit);
+  if (loaded != ProcMgr::Result::kOk) {
+    // It serves on: a repaired file comes in with "pmctl load".
+    (void)std::fprintf(stderr, "operator: load the start-up file: %s\n", ProcMgr::ToText(loaded));
+  }
+  while (service.Run(std::chrono::seconds(1))) {
+  }
+}
+
+int Run(int argc, char** argv) {
+  CLI::App app{
+      "The service behind pmctl: a base service, which the process manager starts. It runs the "
+      "applications of its start-up file at the bidding of root and its own group.\n"
+      "Exit status: 0 told to end, 1 can't serve, 2 wrong usage.",
+      "operator"};
+  app.set_version_flag("--version", "operator " PM_VERSION);
+  Wish wish;
+  Services::AddSocketOption(app, "SOCKET", "Where pmctl reaches it", wish.socket);
+  Services::AddSocketOption(app, "IAMMGR-SOCKET", "Where the access manager shows its picture",
+                            wish.iammgrSocket);
+  Services::AddWaitOption(app, wish.waitSeconds);
+  if (const auto status = Services::Parse(app, argc, argv); status.has_value()) {
+    return *status;
+  }
+  Serve(wish);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return Run(argc, argv);
+  } catch (const std::exception& e) {
+    (void)std::fprintf(stderr, "operator: %s\n", e.what());
+    return 1;
+  }
+}
