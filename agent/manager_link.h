@@ -1,4 +1,5 @@
-// The service's end of the channel to the manager.
+// The service's end of the channel to the manager. What the service asks of it is in
+// manager_link.cpp, what the manager brings in manager_link_events.cpp.
 //
 // A link serves the service's name. Every connection that the manager makes becomes the channel,
 // and the one before it is forgotten: its frames are dropped and it is closed. A link is `up` while
