@@ -134,6 +134,7 @@ class AppInfo {
   std::uint32_t termTimeOut_ = 0;  // Milliseconds.
   std::string homeEnv_;
   bool isSetRtPrio_ = false;
+  // Carried along; the daemon never reads it. For a platform whose launch sets a security context.
   std::string securityCon_;
   std::string cpuset_;
   std::string restart_;
@@ -250,6 +251,8 @@ class GeneralAppInfo : public AppInfo {
 
   SteadyTime termBeginTime_{};
   std::int32_t nice_ = 0;
+  // Carried along; the daemon never reads these four. For a platform whose launcher loads a shared
+  // object into a host process and binds that.
   bool isSo_ = false;
   std::string soName_;
   std::string soPath_;

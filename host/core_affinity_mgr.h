@@ -110,7 +110,8 @@ class CoreAffinityMgr {
   void LogMissingAiTasks(pid_t id, const CoreBinding& binding) const;
 
   // Remembers and binds one thread. The record stays even if the binding fails, so that a recovery
-  // tries again. Yields a code as above, or kThreadNameUnreadable. Any thread.
+  // tries again. Yields a code as above, or kThreadNameUnreadable. Any thread. The daemon never
+  // calls it: it is for a platform that places single threads of its applications.
   std::uint32_t StoreAndSetCoreAffinity(pid_t pid, std::uint32_t tid,
                                         const std::vector<std::uint32_t>& cores)
       EXCLUDES(threadCoreInfoMutex_);

@@ -64,7 +64,8 @@ void ReportMissingOptionalServices(const HostContext& context);
 // Stores the board slot, of which no source exists: -1.
 void GetBoardInfo();
 
-// The name of a system state code; empty for an unknown one. Any thread.
+// The name of a system state code; empty for an unknown one. Any thread. The daemon never calls it:
+// it is for a platform that logs the states it is told.
 [[nodiscard]] std::string GetSysState(unsigned long state);
 
 }  // namespace ProcMgr

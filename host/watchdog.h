@@ -1,8 +1,7 @@
 // The hardware watchdog: a kernel module that is inserted once, and a device that is told the
 // feeding time-out.
 //
-// The boot runs EnableWatchDog alone; InsertWatchDogKo and EnableFeedDog stand ready for a platform
-// that has the module and the device. All run on the boot thread, and no failure stops anything.
+// The boot runs EnableWatchDog alone. All run on the boot thread, and no failure stops anything.
 #ifndef HOST_WATCHDOG_H
 #define HOST_WATCHDOG_H
 
@@ -33,7 +32,8 @@ inline constexpr unsigned long kFeedDogRequest = 0xc0085701;
 // The step at the end of the base bring-up: tells in the log whether all base services started.
 void EnableWatchDog(bool flag);
 
-// Inserts the module unless it is there or switched off. True if nothing is left to be done.
+// Inserts the module unless it is there or switched off. True if nothing is left to be done. The
+// daemon never calls it: it is for a platform that brings the module.
 [[nodiscard]] bool InsertWatchDogKo(const HostContext& context, const WatchDogCfg& cfg,
                                     const WatchDogSystem& system = WatchDogSystem{});
 
@@ -46,7 +46,8 @@ void EnableWatchDog(bool flag);
                             const WatchDogSystem& system = WatchDogSystem{});
 
 // Hands the time-out to the feeding device. False also for a time-out of more than 2147483 seconds,
-// whose milliseconds don't fit the request.
+// whose milliseconds don't fit the request. The daemon never calls it: it is for a platform that
+// has the device.
 [[nodiscard]] bool EnableFeedDog(const WatchDogCfg& cfg,
                                  const WatchDogSystem& system = WatchDogSystem{});
 

@@ -115,7 +115,8 @@ struct HeartMsg {
   return index < std::size(kWords) ? kWords[index] : "";
 }
 
-// The three below are for agents. The order of GetOptionType isn't that of RequestType.
+// The daemon calls none of the three below: they are for agents that show requests and outcomes to
+// people. The order of GetOptionType isn't that of RequestType.
 [[nodiscard]] inline std::string GetOptionType(std::uint64_t index) {
   static constexpr const char* kWords[] = {"START", "TERM", "RESTART"};
   return index < std::size(kWords) ? kWords[index] : "";
