@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include "base/boot_trace.h"
 #include "base/names.h"
@@ -22,6 +23,25 @@ namespace {
 
 constexpr int kExitUsage = -1;  // 255 at the parent.
 constexpr int kExitOther = 2;
+
+constexpr const char* kHelp =
+    "usage: process-manager BASE_SERVICE_YAML [true]\n"
+    "\n"
+    "Brings up the services of the platform, as root, and keeps account of every process.\n"
+    "  BASE_SERVICE_YAML  what to start; the unit's is\n"
+    "                     /etc/zur/base-plat/process-manager/base_services.yaml\n"
+    "  true               a quick start\n"
+    "  -h, --help         print this and end\n"
+    "  --version          print the version and end\n"
+    "See process-manager(8).\n";
+
+// The text that the only argument asks for; null if it asks for none.
+const char* TextAskedFor(std::string_view argument) {
+  if (argument == "-h" || argument == "--help") {
+    return kHelp;
+  }
+  return argument == "--version" ? "process-manager " PM_VERSION "\n" : nullptr;
+}
 
 int Usage(const char* program) {
   LogErrorRouted("ProcMgr: intput argc num is < 2, please input baseService yaml config path");
@@ -53,6 +73,9 @@ bool ResolvePath(const char* argument, std::string& path) {
 }
 
 int Main(int argc, char** argv) {
+  if (const char* const text = argc == 2 ? TextAskedFor(argv[1]) : nullptr; text != nullptr) {
+    return std::fputs(text, stdout) < 0 ? 1 : 0;
+  }
   HostContext& context = HostContext::Instance();
   context.pid_ = getpid();
   Status::Memory::Instance().BeginBoot();

@@ -206,7 +206,9 @@ int RunWithArguments(int argc, char** argv) {
       "and "
       "prints the names of all share pool groups, one a line.\n"
       "Exit status: 0 announced, 1 refused, 2 wrong usage, 3 no manager or no answer, 127 COMMAND "
-      "can't be run; otherwise that of COMMAND."};
+      "can't be run; otherwise that of COMMAND.",
+      "pmupload"};
+  app.set_version_flag("--version", "pmupload " PM_VERSION);
   Wish wish;
   app.add_option("--procName", wish.procName, "The name under which the process wants to be known")
       ->required();

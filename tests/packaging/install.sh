@@ -1,8 +1,9 @@
 #!/bin/bash
-# install.sh BUILD_FOLDER: what is installed is whole, finds its libraries without the build folder, and starts.
+# install.sh BUILD_FOLDER VERSION: what is installed is whole, finds its libraries without the build folder, and
+# each program tells what it is.
 set -euo pipefail
 
-build=$1
+build=$1 version=$2
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
 fail() {
@@ -24,9 +25,23 @@ done
 
 library=$(find "$stage/usr" -name libprocess_manager_agent.so.1)
 [[ -s $library ]] || fail "the library for C is missing"
-version=$(LD_LIBRARY_PATH=${library%/*} PYTHONPATH=$stage/usr/lib/python3/dist-packages PYTHONDONTWRITEBYTECODE=1 \
-  python3 -c 'import process_manager; print(process_manager.version())') || fail "the installed binding doesn't load"
-[[ $("$stage/usr/bin/pm-notify" --version) == "pm-notify $version" ]] || fail "the versions differ"
+[[ $(LD_LIBRARY_PATH=${library%/*} PYTHONPATH=$stage/usr/lib/python3/dist-packages PYTHONDONTWRITEBYTECODE=1 \
+  python3 -c 'import process_manager; print(process_manager.version())') == "$version" ]] ||
+  fail "the installed binding doesn't tell its version"
+
+# Each stands in an empty folder, and leaves it empty.
+mkdir "$stage/here"
+cd "$stage/here"
+for program in "$stage"/usr/{bin,sbin,libexec/process-manager}/*; do
+  name=${program##*/}
+  [[ $(timeout 20 "$program" --version 2>&1) == "$name $version" ]] || fail "$name doesn't tell its version"
+  for option in -h --help; do
+    told=$(timeout 20 "$program" "$option" 2>"$stage/err") || fail "$name $option fails"
+    [[ ${told,,} == *"usage: $name "* ]] || fail "$name $option doesn't tell how to use it"
+    [[ ! -s $stage/err ]] || fail "$name $option writes to standard error"
+  done
+  [[ -z $(ls -A) ]] || fail "$name leaves $(ls -A) behind"
+done
 
 daemon=$stage/usr/sbin/process-manager
 ! readelf --dynamic "$daemon" | grep -Eq 'RPATH|RUNPATH' || fail "the daemon looks for libraries in the build folder"

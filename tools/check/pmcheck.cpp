@@ -165,6 +165,7 @@ int main(int argc, char** argv) {
         "usage.",
         "pmcheck");
     Wishes wishes;
+    app.set_version_flag("--version", "pmcheck " PM_VERSION);
     AddOptions(app, wishes);
     try {
       app.parse(argc, argv);

@@ -65,7 +65,7 @@ int Run(Wish wish) {
 }
 
 int RunWithArguments(int argc, char** argv) {
-  CLI::App app{kHelp};
+  CLI::App app{kHelp, "pm-notify"};
   app.set_version_flag("--version", "pm-notify " PM_VERSION);
   // The library would take the command's words apart where they look like its own lists.
   char** const end = argv + argc;

@@ -186,7 +186,9 @@ int Run(int argc, char** argv) {
   int status = kDone;
   CLI::App app{
       "Shows and runs the applications of this board.\n"
-      "Exit status: 0 done, 1 not done, 2 wrong usage, 3 can't ask the operator service."};
+      "Exit status: 0 done, 1 not done, 2 wrong usage, 3 can't ask the operator service.",
+      "pmctl"};
+  app.set_version_flag("--version", "pmctl " PM_VERSION);
   app.require_subcommand(0, 1);
   app.add_option("--socket", options.socket, "where the operator service is reached")
       ->capture_default_str();
