@@ -46,8 +46,13 @@ done
 daemon=$stage/usr/sbin/process-manager
 ! readelf --dynamic "$daemon" | grep -Eq 'RPATH|RUNPATH' || fail "the daemon looks for libraries in the build folder"
 
-grep -q "^ExecStart=/usr/sbin/process-manager " "$stage/usr/lib/systemd/system/process-manager.service" ||
-  fail "the unit doesn't start the installed daemon"
+unit=$stage/usr/lib/systemd/system/process-manager.service
+file=$(sed -n 's|^ExecStart=/usr/sbin/process-manager ||p' "$unit")
+[[ -n $file ]] || fail "the unit doesn't start the installed daemon"
+grep -qx "AssertPathExists=$file" "$unit" || fail "a start without $file doesn't say so"
+for told in "$("$stage/usr/sbin/process-manager" --help)" "$(<"$stage/usr/share/man/man8/process-manager.8")"; do
+  [[ $told == *"$file"* ]] || fail "an integrator isn't told of $file"
+done
 
 status=0
 told=$("$daemon" 2>&1 </dev/null) || status=$?
