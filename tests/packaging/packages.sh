@@ -1,0 +1,96 @@
+#!/bin/bash
+# packages.sh FOLDER: the Debian packages in it install into an empty root, are whole, and leave nothing behind
+# when they are purged. As root, for that is who installs.
+set -euo pipefail
+
+folder=$1
+root=$(mktemp -d)
+trap 'rm -rf "$root"' EXIT
+fail() {
+  echo "packages: $*"
+  exit 1
+}
+
+packages=(libprocess-manager-agent1 libprocess-manager-agent-dev process-manager process-manager-tools
+  python3-process-manager)
+version=
+files=()
+for package in "${packages[@]}"; do
+  file=$(echo "$folder/$package"_*.deb)
+  [[ -s $file ]] || fail "there is no single package $package"
+  files+=("$file")
+  own=$(dpkg-deb -f "$file" Version)
+  [[ $own == "${version:=$own}" ]] || fail "$package has version $own, another one $version"
+done
+
+# What they need of each other and of Debian is told.
+depends() { # PACKAGE PATTERN
+  dpkg-deb -f "$folder/$1"_*.deb Depends | grep -Eq "$2" || fail "$1 doesn't depend on $2"
+}
+depends process-manager 'libc6 .*libyaml-cpp'
+depends process-manager-tools 'libstdc\+\+6'
+depends libprocess-manager-agent1 'libc6'
+depends libprocess-manager-agent-dev "libprocess-manager-agent1 \(= $version\)"
+depends python3-process-manager 'libprocess-manager-agent1'
+
+# A root with nothing in it: the users of Debian, and dpkg's own files.
+mkdir -p "$root/etc" "$root/var/lib/dpkg/"{info,updates,triggers}
+touch "$root/var/lib/dpkg/"{status,available}
+printf 'root:x:0:0:root:/root:/bin/sh\n' >"$root/etc/passwd"
+printf 'root:x:0:\noperator:x:37:\n' >"$root/etc/group"
+listing() { (cd "$root" && find . -mindepth 1 ! -path './var/lib/dpkg*' | sort); }
+run_dpkg() {
+  # Scripts run without a chroot, with DPKG_ROOT set, for there is no shell inside; nor are Debian's packages.
+  dpkg --root="$root" --force-script-chrootless --force-depends --log=/dev/null "$@" >"$folder/dpkg.log" 2>&1 ||
+    fail "dpkg $1 fails: $(cat "$folder/dpkg.log")"
+}
+run_dpkg --install "${files[@]}"
+[[ $(dpkg --root="$root" --audit) == "" ]] || fail "not all are configured: $(dpkg --root="$root" --audit)"
+
+for file in sbin/process-manager lib/systemd/system/process-manager.service lib/tmpfiles.d/process-manager.conf \
+  lib/tmpfiles.d/process-manager-tools.conf lib/sysusers.d/process-manager-tools.conf \
+  bin/pm{-notify,check,ctl,upload} libexec/process-manager/{iammgr,operator} \
+  share/man/man1/pm{-notify,check,ctl,upload}.1.gz share/man/man8/{process-manager,iammgr,operator}.8.gz \
+  share/bash-completion/completions/pm{-notify,ctl,upload} share/doc/process-manager/{CHANGELOG.md,manifest.md} \
+  share/doc/process-manager/samples/{base_services.yaml,procmgr_cfg.yaml} \
+  include/process-manager/process_manager_agent_c.h include/process-manager/agent/process_manager_agent.h \
+  lib/python3/dist-packages/process_manager.py "${packages[@]/#/share/doc/}"; do
+  [[ -s $root/usr/$file ]] || fail "/usr/$file is missing"
+done
+grep -q '^ExecStart=/usr/sbin/process-manager ' "$root/usr/lib/systemd/system/process-manager.service" ||
+  fail "the unit doesn't start the daemon where it is"
+[[ ! -e $root/usr/local && -z $(find "$root/usr" -perm /022 ! -type l) ]] || fail "others may write, or /usr/local is used"
+
+# Programs run, and are stripped; their symbols are in the -dbgsym package.
+symbols=$(for file in "$folder"/*-dbgsym_*.ddeb; do dpkg-deb --contents "$file"; done)
+for program in "$root"/usr/{bin,sbin,libexec/process-manager}/*; do
+  name=${program##*/}
+  [[ $("$program" --version) == "$name $version" ]] || fail "$name doesn't tell version $version"
+  ! readelf --sections --wide "$program" | grep -q '\.debug_info' || fail "$name isn't stripped"
+  id=$(readelf --notes "$program" | sed -n 's/.*Build ID: //p')
+  [[ $symbols == *"/${id:0:2}/${id:2}.debug"* ]] || fail "the debug symbols of $name aren't there"
+done
+library=$(find "$root/usr/lib" -name libprocess_manager_agent.so.1)
+[[ -e $library ]] || fail "the library is missing"
+told=$(LD_LIBRARY_PATH=${library%/*} PYTHONPATH=$root/usr/lib/python3/dist-packages PYTHONDONTWRITEBYTECODE=1 \
+  python3 -c 'import process_manager; print(process_manager.version())')
+[[ $told == "$version" ]] || fail "the Python module tells version $told"
+
+# The users and the folders of a boot; without the programs that make them the packages install all the same.
+if command -v systemd-sysusers >/dev/null && command -v systemd-tmpfiles >/dev/null; then
+  grep -q '^iam:' "$root/etc/passwd" && grep -q '^operator:' "$root/etc/passwd" || fail "the users are missing"
+  grep -Eq '^iam:.*:operator$' "$root/etc/group" || fail "operator isn't in the group iam"
+  for place in nexio pm-notify plat/sensor pm/iammgr pm/operator; do
+    [[ -d $root/run/$place ]] || fail "/run/$place is missing"
+  done
+  # The sample boots on a machine that has these users.
+  unshare --mount bash -c "mount --bind $root/etc/passwd /etc/passwd && mount --bind $root/etc/group /etc/group &&
+    $root/usr/bin/pmcheck $root/usr/share/doc/process-manager/samples/base_services.yaml" >/dev/null ||
+    fail "the sample of the base services has faults"
+fi
+
+run_dpkg --purge "${packages[@]}"
+# What a boot makes in /run goes with the boot, and users stay.
+left=$(listing | grep -Ev '^\./(run(/.*)?|etc(/((g?shadow|passwd|group)-?|\.pwd\.lock))?|var|var/lib)$' || true)
+[[ -z $left ]] || fail "left behind: $left"
+rm -f "$folder/dpkg.log"
