@@ -229,7 +229,7 @@ bool StartupEntryPathKey(ValueReader& reader, const YamlNode& node, std::string_
 
 struct KeyRule {
   KeyInfo info;
-  KeyReader read;
+  KeyReader read = nullptr;
 };
 
 template <auto kField>

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <map>
 #include <string>
 #include <string_view>
@@ -67,6 +68,15 @@ void CheckDependencies(const Service& service, const ServicesByName& services,
   }
 }
 
+// Under pm-notify the command line can give the name.
+bool IsNamedByArgument(const ApplicationManifest& manifest) {
+  const std::vector<std::string>& arguments = manifest.GetArguments();
+  return manifest.GetBinPath().ends_with("/pm-notify") &&
+         std::any_of(arguments.begin(), arguments.end(), [](const std::string& argument) {
+           return argument == "--name" || argument.starts_with("--name=");
+         });
+}
+
 // The manager reaches a reporting service by its appName; the service serves its PROC_NAME.
 void CheckReporting(const Service& service, Findings& findings) {
   const ApplicationManifest& manifest = service.Manifest();
@@ -78,6 +88,9 @@ void CheckReporting(const Service& service, Findings& findings) {
         "appName", Severity::kError, "channel-name",
         service.ShownName() + " reports, but can't be reached: the name of a reporting service is "
                               "1 to 64 of A-Z a-z 0-9 . _ - without a dot in front"));
+    return;
+  }
+  if (IsNamedByArgument(manifest)) {
     return;
   }
   const auto own = manifest.GetEnvArgv().find("PROC_NAME");

@@ -49,7 +49,9 @@ TEST_F(PmCheck, EachPlantedFaultIsFoundAtItsPlaceAndNothingElse) {
                     Line("k", "dependList: [access, j]") +                                // 15
                     Line("l", "startupEntryPath: entry.yaml") +                           // 16
                     Line("m", "startupEntryPath: other.yaml, arguments: [\"${a}\"]") +    // 17
-                    Line("n", "dependList: [i]"));                                        // 18
+                    Line("n", "dependList: [i, o]") +                                     // 18
+                    "  - {appName: o, binPath: /bin/pm-notify, uid: 1, gid: 1, isReporting: true, "
+                    "arguments: [--name, o, --ready, --, /b]}\n");  // 19
   folder_.Write("entry.yaml",
                 "applications:\n" +
                     Line("\"p${[0-9]}\"", "startupPriority: 1, arguments: [\"${a|b}\"]") +  // 2

@@ -52,9 +52,9 @@ class PmCheckHost : public PmTest::PmCheck {
     std::string members;
     for (const std::string& name : names) {
       const std::string id = std::to_string(70000 + members.size());
-      passwd += name + ":x:" + id + ':' + id + "::/:/bin/sh\n";
-      group += name + ":x:" + id + ":\n";
-      members += (members.empty() ? "" : ",") + name;
+      passwd.append(name).append(":x:").append(id).append(":").append(id).append("::/:/bin/sh\n");
+      group.append(name).append(":x:").append(id).append(":\n");
+      members.append(members.empty() ? "" : ",").append(name);
     }
     folder_.Write("etc/passwd", passwd);
     folder_.Write("etc/group", group + "files:x:" + std::to_string(getegid()) + ':' + members +
