@@ -11,7 +11,8 @@
 //                     up.
 //   coreAffinityThread_
 //                     CheckCoreAffinityThread, once a delayed binding was requested.
-//   signalThread_     PlatformSignalThread: takes the signals of a delayed binding, of a wake-up and
+//   signalThread_     PlatformSignalThread: takes the signals of a delayed binding, of a wake-up
+//   and
 //                     of an orderly stop as they come.
 //   eventThread_      PlatformEventThread: does what the first two ask for.
 //   The status service has a thread of its own (status/status_service.h), which takes no lock but
