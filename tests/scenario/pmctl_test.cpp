@@ -114,6 +114,32 @@ TEST_F(PmCtl, DynamicParametersReachTheProcess) {
   EXPECT_THAT(misfit.output, HasSubstr("parameters that don't fit its patterns"));
 }
 
+// Straight from the manager: no service has to be up for it.
+TEST_F(PmCtl, TheManagerTellsItself) {
+  ASSERT_EQ(Ask({"start", "recorder"}).status, 0);
+  const auto first = Look("recorder", "pid").get<pid_t>();
+  ASSERT_EQ(kill(first, SIGKILL), 0);
+  const std::string died = "recorder is failed for ";
+  EXPECT_TRUE(Eventually([&] { return Ask({"why", "recorder"}).output.starts_with(died); }));
+  EXPECT_THAT(Ask({"why", "recorder"}).output, HasSubstr("who sent the signal"));
+  const Result shown = Ask({"show", "recorder"});
+  EXPECT_EQ(shown.status, 0) << shown.output;
+  EXPECT_THAT(shown.output, HasSubstr("ended        signal 9 "));
+  EXPECT_EQ(nlohmann::json::parse(Ask({"show", "recorder", "--json"}).output).at("state"),
+            "failed");
+  EXPECT_THAT(Ask({"boot"}).output, HasSubstr("ready     camera_service\n"));
+  EXPECT_EQ(Ask({"why", "nobody"}).status, 3);
+
+  daemon_->Signal(SIGSTOP);
+  EXPECT_THAT(Ask({"show", "recorder"}).output, HasSubstr("the manager doesn't answer"));
+  daemon_->Signal(SIGCONT);
+  EXPECT_EQ(Ask({"shutdown"}).status, 0);
+  EXPECT_EQ(daemon_->WaitExit(), 0);
+  const Result gone = Ask({"show", "recorder"});
+  EXPECT_EQ(gone.status, 3);
+  EXPECT_THAT(gone.output, HasSubstr("the manager isn't running"));
+}
+
 TEST_F(PmCtl, PictureTellsTheKindsApart) {
   EXPECT_TRUE(Eventually([&] { return Look("planner_service", "state") == "running"; }));
   ASSERT_EQ(Ask({"start", "encoder1", "--env", "QUALITY=low"}).status, 0);

@@ -15,6 +15,8 @@
 #include "base/printable.h"
 #include "base/sleep.h"
 #include "tools/local/local_client.h"
+#include "tools/pmctl/manager_stop.h"
+#include "tools/pmctl/manager_view.h"
 #include "tools/pmctl/table.h"
 
 namespace {
@@ -29,7 +31,11 @@ enum ExitStatus : int { kDone = 0, kNotDone = 1, kWrongUsage = 2, kCantAsk = 3 }
 
 struct Options {
   std::string socket = Local::kOperatorSocket;
+  std::string manager = "/run/process-manager/status.sock";
   double timeout = 30;  // Seconds.
+  double stopTimeout = 120;
+  bool now = false;
+  std::string name;
   bool asJson = false;
   bool watch = false;
   std::vector<std::string> names;
@@ -90,6 +96,78 @@ int Status(const Options& options) {
     }
     ProcMgr::SleepNs(kRedrawNs);
   }
+}
+
+// Why the manager can't be asked, and what to do about it.
+std::string ManagerAdvice(const std::string& socket, int error) {
+  switch (error) {
+    case EACCES:
+      return "you may not ask the manager: only root and the members of the group of " + socket +
+             " may";
+    case ENOENT:
+    case ECONNREFUSED:
+      return "the manager isn't running, or doesn't tell its status: nobody serves " + socket;
+    case ETIMEDOUT:
+      return "the manager doesn't answer: it is stopped, or the machine is overloaded";
+    default:
+      return "can't ask the manager at " + socket + ": " + std::generic_category().message(error);
+  }
+}
+
+json AskManager(const Options& options, const json& request) {
+  constexpr std::chrono::seconds kLimit{2};
+  try {
+    json answer = json::parse(Local::Ask(options.manager, request.dump(), kLimit));
+    if (answer.contains("error")) {
+      throw std::runtime_error(ProcMgr::Printable(answer.at("error").get<std::string>(), 1000));
+    }
+    return answer;
+  } catch (const std::system_error& e) {
+    throw std::runtime_error(ManagerAdvice(options.manager, e.code().value()));
+  }
+}
+
+int Print(const Options& options, const json& answer, const std::string& text) {
+  (void)std::fputs(options.asJson ? (answer.dump() + "\n").c_str() : text.c_str(), stdout);
+  if (std::fflush(stdout) != 0) {
+    throw std::runtime_error("can't write the answer");
+  }
+  return kDone;
+}
+
+int Show(const Options& options) {
+  const json answer = AskManager(options, {{"get", "app"}, {"name", options.name}});
+  return Print(options, answer, PmCtl::FormatApp(answer));
+}
+
+int Why(const Options& options) {
+  const json answer = AskManager(options, {{"get", "status"}});
+  const std::string text = PmCtl::FormatWhy(answer, options.name);
+  if (text.empty()) {
+    throw std::runtime_error("the manager knows of no " + ProcMgr::Printable(options.name));
+  }
+  (void)std::fputs(text.c_str(), stdout);
+  return kDone;
+}
+
+int Boot(const Options& options) {
+  const json answer = AskManager(options, {{"get", "boot"}});
+  return Print(options, answer, PmCtl::FormatBoot(answer));
+}
+
+int Shutdown(const Options& options) {
+  const auto manager = [&options] {
+    return AskManager(options, {{"get", "status"}}).at("manager").at("pid").get<pid_t>();
+  };
+  const auto limit =
+      std::chrono::milliseconds(static_cast<std::int64_t>(options.stopTimeout * 1000));
+  if (PmCtl::StopManager(manager, options.now, limit)) {
+    (void)std::puts("the manager has ended, and all that it had started");
+    return kDone;
+  }
+  (void)std::fputs("pmctl: the manager hasn't ended in time; its log tells what it waits for\n",
+                   stderr);
+  return kNotDone;
 }
 
 json MakeRequest(const char* operation, const Options& options) {
@@ -181,16 +259,60 @@ void AddDynamic(CLI::App& command, Options& options) {
                      "the number of the device function, where it is a pattern");
 }
 
+// Those that ask the manager itself.
+void AddManagerCommands(CLI::App& app, Options& options, int& status) {
+  CLI::App* const one = app.add_subcommand("show", "everything about one application");
+  CLI::App* const why = app.add_subcommand(
+      "why", "why an application is in its state, down to the root, and what to do about it");
+  for (CLI::App* const command : {one, why}) {
+    command->add_option("NAME", options.name, "the application's name")->required();
+  }
+  CLI::App* const boot = app.add_subcommand("boot", "where the time of the boot went");
+  for (CLI::App* const command : {one, boot}) {
+    command->add_flag("--json", options.asJson, "as JSON, one line");
+  }
+  one->callback([&] { status = Show(options); });
+  why->callback([&] { status = Why(options); });
+  boot->callback([&] { status = Boot(options); });
+
+  CLI::App* const shutdown = app.add_subcommand(
+      "shutdown", "end the manager and all that it has started, in the reverse order of the boot");
+  shutdown->add_flag("--now", options.now, "kill at once who doesn't end");
+  shutdown->add_option("--timeout", options.stopTimeout, "how long to wait for the end, in seconds")
+      ->check(CLI::Range(0.001, 3600.0))
+      ->capture_default_str();
+  shutdown->callback([&] { status = Shutdown(options); });
+}
+
+void AddLoadCommands(CLI::App& app, Options& options, int& status) {
+  CLI::App* const load =
+      app.add_subcommand("load", "load the operator's start-up file, for names that are new in it");
+  CLI::App* const reload = app.add_subcommand(
+      "reload", "load it again; what has changed counts from the next start of an application");
+  for (CLI::App* const command : {load, reload}) {
+    command
+        ->add_option("KEY=VALUE", options.match,
+                     "match data: what selects among the file's applications")
+        ->check(CLI::Validator(&CheckPair, "KEY=VALUE"));
+    AddTimeout(*command, options);
+  }
+  load->callback([&] { status = Load("load", options); });
+  reload->callback([&] { status = Load("reload", options); });
+}
+
 int Run(int argc, char** argv) {
   Options options;
   int status = kDone;
   CLI::App app{
       "Shows and runs the applications of this board.\n"
-      "Exit status: 0 done, 1 not done, 2 wrong usage, 3 can't ask the operator service.",
+      "Exit status: 0 done, 1 not done, 2 wrong usage, 3 can't ask the operator service or "
+      "the manager.",
       "pmctl"};
   app.set_version_flag("--version", "pmctl " PM_VERSION);
   app.require_subcommand(0, 1);
   app.add_option("--socket", options.socket, "where the operator service is reached")
+      ->capture_default_str();
+  app.add_option("--manager", options.manager, "where the manager tells its status")
       ->capture_default_str();
 
   CLI::App* const show = app.add_subcommand("status", "every process that the manager knows of");
@@ -216,19 +338,9 @@ int Run(int argc, char** argv) {
   restart->callback([&] { status = Operate("restart", options); });
   query->callback([&] { status = Query(options); });
 
-  CLI::App* const load =
-      app.add_subcommand("load", "load the operator's start-up file, for names that are new in it");
-  CLI::App* const reload = app.add_subcommand(
-      "reload", "load it again; what has changed counts from the next start of an application");
-  for (CLI::App* const command : {load, reload}) {
-    command
-        ->add_option("KEY=VALUE", options.match,
-                     "match data: what selects among the file's applications")
-        ->check(CLI::Validator(&CheckPair, "KEY=VALUE"));
-    AddTimeout(*command, options);
-  }
-  load->callback([&] { status = Load("load", options); });
-  reload->callback([&] { status = Load("reload", options); });
+  AddManagerCommands(app, options, status);
+
+  AddLoadCommands(app, options, status);
 
   try {
     app.parse(argc, argv);

@@ -1,0 +1,196 @@
+#include "tools/pmctl/manager_view.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "base/printable.h"
+
+namespace PmCtl {
+namespace {
+
+using nlohmann::json;
+
+std::string Text(const json& value) {
+  if (value.is_string()) {
+    return ProcMgr::Printable(value.get<std::string>());
+  }
+  return value.is_null() ? "-" : value.dump();
+}
+
+// Seconds with what a person reads of them.
+std::string Ago(double seconds) {
+  char text[64];
+  if (seconds < 120) {
+    (void)std::snprintf(text, sizeof(text), "%.1f s", std::max(seconds, 0.0));
+  } else if (seconds < 7200) {
+    (void)std::snprintf(text, sizeof(text), "%.0f min", seconds / 60);
+  } else {
+    (void)std::snprintf(text, sizeof(text), "%.1f h", seconds / 3600);
+  }
+  return text;
+}
+
+std::string Since(const json& answer, const json& app) {
+  return Ago(answer.at("time").get<double>() - app.at("since").get<double>());
+}
+
+// What to do about a cause; empty where nothing is to be done.
+std::string Advice(const std::string& what, const std::string& name) {
+  static const std::pair<const char*, std::string> kAdvice[] = {
+      {"missing", "install its program, or mend binPath in the service file (pmcheck --host)"},
+      {"permission", "let its user execute the program (pmcheck --host)"},
+      {"argument", "take the shell's characters out of its arguments"},
+      {"digest", "install the program that bin_hash.cfg lists, or list this one"},
+      {"core", "give it cores of the control set"},
+      {"fork", "the system had no process left: see its limits and its memory"},
+      {"exec", "see what the child said, and the interpreter and the user of the program"},
+      {"exit", "see the application's own log"},
+      {"signal", "see the application's own log, and who sent the signal"},
+      {"limit", "mend what ends it; it comes up again with the manager"},
+      {"report", "it has to report that it is ready: see its own log"},
+      {"option", "name it in procmgr= of the kernel command line"},
+  };
+  const auto* const found =
+      std::find_if(std::begin(kAdvice), std::end(kAdvice),
+                   [&what](const auto& entry) { return entry.first == what; });
+  if (found != std::end(kAdvice)) {
+    return found->second;
+  }
+  return what == "request" ? "start it: pmctl start " + ProcMgr::Printable(name) : "";
+}
+
+const json* Find(const json& status, const std::string& name) {
+  const json& apps = status.at("apps");
+  const auto found = std::find_if(apps.begin(), apps.end(), [&name](const json& app) {
+    return app.at("name").get<std::string>() == name;
+  });
+  return found == apps.end() ? nullptr : &*found;
+}
+
+std::string Exit(const json& answer, const json& exit) {
+  return Text(exit.at("how")) + " " + Text(exit.at("value")) + " " + Text(exit.at("text")) + ", " +
+         Ago(answer.at("time").get<double>() - exit.at("time").get<double>()) + " ago, pid " +
+         Text(exit.at("pid"));
+}
+
+std::string LastExit(const json& status, const json& app) {
+  const json& exits = app.at("exits");
+  return exits.empty() ? "it has never ended"
+                       : "before that it ended: " + Exit(status, exits.front());
+}
+
+// One line of the chain, and the next name on it.
+std::string Link(const json& status, const json& app, std::string& next) {
+  const std::string name = app.at("name").get<std::string>();
+  std::string line =
+      ProcMgr::Printable(name) + " is " + Text(app.at("state")) + " for " + Since(status, app);
+  const json& cause = app.at("cause");
+  next.clear();
+  if (cause.is_null()) {
+    return line + "; " + LastExit(status, app) + "\n";
+  }
+  line += ": " + Text(cause.at("text"));
+  if (!cause.at("on").is_null()) {
+    next = cause.at("on").get<std::string>();
+  }
+  const std::string advice = Advice(cause.at("what").get<std::string>(), name);
+  return line + (advice.empty() ? "" : " -> " + advice) + "\n";
+}
+
+std::string Joined(const json& list) {
+  std::string text;
+  for (const json& entry : list) {
+    text += (text.empty() ? "" : " ") + Text(entry);
+  }
+  return text.empty() ? "-" : text;
+}
+
+std::string Depends(const json& list) {
+  std::string text;
+  for (const json& entry : list) {
+    text +=
+        (text.empty() ? "" : ", ") + Text(entry.at("name")) + " (" + Text(entry.at("state")) + ")";
+  }
+  return text.empty() ? "-" : text;
+}
+
+void AddFact(std::string& text, const char* label, const std::string& value) {
+  char line[32];
+  (void)std::snprintf(line, sizeof(line), "%-12s ", label);
+  text += line + value + "\n";
+}
+
+std::string Ms(const json& value) {
+  if (value.is_null()) {
+    return "-";
+  }
+  char text[32];
+  (void)std::snprintf(text, sizeof(text), "%.1f", value.get<double>());
+  return text;
+}
+
+}  // namespace
+
+std::string FormatApp(const json& app) {
+  std::string text;
+  AddFact(text, "name", Text(app.at("name")) + " (" + Text(app.at("kind")) + ")");
+  AddFact(text, "state", Text(app.at("state")) + " for " + Since(app, app));
+  if (!app.at("cause").is_null()) {
+    AddFact(text, "cause", Text(app.at("cause").at("text")));
+  }
+  AddFact(text, "pid", Text(app.at("pid")));
+  AddFact(text, "owner", Text(app.at("owner")));
+  AddFact(text, "program", Text(app.at("path")) + " " + Joined(app.at("arguments")));
+  AddFact(text, "user", Text(app.at("user")) + ", groups " + Joined(app.at("groups")));
+  AddFact(text, "depends on", Depends(app.at("depends")));
+  const json& restarts = app.at("restarts");
+  AddFact(text, "restarts",
+          Text(restarts.at("count")) + ", policy " + Text(restarts.at("policy")) + ", left " +
+              Text(restarts.at("left")));
+  AddFact(text, "ready after", Ms(app.at("ready_ms")) + " ms");
+  AddFact(text, "channel", app.at("channel").get<bool>() ? "open" : "none");
+  AddFact(text, "beat",
+          app.at("beat").is_null() ? "-" : Ago(app.at("beat").get<double>()) + " ago");
+  AddFact(text, "uses",
+          Text(app.at("rss_kib")) + " KiB, " + Text(app.at("cpu_ms")) + " ms of CPU, " +
+              Text(app.at("threads")) + " threads, " + Text(app.at("fds")) + " descriptors");
+  for (const json& exit : app.at("exits")) {
+    AddFact(text, "ended", Exit(app, exit));
+  }
+  return text;
+}
+
+std::string FormatWhy(const json& status, const std::string& name) {
+  std::string text;
+  std::set<std::string> seen;
+  std::string indent;
+  for (std::string next = name; !next.empty() && seen.insert(next).second; indent += "  ") {
+    const json* const app = Find(status, next);
+    if (app == nullptr) {
+      return text.empty() ? "" : text + indent + ProcMgr::Printable(next) + " is not known\n";
+    }
+    text += indent + Link(status, *app, next);
+  }
+  return text;
+}
+
+std::string FormatBoot(const json& boot) {
+  char line[160];
+  (void)std::snprintf(line, sizeof(line), "%10s %10s %10s  %-9s %s\n", "BEGIN", "END", "MS",
+                      "PHASE", "NAME");
+  std::string text = line;
+  for (const json& span : boot.at("spans")) {
+    const json& end = span.at("end");
+    const json length =
+        end.is_null() ? json() : json(end.get<double>() - span.at("begin").get<double>());
+    (void)std::snprintf(line, sizeof(line), "%10s %10s %10s  %-9s ", Ms(span.at("begin")).c_str(),
+                        Ms(end).c_str(), Ms(length).c_str(), Text(span.at("phase")).c_str());
+    text += line + Text(span.at("name")) + "\n";
+  }
+  return text + (boot.at("end").is_null() ? "the boot goes on\n"
+                                          : "the boot took " + Ms(boot.at("end")) + " ms\n");
+}
+
+}  // namespace PmCtl
