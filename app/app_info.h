@@ -168,8 +168,8 @@ class AppInfo {
   // The pointers of an argument vector into the record's own texts, null-terminated.
   [[nodiscard]] std::vector<char*> BuildArgv();
 
-  // Whether the policy takes the exit on file, which nobody asked for, for a normal end.
-  [[nodiscard]] bool IsExitAccepted() const;
+  // Whether the exit on file is one with 0.
+  [[nodiscard]] bool IsSuccess() const;
 
   // Reads an exit that nobody asked for into reportState_ and isTerminatedByEio_.
   void ClassifyExit();

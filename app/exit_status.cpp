@@ -149,8 +149,7 @@ void GeneralAppInfo::EndForGood() {
 void AppInfo::SetExitStatus(int status) {
   exitStatus_ = status;
   isExited_ = true;
-  Status::Memory::Instance().NoteExit(statusId_, pid_, status, IsExitAccepted(),
-                                      TakeLastWords(pid_));
+  Status::Memory::Instance().NoteExit(statusId_, pid_, status, IsSuccess(), TakeLastWords(pid_));
   LogInfo("PROCMGR : SetExitStatus %s, pid=%d", appName_.c_str(), pid_);
 }
 
@@ -168,15 +167,14 @@ int AppInfo::ProbeProcess() const {
   return 0;
 }
 
-bool AppInfo::IsExitAccepted() const {
-  const bool isSuccess = WIFEXITED(exitStatus_) && WEXITSTATUS(exitStatus_) == 0;
-  return restart_ == "on-until-succeed" && ownerName_ == kAccessService && isSuccess;
+bool AppInfo::IsSuccess() const {
+  return WIFEXITED(exitStatus_) && WEXITSTATUS(exitStatus_) == 0;
 }
 
 void AppInfo::ClassifyExit() {
   LogExitStatus(exitStatus_, appName_, pid_);
   isTerminatedByEio_ = WIFEXITED(exitStatus_) && WEXITSTATUS(exitStatus_) == kExitCodeEio;
-  if (IsExitAccepted()) {
+  if (IsSuccess() && restart_ == "on-until-succeed" && ownerName_ == kAccessService) {
     reportState_ = ReportAppStateType::TERMINATED_NORMAL_EXIT;
     LogInfo("PROCMGR : non resident app=%s normal exit", appName_.c_str());
   } else {

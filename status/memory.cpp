@@ -109,7 +109,7 @@ AppState StateBehindARequestedEnd(const AppPicture& app) {
   return ComesBack(app) ? AppState::kRestarting : AppState::kEnded;
 }
 
-void NoteExitIn(AppPicture& app, const Exit& exit, bool isAccepted) {
+void NoteExitIn(AppPicture& app, const Exit& exit, bool isSuccess) {
   switch (app.state) {
     case AppState::kRestarting:
       break;  // The new process is to come.
@@ -120,7 +120,7 @@ void NoteExitIn(AppPicture& app, const Exit& exit, bool isAccepted) {
       if (ComesBack(app)) {
         (void)Enter(app, AppState::kRestarting, CauseOf(exit));
       } else {
-        (void)Enter(app, isAccepted ? AppState::kEnded : AppState::kFailed, CauseOf(exit));
+        (void)Enter(app, isSuccess ? AppState::kEnded : AppState::kFailed, CauseOf(exit));
       }
       break;
   }
@@ -344,14 +344,14 @@ void Memory::DropRestarts(AppId app) {
   });
 }
 
-void Memory::NoteExit(AppId app, pid_t pid, int status, bool isAccepted,
+void Memory::NoteExit(AppId app, pid_t pid, int status, bool isSuccess,
                       const std::optional<std::string>& lastWords) {
   Apply(app, [&, this](Entry& entry) REQUIRES(mutex_) {
     const Exit exit = MakeExit(pid, status, lastWords);
     SetPid(entry, 0);
     CloseAll(entry);
     Keep(entry.picture, exit);
-    NoteExitIn(entry.picture, exit, isAccepted);
+    NoteExitIn(entry.picture, exit, isSuccess);
     return true;
   });
 }

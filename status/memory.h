@@ -90,9 +90,9 @@ class Memory {
   // It is asked to end because the manager ends; and nobody restarts it any more, however it ends.
   void NoteEndForGood(AppId app) EXCLUDES(mutex_);
   void DropRestarts(AppId app) EXCLUDES(mutex_);
-  // The wait status of its process. `isAccepted`: its policy takes such an end for a normal one.
+  // The wait status of its process. `isSuccess`: it has done its work.
   // `lastWords`: it has ended before it became its program, and that is why.
-  void NoteExit(AppId app, pid_t pid, int status, bool isAccepted,
+  void NoteExit(AppId app, pid_t pid, int status, bool isSuccess,
                 const std::optional<std::string>& lastWords) EXCLUDES(mutex_);
   // The restarts that count against the limit, oldest first.
   void NoteRestartTimes(AppId app, const std::deque<SteadyTime>& times) EXCLUDES(mutex_);

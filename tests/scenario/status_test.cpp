@@ -151,7 +151,7 @@ TEST_F(StatusTest, EveryStateAndCauseOfABoot) {
   const std::pair<std::string, std::string> expected[] = {
       {"running", "running"},
       {"exits", "failed exit exit 3"},
-      {"ends", "failed exit exit 0"},
+      {"ends", "ended exit exit 0"},
       {"dies", "failed signal signal 9"},
       {"dumps", "failed signal core 11"},
       {"gives-up", "given-up limit exit 7"},
