@@ -144,9 +144,12 @@ TEST_F(PmCheck, AThousandServicesTakeASecond) {
   folder_.Write("large.yaml", text);
   const double before = ChildrenSeconds();
   const Result result = Run("--format json large.yaml");
-#ifndef PM_SANITIZED
-  EXPECT_LT(ChildrenSeconds() - before, 1.0);
+#ifdef PM_SANITIZED
+  constexpr double kMostSeconds = 20;
+#else
+  constexpr double kMostSeconds = 1;
 #endif
+  EXPECT_LT(ChildrenSeconds() - before, kMostSeconds);
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(Brief(result.out, "large.yaml").size(), 2000U);
 }
