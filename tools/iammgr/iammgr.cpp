@@ -3,10 +3,7 @@
 // whatever the request, the answer is the picture as JSON.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-#include <cstdio>
 #include <ctime>
-#include <exception>
 #include <string>
 
 #include "base/names.h"
@@ -44,34 +41,22 @@ void Serve(const Wish& wish) {
   }
 }
 
-int Run(int argc, char** argv) {
-  CLI::App app{
-      "The access manager: a base service, which the process manager starts. It hears of every "
-      "process, and tells root and its own group at a socket what it knows.\n"
-      "Exit status: 0 told to end, 1 can't serve, 2 wrong usage.",
-      "iammgr"};
-  app.set_version_flag("--version", "iammgr " PM_VERSION);
-  Wish wish;
+void AddOptions(CLI::App& app, Wish& wish) {
   app.add_option("SERVICE-FILE", wish.serviceFile,
                  "The file that the manager is started with: it tells base services, general "
                  "applications and processes that report themselves apart")
       ->capture_default_str();
   Services::AddSocketOption(app, "SOCKET", "Where the picture is shown", wish.socket);
   Services::AddWaitOption(app, wish.waitSeconds);
-  if (const auto status = Services::Parse(app, argc, argv); status.has_value()) {
-    return *status;
-  }
-  Serve(wish);
-  return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return Run(argc, argv);
-  } catch (const std::exception& e) {
-    (void)std::fprintf(stderr, "iammgr: %s\n", e.what());
-    return 1;
-  }
+  return Services::Main<Wish>(
+      argc, argv,
+      {"iammgr", PM_VERSION,
+       "The access manager: a base service, which the process manager starts. It hears of every "
+       "process, and tells root and its own group at a socket what it knows.",
+       &AddOptions, &Serve});
 }

@@ -1,8 +1,6 @@
 // operator, the base service behind pmctl: it runs the applications of its start-up file at the
 // bidding of people, who reach it over a local socket if they are root or in its group.
-#include <CLI/CLI.hpp>
 #include <cstdio>
-#include <exception>
 #include <string>
 
 #include "tools/local/local_client.h"
@@ -44,32 +42,20 @@ void Serve(const Wish& wish) {
   }
 }
 
-int Run(int argc, char** argv) {
-  CLI::App app{
-      "The service behind pmctl: a base service, which the process manager starts. It runs the "
-      "applications of its start-up file at the bidding of root and its own group.\n"
-      "Exit status: 0 told to end, 1 can't serve, 2 wrong usage.",
-      "operator"};
-  app.set_version_flag("--version", "operator " PM_VERSION);
-  Wish wish;
+void AddOptions(CLI::App& app, Wish& wish) {
   Services::AddSocketOption(app, "SOCKET", "Where pmctl reaches it", wish.socket);
   Services::AddSocketOption(app, "IAMMGR-SOCKET", "Where the access manager shows its picture",
                             wish.iammgrSocket);
   Services::AddWaitOption(app, wish.waitSeconds);
-  if (const auto status = Services::Parse(app, argc, argv); status.has_value()) {
-    return *status;
-  }
-  Serve(wish);
-  return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    return Run(argc, argv);
-  } catch (const std::exception& e) {
-    (void)std::fprintf(stderr, "operator: %s\n", e.what());
-    return 1;
-  }
+  return Services::Main<Wish>(
+      argc, argv,
+      {"operator", PM_VERSION,
+       "The service behind pmctl: a base service, which the process manager starts. It runs the "
+       "applications of its start-up file at the bidding of root and its own group.",
+       &AddOptions, &Serve});
 }

@@ -1,11 +1,7 @@
 #include "tools/service/service_program.h"
 
-#include <CLI/CLI.hpp>
-
 namespace Services {
 namespace {
-
-constexpr int kWrongUsage = 2;
 
 // A relative one would come to be wherever the program happens to stand.
 std::string CheckAbsolute(const std::string& path) {
@@ -23,15 +19,6 @@ void AddSocketOption(CLI::App& app, const char* name, const char* text, std::str
 void AddWaitOption(CLI::App& app, unsigned& seconds) {
   app.add_option("--wait", seconds, "How many seconds to wait for the manager's channel")
       ->capture_default_str();
-}
-
-std::optional<int> Parse(CLI::App& app, int argc, char** argv) {
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kWrongUsage;
-  }
-  return std::nullopt;
 }
 
 }  // namespace Services
