@@ -4,9 +4,7 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -16,30 +14,9 @@
 #include "sandbox/log_reader.h"
 #include "sandbox/process_table.h"
 #include "sandbox/sandbox.h"
+#include "tests/support/memory_shortage.h"
 #include "tests/support/test.h"
 #include "tests/support/threads.h"
-
-namespace {
-
-// While set, this thread gets no memory.
-thread_local bool isStarved = false;
-
-}  // namespace
-
-// Not inlined, or the compiler takes the pairs below for mismatched ones.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const memory = isStarved ? nullptr : std::malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-  std::free(memory);
-}
 
 namespace {
 
@@ -159,13 +136,13 @@ TEST_F(Log, WhatOthersPutIntoALineIsPrintable) {
 
 TEST_F(Log, ALineNeedsNoMemory) {
   const std::string text = std::string(200, '\n') + "the end";
-  isStarved = true;
+  PmTest::Starve([] { return gettid() == getpid(); });
   for (int i = 0; i < 1000; ++i) {
     ProcMgr::LogError("%d%s", i, text.c_str());
   }
   QuickStart(true);
   ProcMgr::LogErrorRouted("%s", text.c_str());
-  isStarved = false;
+  PmTest::Starve(nullptr);
   EXPECT_TRUE(log_.WaitForCount("\\x0athe end", 1000));
   EXPECT_EQ(log_.Lines().size(), 1000U);
   EXPECT_TRUE(sandbox_.ReadFile("/dev/kmsg").ends_with("\\x0athe end"));
