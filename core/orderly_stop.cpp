@@ -66,8 +66,11 @@ bool HasLeft(Leaver& leaver, const App::AppInfo* app, bool isUrgent) {
   return false;
 }
 
-const App::AppInfo* FindGeneral(const std::string& name) REQUIRES(generalAppMutex_) {
-  return FindGeneralApp(name).get();
+template <typename Look>
+void AwaitAll(std::vector<Leaver>& leavers, Look hasLeft) {
+  while (std::erase_if(leavers, hasLeft), !leavers.empty()) {
+    SleepNs(kLookNs);
+  }
 }
 
 // Of the services that haven't been asked, those that no other one depends on, latest start first.
@@ -119,15 +122,10 @@ void ProcessManager::StopGeneralApps() {
     }
   }
   LogInfo("PROCMGR : orderly stop: asked general applications to end, count=%zu", leavers.size());
-  while (!leavers.empty()) {
-    {
-      const MutexLock lock(generalAppMutex_);
-      std::erase_if(leavers, [this](Leaver& leaver) REQUIRES(generalAppMutex_) {
-        return HasLeft(leaver, FindGeneral(leaver.name), stop_.IsUrgent());
-      });
-    }
-    SleepNs(kLookNs);
-  }
+  AwaitAll(leavers, [this](Leaver& leaver) {
+    const MutexLock lock(generalAppMutex_);
+    return HasLeft(leaver, FindGeneralApp(leaver.name).get(), stop_.IsUrgent());
+  });
 }
 
 bool ProcessManager::StopBaseLevel(std::set<pid_t>& asked) {
@@ -147,15 +145,10 @@ bool ProcessManager::StopBaseLevel(std::set<pid_t>& asked) {
     return false;
   }
   LogInfo("PROCMGR : orderly stop: asked base services to end, appList=%s", names.c_str());
-  while (!leavers.empty()) {
-    {
-      const MutexLock lock(baseAppMutex_);
-      std::erase_if(leavers, [this](Leaver& leaver) REQUIRES(baseAppMutex_) {
-        return HasLeft(leaver, FindBaseApp(leaver.name), stop_.IsUrgent());
-      });
-    }
-    SleepNs(kLookNs);
-  }
+  AwaitAll(leavers, [this](Leaver& leaver) {
+    const MutexLock lock(baseAppMutex_);
+    return HasLeft(leaver, FindBaseApp(leaver.name), stop_.IsUrgent());
+  });
   return true;
 }
 
