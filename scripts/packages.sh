@@ -9,7 +9,7 @@ BUILD_PACKAGES=(
 # What the tests and the benchmark need beside them: Python for the binding's, dpkg-dev and file to make packages.
 TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file)
 # The address sanitizer must free its allocator's locks in the child of a process with threads, or now and then
-# a child of the daemon hangs before its exec; the one of g++ 12 doesn't.
+# one that is forked hangs before its exec; the one of g++ 12 doesn't.
 ASAN_PACKAGES=(clang-19 libclang-rt-19-dev)
 CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-dev python3)
 
