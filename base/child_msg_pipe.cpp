@@ -1,7 +1,6 @@
 #include "base/child_msg_pipe.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
@@ -10,12 +9,12 @@
 #include <cinttypes>
 #include <climits>
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include "base/boot_trace.h"
 #include "base/fixed_text.h"
 #include "base/raw_calls.h"
+#include "base/shared_page.h"
 #include "base/unique_fd.h"
 #include "core/host_context.h"
 #include "core/log.h"
@@ -38,16 +37,10 @@ struct OwnEnds {
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free, "its page is shared by processes");
 
 OwnEnds ownEnds;
+std::atomic<std::uint64_t>* const lostTexts = MakeShared<std::atomic<std::uint64_t>>();
 
 UniqueFd Reopen(int fd, int flags) {
   return UniqueFd(open(("/proc/self/fd/" + std::to_string(fd)).c_str(), flags | O_CLOEXEC));
-}
-
-std::atomic<std::uint64_t>* SharedCounter() {
-  static void* const page = mmap(nullptr, sizeof(std::atomic<std::uint64_t>),
-                                 PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  return page == MAP_FAILED ? nullptr
-                            : std::construct_at(static_cast<std::atomic<std::uint64_t>*>(page), 0U);
 }
 
 // Without /proc there are only the inherited ends.
@@ -70,7 +63,7 @@ void CreateChildMsgPipe() {
   HostContext& context = HostContext::Instance();
   context.childMsgReadFd_.Reset(ends[0]);
   context.childMsgWriteFd_.Reset(ends[1]);
-  ownEnds = {Reopen(ends[0], O_RDONLY), Reopen(ends[1], O_WRONLY | O_NONBLOCK), SharedCounter()};
+  ownEnds = {Reopen(ends[0], O_RDONLY), Reopen(ends[1], O_WRONLY | O_NONBLOCK), lostTexts};
   LogWarningRouted("%sPROCMGR: creat anonymous pipe success, read pipe fd=%d, write pipe fd=%d",
                    BootStrace(kBootTraceTag).c_str(), ends[0], ends[1]);
 }

@@ -1,12 +1,11 @@
 #include "base/last_words.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <memory>
+
+#include "base/shared_page.h"
 
 namespace ProcMgr {
 namespace {
@@ -27,15 +26,8 @@ static_assert(std::atomic<pid_t>::is_always_lock_free &&
                   std::atomic<std::uint32_t>::is_always_lock_free,
               "its pages are shared by processes");
 
-Ring* MapRing() noexcept {
-  void* const pages =
-      mmap(nullptr, sizeof(Ring), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  // The pages are zero, and so is an empty ring: nothing is touched before a child fails.
-  return pages == MAP_FAILED ? nullptr : static_cast<Ring*>(pages);
-}
-
-// Null if there was no memory: nothing is kept then.
-Ring* const ring = MapRing();
+// Null if there was no memory: nothing is kept then. An empty ring is all zeros.
+Ring* const ring = MakeShared<Ring>();
 
 }  // namespace
 

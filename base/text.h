@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 namespace ProcMgr {
 
@@ -24,6 +26,20 @@ template <typename Number>
     return std::nullopt;
   }
   return value;
+}
+
+// The bounds of "FIRST-LAST", or of "N", which is the range from N to N; none for anything else, or
+// if the last is below the first or not below `end`.
+[[nodiscard]] inline std::optional<std::pair<std::uint32_t, std::uint32_t>> ParseRange(
+    std::string_view text, std::uint32_t end) {
+  const std::size_t dash = text.find('-');
+  const auto first = ParseNumber<std::uint32_t>(text.substr(0, dash));
+  const auto last =
+      dash == std::string_view::npos ? first : ParseNumber<std::uint32_t>(text.substr(dash + 1));
+  if (!first || !last || *first > *last || *last >= end) {
+    return std::nullopt;
+  }
+  return std::pair{*first, *last};
 }
 
 }  // namespace ProcMgr

@@ -1,6 +1,5 @@
 #include "core/predecessor.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,10 +7,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <utility>
 
+#include "base/dir_stream.h"
 #include "base/names.h"
 #include "base/small_file.h"
 #include "base/standard_path.h"
@@ -130,13 +129,10 @@ bool BecomeOnlyManager() {
 }
 
 void TellOrphans(const std::vector<ApplicationManifest>& baseServices) {
-  struct CloseFolder {
-    void operator()(DIR* folder) const { (void)closedir(folder); }
-  };
   if (!hadPredecessor_) {
     return;
   }
-  const std::unique_ptr<DIR, CloseFolder> folder(opendir("/proc"));
+  const DirStream folder(opendir("/proc"));
   const std::vector<Program> programs = Programs(baseServices);
   while (const dirent* const entry = folder == nullptr ? nullptr : readdir(folder.get())) {
     if (const auto pid = ParseNumber<pid_t>(entry->d_name)) {

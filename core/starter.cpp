@@ -1,6 +1,5 @@
 #include "core/starter.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -9,8 +8,8 @@
 
 #include <algorithm>
 #include <csignal>
-#include <memory>
 
+#include "base/dir_stream.h"
 #include "base/text.h"
 #include "core/delayed_binding.h"
 #include "host/host_limits.h"
@@ -48,10 +47,7 @@ void EndAtExec(int fd) {
 }
 
 void EndEachAtExec() {
-  struct CloseFolder {
-    void operator()(DIR* folder) const { (void)closedir(folder); }
-  };
-  if (const std::unique_ptr<DIR, CloseFolder> folder(opendir("/proc/self/fd")); folder != nullptr) {
+  if (const DirStream folder(opendir("/proc/self/fd")); folder != nullptr) {
     while (const dirent* const entry = readdir(folder.get())) {
       const int fd = ParseNumber<int>(entry->d_name).value_or(-1);
       if (fd >= kFirstInherited) {

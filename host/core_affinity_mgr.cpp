@@ -7,12 +7,12 @@
 #include <thread>
 #include <utility>
 
+#include "base/dir_stream.h"
 #include "base/raw_calls.h"
 #include "base/small_file.h"
 #include "base/standard_path.h"
 #include "base/text.h"
 #include "core/log.h"
-#include "host/dir_stream.h"
 
 namespace ProcMgr {
 

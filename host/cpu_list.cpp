@@ -6,9 +6,9 @@
 
 #include "base/small_file.h"
 #include "base/text.h"
+#include "base/text_lines.h"
 #include "core/log.h"
 #include "host/core_affinity_mgr.h"
-#include "host/text_lines.h"
 
 namespace ProcMgr {
 namespace {

@@ -11,8 +11,8 @@
 #include "base/raw_calls.h"
 #include "base/small_file.h"
 #include "base/text.h"
+#include "base/text_lines.h"
 #include "core/log.h"
-#include "host/text_lines.h"
 
 namespace ProcMgr {
 

@@ -15,8 +15,8 @@
 #include "base/sleep.h"
 #include "base/small_file.h"
 #include "base/steady_time.h"
+#include "base/text_lines.h"
 #include "core/log.h"
-#include "host/text_lines.h"
 
 namespace ProcMgr {
 namespace {

@@ -9,8 +9,8 @@
 #include "base/child_msg_pipe.h"
 #include "base/small_file.h"
 #include "base/standard_path.h"
+#include "base/text_lines.h"
 #include "core/log.h"
-#include "host/text_lines.h"
 
 namespace ProcMgr {
 namespace {

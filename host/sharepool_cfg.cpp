@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "base/dir_stream.h"
 #include "base/standard_path.h"
 #include "core/log.h"
-#include "host/dir_stream.h"
 #include "platform/plat/plat.h"
 
 namespace ProcMgr {

@@ -12,7 +12,7 @@
 #include <sstream>
 
 #include "base/text.h"
-#include "sandbox/socket_path.h"
+#include "base/unix_address.h"
 #include "sandbox/system_error.h"
 
 namespace PmSandbox {
@@ -73,7 +73,7 @@ LogReader::LogReader(const Sandbox& sandbox)
   (void)setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer,
                    sizeof(kReceiveBuffer));
   const std::string path = sandbox.Outside("/dev/log");
-  const SocketPath address(path);
+  const ProcMgr::UnixAddress address(path);
   CheckStep(
       bind(socket_.Get(), address.Get(), address.Size()) == 0 && chmod(path.c_str(), 0666) == 0,
       "serve /dev/log");

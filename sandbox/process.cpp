@@ -12,8 +12,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "base/pid_fd.h"
 #include "base/unique_fd.h"
-#include "sandbox/pid_fd.h"
 #include "sandbox/system_error.h"
 
 namespace PmSandbox {
@@ -135,8 +135,8 @@ void Process::Signal(int signal) const {
 
 std::optional<int> Process::WaitExit(std::chrono::milliseconds patience) {
   if (IsRunning()) {
-    const ProcMgr::UniqueFd process = OpenPidFd(pid_);
-    if (process.IsOpen() && AwaitExit(process.Get(), patience)) {
+    const ProcMgr::UniqueFd process = ProcMgr::OpenPidFd(pid_);
+    if (process.IsOpen() && ProcMgr::AwaitExit(process.Get(), patience)) {
       Reap(true);
     }
   }

@@ -8,10 +8,10 @@
 #include <filesystem>
 #include <sstream>
 
+#include "base/pid_fd.h"
 #include "base/small_file.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
-#include "sandbox/pid_fd.h"
 #include "sandbox/wait.h"
 
 namespace PmSandbox {
@@ -109,12 +109,12 @@ std::string StatusField(pid_t pid, const std::string& key) {
 
 bool KillAndAwait(pid_t pid) {
   // The descriptor names this very process, so a pid that is used again can't be hit.
-  const ProcMgr::UniqueFd process = OpenPidFd(pid);
+  const ProcMgr::UniqueFd process = ProcMgr::OpenPidFd(pid);
   if (!process.IsOpen()) {
     return errno == ESRCH;
   }
-  SignalPidFd(process.Get(), SIGKILL);
-  const bool gone = AwaitExit(process.Get(), kPatience);
+  ProcMgr::SignalPidFd(process.Get(), SIGKILL);
+  const bool gone = ProcMgr::AwaitExit(process.Get(), kPatience);
   // ECHILD just says that the process isn't ours to reap.
   (void)waitpid(pid, nullptr, WNOHANG);
   return gone;

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "sandbox/socket_path.h"
+#include "base/unix_address.h"
 #include "sandbox/system_error.h"
 
 namespace PmSandbox {
@@ -110,7 +110,7 @@ RawServer::RawServer(const Sandbox& sandbox, const std::string& name, gid_t gid)
   }
   const std::string path = sandbox.Outside(NexioSocket(name));
   std::filesystem::remove(path);
-  const SocketPath address(path);
+  const ProcMgr::UnixAddress address(path);
   CheckStep(
       bind(socket_.Get(), address.Get(), address.Size()) == 0 && chmod(path.c_str(), 0666) == 0,
       "serve " + name);
@@ -139,7 +139,7 @@ std::optional<RawPeer> RawServer::AcceptGreeted(std::chrono::milliseconds patien
 
 std::optional<RawPeer> ConnectRaw(const Sandbox& sandbox, const std::string& name) {
   ProcMgr::UniqueFd fd = NewSocket();
-  const SocketPath address(sandbox.Outside(NexioSocket(name)));
+  const ProcMgr::UnixAddress address(sandbox.Outside(NexioSocket(name)));
   if (connect(fd.Get(), address.Get(), address.Size()) != 0) {
     return std::nullopt;
   }

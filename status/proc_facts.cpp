@@ -1,13 +1,13 @@
 #include "status/proc_facts.h"
 
-#include <dirent.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string_view>
 
+#include "base/dir_stream.h"
 #include "base/small_file.h"
 #include "base/text.h"
+#include "base/text_lines.h"
 
 namespace ProcMgr::Status {
 namespace {
@@ -27,12 +27,6 @@ std::string_view TakeWord(std::string_view& text) {
   const std::string_view word = text.substr(0, text.find_first_of(kBlanks));
   text.remove_prefix(word.size());
   return word;
-}
-
-std::string_view TakeLine(std::string_view& text) {
-  const std::string_view line = text.substr(0, text.find('\n'));
-  text.remove_prefix(std::min(line.size() + 1, text.size()));
-  return line;
 }
 
 std::vector<std::uint64_t> Numbers(std::string_view text) {
@@ -86,10 +80,7 @@ std::optional<std::uint64_t> ReadCpuMs(std::string_view text) {
 }
 
 std::optional<std::uint64_t> CountEntries(const std::string& path) {
-  struct CloseFolder {
-    void operator()(DIR* folder) const { (void)closedir(folder); }
-  };
-  const std::unique_ptr<DIR, CloseFolder> folder(opendir(path.c_str()));
+  const DirStream folder(opendir(path.c_str()));
   if (folder == nullptr) {
     return std::nullopt;
   }
@@ -122,14 +113,11 @@ std::optional<std::vector<std::uint32_t>> ParseCoreList(std::string_view text) {
   while (!text.empty()) {
     const std::string_view range = text.substr(0, text.find(','));
     text.remove_prefix(std::min(range.size() + 1, text.size()));
-    const std::size_t dash = range.find('-');
-    const auto first = ParseNumber<std::uint32_t>(range.substr(0, dash));
-    const auto last =
-        dash == std::string_view::npos ? first : ParseNumber<std::uint32_t>(range.substr(dash + 1));
-    if (!first || !last || *first > *last || *last >= kMost) {
+    const auto bounds = ParseRange(range, kMost);
+    if (!bounds) {
       return std::nullopt;
     }
-    for (std::uint32_t core = *first; core <= *last; ++core) {
+    for (std::uint32_t core = bounds->first; core <= bounds->second; ++core) {
       cores.push_back(core);
     }
   }

@@ -3,12 +3,12 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <vector>
+#include <optional>
+
+#include "base/socket_peer.h"
+#include "base/unix_address.h"
 
 namespace ProcMgr::Status {
 namespace {
@@ -23,19 +23,6 @@ std::string Fault(const char* call, int error) {
 
 UniqueFd NewSocket() {
   return UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-}
-
-bool FillAddress(const std::string& path, sockaddr_un& address) {
-  if (path.size() >= sizeof(address.sun_path)) {
-    return false;
-  }
-  address.sun_family = AF_UNIX;
-  std::copy(path.begin(), path.end(), static_cast<char*>(address.sun_path));
-  return true;
-}
-
-const sockaddr* Generic(const sockaddr_un& address) {
-  return reinterpret_cast<const sockaddr*>(&address);
 }
 
 // The folder is ours, whoever made it.
@@ -54,41 +41,26 @@ bool MakeFolder(const std::string& path, std::string& fault) {
 }
 
 // A socket file that a manager of the past has left behind refuses the connection.
-void RemoveStale(const std::string& path, const sockaddr_un& address) {
+void RemoveStale(const std::string& path, const UnixAddress& address) {
   struct stat file {};
   if (lstat(path.c_str(), &file) != 0 || !S_ISSOCK(file.st_mode)) {
     return;
   }
   const UniqueFd probe = NewSocket();
-  if (connect(probe.Get(), Generic(address), sizeof(address)) != 0 && errno == ECONNREFUSED) {
+  if (connect(probe.Get(), address.Get(), address.Size()) != 0 && errno == ECONNREFUSED) {
     (void)unlink(path.c_str());  // What stays is told by bind.
   }
-}
-
-// The supplementary groups of the peer at the moment of its connect; none if the kernel, which must
-// be 4.13 or newer, doesn't tell.
-std::vector<gid_t> PeerGroups(int fd) {
-  std::vector<gid_t> groups;
-  socklen_t size = 0;
-  while (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0) {
-    if (errno != ERANGE) {
-      return {};
-    }
-    groups.resize(size / sizeof(gid_t));
-  }
-  groups.resize(size / sizeof(gid_t));
-  return groups;
 }
 
 }  // namespace
 
 UniqueFd ListenAt(const std::string& folder, const std::string& path, gid_t gid,
                   std::string& fault) {
-  sockaddr_un address{};
-  if (!FillAddress(path, address)) {
+  if (!UnixAddress::Holds(path)) {
     fault = Fault("path", ENAMETOOLONG);
     return {};
   }
+  const UnixAddress address(path);
   if (!MakeFolder(folder, fault)) {
     return {};
   }
@@ -98,7 +70,7 @@ UniqueFd ListenAt(const std::string& folder, const std::string& path, gid_t gid,
     fault = Fault("socket", errno);
     return {};
   }
-  if (bind(fd.Get(), Generic(address), sizeof(address)) != 0) {
+  if (bind(fd.Get(), address.Get(), address.Size()) != 0) {
     fault = Fault("bind", errno);
     return {};
   }
@@ -113,16 +85,8 @@ UniqueFd ListenAt(const std::string& folder, const std::string& path, gid_t gid,
 }
 
 bool IsPeerAllowed(int fd, gid_t gid) {
-  ucred peer{};
-  socklen_t size = sizeof(peer);
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-    return false;
-  }
-  if (peer.uid == 0 || peer.gid == gid) {
-    return true;
-  }
-  const std::vector<gid_t> groups = PeerGroups(fd);
-  return std::find(groups.begin(), groups.end(), gid) != groups.end();
+  const std::optional<ucred> peer = ReadSocketPeer(fd);
+  return peer && (peer->uid == 0 || IsSocketPeerInGroup(fd, *peer, gid));
 }
 
 }  // namespace ProcMgr::Status

@@ -42,18 +42,6 @@ void Show(const std::string& root, const char* folder, const std::string& name, 
   }
 }
 
-// One element of a node list: a number, or a range of two.
-std::optional<std::pair<std::uint32_t, std::uint32_t>> ParseRange(std::string_view token) {
-  const std::size_t dash = token.find('-');
-  const auto first = ParseNumber<std::uint32_t>(token.substr(0, dash));
-  const auto last =
-      dash == std::string_view::npos ? first : ParseNumber<std::uint32_t>(token.substr(dash + 1));
-  if (!first || !last || *first > *last || *last >= kMaxNodes) {
-    return std::nullopt;
-  }
-  return std::pair{*first, *last};
-}
-
 }  // namespace
 
 PlatRecord::PlatRecord(std::string root) : root_(std::move(root)) {}
@@ -114,7 +102,7 @@ bool ParseNodeList(const std::string& text, PlatMemInfo& info) {
   PlatMemInfo nodes{};
   for (;;) {
     const std::string_view token = rest.substr(0, rest.find(','));
-    const auto range = ParseRange(token);
+    const auto range = ParseRange(token, kMaxNodes);
     if (!range || nodes.nodeCount + (range->second - range->first) >= kMaxNodes) {
       return false;
     }

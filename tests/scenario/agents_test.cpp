@@ -1,8 +1,8 @@
 // Agents that break the rules of the wire, don't read, stand still, beat or fall silent, and what
 // that costs the others: nothing.
 #include "base/unique_fd.h"
+#include "base/unix_address.h"
 #include "sandbox/agent_peer.h"
-#include "sandbox/socket_path.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
@@ -137,7 +137,7 @@ class SlowAgent : public ScenarioTest {
   // Sends one datagram as a service that beats does.
   void Beat(const std::string& name) {
     const ProcMgr::UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const SocketPath address(sandbox_.Outside("/run/heartbeat.sock"));
+    const ProcMgr::UnixAddress address(sandbox_.Outside("/run/heartbeat.sock"));
     ASSERT_EQ(sendto(fd.Get(), name.data(), name.size(), 0, address.Get(), address.Size()),
               static_cast<ssize_t>(name.size()));
   }

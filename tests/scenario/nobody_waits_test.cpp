@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "base/unix_address.h"
 #include "sandbox/agent_peer.h"
-#include "sandbox/socket_path.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
@@ -250,7 +250,7 @@ TEST_F(NobodyWaits, AnEndWhileNobodyReadsTheLogIsAnEnd) {
   // Somebody else has filled it.
   const ProcMgr::UniqueFd other(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const std::string path = sandbox_.Outside("/dev/log");
-  const SocketPath address(path);
+  const ProcMgr::UnixAddress address(path);
   ASSERT_EQ(connect(other.Get(), address.Get(), address.Size()), 0);
   while (send(other.Get(), "x", 1, 0) == 1) {
   }

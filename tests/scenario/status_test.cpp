@@ -306,7 +306,7 @@ TEST_F(StatusTest, LastBeatIsTold) {
   AwaitBooted();
   EXPECT_EQ(status_.Details("beating").at("beat"), nullptr);
   const ProcMgr::UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  const SocketPath address(sandbox_.Outside("/run/heartbeat.sock"));
+  const ProcMgr::UnixAddress address(sandbox_.Outside("/run/heartbeat.sock"));
   const std::string_view name = "beating";
   ASSERT_EQ(sendto(socket.Get(), name.data(), name.size(), 0, address.Get(), address.Size()),
             static_cast<ssize_t>(name.size()));

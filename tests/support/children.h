@@ -4,8 +4,8 @@
 
 #include <sys/prctl.h>
 
+#include "base/pid_fd.h"
 #include "base/text.h"
-#include "sandbox/pid_fd.h"
 #include "sandbox/process_table.h"
 #include "sandbox/system_error.h"
 #include "sandbox/wait.h"
@@ -16,10 +16,10 @@ namespace PmTest {
 // Waits for the end of a child and yields its wait status. One that doesn't end is a failure of the
 // test, and is killed.
 inline int Reap(pid_t child) {
-  const ProcMgr::UniqueFd process = PmSandbox::OpenPidFd(child);
-  if (process.IsOpen() && !PmSandbox::AwaitExit(process.Get(), PmSandbox::kPatience)) {
+  const ProcMgr::UniqueFd process = ProcMgr::OpenPidFd(child);
+  if (process.IsOpen() && !ProcMgr::AwaitExit(process.Get(), PmSandbox::kPatience)) {
     ADD_FAILURE() << "child " << child << " doesn't end";
-    PmSandbox::SignalPidFd(process.Get(), SIGKILL);
+    ProcMgr::SignalPidFd(process.Get(), SIGKILL);
   }
   int status = -1;
   EXPECT_EQ(waitpid(child, &status, 0), child);

@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/unique_fd.h"
-#include "sandbox/socket_path.h"
+#include "base/unix_address.h"
 #include "sandbox/wait.h"
 #include "tests/support/test.h"
 
@@ -18,7 +18,7 @@ class StatusPeer {
   // Connects, if it can.
   explicit StatusPeer(const std::string& path)
       : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const PmSandbox::SocketPath address(path);
+    const ProcMgr::UnixAddress address(path);
     if (connect(fd_.Get(), address.Get(), address.Size()) != 0) {
       error_ = errno;
     }

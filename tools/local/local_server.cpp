@@ -14,6 +14,8 @@
 #include <exception>
 #include <system_error>
 
+#include "base/socket_peer.h"
+#include "base/unix_address.h"
 #include "tools/local/stream.h"
 
 namespace Local {
@@ -31,28 +33,14 @@ void Check(bool ok, const std::string& what) {
   }
 }
 
-// The kernel's word on the peer's supplementary groups, as they were when it connected.
-bool IsMember(int fd, gid_t group) {
-  std::vector<gid_t> groups(NGROUPS_MAX);
-  auto size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) != 0) {
-    return false;
-  }
-  groups.resize(size / sizeof(gid_t));
-  return std::find(groups.begin(), groups.end(), group) != groups.end();
-}
-
 bool MayAsk(int fd) {
-  ucred peer{};
-  socklen_t size = sizeof(peer);
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-    return false;
-  }
-  return peer.uid == 0 || peer.uid == geteuid() || peer.gid == getegid() || IsMember(fd, getegid());
+  const auto peer = ProcMgr::ReadSocketPeer(fd);
+  return peer && (peer->uid == 0 || peer->uid == geteuid() ||
+                  ProcMgr::IsSocketPeerInGroup(fd, *peer, getegid()));
 }
 
 ProcMgr::UniqueFd Listen(const std::string& path) {
-  const SocketAddress address(path);
+  const ProcMgr::UnixAddress address(path);
   ProcMgr::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   Check(fd.IsOpen(), "socket");
   Check(unlink(path.c_str()) == 0 || errno == ENOENT, "remove the old " + path);

@@ -1,12 +1,11 @@
 #include "tools/local/stream.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
-#include <stdexcept>
 #include <system_error>
 
 namespace Local {
@@ -34,14 +33,6 @@ void Await(int fd, short event, Deadline deadline, const char* what) {
 }
 
 }  // namespace
-
-SocketAddress::SocketAddress(const std::string& path) {
-  if (path.empty() || path.size() >= sizeof(address_.sun_path)) {
-    throw std::invalid_argument("the path of a socket must have 1 to 107 bytes: " + path);
-  }
-  address_.sun_family = AF_UNIX;
-  std::memcpy(address_.sun_path, path.c_str(), path.size() + 1);
-}
 
 void SendLine(int fd, const std::string& line, Deadline deadline) {
   const std::string bytes = line + '\n';

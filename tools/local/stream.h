@@ -2,9 +2,6 @@
 #ifndef TOOLS_LOCAL_STREAM_H
 #define TOOLS_LOCAL_STREAM_H
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include <chrono>
 #include <string>
 
@@ -13,18 +10,6 @@
 namespace Local {
 
 using Deadline = ProcMgr::SteadyTime;
-
-class SocketAddress {
- public:
-  // Throws invalid_argument if the path has more bytes than an address holds.
-  explicit SocketAddress(const std::string& path);
-
-  [[nodiscard]] const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&address_); }
-  [[nodiscard]] socklen_t Size() const { return sizeof(address_); }
-
- private:
-  sockaddr_un address_{};
-};
 
 // Sends `line` and a line break. Throws system_error, ETIMEDOUT once the deadline has passed.
 void SendLine(int fd, const std::string& line, Deadline deadline);

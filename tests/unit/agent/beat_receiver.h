@@ -9,8 +9,8 @@
 #include <string>
 
 #include "base/unique_fd.h"
+#include "base/unix_address.h"
 #include "sandbox/sandbox.h"
-#include "sandbox/socket_path.h"
 #include "sandbox/system_error.h"
 #include "sandbox/wait.h"
 
@@ -24,7 +24,7 @@ class BeatReceiver {
       : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     const std::string path = sandbox.Outside("/run/heartbeat.sock");
     std::filesystem::remove(path);
-    const SocketPath address(path);
+    const ProcMgr::UnixAddress address(path);
     CheckStep(bind(fd_.Get(), address.Get(), address.Size()) == 0, "listen for beats");
   }
 

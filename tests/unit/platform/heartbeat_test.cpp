@@ -3,9 +3,9 @@
 #include <sys/syscall.h>
 
 #include "base/unique_fd.h"
+#include "base/unix_address.h"
 #include "platform/heartbeat/heartbeat_table.h"
 #include "platform/heartbeat/heartbeat_watcher.h"
-#include "sandbox/socket_path.h"
 #include "sandbox/wait.h"
 #include "tests/support/test.h"
 #include "tests/support/threads.h"
@@ -151,7 +151,7 @@ class WatcherTest : public testing::Test {
   // Yields 0 or an errno.
   [[nodiscard]] int TrySend(const std::string& bytes) const {
     const UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const PmSandbox::SocketPath address(path_);
+    const ProcMgr::UnixAddress address(path_);
     const bool sent = sendto(fd.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT, address.Get(),
                              address.Size()) == static_cast<ssize_t>(bytes.size());
     return sent ? 0 : errno;

@@ -17,10 +17,10 @@
 #include <thread>
 
 #include "base/sleep.h"
+#include "base/unix_address.h"
 #include "message/nexio_wrappers.h"
 #include "platform/nexio/nexio_peer.h"
 #include "sandbox/process_table.h"
-#include "sandbox/socket_path.h"
 #include "tests/unit/platform/nexio_world.h"
 
 namespace PmTest {
@@ -192,7 +192,7 @@ TEST(Nexio, NameIsClearedOfWhatItsServiceCantReplace) {
 TEST(Nexio, ClearingANameWaitsForNobody) {
   const std::string path = "/run/nexio/full.sock";
   const ProcMgr::UniqueFd server(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  const SocketPath address(path);
+  const ProcMgr::UnixAddress address(path);
   ASSERT_EQ(bind(server.Get(), address.Get(), address.Size()), 0);
   ASSERT_EQ(listen(server.Get(), 0), 0);
   ASSERT_EQ(lchown(path.c_str(), 4711, 1235), 0);
@@ -210,7 +210,7 @@ TEST(Nexio, PeerThatComesLaterIsFound) {
   const std::function<void()> appear = [&] { server.emplace(Box(), "late", getgid()); };
   const auto bindAlone = [&bound] {
     bound.Reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    const SocketPath address("/run/nexio/late.sock");
+    const ProcMgr::UnixAddress address("/run/nexio/late.sock");
     EXPECT_EQ(bind(bound.Get(), address.Get(), address.Size()), 0);
   };
   const struct {

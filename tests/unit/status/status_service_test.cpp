@@ -192,7 +192,7 @@ TEST_F(StatusServiceTest, FileIsTheGroupsAndGoesWithTheService) {
   // What a manager that was killed leaves behind is replaced; what else stands there isn't.
   {
     const UniqueFd old(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const PmSandbox::SocketPath address(Path());
+    const ProcMgr::UnixAddress address(Path());
     ASSERT_EQ(bind(old.Get(), address.Get(), address.Size()), 0);
   }
   StatusService next(memory_, {});

@@ -1,8 +1,8 @@
 // pm-notify between a command and the manager: what it makes of what the command says and does.
 #include <sys/syscall.h>
 
+#include "base/unix_address.h"
 #include "sandbox/process.h"
-#include "sandbox/socket_path.h"
 #include "tests/support/test.h"
 #include "tests/unit/agent/beat_receiver.h"
 #include "tests/unit/agent/fake_manager.h"
@@ -56,7 +56,7 @@ class PmNotify : public testing::Test {
 
   // Says it as the command does, under the given user.
   void Say(const std::string& text, uid_t user = 0) {
-    const SocketPath address(sandbox_.Outside("/run/pm-notify/svc"));
+    const ProcMgr::UnixAddress address(sandbox_.Outside("/run/pm-notify/svc"));
     std::thread([&] {
       const ProcMgr::UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
       // The C library's call would change the user of the whole process.

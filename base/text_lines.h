@@ -1,6 +1,6 @@
 // Walking through a text line by line.
-#ifndef HOST_TEXT_LINES_H
-#define HOST_TEXT_LINES_H
+#ifndef BASE_TEXT_LINES_H
+#define BASE_TEXT_LINES_H
 
 #include <algorithm>
 #include <string_view>
@@ -27,4 +27,4 @@ namespace ProcMgr {
 
 }  // namespace ProcMgr
 
-#endif  // HOST_TEXT_LINES_H
+#endif  // BASE_TEXT_LINES_H

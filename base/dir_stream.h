@@ -1,6 +1,6 @@
 // The owner of an open directory.
-#ifndef HOST_DIR_STREAM_H
-#define HOST_DIR_STREAM_H
+#ifndef BASE_DIR_STREAM_H
+#define BASE_DIR_STREAM_H
 
 #include <dirent.h>
 
@@ -17,4 +17,4 @@ using DirStream = std::unique_ptr<DIR, CloseDir>;
 
 }  // namespace ProcMgr
 
-#endif  // HOST_DIR_STREAM_H
+#endif  // BASE_DIR_STREAM_H
