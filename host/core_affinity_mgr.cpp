@@ -1,10 +1,11 @@
 #include "host/core_affinity_mgr.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
-#include <thread>
 #include <utility>
 
 #include "base/dir_stream.h"
@@ -16,7 +17,9 @@
 
 namespace ProcMgr {
 
-const std::uint32_t cpuCount = std::thread::hardware_concurrency();
+// Those that are configured: the number of those that are online shrinks with each that isn't,
+// whichever it is.
+const std::uint32_t cpuCount = static_cast<std::uint32_t>(sysconf(_SC_NPROCESSORS_CONF));
 
 namespace {
 

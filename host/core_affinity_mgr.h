@@ -33,7 +33,8 @@ inline constexpr std::uint32_t kThreadNameUnreadable = 0xf10600;
 inline constexpr std::uint32_t kNoCtrlCpus = 0xf10601;
 inline constexpr std::uint32_t kCoreMaskRefused = 0xf10602;
 
-// The number of cores that the system reports. Core numbers from here up are taken for absent.
+// The number of cores that the system is configured with, offline ones too. Core numbers from here
+// up are taken for absent.
 extern const std::uint32_t cpuCount;
 
 // What a thread was bound to.

@@ -16,6 +16,12 @@ CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-dev python3)
 # What makes and checks the Debian packages: dpkg-shlibdeps computes their dependencies.
 PACKAGE_PACKAGES=(dpkg-dev file binutils)
 
+# The cross compiler, the emulator, and what makes the disk that it boots.
+ARM64_PACKAGES=(
+  "${TEST_PACKAGES[@]}" g++-aarch64-linux-gnu mmdebstrap qemu-system-arm device-tree-compiler cpio kmod e2fsprogs
+  debian-archive-keyring
+)
+
 fail() {
   echo "./dev: $*" >&2
   exit 1

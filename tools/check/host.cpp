@@ -240,6 +240,23 @@ void Host::CheckCores(const Service& service, bool isEntry, Findings& findings) 
                           "refused"
                         : "core " + std::to_string(*stranger) +
                               " isn't in the cpuset CtrlCPU, so every start is refused"));
+    return;
+  }
+  CheckAiCores(service, findings);
+}
+
+// The child has become its user by the time that it would enter the group.
+void Host::CheckAiCores(const Service& service, Findings& findings) const {
+  const std::vector<std::uint32_t>& cores = service.Manifest().GetCoreAffinity();
+  const std::vector<std::uint32_t>& reserved = cores_.AiCpus();
+  const auto core =
+      std::find_first_of(cores.begin(), cores.end(), reserved.begin(), reserved.end());
+  if (core != cores.end() && service.Manifest().GetUid() != 0) {
+    findings.push_back(
+        service.At("coreAffinity", Severity::kWarning, "ai-cores",
+                   "core " + std::to_string(*core) +
+                       " is one of the cpuset AICPU, whose tasks only root may join, so " +
+                       service.ShownName() + " runs on it outside of that cpuset"));
   }
 }
 

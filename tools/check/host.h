@@ -40,6 +40,7 @@ class Host {
                     std::vector<Finding>& findings);
   void CheckDigest(const Service& service, std::vector<Finding>& findings);
   void CheckCores(const Service& service, bool isEntry, std::vector<Finding>& findings);
+  void CheckAiCores(const Service& service, std::vector<Finding>& findings) const;
   void CheckCgroups(const Service& service, std::vector<Finding>& findings);
   void CheckShareGroups(const Service& service, const std::string& owner,
                         std::vector<Finding>& findings);

@@ -39,6 +39,7 @@ class PmCheckHost : public PmTest::PmCheck {
       folder_.Write(std::string("sys/fs/cgroup/") + tasks, "");
     }
     folder_.Write("sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus", "0-1\n");
+    folder_.Write("sys/fs/cgroup/cpuset/AICPU/cpuset.cpus", "1\n");
   }
 
   void WriteProgram(const std::string& path, const std::string& content, mode_t mode) {
@@ -113,12 +114,12 @@ TEST_F(PmCheckHost, EachPlantedFaultIsFoundAtItsPlaceAndNothingElse) {
   const Result result = RunHost("--format json base.yaml");
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(Brief(result.out, "base.yaml"),
-              ElementsAre("5:49 error binary", "6:49 error binary", "7:49 error binary",
-                          "8:49 error binary", "9:49 error digest", "10:49 error binary",
-                          "11:49 error binary", "12:49 error binary", "13:53 error binary",
-                          "14:23 error user", "15:23 error user", "16:74 error cores",
-                          "17:74 warning cgroup", "17:74 warning cgroup", "17:85 warning cgroup",
-                          "19:23 error faulty-file"));
+              ElementsAre("3:74 warning ai-cores", "5:49 error binary", "6:49 error binary",
+                          "7:49 error binary", "8:49 error binary", "9:49 error digest",
+                          "10:49 error binary", "11:49 error binary", "12:49 error binary",
+                          "13:53 error binary", "14:23 error user", "15:23 error user",
+                          "16:74 error cores", "17:74 warning cgroup", "17:74 warning cgroup",
+                          "17:85 warning cgroup", "19:23 error faulty-file"));
   EXPECT_THAT(Brief(result.out, "entry.yaml"), ElementsAre("3:77 warning share-group"));
 }
 
