@@ -10,8 +10,9 @@
 namespace ProcMgr {
 namespace {
 
-// A child fills the slot, its pid last; the manager looks at the pid first. Should the ring come
-// round to a slot just while it is being read, the text is a wrong one, and no more than that.
+// A child fills the slot, its pid last (a release); the manager looks at the pid first (an
+// acquire), and the child has ended by then. Should the ring come round to a slot just while it is
+// being read, the text is a wrong one, and no more than that.
 struct Slot {
   std::atomic<pid_t> pid = 0;  // 0: empty.
   std::atomic<std::uint32_t> size = 0;

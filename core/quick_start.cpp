@@ -16,7 +16,8 @@ namespace {
 constexpr std::int64_t kWaitStepNs = 5'000'000;
 constexpr int kWaitSteps = 2000;
 
-// A handler may not format a text: it keeps the raw count, and whoever prints it formats it.
+// A handler may not format a text: it keeps the raw count, and whoever prints it formats it. The
+// time is stored ahead of the flag, so that whoever sees the flag sees its time.
 std::atomic<bool> continueFlag_ = false;
 std::atomic<std::uint64_t> continueTime_ = 0;
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free);

@@ -150,10 +150,11 @@ class Channel {
 
   // How many sequence numbers have been given out, from 1 on; the wire carries the low half.
   std::atomic<std::uint64_t> seqCount_ = 0;
-  // Set once, under the lock; read by senders without it.
+  // Set once, under the lock. Senders read them without it and in no order (relaxed): nothing else
+  // is read on their word, and a sender that sees one late gets the kernel's error instead.
   std::atomic<bool> broken_ = false;
   std::atomic<bool> closed_ = false;
-  // A hint: something was sent since the last packet came.
+  // A hint, in no order: something was sent since the last packet came.
   std::atomic<bool> hasSent_ = false;
 
   // Taken after a server's lock and before the reactor's. Never held during a callback.

@@ -108,7 +108,8 @@ class Reactor {
 
   const char* const name_;
 
-  // Constant once Start has succeeded.
+  // Constant once Start has succeeded; started_ is stored behind them (release) and loaded ahead
+  // (acquire).
   Handler handler_ = nullptr;
   pid_t owner_ = -1;
   UniqueFd epoll_;
