@@ -11,7 +11,7 @@ TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file)
 # The address sanitizer must free its allocator's locks in the child of a process with threads, or now and then
 # one that is forked hangs before its exec; the one of g++ 12 doesn't.
 ASAN_PACKAGES=(clang-19 libclang-rt-19-dev)
-CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-dev python3)
+CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-dev python3 spin gcc)
 
 # What makes and checks the Debian packages: dpkg-shlibdeps computes their dependencies.
 PACKAGE_PACKAGES=(dpkg-dev file binutils)
