@@ -179,6 +179,11 @@ LogLine LogReader::At(std::size_t index) const {
   return lines_.at(index);
 }
 
+void LogReader::Forget() {
+  const ProcMgr::MutexLock lock(mutex_);
+  lines_.clear();
+}
+
 std::string LogReader::Text() const {
   std::ostringstream text;
   for (const LogLine& line : Lines()) {

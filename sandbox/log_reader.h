@@ -79,6 +79,10 @@ class LogReader {
   // The line at `index`, which must be there.
   [[nodiscard]] LogLine At(std::size_t index) const EXCLUDES(mutex_);
 
+  // Drops all lines so far: indices and counts begin anew. For runs whose log would fill the
+  // memory.
+  void Forget() EXCLUDES(mutex_);
+
   // The whole log as text, for the message of a failed test.
   [[nodiscard]] std::string Text() const EXCLUDES(mutex_);
 

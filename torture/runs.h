@@ -1,0 +1,28 @@
+// What ./dev torture runs.
+#ifndef TORTURE_RUNS_H
+#define TORTURE_RUNS_H
+
+#include <cstdint>
+
+namespace PmTorture {
+
+struct Options {
+  std::uint64_t seed = 0;
+  std::uint64_t exits = 20'000;  // Of storm.
+  int minutes = 1;               // Of soak.
+};
+
+// Each boots the real manager, prints what it has done in a line or more, and throws Broken if a
+// promise was broken. One thread.
+
+// Requests of eight agents and kills, in random order and among strangers that get the pids which
+// come free: every report, every exit line and every state is the one that a model predicts.
+void RunStorm(const Options& options);
+// The same load for minutes: descriptors, threads and memory don't grow.
+void RunSoak(const Options& options);
+// The manager is killed in the middle and started again over what its predecessor left.
+void RunUpgrade(const Options& options);
+
+}  // namespace PmTorture
+
+#endif  // TORTURE_RUNS_H
