@@ -52,7 +52,7 @@ pm_package(daemon process-manager admin
   BINARY RECOMMENDS "libnuma1, process-manager-tools"
   CONTROL ${scripts}/daemon/postinst ${scripts}/daemon/prerm ${scripts}/daemon/postrm)
 pm_package(tools process-manager-tools admin
-  "programs around the process manager\npmctl shows and runs applications by way of the services iammgr and operator, pmcheck checks service\nfiles, pmupload announces processes, and pm-notify makes any command a base service."
+  "programs around the process manager\npmctl shows and runs applications with the manager and the service operator, pmcheck checks service\nfiles, pmupload announces processes, and pm-notify makes any command a base service."
   BINARY RECOMMENDS "process-manager, systemd | systemd-standalone-sysusers"
   CONTROL ${scripts}/tools/postinst)
 pm_package(agent_runtime libprocess-manager-agent1 libs

@@ -15,7 +15,9 @@
 namespace PmTest {
 namespace {
 
+using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::StartsWith;
 
 struct Result {
@@ -52,14 +54,14 @@ class PmCtl : public ScenarioTest {
     return Run("/usr/bin/setpriv", arguments);
   }
 
-  // A value of an application's row in the picture; null if it isn't in there.
+  // What the manager's status says of an application; null if it isn't in there.
   nlohmann::json Look(const std::string& name, const char* key) {
     const Result result = Ask({"status", "--json"});
     EXPECT_EQ(result.status, 0) << result.output;
-    const auto picture = nlohmann::json::parse(result.output);
-    for (const auto& row : picture.at("processes")) {
-      if (row.at("name") == name) {
-        return row.at(key);
+    const auto status = nlohmann::json::parse(result.output);
+    for (const auto& app : status.at("apps")) {
+      if (app.at("name") == name) {
+        return app.at(key);
       }
     }
     return nullptr;
@@ -86,7 +88,7 @@ TEST_F(PmCtl, SessionFromStartToStop) {
   const auto second = Look("recorder", "pid").get<pid_t>();
   EXPECT_NE(second, first);
   EXPECT_NE(kill(first, 0), 0);
-  EXPECT_EQ(Look("recorder", "restarts"), 1);
+  EXPECT_EQ(Look("recorder", "restarts").at("count"), 1);
 
   EXPECT_EQ(Ask({"stop", "stubborn"}).output, "stubborn has ended\n");
   EXPECT_EQ(Ask({"stop", "stubborn"}).output, "stubborn has ended\n");
@@ -109,6 +111,14 @@ TEST_F(PmCtl, DynamicParametersReachTheProcess) {
   ASSERT_EQ(ProcMgr::ReadSmallFile(proc + "/environ", 65536, text), 0);
   EXPECT_THAT(text, HasSubstr("QUALITY=low"));
 
+  // What it runs without is told.
+  const Result again = Ask({"start", "encoder7", "--arg", "--h264", "--env", "QUALITY=high"});
+  EXPECT_EQ(again.status, 0);
+  EXPECT_THAT(again.output, HasSubstr("encoder7 runs without --arg --h264 --env QUALITY=high: "));
+  const Result fixed = Ask({"start", "recorder", "--arg", "--mono"});
+  EXPECT_THAT(fixed.output, HasSubstr("recorder runs without --arg --mono: "));
+  EXPECT_THAT(started.output, Not(HasSubstr("without")));
+
   const Result misfit = Ask({"start", "encoder8", "--env", "QUALITY=middling"});
   EXPECT_EQ(misfit.status, 1);
   EXPECT_THAT(misfit.output, HasSubstr("parameters that don't fit its patterns"));
@@ -130,8 +140,25 @@ TEST_F(PmCtl, TheManagerTellsItself) {
   EXPECT_THAT(Ask({"boot"}).output, HasSubstr("ready     camera_service\n"));
   EXPECT_EQ(Ask({"why", "nobody"}).status, 3);
 
+  const Result failed = Ask({"status", "--failed"});
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_THAT(failed.output, HasSubstr("\nrecorder "));
+  EXPECT_THAT(failed.output, Not(HasSubstr("camera_service")));
+  EXPECT_THAT(Ask({"status"}).output, ContainsRegex("^NAME .*\nrecorder .*\n(.*\n)*iammgr "));
+
+  Process watch(sandbox_, Demo::kPmctl, {"status", "--watch", "--json"}, {{}, "watch"});
+  EXPECT_TRUE(Eventually([&] { return watch.Output().ends_with("\n"); }));
+  const std::string before = watch.Output();
+  ASSERT_EQ(Ask({"start", "recorder"}).status, 0);
+  EXPECT_TRUE(Eventually([&] {
+    return watch.Output().substr(before.size()).find(R"("running")") != std::string::npos;
+  }));
   daemon_->Signal(SIGSTOP);
-  EXPECT_THAT(Ask({"show", "recorder"}).output, HasSubstr("the manager doesn't answer"));
+  for (const char* command : {"status", "boot"}) {
+    EXPECT_THAT(Ask({command}).output, HasSubstr("the manager doesn't answer"));
+  }
+  EXPECT_TRUE(watch.WaitExit().has_value());
+  EXPECT_THAT(watch.Output(), HasSubstr("the manager doesn't answer"));
   daemon_->Signal(SIGCONT);
   EXPECT_EQ(Ask({"shutdown"}).status, 0);
   EXPECT_EQ(daemon_->WaitExit(), 0);
@@ -140,32 +167,19 @@ TEST_F(PmCtl, TheManagerTellsItself) {
   EXPECT_THAT(gone.output, HasSubstr("the manager isn't running"));
 }
 
-TEST_F(PmCtl, PictureTellsTheKindsApart) {
+TEST_F(PmCtl, StatusTellsTheKindsApart) {
   EXPECT_TRUE(Eventually([&] { return Look("planner_service", "state") == "running"; }));
   ASSERT_EQ(Ask({"start", "encoder1", "--env", "QUALITY=low"}).status, 0);
-  for (const auto& [name, kind] :
-       {std::pair{"PROCMGR", "manager"}, {"planner_service", "base"}, {"encoder1", "general"}}) {
+  for (const auto& [name, kind] : {std::pair{"planner_service", "base"}, {"encoder1", "general"}}) {
     EXPECT_EQ(Look(name, "kind"), kind) << name;
     EXPECT_EQ(Look(name, "state"), "running") << name;
   }
   EXPECT_EQ(Look("encoder1", "owner"), "operator");
-  EXPECT_EQ(Look("PROCMGR", "pid"), daemon_->Pid());
   // A base service that the manager brings back keeps its row.
   const auto camera = Look("camera_service", "pid").get<pid_t>();
   ASSERT_EQ(kill(camera, SIGKILL), 0);
-  EXPECT_TRUE(Eventually([&] { return Look("camera_service", "restarts") == 1; }));
+  EXPECT_TRUE(Eventually([&] { return Look("camera_service", "restarts").at("count") == 1; }));
   EXPECT_NE(Look("camera_service", "pid"), camera);
-}
-
-// The access manager forgets with its process; the manager tells it all again.
-TEST_F(PmCtl, PictureComesBackWithTheAccessManager) {
-  ASSERT_EQ(Ask({"start", "recorder"}).status, 0);
-  ASSERT_EQ(kill(Look("iammgr", "pid").get<pid_t>(), SIGKILL), 0);
-  EXPECT_TRUE(Eventually([&] {
-    const Result result = Ask({"status", "--json"});
-    return result.status == 0 && result.output.find("\"recorder\"") != std::string::npos &&
-           result.output.find("\"planner_service\"") != std::string::npos;
-  }));
 }
 
 TEST_F(PmCtl, RefusalsSayWhatIsWrong) {
@@ -177,13 +191,16 @@ TEST_F(PmCtl, RefusalsSayWhatIsWrong) {
       {{"start", "recoder"}, 1, "recoder is unknown: no start-up file that has been loaded"},
       {{"restart", "recoder"}, 1, "recoder has ended at once, or could not be started: unknown"},
       {{"stop", "untouchable"}, 0, "untouchable was not running"},
+      {{"stop", "camera_service"}, 1, "is a base service: the manager starts it"},
+      {{"restart", "iammgr"}, 1, "(restart: on-forever)"},
       {{"start", "a#b"}, 1, "a#b "},
       {{"query", "recoder"}, 1, "recoder gone"},
       {{"start", "recorder", "--env", "QUALITY"}, 2, "isn't KEY=VALUE"},
       {{"start"}, 2, "NAME is required"},
       {{"begin", "recorder"}, 2, "not expected: "},
       {{}, 2, "Usage:"},
-      {{"--socket", "/run/nobody", "status"}, 3, "the operator service isn't up"},
+      {{"--socket", "/run/nobody", "load"}, 3, "the operator service isn't up"},
+      {{"--manager", "/run/nobody", "status"}, 3, "the manager isn't running"},
       {{"load", "board=large"}, 0, "has been loaded"},
       {{"reload"}, 0, "has been reloaded"},
   };
@@ -217,11 +234,13 @@ TEST_F(PmCtl, BrokenStartupFileIsNamedAndHarmsNothing) {
 
 TEST_F(PmCtl, StrangersAreRefused) {
   constexpr uid_t kStranger = 4711;
-  for (const std::vector<std::string>& arguments :
-       {std::vector<std::string>{"status"}, {"start", "recorder"}}) {
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
+      {{"status"}, "you may not ask the manager: only root"},
+      {{"start", "recorder"}, "only root and the members of its group may (try sudo"}};
+  for (const auto& [arguments, text] : cases) {
     const Result result = AskAs(kStranger, kStranger, arguments);
     EXPECT_EQ(result.status, 3);
-    EXPECT_THAT(result.output, HasSubstr("only root and the members of its group may (try sudo"));
+    EXPECT_THAT(result.output, HasSubstr(text));
   }
   // The credentials count when somebody has opened the socket's mode.
   ASSERT_EQ(chmod(sandbox_.Outside("/run/pm/operator/socket").c_str(), 0666), 0);

@@ -44,10 +44,10 @@ void Show(const PmSandbox::Sandbox& sandbox, const std::vector<std::string>& arg
   }
 }
 
-// The row of an application in the picture of the access manager.
+// The application in the manager's status.
 nlohmann::json RowOf(const PmSandbox::Sandbox& sandbox, const std::string& name) {
-  const auto picture = nlohmann::json::parse(RunPmctl(sandbox, {"status", "--json"}).output);
-  for (const nlohmann::json& row : picture.at("processes")) {
+  const auto status = nlohmann::json::parse(RunPmctl(sandbox, {"status", "--json"}).output);
+  for (const nlohmann::json& row : status.at("apps")) {
     if (row.at("name") == name) {
       return row;
     }
@@ -55,15 +55,14 @@ nlohmann::json RowOf(const PmSandbox::Sandbox& sandbox, const std::string& name)
   throw std::runtime_error("pmctl status doesn't know " + name);
 }
 
-// The death is in the picture once the manager has told of it.
-void KillAndAwaitReport(const PmSandbox::Sandbox& sandbox, const std::string& name) {
+void KillAndAwaitEnd(const PmSandbox::Sandbox& sandbox, const std::string& name) {
   const auto pid = RowOf(sandbox, name).at("pid").get<pid_t>();
   std::printf("\n$ kill -9 %d\n", pid);
   if (kill(pid, SIGKILL) != 0) {
     throw std::runtime_error("can't kill " + name);
   }
   if (!PmSandbox::Eventually([&] { return RowOf(sandbox, name).at("state") == "failed"; })) {
-    throw std::runtime_error("nobody has told of the end of " + name);
+    throw std::runtime_error("the manager knows nothing of the end of " + name);
   }
 }
 
@@ -75,7 +74,7 @@ void ShowOperator(const PmSandbox::Sandbox& sandbox) {
   Show(sandbox, {"query", "encoder1", "recorder", "stubborn"});
   Show(sandbox, {"stop", "stubborn"});
   Show(sandbox, {"restart", "recorder"});
-  KillAndAwaitReport(sandbox, "encoder1");
+  KillAndAwaitEnd(sandbox, "encoder1");
   Show(sandbox, {"query", "encoder1", "recorder"}, 1);
   Show(sandbox, {"status"});
 }

@@ -25,11 +25,6 @@ constexpr std::array<User, 7> kUsers = {{{"platform", 1000},
                                          {"recorder", 2005},
                                          {"operator", 2006}}};
 
-// Whose groups a user is a member of, apart from its own.
-std::vector<std::string> GroupsOf(const std::string& user) {
-  return user == "operator" ? std::vector<std::string>{"iam"} : std::vector<std::string>{};
-}
-
 gid_t GroupOf(const std::string& user) {
   for (const User& known : kUsers) {
     if (known.name == user) {
@@ -74,12 +69,11 @@ void MakeGroups(const PmSandbox::Sandbox& sandbox) {
   }
 }
 
-// Only the service itself may put its socket there.
-void MakeSocketFolder(const PmSandbox::Sandbox& sandbox, const std::string& service,
-                      const std::string& user) {
-  const std::string folder = sandbox.Outside("/run/pm/" + service);
+// Only the operator itself may put its socket there.
+void MakeSocketFolder(const PmSandbox::Sandbox& sandbox) {
+  const std::string folder = sandbox.Outside("/run/pm/operator");
   std::filesystem::create_directories(folder);
-  if (chown(folder.c_str(), GroupOf(user), GroupOf(user)) != 0) {
+  if (chown(folder.c_str(), GroupOf("operator"), GroupOf("operator")) != 0) {
     throw std::system_error(errno, std::generic_category(), folder);
   }
 }
@@ -102,8 +96,7 @@ const std::vector<PlatformService>& PlatformServices() {
 void InstallPlatform(const PmSandbox::Sandbox& sandbox) {
   MakeGroups(sandbox);
   for (const User& user : kUsers) {
-    sandbox.AddUser(user.name, user.id, user.id, std::string("/home/") + user.name,
-                    GroupsOf(user.name));
+    sandbox.AddUser(user.name, user.id, user.id, std::string("/home/") + user.name);
   }
   for (const PlatformService& service : PlatformServices()) {
     // Each program may be run by its own user's group and nobody else.
@@ -114,8 +107,7 @@ void InstallPlatform(const PmSandbox::Sandbox& sandbox) {
   sandbox.InstallProgram(PmSandbox::ProgramPath("sample_app"), "/opt/platform/bin/sample_app", 0,
                          GroupOf("operator"), 0750);
   sandbox.InstallProgram(PmSandbox::ProgramPath("pmctl"), kPmctl);
-  MakeSocketFolder(sandbox, "iammgr", "iam");
-  MakeSocketFolder(sandbox, "operator", "operator");
+  MakeSocketFolder(sandbox);
   sandbox.WriteFile("/run/platform/README", "The services of the platform meet here.\n");
   std::filesystem::permissions(sandbox.Outside("/run/platform"),
                                std::filesystem::perms::all | std::filesystem::perms::sticky_bit);

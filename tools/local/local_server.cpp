@@ -96,12 +96,12 @@ void LocalServer::Serve(int fd) const {
     // Read and dropped: with the request left behind, the end of the connection would reach the
     // client before the answer does.
     const Deadline deadline = ProcMgr::SteadyNow() + kStrangerPatience;
-    (void)ReceiveLine(fd, kRequestLimit, deadline);
+    (void)LineReader(fd, kRequestLimit).Next(deadline);
     SendLine(fd, R"({"error":"only root and the service's own group may ask"})", deadline);
     return;
   }
   const std::string answer =
-      handler_(ReceiveLine(fd, kRequestLimit, ProcMgr::SteadyNow() + kClientPatience));
+      handler_(LineReader(fd, kRequestLimit).Next(ProcMgr::SteadyNow() + kClientPatience));
   SendLine(fd, answer, ProcMgr::SteadyNow() + kClientPatience);
 }
 

@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <system_error>
@@ -48,29 +47,31 @@ void SendLine(int fd, const std::string& line, Deadline deadline) {
   }
 }
 
-std::string ReceiveLine(int fd, std::size_t limit, Deadline deadline) {
-  std::string line;
-  std::array<char, 4096> block{};
-  while (line.size() <= limit) {
-    Await(fd, POLLIN, deadline, "receive");
-    const ssize_t n = recv(fd, block.data(), block.size(), MSG_DONTWAIT);
+std::string LineReader::Next(Deadline deadline) {
+  while (true) {
+    const std::size_t end = in_.find('\n', searched_);
+    if (end != std::string::npos && end <= limit_) {
+      std::string line = in_.substr(0, end);
+      in_.erase(0, end + 1);
+      searched_ = 0;
+      return line;
+    }
+    searched_ = in_.size();
+    if (in_.size() > limit_) {
+      Fail(EMSGSIZE, "receive");
+    }
+    Await(fd_, POLLIN, deadline, "receive");
+    std::array<char, 65536> block{};
+    const ssize_t n = recv(fd_, block.data(), block.size(), MSG_DONTWAIT);
     if (n == 0) {
       Fail(ECONNRESET, "receive");
     }
-    if (n < 0) {
-      if (errno != EAGAIN && errno != EINTR) {
-        Fail(errno, "receive");
-      }
-      continue;
-    }
-    const auto end = block.begin() + n;
-    const auto lineEnd = std::find(block.begin(), end, '\n');
-    line.append(block.begin(), lineEnd);
-    if (lineEnd != end) {
-      return line;
+    if (n > 0) {
+      in_.append(block.data(), static_cast<std::size_t>(n));
+    } else if (errno != EAGAIN && errno != EINTR) {
+      Fail(errno, "receive");
     }
   }
-  Fail(EMSGSIZE, "receive");
 }
 
 }  // namespace Local

@@ -14,9 +14,22 @@ using Deadline = ProcMgr::SteadyTime;
 // Sends `line` and a line break. Throws system_error, ETIMEDOUT once the deadline has passed.
 void SendLine(int fd, const std::string& line, Deadline deadline);
 
-// Receives until a line break, which it drops. Throws system_error: EMSGSIZE for more than `limit`
-// bytes, ECONNRESET if the peer has closed before the line was whole.
-std::string ReceiveLine(int fd, std::size_t limit, Deadline deadline);
+class LineReader {
+ public:
+  // `fd` is borrowed. A line of more than `limit` bytes is refused.
+  LineReader(int fd, std::size_t limit) : fd_(fd), limit_(limit) {}
+
+  // Receives until a line break, which it drops. Throws system_error: EMSGSIZE for a longer line,
+  // ECONNRESET if the peer has closed before it was whole, ETIMEDOUT once the deadline has passed;
+  // what has come of the line until then counts for the next call.
+  std::string Next(Deadline deadline);
+
+ private:
+  const int fd_;
+  const std::size_t limit_;
+  std::string in_;
+  std::size_t searched_ = 0;  // So much of in_ has no line break.
+};
 
 }  // namespace Local
 

@@ -18,7 +18,6 @@ constexpr unsigned kServerThreads = 8;
 
 struct Wish {
   std::string socket = Local::kOperatorSocket;
-  std::string iammgrSocket = Local::kIammgrSocket;
   unsigned waitSeconds = Services::kDefaultWaitSeconds;
 };
 
@@ -28,7 +27,7 @@ void Serve(const Wish& wish) {
   callbacks.appStates = [&outcomes](const auto& changes) { outcomes.Report(changes); };
   Services::BaseService service("operator", std::move(callbacks));
   service.AwaitManager(std::chrono::seconds(wish.waitSeconds));
-  const Operator::OperatorRequests requests(service.Agent(), outcomes, wish.iammgrSocket);
+  const Operator::OperatorRequests requests(service.Agent(), outcomes);
   const Local::LocalServer server(
       wish.socket, kServerThreads,
       [&requests](const std::string& request) { return requests.Handle(request); });
@@ -44,8 +43,6 @@ void Serve(const Wish& wish) {
 
 void AddOptions(CLI::App& app, Wish& wish) {
   Services::AddSocketOption(app, "SOCKET", "Where pmctl reaches it", wish.socket);
-  Services::AddSocketOption(app, "IAMMGR-SOCKET", "Where the access manager shows its picture",
-                            wish.iammgrSocket);
   Services::AddWaitOption(app, wish.waitSeconds);
 }
 

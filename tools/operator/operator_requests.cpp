@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "base/app_state.h"
-#include "tools/local/local_client.h"
 
 namespace Operator {
 namespace {
@@ -20,7 +19,6 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kDefaultLimit{30'000};
 constexpr milliseconds kLongestLimit{600'000};
-constexpr milliseconds kPictureLimit{5'000};
 // The check pass reports what a start has become; this is many of its periods.
 constexpr milliseconds kReportDelay{2'000};
 
@@ -85,7 +83,9 @@ json Describe(const std::string& operation, const ProcMgr::Message::AppStateInfo
                             pid);
     case ReportAppStateType::TERMINATED_NORMAL_EXIT:
       return MakeResult(name, wantsEnd,
-                        wantsEnd && report.pid < 1 ? "was not running" : "has ended");
+                        wantsEnd && report.pid < 1
+                            ? "was not running: no start-up file's application of that name was"
+                            : "has ended");
     case ReportAppStateType::TERMINATED_ABNORMAL_EXIT:
       return wantsEnd ? MakeResult(name, true, "has ended by itself") : FailedBeforeStart(report);
     case ReportAppStateType::INVALID_INTERMEDIATE_STATE:
@@ -95,10 +95,6 @@ json Describe(const std::string& operation, const ProcMgr::Message::AppStateInfo
 }
 
 }  // namespace
-
-OperatorRequests::OperatorRequests(ProcMgr::Agent& agent, Outcomes& outcomes,
-                                   std::string iammgrSocket)
-    : agent_(agent), outcomes_(outcomes), iammgrSocket_(std::move(iammgrSocket)) {}
 
 std::string OperatorRequests::Handle(const std::string& request) const {
   try {
@@ -114,13 +110,6 @@ std::string OperatorRequests::Handle(const std::string& request) const {
 std::string OperatorRequests::Dispatch(const std::string& text) const {
   const json request = json::parse(text);
   const auto operation = request.at("request").get<std::string>();
-  if (operation == "status") {
-    try {
-      return Local::Ask(iammgrSocket_, "{}", kPictureLimit);
-    } catch (const std::exception& e) {
-      throw std::runtime_error(std::string("the access manager doesn't answer: ") + e.what());
-    }
-  }
   if (operation == "start" || operation == "stop" || operation == "restart") {
     return Operate(operation, request).dump();
   }

@@ -1,6 +1,5 @@
 // What the operator service does for pmctl. Requests and answers are JSON objects, one a line:
 //
-//   {"request": "status"}                    the access manager's picture, as it is
 //   {"request": "start" | "stop" | "restart", "names": [NAME...], "timeoutMs": N,
 //    "args": [TEXT...], "path": TEXT, "env": [KEY=VALUE...], "vf": TEXT}
 //       {"results": [{"name", "ok", "text"}...]}
@@ -23,8 +22,9 @@ namespace Operator {
 
 class OperatorRequests {
  public:
-  // `iammgrSocket` is where the access manager shows its picture. Both references are kept.
-  OperatorRequests(ProcMgr::Agent& agent, Outcomes& outcomes, std::string iammgrSocket);
+  // Both references are kept.
+  OperatorRequests(ProcMgr::Agent& agent, Outcomes& outcomes)
+      : agent_(agent), outcomes_(outcomes) {}
 
   // The answer to one request; any thread, several at a time. Throws nothing but bad_alloc.
   [[nodiscard]] std::string Handle(const std::string& request) const;
@@ -45,7 +45,6 @@ class OperatorRequests {
 
   ProcMgr::Agent& agent_;
   Outcomes& outcomes_;
-  const std::string iammgrSocket_;
 };
 
 }  // namespace Operator

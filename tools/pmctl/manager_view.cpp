@@ -6,35 +6,12 @@
 #include <set>
 
 #include "base/printable.h"
+#include "tools/pmctl/words.h"
 
 namespace PmCtl {
 namespace {
 
 using nlohmann::json;
-
-std::string Text(const json& value) {
-  if (value.is_string()) {
-    return ProcMgr::Printable(value.get<std::string>());
-  }
-  return value.is_null() ? "-" : value.dump();
-}
-
-// Seconds with what a person reads of them.
-std::string Ago(double seconds) {
-  char text[64];
-  if (seconds < 120) {
-    (void)std::snprintf(text, sizeof(text), "%.1f s", std::max(seconds, 0.0));
-  } else if (seconds < 7200) {
-    (void)std::snprintf(text, sizeof(text), "%.0f min", seconds / 60);
-  } else {
-    (void)std::snprintf(text, sizeof(text), "%.1f h", seconds / 3600);
-  }
-  return text;
-}
-
-std::string Since(const json& answer, const json& app) {
-  return Ago(answer.at("time").get<double>() - app.at("since").get<double>());
-}
 
 // What to do about a cause; empty where nothing is to be done.
 std::string Advice(const std::string& what, const std::string& name) {
@@ -122,15 +99,6 @@ void AddFact(std::string& text, const char* label, const std::string& value) {
   text += line + value + "\n";
 }
 
-std::string Ms(const json& value) {
-  if (value.is_null()) {
-    return "-";
-  }
-  char text[32];
-  (void)std::snprintf(text, sizeof(text), "%.1f", value.get<double>());
-  return text;
-}
-
 }  // namespace
 
 std::string FormatApp(const json& app) {
@@ -174,23 +142,6 @@ std::string FormatWhy(const json& status, const std::string& name) {
     text += indent + Link(status, *app, next);
   }
   return text;
-}
-
-std::string FormatBoot(const json& boot) {
-  char line[160];
-  (void)std::snprintf(line, sizeof(line), "%10s %10s %10s  %-9s %s\n", "BEGIN", "END", "MS",
-                      "PHASE", "NAME");
-  std::string text = line;
-  for (const json& span : boot.at("spans")) {
-    const json& end = span.at("end");
-    const json length =
-        end.is_null() ? json() : json(end.get<double>() - span.at("begin").get<double>());
-    (void)std::snprintf(line, sizeof(line), "%10s %10s %10s  %-9s ", Ms(span.at("begin")).c_str(),
-                        Ms(end).c_str(), Ms(length).c_str(), Text(span.at("phase")).c_str());
-    text += line + Text(span.at("name")) + "\n";
-  }
-  return text + (boot.at("end").is_null() ? "the boot goes on\n"
-                                          : "the boot took " + Ms(boot.at("end")) + " ms\n");
 }
 
 }  // namespace PmCtl

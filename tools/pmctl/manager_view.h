@@ -18,9 +18,6 @@ std::string FormatApp(const nlohmann::json& app);
 // application of that name is known.
 std::string FormatWhy(const nlohmann::json& status, const std::string& name);
 
-// Where the boot's time went: the answer to "boot", as a table.
-std::string FormatBoot(const nlohmann::json& boot);
-
 }  // namespace PmCtl
 
 #endif  // TOOLS_PMCTL_MANAGER_VIEW_H

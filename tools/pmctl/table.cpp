@@ -2,57 +2,51 @@
 
 #include <algorithm>
 #include <array>
-#include <nlohmann/json.hpp>
-#include <vector>
-
-#include "base/printable.h"
 
 namespace PmCtl {
 namespace {
 
-constexpr std::size_t kColumns = 7;
-// Numbers stand to the right.
-constexpr std::array<bool, kColumns> kIsNumber = {false, false, false, true, false, false, true};
-constexpr std::array<const char*, kColumns> kKeys = {"name",  "kind",  "owner",   "pid",
-                                                     "state", "since", "restarts"};
-
-using Row = std::array<std::string, kColumns>;
-
-std::string Cell(const nlohmann::json& value) {
-  if (value.is_null()) {
-    return "-";
-  }
-  return value.is_string() ? ProcMgr::Printable(value.get<std::string>()) : value.dump();
-}
-
-std::string FormatRow(const Row& row, const std::array<std::size_t, kColumns>& widths) {
-  std::string line;
-  for (std::size_t i = 0; i < kColumns; ++i) {
-    const std::string space(widths[i] - row[i].size(), ' ');
-    line += kIsNumber[i] ? space + row[i] : row[i] + space;
-    line += i + 1 < kColumns ? "  " : "\n";
-  }
-  return line;
-}
+// What switches a terminal to the colour, in the order of Colour.
+constexpr std::array<const char*, 5> kSwitches = {"", "\033[32m", "\033[33m", "\033[1;31m",
+                                                  "\033[2m"};
+static_assert(kSwitches.size() == static_cast<std::size_t>(Colour::kFaint) + 1);
 
 }  // namespace
 
-std::string FormatTable(const nlohmann::json& picture) {
-  std::vector<Row> rows = {{"NAME", "KIND", "OWNER", "PID", "STATE", "SINCE", "RESTARTS"}};
-  for (const nlohmann::json& process : picture.at("processes")) {
-    Row& row = rows.emplace_back();
-    std::transform(kKeys.begin(), kKeys.end(), row.begin(),
-                   [&process](const char* key) { return Cell(process.at(key)); });
+Table::Table(const std::vector<std::string>& headings) {
+  Row row;
+  for (const std::string& heading : headings) {
+    isNumber_.push_back(heading.starts_with('>'));
+    row.cells.push_back(isNumber_.back() ? heading.substr(1) : heading);
+    widths_.push_back(row.cells.back().size());
   }
-  std::array<std::size_t, kColumns> widths{};
-  for (const Row& row : rows) {
-    for (std::size_t i = 0; i < kColumns; ++i) {
-      widths[i] = std::max(widths[i], row[i].size());
-    }
+  rows_.push_back(std::move(row));
+}
+
+void Table::Add(const std::vector<std::string>& cells, Colour colour) {
+  Row& row = rows_.emplace_back();
+  row.colour = colour;
+  for (std::size_t i = 0; i < isNumber_.size(); ++i) {
+    row.cells.push_back(cells.at(i));
+    widths_[i] = std::max(widths_[i], row.cells.back().size());
   }
+}
+
+std::string Table::Line(const Row& row) const {
+  std::string line;
+  for (std::size_t i = 0; i < row.cells.size(); ++i) {
+    const std::string space(widths_[i] - row.cells[i].size(), ' ');
+    line += (i == 0 ? "" : "  ") + (isNumber_[i] ? space + row.cells[i] : row.cells[i] + space);
+  }
+  return line.substr(0, line.find_last_not_of(' ') + 1);
+}
+
+std::string Table::Text(bool isColoured) const {
   std::string text;
-  for (const Row& row : rows) {
-    text += FormatRow(row, widths);
+  for (const Row& row : rows_) {
+    const std::string line = Line(row);
+    const char* const colour = kSwitches.at(static_cast<std::size_t>(row.colour));
+    text += isColoured && *colour != '\0' ? colour + line + "\033[0m\n" : line + "\n";
   }
   return text;
 }

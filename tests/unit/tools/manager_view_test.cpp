@@ -5,6 +5,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tools/pmctl/boot_view.h"
+#include "tools/pmctl/status_view.h"
+
 namespace PmCtl {
 namespace {
 
@@ -54,6 +57,37 @@ TEST(FormatWhy, FollowsTheChainToItsRoot) {
   }
 }
 
+TEST(FormatStatus, ShowsFirstWhatIsWrong) {
+  json status = {{"time", 100},
+                 {"manager",
+                  {{"pid", 4},
+                   {"since", 40},
+                   {"boot", "running"},
+                   {"awaited", {{"name", "gps"}, {"since", 98}}}}},
+                 {"apps", json::array()}};
+  for (const char* state : {"running", "ended", "starting", "blocked", "left-out", "failed"}) {
+    json app = App(std::string("is-") + state, state);
+    app.update({{"kind", "base"}, {"owner", {}}, {"pid", {}}, {"restarts", {{"count", 2}}}});
+    status["apps"].push_back(app);
+  }
+  status["apps"][3]["cause"] = Cause("dependency", "it needs\tmap", "map");
+  const std::string manager =
+      "manager, pid 4, up for 60.0 s; 6 applications, 2 wrong; the boot waits for gps, for 2.0 s\n";
+  EXPECT_EQ(FormatStatus(status, false),
+            "NAME         KIND  OWNER  PID  STATE        FOR  RESTARTS  WHY\n"
+            "is-blocked   base  -        -  blocked   10.0 s         2  it needs\\x09map\n"
+            "is-failed    base  -        -  failed    10.0 s         2\n"
+            "is-starting  base  -        -  starting  10.0 s         2\n"
+            "is-running   base  -        -  running   10.0 s         2\n"
+            "is-ended     base  -        -  ended     10.0 s         2\n"
+            "is-left-out  base  -        -  left-out  10.0 s         2\n" +
+                manager);
+  KeepWrong(status);
+  const std::string coloured = FormatStatus(status, true);
+  EXPECT_NE(coloured.find("\n\033[1;31mis-failed "), std::string::npos) << coloured;
+  EXPECT_EQ(coloured.find("is-running"), std::string::npos);
+}
+
 TEST(FormatBoot, ShowsWhatStillGoesOn) {
   const json boot = {{"begin", 0},
                      {"end", {}},
@@ -61,9 +95,9 @@ TEST(FormatBoot, ShowsWhatStillGoesOn) {
                       {{{"name", "PROCMGR"}, {"phase", "init"}, {"begin", 0.25}, {"end", 2.75}},
                        {{"name", "gps"}, {"phase", "ready"}, {"begin", 3}, {"end", {}}}}}};
   EXPECT_EQ(FormatBoot(boot),
-            "     BEGIN        END         MS  PHASE     NAME\n"
-            "       0.2        2.8        2.5  init      PROCMGR\n"
-            "       3.0          -          -  ready     gps\n"
+            "BEGIN  END   MS  PHASE  NAME\n"
+            "  0.2  2.8  2.5  init   PROCMGR\n"
+            "  3.0    -    -  ready  gps\n"
             "the boot goes on\n");
 }
 

@@ -18,14 +18,13 @@ struct Case {
 };
 
 TEST(ServiceProgram, WithoutAManagerItPrintsEndsAndLeavesNothingBehind) {
-  const std::string socket = std::string(kFolder) + "/socket";
   const std::vector<Case> cases = {
       {{"--help"}, 0, " [OPTIONS]"},
       {{"-h"}, 0, " [OPTIONS]"},
       {{"--version"}, 0, " " PM_VERSION "\n"},
       {{"--hepl"}, 2, "--hepl"},
-      {{"relative", "relative"}, 2, "not an absolute path: relative"},
-      {{"--wait", "0", socket, socket}, 1, ": the manager has opened no channel within 0 s: "}};
+      {{"relative"}, 2, "relative"},
+      {{"--wait", "0"}, 1, ": the manager has opened no channel within 0 s: "}};
   for (const std::string name : {"iammgr", "operator"}) {
     for (const Case& tried : cases) {
       SCOPED_TRACE(name + " " + tried.arguments.front());

@@ -1,0 +1,113 @@
+#include "tools/pmctl/manager_commands.h"
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "base/printable.h"
+#include "base/steady_time.h"
+#include "tools/pmctl/boot_view.h"
+#include "tools/pmctl/manager_client.h"
+#include "tools/pmctl/manager_stop.h"
+#include "tools/pmctl/manager_view.h"
+#include "tools/pmctl/screen.h"
+#include "tools/pmctl/status_view.h"
+
+namespace PmCtl {
+namespace {
+
+using nlohmann::json;
+using std::chrono::milliseconds;
+
+// However much happens, a person reads no faster; and how long ago it was changes all the time.
+constexpr milliseconds kShortestRedraw{100};
+constexpr milliseconds kLongestRedraw{1000};
+
+std::string AsLine(const json& answer) {
+  return answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+json Selected(const Options& options, json status) {
+  if (options.onlyWrong) {
+    KeepWrong(status);
+  }
+  return status;
+}
+
+// Returns once something has changed, or it is time to draw all the same.
+void AwaitRedraw(ManagerWatch& watch) {
+  const ProcMgr::SteadyTime drawn = ProcMgr::SteadyNow();
+  ProcMgr::SteadyTime due = IsTerminal() ? drawn + kLongestRedraw : ProcMgr::SteadyTime::max();
+  while (ProcMgr::SteadyNow() < due) {
+    if (watch.Next(milliseconds(ProcMgr::MillisecondsUntil(due)))) {
+      due = drawn + kShortestRedraw;
+    }
+  }
+}
+
+[[noreturn]] void WatchStatus(const Options& options) {
+  ManagerWatch watch(options.manager);
+  if (options.asJson) {
+    Write(AsLine(Selected(options, watch.Status())));
+  }
+  while (true) {
+    if (!options.asJson) {
+      Redraw(FormatStatus(Selected(options, watch.Status()), IsColoured()));
+      AwaitRedraw(watch);
+    } else if (const auto line = watch.Next(kLongestRedraw)) {
+      Write(AsLine(Selected(options, *line)));
+    }
+  }
+}
+
+}  // namespace
+
+int Status(const Options& options) {
+  if (options.watch) {
+    WatchStatus(options);
+  }
+  const json status = Selected(options, AskManager(options.manager, {{"get", "status"}}));
+  Write(options.asJson ? AsLine(status) : FormatStatus(status, IsColoured()));
+  return options.onlyWrong && !status.at("apps").empty() ? kNotDone : kDone;
+}
+
+int Show(const Options& options) {
+  const json app = AskManager(options.manager, {{"get", "app"}, {"name", options.name}});
+  Write(options.asJson ? AsLine(app) : FormatApp(app));
+  return kDone;
+}
+
+int Why(const Options& options) {
+  const std::string text =
+      FormatWhy(AskManager(options.manager, {{"get", "status"}}), options.name);
+  if (text.empty()) {
+    throw CantAsk("the manager knows of no " + ProcMgr::Printable(options.name), 0);
+  }
+  Write(text);
+  return kDone;
+}
+
+int Boot(const Options& options) {
+  const json boot = AskManager(options.manager, {{"get", "boot"}});
+  Write(options.asJson ? AsLine(boot) : FormatBoot(boot));
+  return kDone;
+}
+
+int Shutdown(const Options& options) {
+  const auto manager = [&options] {
+    return AskManager(options.manager, {{"get", "status"}}).at("manager").at("pid").get<pid_t>();
+  };
+  const milliseconds limit(static_cast<std::int64_t>(options.stopTimeout * 1000));
+  if (StopManager(manager, options.now, limit)) {
+    Write("the manager has ended, and all that it had started\n");
+    return kDone;
+  }
+  (void)std::fputs("pmctl: the manager hasn't ended in time; its log tells what it waits for\n",
+                   stderr);
+  return kNotDone;
+}
+
+}  // namespace PmCtl
