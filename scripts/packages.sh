@@ -6,8 +6,9 @@ BUILD_PACKAGES=(
   libyaml-cpp-dev libre2-dev nlohmann-json3-dev libcli11-dev
   libnuma1 # loaded at run time by children that have a memory policy
 )
-# What the tests and the benchmark need beside them: Python for the binding's, dpkg-dev and file to make packages.
-TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file)
+# What the tests and the benchmark need beside them: Python for the binding's, dpkg-dev and file to make packages,
+# Chromium for the page of a boot.
+TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file chromium)
 # The address sanitizer must free its allocator's locks in the child of a process with threads, or now and then
 # one that is forked hangs before its exec; the one of g++ 12 doesn't.
 ASAN_PACKAGES=(clang-19 libclang-rt-19-dev)

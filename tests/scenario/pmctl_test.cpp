@@ -137,7 +137,12 @@ TEST_F(PmCtl, TheManagerTellsItself) {
   EXPECT_THAT(shown.output, HasSubstr("ended        signal 9 "));
   EXPECT_EQ(nlohmann::json::parse(Ask({"show", "recorder", "--json"}).output).at("state"),
             "failed");
-  EXPECT_THAT(Ask({"boot"}).output, HasSubstr("ready     camera_service\n"));
+  EXPECT_THAT(Ask({"boot"}).output, ContainsRegex("critical chain(.*\n)*.* ready map_service\n"));
+  const std::string page = "/run/sandbox/boot.html";
+  const std::string saved = "/run/sandbox/boot.json";
+  EXPECT_EQ(Ask({"boot", "--html", page, "--save", saved}).output, "");
+  EXPECT_THAT(sandbox_.ReadFile(page), HasSubstr("data-name=\"camera_service\""));
+  EXPECT_THAT(Ask({"boot", "--compare", saved}).output, HasSubstr(" ms: +0.0 ms\n"));
   EXPECT_EQ(Ask({"why", "nobody"}).status, 3);
 
   const Result failed = Ask({"status", "--failed"});

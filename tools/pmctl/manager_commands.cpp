@@ -5,10 +5,16 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <fstream>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <system_error>
 
 #include "base/printable.h"
+#include "base/small_file.h"
 #include "base/steady_time.h"
+#include "tools/pmctl/boot_page.h"
+#include "tools/pmctl/boot_timeline.h"
 #include "tools/pmctl/boot_view.h"
 #include "tools/pmctl/manager_client.h"
 #include "tools/pmctl/manager_stop.h"
@@ -63,6 +69,36 @@ void AwaitRedraw(ManagerWatch& watch) {
   }
 }
 
+// A boot that goes on is completed by what the status tells: how late it is, and who is awaited.
+json AskForBoot(const Options& options) {
+  json boot = AskManager(options.manager, {{"get", "boot"}});
+  if (boot.at("end").is_null()) {
+    const json status = AskManager(options.manager, {{"get", "status"}});
+    const json& manager = status.at("manager");
+    boot["now"] = 1000 * (status.at("time").get<double>() - manager.at("since").get<double>());
+    boot["awaited"] = manager.at("awaited");
+  }
+  return boot;
+}
+
+void WriteFile(const std::string& path, const std::string& text) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << text;
+  file.close();
+  if (!file) {
+    throw std::runtime_error("can't write " + path);
+  }
+}
+
+json ReadBoot(const std::string& path) {
+  constexpr std::size_t kLimit = std::size_t{64} << 20;
+  std::string text;
+  if (const int error = ProcMgr::ReadSmallFile(path, kLimit, text); error != 0) {
+    throw std::runtime_error("can't read " + path + ": " + std::generic_category().message(error));
+  }
+  return json::parse(text);
+}
+
 }  // namespace
 
 int Status(const Options& options) {
@@ -91,8 +127,25 @@ int Why(const Options& options) {
 }
 
 int Boot(const Options& options) {
-  const json boot = AskManager(options.manager, {{"get", "boot"}});
-  Write(options.asJson ? AsLine(boot) : FormatBoot(boot));
+  const json boot = AskForBoot(options);
+  const BootTimeline timeline = MakeTimeline(boot);
+  bool isWritten = false;
+  for (const auto& [file, make] :
+       {std::pair{&options.htmlFile, &BootPage}, std::pair{&options.svgFile, &BootSvg}}) {
+    if (!file->empty()) {
+      WriteFile(*file, make(timeline));
+      isWritten = true;
+    }
+  }
+  if (!options.saveFile.empty()) {
+    WriteFile(options.saveFile, AsLine(boot));
+    isWritten = true;
+  }
+  if (!options.compareFile.empty()) {
+    Write(CompareBoots(timeline, MakeTimeline(ReadBoot(options.compareFile))));
+  } else if (options.asJson || !isWritten) {
+    Write(options.asJson ? AsLine(boot) : FormatBoot(timeline));
+  }
   return kDone;
 }
 

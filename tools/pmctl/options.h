@@ -22,6 +22,10 @@ struct Options {
   bool asJson = false;
   bool watch = false;
   bool onlyWrong = false;
+  std::string htmlFile;  // Where the boot is to be written, in each form; empty for nowhere.
+  std::string svgFile;
+  std::string saveFile;
+  std::string compareFile;  // An earlier boot.
   std::vector<std::string> names;
   std::vector<std::string> args;
   std::vector<std::string> env;

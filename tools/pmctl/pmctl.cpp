@@ -55,6 +55,22 @@ void AddStatus(CLI::App& app, Options& options, int& status) {
   command->callback([&] { status = PmCtl::Status(options); });
 }
 
+void AddBoot(CLI::App& app, Options& options, int& status) {
+  CLI::App* const command = app.add_subcommand("boot", "where the time of the boot went");
+  command->add_flag("--json", options.asJson, "as JSON, one line");
+  command->add_option("--html", options.htmlFile, "write it to FILE as a page for a browser")
+      ->option_text("FILE");
+  command->add_option("--svg", options.svgFile, "write it to FILE as a picture")
+      ->option_text("FILE");
+  command->add_option("--save", options.saveFile, "write it to FILE for --compare")
+      ->option_text("FILE");
+  command
+      ->add_option("--compare", options.compareFile,
+                   "what has changed since the boot that FILE has")
+      ->option_text("FILE");
+  command->callback([&] { status = PmCtl::Boot(options); });
+}
+
 // Those that ask the manager itself.
 void AddManagerCommands(CLI::App& app, Options& options, int& status) {
   AddStatus(app, options, status);
@@ -64,13 +80,10 @@ void AddManagerCommands(CLI::App& app, Options& options, int& status) {
   for (CLI::App* const command : {one, why}) {
     command->add_option("NAME", options.name, "the application's name")->required();
   }
-  CLI::App* const boot = app.add_subcommand("boot", "where the time of the boot went");
-  for (CLI::App* const command : {one, boot}) {
-    command->add_flag("--json", options.asJson, "as JSON, one line");
-  }
+  one->add_flag("--json", options.asJson, "as JSON, one line");
   one->callback([&] { status = PmCtl::Show(options); });
   why->callback([&] { status = PmCtl::Why(options); });
-  boot->callback([&] { status = PmCtl::Boot(options); });
+  AddBoot(app, options, status);
 
   CLI::App* const shutdown = app.add_subcommand(
       "shutdown", "end the manager and all that it has started, in the reverse order of the boot");

@@ -33,12 +33,9 @@ std::string Since(const json& answer, const json& app) {
   return Ago(answer.at("time").get<double>() - app.at("since").get<double>());
 }
 
-std::string Ms(const json& value) {
-  if (value.is_null()) {
-    return "-";
-  }
+std::string Ms(double value) {
   char text[32];
-  (void)std::snprintf(text, sizeof(text), "%.1f", value.get<double>());
+  (void)std::snprintf(text, sizeof(text), "%.1f", value);
   return text;
 }
 

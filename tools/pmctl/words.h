@@ -16,8 +16,8 @@ namespace PmCtl {
 // For how long the application, or whatever else has a `since`, was so when `answer` was made.
 [[nodiscard]] std::string Since(const nlohmann::json& answer, const nlohmann::json& app);
 
-// Milliseconds with one decimal; "-" for null.
-[[nodiscard]] std::string Ms(const nlohmann::json& value);
+// Milliseconds with one decimal.
+[[nodiscard]] std::string Ms(double value);
 
 // A state that somebody has to do something about.
 [[nodiscard]] bool IsWrong(const std::string& state);

@@ -88,17 +88,48 @@ TEST(FormatStatus, ShowsFirstWhatIsWrong) {
   EXPECT_EQ(coloured.find("is-running"), std::string::npos);
 }
 
-TEST(FormatBoot, ShowsWhatStillGoesOn) {
+json Span(const char* name, const char* phase, double begin, const json& end) {
+  return {{"name", name}, {"phase", phase}, {"begin", begin}, {"end", end}};
+}
+
+TEST(FormatBoot, TellsTheChainAndWhatStillGoesOn) {
   const json boot = {{"begin", 0},
                      {"end", {}},
+                     {"time", 100},
+                     {"now", 40},
+                     {"awaited", {{"name", "gps"}, {"since", 99.98}}},
                      {"spans",
-                      {{{"name", "PROCMGR"}, {"phase", "init"}, {"begin", 0.25}, {"end", 2.75}},
-                       {{"name", "gps"}, {"phase", "ready"}, {"begin", 3}, {"end", {}}}}}};
-  EXPECT_EQ(FormatBoot(boot),
-            "BEGIN  END   MS  PHASE  NAME\n"
-            "  0.2  2.8  2.5  init   PROCMGR\n"
-            "  3.0    -    -  ready  gps\n"
-            "the boot goes on\n");
+                      {Span("PROCMGR", "init", 0, 2.5), Span("job", "fork", 2.5, 2.75),
+                       Span("job", "ready", 2.75, 35), Span("gps", "checks", 3, 4),
+                       Span("gps", "fork", 4, 4.5), Span("gps", "ready", 4.5, {})}}};
+  EXPECT_EQ(FormatBoot(MakeTimeline(boot)),
+            "BEGIN   MS  PHASE\n"
+            "  0.0  2.5  init\n"
+            "\n"
+            "BEGIN  CHECKS  FORK  READY  CHANNEL    MS  NAME\n"
+            "  2.5       -   0.2   32.2        -  32.5  job\n"
+            "  3.0     1.0   0.5  35.5+        -  37.0  gps\n"
+            "\n"
+            "the critical chain, each link having waited for the one before it:\n"
+            "BEGIN    MS  WHAT\n"
+            "  0.0   2.5  init PROCMGR\n"
+            "  3.0   1.0  checks gps\n"
+            "  4.0   0.5  fork gps\n"
+            "  4.5  35.5  ready gps\n"
+            "and 1 shorter ones, together 0.2 ms\n"
+            "\n"
+            "the boot goes on for 40.0 ms, and waits for gps, for 0.0 s\n");
+  json later = boot;
+  later["end"] = 50;
+  later["spans"][2]["end"] = 45;
+  later["spans"].push_back(Span("new", "ready", 46, 47));
+  EXPECT_EQ(CompareBoots(MakeTimeline(later), MakeTimeline(boot)),
+            "BEFORE   NOW  CHANGE  NAME\n"
+            "  32.5  42.5   +10.0  job\n"
+            "  37.0  44.0    +7.0  gps\n"
+            "     -   1.0    +1.0  new\n"
+            "   2.5   2.5    +0.0  PROCMGR\n"
+            "the boot took 50.0 ms, before 40.0 ms: +10.0 ms\n");
 }
 
 }  // namespace
