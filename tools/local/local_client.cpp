@@ -19,7 +19,7 @@ ProcMgr::UniqueFd Connect(const std::string& path, Deadline deadline) {
   ProcMgr::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   // Bounds the connect; zero would be no bound. Whatever follows is bounded by poll.
   const int limit = std::max(ProcMgr::MillisecondsUntil(deadline), 1);
-  const timeval bound{limit / 1000, limit % 1000 * 1000};
+  const timeval bound{limit / 1000, limit % 1000 * 1000L};
   if (!fd.IsOpen() || setsockopt(fd.Get(), SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof(bound)) != 0 ||
       connect(fd.Get(), address.Get(), address.Size()) != 0) {
     const int error = errno == EAGAIN ? ETIMEDOUT : errno;

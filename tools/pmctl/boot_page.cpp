@@ -100,7 +100,7 @@ class Drawing {
   }
 
   [[nodiscard]] std::string Heading() const {
-    return std::to_string(boot_.rows.size()) + " rows, " + Ms(boot_.end) + " ms" +
+    return std::to_string(boot_.rows.size()) + " rows, " + OneDecimal(boot_.end) + " ms" +
            (boot_.isOver            ? ""
             : boot_.awaited.empty() ? ", going on"
                                     : ", waiting for " + boot_.awaited);
@@ -143,9 +143,10 @@ class Drawing {
   }
 
   static std::string Numbers(const BootRow& row) {
-    std::string text = row.name + ": from " + Ms(row.Begin()) + " to " + Ms(row.End()) + " ms";
+    std::string text =
+        row.name + ": from " + OneDecimal(row.Begin()) + " to " + OneDecimal(row.End()) + " ms";
     for (const BootSpan& span : row.spans) {
-      text += ", " + span.phase + " " + Ms(span.Length()) + " ms" +
+      text += ", " + span.phase + " " + OneDecimal(span.Length()) + " ms" +
               (span.isOver ? "" : " and going on") + (span.isCritical ? " (critical)" : "");
     }
     return text;

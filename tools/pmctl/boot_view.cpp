@@ -17,7 +17,7 @@ constexpr double kShortLink = 0.01;
 // A plus marks what still goes on.
 std::string LengthOf(const BootRow& row, const char* phase) {
   const BootSpan* const span = row.Find(phase);
-  return span == nullptr ? "-" : Ms(span->Length()) + (span->isOver ? "" : "+");
+  return span == nullptr ? "-" : OneDecimal(span->Length()) + (span->isOver ? "" : "+");
 }
 
 // The manager's own phases and what applications took, which have no phase in common.
@@ -28,13 +28,14 @@ std::string FormatRows(const BootTimeline& boot) {
   for (const BootRow& row : boot.rows) {
     if (row.Find("checks") == nullptr && row.Find("fork") == nullptr) {
       for (const BootSpan& span : row.spans) {
-        own.Add({Ms(span.begin), Ms(span.Length()) + (span.isOver ? "" : "+"), span.phase});
+        own.Add({OneDecimal(span.begin), OneDecimal(span.Length()) + (span.isOver ? "" : "+"),
+                 span.phase});
       }
       continue;
     }
     hasApps = true;
-    apps.Add({Ms(row.Begin()), LengthOf(row, "checks"), LengthOf(row, "fork"),
-              LengthOf(row, "ready"), LengthOf(row, "open"), Ms(row.Length()), row.name});
+    apps.Add({OneDecimal(row.Begin()), LengthOf(row, "checks"), LengthOf(row, "fork"),
+              LengthOf(row, "ready"), LengthOf(row, "open"), OneDecimal(row.Length()), row.name});
   }
   return own.Text(false) + (hasApps ? "\n" + apps.Text(false) : "");
 }
@@ -48,27 +49,28 @@ std::string FormatChain(const BootTimeline& boot) {
       ++passedOver;
       passedOverMs += link.span.Length();
     } else {
-      table.Add({Ms(link.span.begin), Ms(link.span.Length()), link.span.phase + " " + link.name});
+      table.Add({OneDecimal(link.span.begin), OneDecimal(link.span.Length()),
+                 link.span.phase + " " + link.name});
     }
   }
   const std::string more = passedOver == 0
                                ? ""
                                : "and " + std::to_string(passedOver) + " shorter ones, together " +
-                                     Ms(passedOverMs) + " ms\n";
+                                     OneDecimal(passedOverMs) + " ms\n";
   return "\nthe critical chain, each link having waited for the one before it:\n" +
          table.Text(false) + more;
 }
 
 std::string FormatEnd(const BootTimeline& boot) {
   if (boot.isOver) {
-    return "\nthe boot took " + Ms(boot.end) + " ms\n";
+    return "\nthe boot took " + OneDecimal(boot.end) + " ms\n";
   }
-  return "\nthe boot goes on for " + Ms(boot.end) + " ms" +
+  return "\nthe boot goes on for " + OneDecimal(boot.end) + " ms" +
          (boot.awaited.empty() ? "" : ", and waits for " + boot.awaited) + "\n";
 }
 
 std::string Signed(double ms) {
-  return (ms < 0 ? "" : "+") + Ms(ms);
+  return (ms < 0 ? "" : "+") + OneDecimal(ms);
 }
 
 }  // namespace
@@ -89,8 +91,8 @@ std::string CompareBoots(const BootTimeline& boot, const BootTimeline& before) {
   for (const auto& [name, length] : lengths) {
     const double change = length.second.value_or(0) - length.first.value_or(0);
     rows.push_back({std::abs(change),
-                    {length.first ? Ms(*length.first) : "-",
-                     length.second ? Ms(*length.second) : "-", Signed(change), name}});
+                    {length.first ? OneDecimal(*length.first) : "-",
+                     length.second ? OneDecimal(*length.second) : "-", Signed(change), name}});
   }
   std::stable_sort(rows.begin(), rows.end(),
                    [](const auto& a, const auto& b) { return a.first > b.first; });
@@ -98,8 +100,8 @@ std::string CompareBoots(const BootTimeline& boot, const BootTimeline& before) {
   for (const auto& row : rows) {
     table.Add(row.second);
   }
-  return table.Text(false) + "the boot took " + Ms(boot.end) + " ms, before " + Ms(before.end) +
-         " ms: " + Signed(boot.end - before.end) + " ms\n";
+  return table.Text(false) + "the boot took " + OneDecimal(boot.end) + " ms, before " +
+         OneDecimal(before.end) + " ms: " + Signed(boot.end - before.end) + " ms\n";
 }
 
 }  // namespace PmCtl

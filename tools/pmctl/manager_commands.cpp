@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "base/printable.h"
+#include "base/sleep.h"
 #include "base/small_file.h"
 #include "base/steady_time.h"
 #include "tools/pmctl/boot_page.h"
@@ -21,6 +22,7 @@
 #include "tools/pmctl/manager_view.h"
 #include "tools/pmctl/screen.h"
 #include "tools/pmctl/status_view.h"
+#include "tools/pmctl/top.h"
 
 namespace PmCtl {
 namespace {
@@ -147,6 +149,24 @@ int Boot(const Options& options) {
     Write(options.asJson ? AsLine(boot) : FormatBoot(timeline));
   }
   return kDone;
+}
+
+int Top(const Options& options) {
+  const auto sample = [&options] {
+    return SampleUsage(AskManager(options.manager, {{"get", "status"}}));
+  };
+  UsageSample before = sample();
+  while (true) {
+    ProcMgr::SleepNs(static_cast<std::int64_t>(options.interval * 1e9));
+    UsageSample now = sample();
+    const std::string text = FormatTop(before, now, options.sortKey);
+    if (options.once) {
+      Write(text);
+      return kDone;
+    }
+    Redraw(text);
+    before = std::move(now);
+  }
 }
 
 int Shutdown(const Options& options) {

@@ -117,8 +117,9 @@ std::string FormatApp(const json& app) {
   AddFact(text, "restarts",
           Text(restarts.at("count")) + ", policy " + Text(restarts.at("policy")) + ", left " +
               Text(restarts.at("left")));
-  AddFact(text, "ready after",
-          app.at("ready_ms").is_null() ? "-" : Ms(app.at("ready_ms").get<double>()) + " ms");
+  AddFact(
+      text, "ready after",
+      app.at("ready_ms").is_null() ? "-" : OneDecimal(app.at("ready_ms").get<double>()) + " ms");
   AddFact(text, "channel", app.at("channel").get<bool>() ? "open" : "none");
   AddFact(text, "beat",
           app.at("beat").is_null() ? "-" : Ago(app.at("beat").get<double>()) + " ago");

@@ -22,6 +22,9 @@ struct Options {
   bool asJson = false;
   bool watch = false;
   bool onlyWrong = false;
+  bool once = false;
+  double interval = 1;  // Seconds, between two looks of top.
+  std::string sortKey = "cpu";
   std::string htmlFile;  // Where the boot is to be written, in each form; empty for nowhere.
   std::string svgFile;
   std::string saveFile;

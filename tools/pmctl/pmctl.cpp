@@ -4,10 +4,12 @@
 #include <exception>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "tools/pmctl/manager_commands.h"
 #include "tools/pmctl/operator_commands.h"
 #include "tools/pmctl/options.h"
+#include "tools/pmctl/top.h"
 
 namespace {
 
@@ -71,6 +73,20 @@ void AddBoot(CLI::App& app, Options& options, int& status) {
   command->callback([&] { status = PmCtl::Boot(options); });
 }
 
+void AddTop(CLI::App& app, Options& options, int& status) {
+  CLI::App* const command =
+      app.add_subcommand("top", "what the applications use just now, until Ctrl-C");
+  command->add_flag("--once", options.once, "once, and end");
+  command->add_option("--interval", options.interval, "how long to measure, in seconds")
+      ->check(CLI::Range(0.1, 3600.0))
+      ->capture_default_str();
+  command->add_option("--sort", options.sortKey, "by what to sort")
+      ->check(CLI::IsMember(
+          std::vector<std::string>(std::begin(PmCtl::kTopKeys), std::end(PmCtl::kTopKeys))))
+      ->capture_default_str();
+  command->callback([&] { status = PmCtl::Top(options); });
+}
+
 // Those that ask the manager itself.
 void AddManagerCommands(CLI::App& app, Options& options, int& status) {
   AddStatus(app, options, status);
@@ -84,6 +100,7 @@ void AddManagerCommands(CLI::App& app, Options& options, int& status) {
   one->callback([&] { status = PmCtl::Show(options); });
   why->callback([&] { status = PmCtl::Why(options); });
   AddBoot(app, options, status);
+  AddTop(app, options, status);
 
   CLI::App* const shutdown = app.add_subcommand(
       "shutdown", "end the manager and all that it has started, in the reverse order of the boot");

@@ -1,5 +1,6 @@
 #include "tools/pmctl/screen.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -7,6 +8,22 @@
 #include <stdexcept>
 
 namespace PmCtl {
+namespace {
+
+// What is first is what counts most.
+std::string CutToHeight(const std::string& text) {
+  winsize size{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) {
+    return text;
+  }
+  std::size_t end = 0;
+  for (int line = 1; line < size.ws_row && end < text.size(); ++line) {
+    end = text.find('\n', end) + 1;
+  }
+  return size.ws_row == 0 ? text : text.substr(0, end);
+}
+
+}  // namespace
 
 bool IsTerminal() {
   return isatty(STDOUT_FILENO) == 1;
@@ -24,7 +41,8 @@ void Write(const std::string& text) {
 }
 
 void Redraw(const std::string& text) {
-  Write(IsTerminal() ? "\033[H\033[2J" + text : text);
+  // Long lines are cut off at the right while this is drawn.
+  Write(IsTerminal() ? "\033[?7l\033[H\033[2J" + CutToHeight(text) + "\033[?7h" : text);
 }
 
 }  // namespace PmCtl

@@ -12,7 +12,8 @@ namespace PmCtl {
 
 // Throws std::runtime_error if it can't be written.
 void Write(const std::string& text);
-// The same in place of what a terminal shows; anything else gets the text behind what it has.
+// The same in place of what a terminal shows, cut to its size; anything else gets the whole text
+// behind what it has.
 void Redraw(const std::string& text);
 
 }  // namespace PmCtl

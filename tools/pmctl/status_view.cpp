@@ -83,7 +83,7 @@ std::string FormatStatus(const json& status, bool isColoured) {
         ColourOf(urgency));
     wrong += urgency == Urgency::kWrong ? 1 : 0;
   }
-  return table.Text(isColoured) + FormatManager(status, wrong);
+  return FormatManager(status, wrong) + table.Text(isColoured);
 }
 
 }  // namespace PmCtl

@@ -12,7 +12,7 @@ namespace PmCtl {
 void KeepWrong(nlohmann::json& status);
 
 // The answer to "status" as a table: what is wrong first, then what is under way, then the rest;
-// within each the order of the answer. Below it a line on the manager. Throws nlohmann's exceptions
+// within each the order of the answer. Above it a line on the manager. Throws nlohmann's exceptions
 // for anything that isn't such an answer.
 [[nodiscard]] std::string FormatStatus(const nlohmann::json& status, bool isColoured);
 

@@ -33,7 +33,7 @@ std::string Since(const json& answer, const json& app) {
   return Ago(answer.at("time").get<double>() - app.at("since").get<double>());
 }
 
-std::string Ms(double value) {
+std::string OneDecimal(double value) {
   char text[32];
   (void)std::snprintf(text, sizeof(text), "%.1f", value);
   return text;

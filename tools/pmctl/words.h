@@ -16,8 +16,8 @@ namespace PmCtl {
 // For how long the application, or whatever else has a `since`, was so when `answer` was made.
 [[nodiscard]] std::string Since(const nlohmann::json& answer, const nlohmann::json& app);
 
-// Milliseconds with one decimal.
-[[nodiscard]] std::string Ms(double value);
+// With one decimal.
+[[nodiscard]] std::string OneDecimal(double value);
 
 // A state that somebody has to do something about.
 [[nodiscard]] bool IsWrong(const std::string& state);

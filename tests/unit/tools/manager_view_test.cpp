@@ -7,6 +7,7 @@
 
 #include "tools/pmctl/boot_view.h"
 #include "tools/pmctl/status_view.h"
+#include "tools/pmctl/top.h"
 
 namespace PmCtl {
 namespace {
@@ -74,14 +75,14 @@ TEST(FormatStatus, ShowsFirstWhatIsWrong) {
   const std::string manager =
       "manager, pid 4, up for 60.0 s; 6 applications, 2 wrong; the boot waits for gps, for 2.0 s\n";
   EXPECT_EQ(FormatStatus(status, false),
-            "NAME         KIND  OWNER  PID  STATE        FOR  RESTARTS  WHY\n"
-            "is-blocked   base  -        -  blocked   10.0 s         2  it needs\\x09map\n"
-            "is-failed    base  -        -  failed    10.0 s         2\n"
-            "is-starting  base  -        -  starting  10.0 s         2\n"
-            "is-running   base  -        -  running   10.0 s         2\n"
-            "is-ended     base  -        -  ended     10.0 s         2\n"
-            "is-left-out  base  -        -  left-out  10.0 s         2\n" +
-                manager);
+            manager +
+                "NAME         KIND  OWNER  PID  STATE        FOR  RESTARTS  WHY\n"
+                "is-blocked   base  -        -  blocked   10.0 s         2  it needs\\x09map\n"
+                "is-failed    base  -        -  failed    10.0 s         2\n"
+                "is-starting  base  -        -  starting  10.0 s         2\n"
+                "is-running   base  -        -  running   10.0 s         2\n"
+                "is-ended     base  -        -  ended     10.0 s         2\n"
+                "is-left-out  base  -        -  left-out  10.0 s         2\n");
   KeepWrong(status);
   const std::string coloured = FormatStatus(status, true);
   EXPECT_NE(coloured.find("\n\033[1;31mis-failed "), std::string::npos) << coloured;
@@ -130,6 +131,23 @@ TEST(FormatBoot, TellsTheChainAndWhatStillGoesOn) {
             "     -   1.0    +1.0  new\n"
             "   2.5   2.5    +0.0  PROCMGR\n"
             "the boot took 50.0 ms, before 40.0 ms: +10.0 ms\n");
+}
+
+TEST(FormatTop, SortsByTheChosenColumn) {
+  const auto sample = [](int seconds, std::uint64_t cpuMs) {
+    UsageSample all{ProcMgr::SteadyTime(std::chrono::seconds(seconds)), {}};
+    all.usages = {{"idle", 4, {}}, {"busy", 5, {}}, {"new", 6 + seconds, {}}};
+    all.usages[0].process = {7, 10, 900, std::nullopt, {}, {}, {}, {}};
+    all.usages[1].process.cpuMs = cpuMs;
+    all.usages[2].process.cpuMs = 0;
+    return all;
+  };
+  const std::string heading = "NAME  PID  CPU %  MEMORY KiB  THREADS  DESCRIPTORS\n";
+  const std::string idle = "idle    4    0.0         900        7            -\n";
+  const std::string busy = "busy    5   75.0           -        -            -\n";
+  const std::string fresh = "new     8      -           -        -            -\n";
+  EXPECT_EQ(FormatTop(sample(0, 100), sample(2, 1600), "cpu"), heading + busy + idle + fresh);
+  EXPECT_EQ(FormatTop(sample(0, 100), sample(2, 1600), "memory"), heading + idle + busy + fresh);
 }
 
 }  // namespace
