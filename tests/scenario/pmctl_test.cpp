@@ -15,6 +15,7 @@
 namespace PmTest {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -138,6 +139,9 @@ TEST_F(PmCtl, TheManagerTellsItself) {
   EXPECT_EQ(nlohmann::json::parse(Ask({"show", "recorder", "--json"}).output).at("state"),
             "failed");
   EXPECT_THAT(Ask({"boot"}).output, ContainsRegex("critical chain(.*\n)*.* ready map_service\n"));
+  EXPECT_THAT(Ask({"names"}).output,
+              AllOf(HasSubstr("camera_service\n"), HasSubstr("untouchable\n")));
+  EXPECT_EQ(Ask({"names", "--general"}).output, "recorder\nstubborn\nuntouchable\n");
   EXPECT_THAT(Ask({"top", "--once", "--interval", "0.1", "--sort", "threads"}).output,
               ContainsRegex("^NAME .*\nPROCMGR  *" + std::to_string(daemon_->Pid()) +
                             "  *[0-9.]+(  *[0-9]+){3}\n(.*\n)*camera_service "));
@@ -152,7 +156,8 @@ TEST_F(PmCtl, TheManagerTellsItself) {
   EXPECT_EQ(failed.status, 1);
   EXPECT_THAT(failed.output, HasSubstr("\nrecorder "));
   EXPECT_THAT(failed.output, Not(HasSubstr("camera_service")));
-  EXPECT_THAT(Ask({"status"}).output, ContainsRegex("^manager.*\nNAME .*\nrecorder .*\n(.*\n)*iammgr "));
+  EXPECT_THAT(Ask({"status"}).output,
+              ContainsRegex("^manager.*\nNAME .*\nrecorder .*\n(.*\n)*iammgr "));
 
   Process watch(sandbox_, Demo::kPmctl, {"status", "--watch", "--json"}, {{}, "watch"});
   EXPECT_TRUE(Eventually([&] { return watch.Output().ends_with("\n"); }));

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <stdexcept>
 #include <system_error>
 
@@ -14,6 +15,7 @@
 #include "base/sleep.h"
 #include "base/small_file.h"
 #include "base/steady_time.h"
+#include "platform/manifest/checked_load.h"
 #include "tools/pmctl/boot_page.h"
 #include "tools/pmctl/boot_timeline.h"
 #include "tools/pmctl/boot_view.h"
@@ -33,6 +35,8 @@ using std::chrono::milliseconds;
 // However much happens, a person reads no faster; and how long ago it was changes all the time.
 constexpr milliseconds kShortestRedraw{100};
 constexpr milliseconds kLongestRedraw{1000};
+
+constexpr const char* kOperatorName = "operator";
 
 std::string AsLine(const json& answer) {
   return answer.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
@@ -101,6 +105,18 @@ json ReadBoot(const std::string& path) {
   return json::parse(text);
 }
 
+// What the operator's start-up file names, whether or not anybody has asked for it; no patterns.
+std::set<std::string> StartableNames(const Options& options) {
+  const json app = AskManager(options.manager, {{"get", "app"}, {"name", kOperatorName}});
+  if (app.at("start_file").is_null()) {
+    return {};
+  }
+  std::set<std::string> names =
+      ProcMgr::Manifest::LoadForCheck(app.at("start_file").get<std::string>(), {}).names;
+  std::erase_if(names, [](const auto& name) { return name.find("${") != std::string::npos; });
+  return names;
+}
+
 }  // namespace
 
 int Status(const Options& options) {
@@ -147,6 +163,24 @@ int Boot(const Options& options) {
     Write(CompareBoots(timeline, MakeTimeline(ReadBoot(options.compareFile))));
   } else if (options.asJson || !isWritten) {
     Write(options.asJson ? AsLine(boot) : FormatBoot(timeline));
+  }
+  return kDone;
+}
+
+int Names(const Options& options) {
+  std::set<std::string> names;
+  const json status = AskManager(options.manager, {{"get", "status"}});
+  for (const json& app : status.at("apps")) {
+    const auto name = app.at("name").get<std::string>();
+    if (!options.onlyGeneral || app.at("kind") == "general") {
+      names.insert(name);
+    }
+    if (app.at("kind") == "base" && name == kOperatorName) {
+      names.merge(StartableNames(options));
+    }
+  }
+  for (const std::string& name : names) {
+    Write(ProcMgr::Printable(name) + "\n");
   }
   return kDone;
 }

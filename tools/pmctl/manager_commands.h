@@ -12,6 +12,8 @@ int Status(const Options& options);
 int Show(const Options& options);
 int Why(const Options& options);
 int Boot(const Options& options);
+// The names alone, for a shell's completion.
+int Names(const Options& options);
 // With `once` it draws once; else only Ctrl-C, or the manager's end, ends it.
 int Top(const Options& options);
 int Shutdown(const Options& options);

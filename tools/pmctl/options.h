@@ -22,6 +22,7 @@ struct Options {
   bool asJson = false;
   bool watch = false;
   bool onlyWrong = false;
+  bool onlyGeneral = false;
   bool once = false;
   double interval = 1;  // Seconds, between two looks of top.
   std::string sortKey = "cpu";

@@ -87,6 +87,12 @@ void AddTop(CLI::App& app, Options& options, int& status) {
   command->callback([&] { status = PmCtl::Top(options); });
 }
 
+void AddNameList(CLI::App& app, Options& options, int& status) {
+  CLI::App* const command = app.add_subcommand("names", "the names of all applications");
+  command->add_flag("--general", options.onlyGeneral, "of those alone that may be started");
+  command->callback([&] { status = PmCtl::Names(options); });
+}
+
 // Those that ask the manager itself.
 void AddManagerCommands(CLI::App& app, Options& options, int& status) {
   AddStatus(app, options, status);
@@ -101,6 +107,7 @@ void AddManagerCommands(CLI::App& app, Options& options, int& status) {
   why->callback([&] { status = PmCtl::Why(options); });
   AddBoot(app, options, status);
   AddTop(app, options, status);
+  AddNameList(app, options, status);
 
   CLI::App* const shutdown = app.add_subcommand(
       "shutdown", "end the manager and all that it has started, in the reverse order of the boot");
