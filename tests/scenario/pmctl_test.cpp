@@ -151,6 +151,9 @@ TEST_F(PmCtl, TheManagerTellsItself) {
   EXPECT_THAT(sandbox_.ReadFile(page), HasSubstr("data-name=\"camera_service\""));
   EXPECT_THAT(Ask({"boot", "--compare", saved}).output, HasSubstr(" ms: +0.0 ms\n"));
   EXPECT_EQ(Ask({"why", "nobody"}).status, 3);
+  EXPECT_EQ(
+      Ask({"why", "untouchable"}).output,
+      "untouchable isn't running: nobody has asked operator for it -> pmctl start untouchable\n");
 
   const Result failed = Ask({"status", "--failed"});
   EXPECT_EQ(failed.status, 1);

@@ -1,5 +1,6 @@
 // pm-demo boots the example platform in a sandbox, takes one service away, shows that it comes
-// back, and runs applications on it as an operator does. The host sees nothing of it.
+// back, runs applications on it as an operator does, and ends it in order. The host sees nothing of
+// it.
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <csignal>
@@ -87,6 +88,20 @@ void Stay(const PmSandbox::Daemon& daemon, Demo::DemoLog& log) {
   log.PrintOn();
 }
 
+void Stop(const PmSandbox::Sandbox& sandbox, const PmSandbox::LogReader& lines,
+          PmSandbox::Daemon& daemon) {
+  Say("the orderly stop, in the reverse order of the boot");
+  Demo::ShowShutdown(sandbox);
+  if (daemon.WaitExit() != 0) {
+    throw std::runtime_error("the manager's exit status isn't 0");
+  }
+  for (const PmSandbox::LogLine& line : lines.Lines()) {
+    if (line.text.find("orderly stop") != std::string::npos) {
+      std::printf("%s\n", line.text.c_str());
+    }
+  }
+}
+
 std::string WithEarlyApp(const std::string& entries) {
   return entries +
          "\n  - appName: early_light\n"
@@ -144,6 +159,10 @@ void Run(bool stay, bool quick) {
   LoseAndRegain(sandbox, lines, log);
   Say("an operator runs applications");
   Demo::ShowOperator(sandbox);
+  Say("a program that its user may not run");
+  Demo::ShowFault(sandbox);
+  Say("where the boot's time went, and what runs");
+  Demo::ShowPicture(sandbox);
   const std::vector<Demo::ServiceRow> rows = Demo::CollectTable(sandbox, lines.Lines());
   Demo::PrintTable(rows);
   CheckRows(rows);
@@ -153,6 +172,7 @@ void Run(bool stay, bool quick) {
   if (stay) {
     Stay(daemon, log);
   }
+  Stop(sandbox, lines, daemon);
 }
 
 int RunWithArguments(int argc, char** argv) {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -76,7 +77,27 @@ void ShowOperator(const PmSandbox::Sandbox& sandbox) {
   Show(sandbox, {"restart", "recorder"});
   KillAndAwaitEnd(sandbox, "encoder1");
   Show(sandbox, {"query", "encoder1", "recorder"}, 1);
+}
+
+void ShowFault(const PmSandbox::Sandbox& sandbox) {
+  namespace fs = std::filesystem;
+  const fs::path program = sandbox.Outside(kSampleApp);
+  const fs::perms whole = fs::status(program).permissions();
+  std::printf("\n$ chmod 600 %s\n", kSampleApp);
+  fs::permissions(program, fs::perms::owner_read | fs::perms::owner_write);
+  Show(sandbox, {"start", "stubborn"}, 1);
+  Show(sandbox, {"status", "--failed"}, 1);
+  Show(sandbox, {"why", "stubborn"});
+  fs::permissions(program, whole);
+}
+
+void ShowPicture(const PmSandbox::Sandbox& sandbox) {
+  Show(sandbox, {"boot"});
   Show(sandbox, {"status"});
+}
+
+void ShowShutdown(const PmSandbox::Sandbox& sandbox) {
+  Show(sandbox, {"shutdown"});
 }
 
 void ShowHandOver(const PmSandbox::Sandbox& sandbox, const std::string& name) {

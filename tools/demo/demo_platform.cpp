@@ -104,8 +104,8 @@ void InstallPlatform(const PmSandbox::Sandbox& sandbox) {
                            "/opt/platform/bin/" + service.name, 0, GroupOf(service.user), 0750);
   }
   // What people run by way of the operator, and the program with which they do it.
-  sandbox.InstallProgram(PmSandbox::ProgramPath("sample_app"), "/opt/platform/bin/sample_app", 0,
-                         GroupOf("operator"), 0750);
+  sandbox.InstallProgram(PmSandbox::ProgramPath("sample_app"), kSampleApp, 0, GroupOf("operator"),
+                         0750);
   sandbox.InstallProgram(PmSandbox::ProgramPath("pmctl"), kPmctl);
   MakeSocketFolder(sandbox);
   sandbox.WriteFile("/run/platform/README", "The services of the platform meet here.\n");

@@ -18,6 +18,9 @@ inline constexpr const char* kOperatorEntries = "/etc/zur/platform/entries/opera
 // The operator's program, inside.
 inline constexpr const char* kPmctl = "/opt/platform/bin/pmctl";
 
+// What all applications of the operator run, inside.
+inline constexpr const char* kSampleApp = "/opt/platform/bin/sample_app";
+
 struct PlatformService {
   std::string name;
   std::string user;

@@ -60,10 +60,9 @@ json FailedBeforeStart(const ProcMgr::Message::AppStateInfo& report) {
   if (report.eioFlag != 0) {
     return MakeResult(name, false, "its program could not be read: input/output error");
   }
-  return MakeResult(
-      name, false,
-      "has ended at once, or could not be started: unknown name, parameters that "
-      "don't fit its patterns, or a program that fails; the manager's log says which");
+  return MakeResult(name, false,
+                    "has ended at once, or could not be started: unknown name, parameters that "
+                    "don't fit its patterns, or a program that fails; see: pmctl why");
 }
 
 // The words for what a report says about a request.

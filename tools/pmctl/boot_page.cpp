@@ -71,12 +71,9 @@ class Drawing {
       }
       const double time = coarse * i / (kFiner * kFiner);
       const std::string x = Percent(time / length_);
-      const std::string kind = "t" + std::to_string(level);
-      text += "<line class=\"grid " + kind + "\" x1=\"" + x + "\" x2=\"" + x + "\" y1=\"0\" y2=\"" +
-              std::to_string(height) + "\"/>";
+      text += GridLine(level, x, height);
       if (hasNumbers) {
-        text += "<text class=\"" + kind + "\" x=\"" + x + "\" dx=\"3\" y=\"14\">" + Number(time) +
-                (i == 0 ? " ms" : "") + "</text>";
+        text += AxisNumber(level, x, time);
       }
     }
     return text + "\n";
@@ -108,6 +105,16 @@ class Drawing {
 
  private:
   static constexpr int kFiner = 5;
+
+  static std::string GridLine(int level, const std::string& x, int height) {
+    return "<line class=\"grid t" + std::to_string(level) + "\" x1=\"" + x + "\" x2=\"" + x +
+           "\" y1=\"0\" y2=\"" + std::to_string(height) + "\"/>";
+  }
+
+  static std::string AxisNumber(int level, const std::string& x, double time) {
+    return "<text class=\"t" + std::to_string(level) + "\" x=\"" + x + "\" dx=\"3\" y=\"14\">" +
+           Number(time) + (time == 0 ? " ms" : "") + "</text>";
+  }
 
   // Between two coarse lines: 1, 2 or 5 times a power of ten, for eight lines or so.
   [[nodiscard]] double Step() const {

@@ -19,6 +19,7 @@
 #include "tools/pmctl/boot_page.h"
 #include "tools/pmctl/boot_timeline.h"
 #include "tools/pmctl/boot_view.h"
+#include "tools/pmctl/last_lines.h"
 #include "tools/pmctl/manager_client.h"
 #include "tools/pmctl/manager_stop.h"
 #include "tools/pmctl/manager_view.h"
@@ -87,6 +88,18 @@ json AskForBoot(const Options& options) {
   return boot;
 }
 
+// Of its process and of those that have ended.
+std::vector<pid_t> PidsOf(const json& app) {
+  std::vector<pid_t> pids;
+  if (!app.at("pid").is_null()) {
+    pids.push_back(app.at("pid").get<pid_t>());
+  }
+  for (const json& exit : app.at("exits")) {
+    pids.push_back(exit.at("pid").get<pid_t>());
+  }
+  return pids;
+}
+
 void WriteFile(const std::string& path, const std::string& text) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   file << text;
@@ -105,9 +118,10 @@ json ReadBoot(const std::string& path) {
   return json::parse(text);
 }
 
-// What the operator's start-up file names, whether or not anybody has asked for it; no patterns.
-std::set<std::string> StartableNames(const Options& options) {
-  const json app = AskManager(options.manager, {{"get", "app"}, {"name", kOperatorName}});
+// What the start-up file of a base service names, whether or not anybody has asked for it; no
+// patterns.
+std::set<std::string> StartableNames(const Options& options, const std::string& owner) {
+  const json app = AskManager(options.manager, {{"get", "app"}, {"name", owner}});
   if (app.at("start_file").is_null()) {
     return {};
   }
@@ -115,6 +129,19 @@ std::set<std::string> StartableNames(const Options& options) {
       ProcMgr::Manifest::LoadForCheck(app.at("start_file").get<std::string>(), {}).names;
   std::erase_if(names, [](const auto& name) { return name.find("${") != std::string::npos; });
   return names;
+}
+
+// Why an application isn't there that the manager has never heard of; empty if no start-up file
+// names it.
+std::string WhyUnknown(const Options& options, const json& status) {
+  for (const json& app : status.at("apps")) {
+    const auto owner = app.at("name").get<std::string>();
+    if (app.at("kind") == "base" && StartableNames(options, owner).contains(options.name)) {
+      return options.name + " isn't running: nobody has asked " + owner + " for it" +
+             (owner == kOperatorName ? " -> pmctl start " + options.name : "") + "\n";
+    }
+  }
+  return {};
 }
 
 }  // namespace
@@ -130,13 +157,25 @@ int Status(const Options& options) {
 
 int Show(const Options& options) {
   const json app = AskManager(options.manager, {{"get", "app"}, {"name", options.name}});
-  Write(options.asJson ? AsLine(app) : FormatApp(app));
+  if (options.asJson) {
+    Write(AsLine(app));
+    return kDone;
+  }
+  std::string text = FormatApp(app);
+  const std::vector<std::string> lines = LastLines(PidsOf(app));
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    text += (i == 0 ? "\n" : "") + lines[i] + "\n";
+  }
+  Write(text);
   return kDone;
 }
 
 int Why(const Options& options) {
-  const std::string text =
-      FormatWhy(AskManager(options.manager, {{"get", "status"}}), options.name);
+  const json status = AskManager(options.manager, {{"get", "status"}});
+  std::string text = FormatWhy(status, options.name);
+  if (text.empty()) {
+    text = WhyUnknown(options, status);
+  }
   if (text.empty()) {
     throw CantAsk("the manager knows of no " + ProcMgr::Printable(options.name), 0);
   }
@@ -176,7 +215,7 @@ int Names(const Options& options) {
       names.insert(name);
     }
     if (app.at("kind") == "base" && name == kOperatorName) {
-      names.merge(StartableNames(options));
+      names.merge(StartableNames(options, kOperatorName));
     }
   }
   for (const std::string& name : names) {

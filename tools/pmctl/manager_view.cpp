@@ -14,28 +14,33 @@ namespace {
 using nlohmann::json;
 
 // What to do about a cause; empty where nothing is to be done.
-std::string Advice(const std::string& what, const std::string& name) {
-  static const std::pair<const char*, std::string> kAdvice[] = {
+std::string Advice(const std::string& what, const json& app) {
+  const std::string name = Text(app.at("name"));
+  const std::pair<const char*, std::string> advice[] = {
       {"missing", "install its program, or mend binPath in the service file (pmcheck --host)"},
       {"permission", "let its user execute the program (pmcheck --host)"},
-      {"argument", "take the shell's characters out of its arguments"},
+      {"argument", "give it what its manifest takes, without a shell's characters"},
       {"digest", "install the program that bin_hash.cfg lists, or list this one"},
       {"core", "give it cores of the control set"},
       {"fork", "the system had no process left: see its limits and its memory"},
       {"exec", "see what the child said, and the interpreter and the user of the program"},
-      {"exit", "see the application's own log"},
-      {"signal", "see the application's own log, and who sent the signal"},
+      {"exit", "see what it has said: pmctl show " + name},
+      {"signal", "see what it has said: pmctl show " + name + "; and who sent the signal"},
       {"limit", "mend what ends it; it comes up again with the manager"},
-      {"report", "it has to report that it is ready: see its own log"},
+      {"report", "it has to report that it is ready: pmctl show " + name},
       {"option", "name it in procmgr= of the kernel command line"},
   };
   const auto* const found =
-      std::find_if(std::begin(kAdvice), std::end(kAdvice),
+      std::find_if(std::begin(advice), std::end(advice),
                    [&what](const auto& entry) { return entry.first == what; });
-  if (found != std::end(kAdvice)) {
+  if (found != std::end(advice)) {
     return found->second;
   }
-  return what == "request" ? "start it: pmctl start " + ProcMgr::Printable(name) : "";
+  if (what != "request" || app.at("state") != "ended") {
+    return "";
+  }
+  return app.at("kind") == "general" ? "start it: pmctl start " + name
+                                     : "it comes up again with the manager";
 }
 
 const json* Find(const json& status, const std::string& name) {
@@ -72,7 +77,7 @@ std::string Link(const json& status, const json& app, std::string& next) {
   if (!cause.at("on").is_null()) {
     next = cause.at("on").get<std::string>();
   }
-  const std::string advice = Advice(cause.at("what").get<std::string>(), name);
+  const std::string advice = Advice(cause.at("what").get<std::string>(), app);
   return line + (advice.empty() ? "" : " -> " + advice) + "\n";
 }
 
@@ -91,6 +96,22 @@ std::string Depends(const json& list) {
         (text.empty() ? "" : ", ") + Text(entry.at("name")) + " (" + Text(entry.at("state")) + ")";
   }
   return text.empty() ? "-" : text;
+}
+
+// What becomes of it at its next end.
+std::string NextEnd(const json& app) {
+  const json& restarts = app.at("restarts");
+  const std::string policy = Text(restarts.at("policy"));
+  if (app.at("kind") != "base") {
+    return "it stays down until somebody asks for it";
+  }
+  if (restarts.at("left").is_null()) {
+    return "the manager brings it back (" + policy + ")";
+  }
+  return restarts.at("left") == 0
+             ? "it stays down (" + policy + ")"
+             : "the manager brings it back (" + policy + "), " + Text(restarts.at("left")) +
+                   " times more in the present window";
 }
 
 void AddFact(std::string& text, const char* label, const std::string& value) {
@@ -113,10 +134,8 @@ std::string FormatApp(const json& app) {
   AddFact(text, "program", Text(app.at("path")) + " " + Joined(app.at("arguments")));
   AddFact(text, "user", Text(app.at("user")) + ", groups " + Joined(app.at("groups")));
   AddFact(text, "depends on", Depends(app.at("depends")));
-  const json& restarts = app.at("restarts");
-  AddFact(text, "restarts",
-          Text(restarts.at("count")) + ", policy " + Text(restarts.at("policy")) + ", left " +
-              Text(restarts.at("left")));
+  AddFact(text, "restarts", Text(app.at("restarts").at("count")));
+  AddFact(text, "if it ends", NextEnd(app));
   AddFact(
       text, "ready after",
       app.at("ready_ms").is_null() ? "-" : OneDecimal(app.at("ready_ms").get<double>()) + " ms");

@@ -5,7 +5,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tests/support/temp_folder.h"
 #include "tools/pmctl/boot_view.h"
+#include "tools/pmctl/last_lines.h"
 #include "tools/pmctl/status_view.h"
 #include "tools/pmctl/top.h"
 
@@ -16,7 +18,8 @@ using nlohmann::json;
 
 json App(const std::string& name, const char* state, const json& cause = {},
          const json& exits = json::array()) {
-  return {{"name", name}, {"state", state}, {"since", 90}, {"cause", cause}, {"exits", exits}};
+  return {{"name", name}, {"kind", "base"}, {"state", state},
+          {"since", 90},  {"cause", cause}, {"exits", exits}};
 }
 
 json Cause(const char* what, const char* text, const json& on = {}) {
@@ -34,7 +37,9 @@ TEST(FormatWhy, FollowsTheChainToItsRoot) {
                          App("lost", "blocked", Cause("dependency", "it needs nobody", "nobody")),
                          App("ring1", "blocked", Cause("dependency", "it needs ring2", "ring2")),
                          App("ring2", "blocked", Cause("dependency", "it needs ring1", "ring1")),
-                         App("back", "running", {}, died), App("od\nd", "running")}}};
+                         App("back", "running", {}, died), App("od\nd", "running"),
+                         App("dead", "failed", Cause("exit", "exit status 3")),
+                         App("gone", "ended", Cause("request", "itself has asked"))}}};
   const struct {
     const char* name;
     const char* text;
@@ -51,6 +56,10 @@ TEST(FormatWhy, FollowsTheChainToItsRoot) {
       {"back",
        "back is running for 10.0 s; before that it ended: signal 9 Killed, 60.0 s ago, pid 7\n"},
       {"od\nd", "od\\x0ad is running for 10.0 s; it has never ended\n"},
+      {"gone",
+       "gone is ended for 10.0 s: itself has asked -> it comes up again with the manager\n"},
+      {"dead",
+       "dead is failed for 10.0 s: exit status 3 -> see what it has said: pmctl show dead\n"},
       {"stranger", ""},
   };
   for (const auto& row : rows) {
@@ -68,7 +77,7 @@ TEST(FormatStatus, ShowsFirstWhatIsWrong) {
                  {"apps", json::array()}};
   for (const char* state : {"running", "ended", "starting", "blocked", "left-out", "failed"}) {
     json app = App(std::string("is-") + state, state);
-    app.update({{"kind", "base"}, {"owner", {}}, {"pid", {}}, {"restarts", {{"count", 2}}}});
+    app.update({{"owner", {}}, {"pid", {}}, {"restarts", {{"count", 2}}}});
     status["apps"].push_back(app);
   }
   status["apps"][3]["cause"] = Cause("dependency", "it needs\tmap", "map");
@@ -131,6 +140,21 @@ TEST(FormatBoot, TellsTheChainAndWhatStillGoesOn) {
             "     -   1.0    +1.0  new\n"
             "   2.5   2.5    +0.0  PROCMGR\n"
             "the boot took 50.0 ms, before 40.0 ms: +10.0 ms\n");
+}
+
+TEST(LastLines, AreThoseOfTheProcessesInTheFile) {
+  const PmTest::TempFolder folder;
+  std::string text;
+  std::vector<std::string> expected;
+  for (int i = 0; i < 12; ++i) {
+    const std::string line = "board gps[4194305]: line " + std::to_string(i);
+    text += line + "\tx\nboard other[41943051]: noise\n";
+    expected.push_back(line + "\\x09x");
+  }
+  expected.erase(expected.begin(), expected.begin() + 2);
+  // No process of any machine has these numbers.
+  const std::vector<pid_t> pids = {4194304, 4194305};
+  EXPECT_EQ(LastLines(pids, {folder.Path("none"), folder.Write("messages", text)}), expected);
 }
 
 TEST(FormatTop, SortsByTheChosenColumn) {
