@@ -375,7 +375,7 @@ void Memory::GiveUp(AppId app) {
         "its restarts are used up: " + std::to_string(kMostRestarts) + " within " +
         std::to_string(std::chrono::floor<std::chrono::seconds>(kRestartWindow).count()) + " s";
     if (picture.cause != nullptr) {
-      text += "; the last end: " + picture.cause->text;
+      text += "; the last time: " + picture.cause->text;
     }
     picture.isRestartOver = true;
     return Enter(picture, AppState::kGivenUp, MakeCause(CauseKind::kLimit, std::move(text)));

@@ -1,11 +1,7 @@
 // How a boot begins: arguments, the service file, the order of the starts, what comes up before the
 // base services, and the quick start.
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +14,7 @@
 #include <iterator>
 
 #include "base/text.h"
+#include "tests/support/forbidden_calls.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
@@ -46,15 +43,6 @@ void LeaveEverythingWrong() {
   (void)setrlimit(RLIMIT_NOFILE, &few);
 }
 
-template <std::size_t kCount>
-void Install(sock_filter (&filter)[kCount]) {
-  const sock_fprog program{kCount, filter};
-  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-      prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
-    _exit(126);
-  }
-}
-
 // The same on a kernel that has no close_range.
 void LeaveEverythingWrongOnAnOldKernel() {
   sock_filter filter[] = {
@@ -65,21 +53,6 @@ void LeaveEverythingWrongOnAnOldKernel() {
   };
   Install(filter);
   LeaveEverythingWrong();
-}
-
-// A system that has no thread left.
-void ForbidThreads() {
-  sock_filter filter[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone3, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone, 0, 3),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
-      BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, CLONE_THREAD, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  Install(filter);
 }
 
 const std::string kHashFile = "/etc/zur/base-plat/process-manager/bin_hash.cfg";

@@ -2,10 +2,12 @@
 #include <gmock/gmock.h>
 
 #include <csignal>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "tests/scenario/general_test.h"
+#include "tests/support/status_peer.h"
 
 namespace PmTest {
 namespace {
@@ -53,6 +55,8 @@ TEST_F(OrderlyStop, EndsEverythingInTheReverseOrderOfTheBoot) {
   ASSERT_TRUE(owner_.StartApps({{"job", {}, {}}, {"deaf", {}, {}}}));
   ASSERT_TRUE(Await("report appState to owner, appState=RUNNING_NORMAL_START, appName=deaf"));
   ASSERT_EQ(kill(AwaitStarted("stopped"), SIGSTOP), 0);
+  StatusPeer watcher(sandbox_.Outside("/run/process-manager/status.sock"));
+  ASSERT_TRUE(watcher.Ask(R"({"watch":true})").is_object());
   const std::size_t before = log_.Lines().size();
   Ask();
   ASSERT_TRUE(Await("orderly stop begin", before));
@@ -68,6 +72,18 @@ TEST_F(OrderlyStop, EndsEverythingInTheReverseOrderOfTheBoot) {
   const std::vector<std::string> lines = log_.Masked(before);
   EXPECT_EQ(CountLines(lines, "Start baseApp success"), 0U);
   EXPECT_EQ(CountLines(lines, "SetExitStatus"), 7U) << "every end is filed";
+  std::map<std::string, std::string> told;
+  for (nlohmann::json line = watcher.ReadAnswer(); !line.is_null(); line = watcher.ReadAnswer()) {
+    for (const nlohmann::json& app : line.at("apps")) {
+      const nlohmann::json& cause = app.at("cause");  // None of one that has come up meanwhile.
+      told[app.at("name")] += cause.is_null() ? ""
+                                              : app.at("state").get<std::string>() + " " +
+                                                    cause.at("what").get<std::string>() + ", ";
+    }
+  }
+  for (const char* name : {"iammgr", "owner", "plain", "stubborn", "stopped", "job", "deaf"}) {
+    EXPECT_EQ(told[name], "stopping request, ended request, ") << name;
+  }
 }
 
 // Whatever the bring-up waits for.

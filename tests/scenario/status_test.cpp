@@ -6,6 +6,7 @@
 
 #include "base/small_file.h"
 #include "tests/scenario/general_test.h"
+#include "tests/support/forbidden_calls.h"
 #include "tests/support/json_schema.h"
 #include "tests/support/status_peer.h"
 
@@ -93,6 +94,14 @@ class StatusTest : public ScenarioTest {
     return path;
   }
 
+  // What pmctl says of it.
+  std::string Why(const std::string& name) {
+    sandbox_.InstallProgram(ProgramPath("pmctl"), "/opt/test/pmctl");
+    Process pmctl(sandbox_, "/opt/test/pmctl", {"why", name}, {{}, "pmctl"});
+    EXPECT_EQ(pmctl.WaitExit(), 0);
+    return pmctl.Output();
+  }
+
   const Asking status_{sandbox_};
 };
 
@@ -106,6 +115,8 @@ TEST_F(StatusTest, EveryStateAndCauseOfABoot) {
   const std::string noInterpreter = Install("no-interpreter", "#!/nowhere/sh\n");
   const std::string dumping =
       Install("dumping", "#!/bin/sh\ncd /run/sandbox\nulimit -c unlimited\nkill -SEGV $$\n");
+  // Its restarts are refused, for its program has gone.
+  const std::string vanishing = Install("vanishing", "#!/bin/sh\nrm $0\nexit 3\n");
   sandbox_.WriteFile(kBaseFile,
                      ServiceFile({
                          Service("running"),
@@ -114,6 +125,7 @@ TEST_F(StatusTest, EveryStateAndCauseOfABoot) {
                          Service("dies", {"--crash", "9"}),
                          {"dumps", dumping, {}, {}},
                          Service("gives-up", {"--exit-code", "7"}, {{"restart", "on-failure"}}),
+                         {"vanishes", vanishing, {}, {{"restart", "on-failure"}}},
                          {"noise", noise, {}, {}},
                          {"no-interpreter", noInterpreter, {}, {}},
                          {"missing", "/opt/test/nothing", {}, {}},
@@ -138,6 +150,7 @@ TEST_F(StatusTest, EveryStateAndCauseOfABoot) {
   }));
   // Whoever depends on nobody that ran comes behind the one that the boot waits for.
   EXPECT_EQ(status_.Brief("second"), "waiting turn z-silent");
+  EXPECT_THAT(Why("second"), HasSubstr("\n  z-silent is starting "));
   EXPECT_EQ(status_.Brief("circle-a"), "waiting turn z-silent");
   EXPECT_EQ(status_.Boot().at("end"), nullptr);
   EXPECT_EQ(status_.Details("z-silent").at("channel"), true);
@@ -155,6 +168,7 @@ TEST_F(StatusTest, EveryStateAndCauseOfABoot) {
       {"dies", "failed signal signal 9"},
       {"dumps", "failed signal core 11"},
       {"gives-up", "given-up limit exit 7"},
+      {"vanishes", "given-up limit exit 3"},
       {"noise", "failed exec exec 1"},
       {"no-interpreter", "failed exec exec 1"},
       {"missing", "refused missing"},
@@ -190,8 +204,32 @@ TEST_F(StatusTest, EveryStateAndCauseOfABoot) {
   EXPECT_EQ(givenUp.at("restarts"), json::parse(R"({"count":5,"policy":"on-failure","left":0})"));
   EXPECT_EQ(givenUp.at("exits").size(), 6U);
   EXPECT_THAT(status_.App("noise").at("exits")[0].at("text"), HasSubstr("exec failed, errno=8"));
+  EXPECT_THAT(status_.App("vanishes").at("cause").at("text"),
+              HasSubstr("; the last time: there is no program "));
+  EXPECT_THAT(Why("fourth"),
+              MatchesRegex("fourth is blocked [^\n]*: [^\n]*third[^\n]*\n"
+                           "  third is blocked [^\n]*: [^\n]*second[^\n]*\n"
+                           "    second is blocked [^\n]*: [^\n]*missing[^\n]*\n"
+                           "      missing is refused [^\n]* -> install its [^\n]*\n"));
+  EXPECT_THAT(Why("circle-a"),
+              MatchesRegex("circle-a is blocked[^\n]*\n  circle-b is blocked[^\n]*\n"));
+  for (const auto& [name, advice] : {std::pair{"listed", "bin_hash.cfg"},
+                                     {"core", "control set"},
+                                     {"no-interpreter", "interpreter"},
+                                     {"extra", "procmgr="},
+                                     {"gives-up", "comes up again with the manager"}}) {
+    EXPECT_THAT(Why(name), HasSubstr(advice)) << name;
+  }
   EXPECT_EQ(status_.Details("fourth").at("depends"),
             json::parse(R"([{"name":"third","state":"blocked"}])"));
+}
+
+TEST_F(StatusTest, WhereNoProcessCanBeMade) {
+  beforeDaemon_ = &ForbidProcesses;
+  Boot({Service("plain"), Service("wanting", {}, {{"dependList", "[plain]"}})});
+  status_.AwaitServed();
+  status_.Await("plain", "refused fork");
+  status_.Await("wanting", "blocked dependency plain");
 }
 
 TEST_F(StatusTest, SpansCoverTheBootAndNoRestart) {

@@ -1,9 +1,5 @@
 // What a child could not do: the text that it leaves in the pipe and the code with which it ends.
 #include <elf.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <array>
@@ -13,6 +9,7 @@
 #include <thread>
 
 #include "core/host_context.h"
+#include "tests/support/forbidden_calls.h"
 #include "tests/unit/app/fakes.h"
 #include "tests/unit/app/launch_fixture.h"
 #include "tests/unit/app/log_lines.h"
@@ -140,32 +137,10 @@ TEST_F(LaunchFailure, QuickStartLeavesCgroupsAndCoresAlone) {
   EXPECT_EQ(PipeText(), "");
 }
 
-// Makes every fork of the calling thread fail with EAGAIN from now on.
-void ForbidForks() {
-  constexpr std::array kCalls = {
-      SYS_clone,
-      SYS_clone3,
-#ifdef SYS_fork
-      SYS_fork,
-      SYS_vfork,
-#endif
-  };
-  std::vector<sock_filter> filter = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
-  for (const long call : kCalls) {
-    filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(call), 0, 1));
-    filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN));
-  }
-  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-  const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
-  ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-  ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
-}
-
 TEST_F(LaunchFailure, AFailedForkLeavesNoProcess) {
   // The filter can't be taken back, so it goes with a thread of its own.
   std::thread thread([] {
-    ForbidForks();
+    PmTest::ForbidProcesses();
     ForBothKinds(Fields(), [](auto& app) {
       app.state_ = ProcessState::TERMINATED;
       app.pid_ = 4242;

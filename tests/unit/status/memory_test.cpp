@@ -100,7 +100,7 @@ TEST(Memory, StatesAndCausesFollowTheFeed) {
       {kept, {kStart, End(kKilled), kStartAgain}, "starting 8; 7 signal 9 SIGKILL; restarts 1"},
       {kept,
        {kStart, End(kKilled), kGiveUp},
-       "given-up, limit: its restarts are used up: 5 within 60 s; the last end: SIGKILL; 7 signal "
+       "given-up, limit: its restarts are used up: 5 within 60 s; the last time: SIGKILL; 7 signal "
        "9 SIGKILL"},
       // The service goes by itself: its policy brings it back all the same.
       {kept,
@@ -132,7 +132,7 @@ TEST(Memory, StatesAndCausesFollowTheFeed) {
       {general, {Refused(CauseKind::kDigest)}, "refused, digest: no"},
       {kept,
        {kStart, End(kKilled), Refused(CauseKind::kMissing), kGiveUp},
-       "given-up, limit: its restarts are used up: 5 within 60 s; the last end: no; 7 signal 9 "
+       "given-up, limit: its restarts are used up: 5 within 60 s; the last time: no; 7 signal 9 "
        "SIGKILL"},
       {once,
        {kStart, NeverRan(Exited(1), "exec failed, errno=2;")},
