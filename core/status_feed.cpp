@@ -16,7 +16,7 @@ Status::AppId MentionBaseApp(const ApplicationManifest& manifest) {
   facts.uid = manifest.GetUid();
   facts.gid = manifest.GetGid();
   facts.name = manifest.GetAppName();
-  facts.policy = manifest.GetRestart();
+  facts.policy = Status::RestartPolicyOf(manifest.GetRestart());
   facts.path = manifest.GetBinPath();
   facts.arguments = manifest.GetArguments();
   facts.depends.assign(depends.begin(), depends.end());
@@ -38,7 +38,7 @@ void MentionGeneralApp(App::GeneralAppInfo& app) {
   facts.gid = app.gid_;
   facts.name = app.appName_;
   facts.owner = app.ownerName_;
-  facts.policy = app.restart_;
+  facts.policy = Status::RestartPolicyOf(app.restart_);
   facts.path = app.execPath_;
   facts.arguments = app.arguments_;
   facts.cores = app.coreAffinity_;
@@ -53,7 +53,6 @@ Status::AppId MentionSelfReported(const std::string& name, const std::string& pa
   // A peer's words are bounded here; what else it says has been believed by now.
   constexpr std::size_t kLongestName = 255;
   facts.name = name.substr(0, kLongestName);
-  facts.policy = "no";
   facts.path = path;
   Memory& memory = Memory::Instance();
   const Status::AppId id = memory.Mention(std::move(facts));

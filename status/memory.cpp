@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 #include <iterator>
+#include <tuple>
 #include <utility>
 
 #include "base/immortal.h"
@@ -53,10 +54,14 @@ bool Enter(AppPicture& app, AppState state, std::shared_ptr<const Cause> cause) 
   return true;
 }
 
+bool IsSameApp(const AppFacts& left, const AppFacts& right) {
+  return left.kind == right.kind && left.name == right.name;
+}
+
 bool ComesBack(const AppPicture& app) {
   const AppFacts& facts = *app.facts;
   return facts.kind == AppKind::kBase && !app.isRestartOver &&
-         (facts.policy == "on-failure" || facts.policy == "on-forever");
+         (facts.policy == RestartPolicy::kOnFailure || facts.policy == RestartPolicy::kOnForever);
 }
 
 Exit MakeExit(pid_t pid, int status, const std::optional<std::string>& lastWords) {
@@ -205,23 +210,16 @@ void Memory::EndPhase(Phase phase, AppId app) {
 AppId Memory::Mention(AppFacts facts) {
   const auto shared = std::make_shared<const AppFacts>(std::move(facts));
   const MutexLock lock(mutex_);
-  const auto [begin, end] = names_.equal_range(shared->name);
-  const auto known = std::find_if(begin, end, [&](const auto& name) REQUIRES(mutex_) {
-    return entries_.find(name.second)->second.picture.facts->kind == shared->kind;
-  });
-  if (known != end) {
-    const AppId id = known->second;
-    auto key = names_.extract(known);
-    key.key() = shared->name;  // The old facts, and with them the old key, may go.
-    names_.insert(std::move(key));
-    entries_.find(id)->second.picture.facts = shared;
-    return id;
+  const auto place = PlaceOfName(*shared);
+  if (place != byName_.end() && IsSameApp(FactsOf(*place), *shared)) {
+    entries_.find(*place)->second.picture.facts = shared;
+    return *place;
   }
   const AppId id = ++lastId_;
   Entry& entry = entries_[id];
   entry.picture.facts = shared;
   entry.picture.since = WallNow();
-  names_.emplace(shared->name, id);
+  byName_.insert(place, id);
   if (shared->kind != AppKind::kBase) {
     ++idle_;
     ForgetIdle();
@@ -357,15 +355,14 @@ void Memory::NoteExit(AppId app, pid_t pid, int status, bool isSuccess,
 }
 
 void Memory::NoteRestartTimes(AppId app, const std::deque<SteadyTime>& times) {
+  const std::size_t count = std::min(times.size(), kMostRestarts);
+  auto kept = std::make_shared<const std::vector<SteadyTime>>(
+      times.begin(), times.begin() + static_cast<std::ptrdiff_t>(count));
   const MutexLock lock(mutex_);
   const auto entry = entries_.find(app);
-  if (entry == entries_.end()) {
-    return;
+  if (entry != entries_.end()) {
+    entry->second.picture.restartTimes = std::move(kept);
   }
-  AppPicture& picture = entry->second.picture;
-  const std::size_t count = std::min(times.size(), picture.restartTimes.size());
-  std::copy_n(times.begin(), count, picture.restartTimes.begin());
-  picture.restartTimesUsed = static_cast<std::uint32_t>(count);
 }
 
 void Memory::GiveUp(AppId app) {
@@ -468,6 +465,19 @@ microseconds Memory::SinceBegin() const {
   return std::chrono::duration_cast<microseconds>(SteadyNow() - begin_);
 }
 
+const AppFacts& Memory::FactsOf(AppId app) const {
+  return *entries_.find(app)->second.picture.facts;
+}
+
+std::vector<AppId>::iterator Memory::PlaceOfName(const AppFacts& facts) {
+  return std::lower_bound(byName_.begin(), byName_.end(), facts,
+                          [this](AppId app, const AppFacts& wanted) REQUIRES(mutex_) {
+                            const AppFacts& known = FactsOf(app);
+                            return std::tie(known.name, known.kind) <
+                                   std::tie(wanted.name, wanted.kind);
+                          });
+}
+
 void Memory::SetPid(Entry& entry, pid_t pid) {
   if (entry.picture.facts->kind != AppKind::kBase) {
     // With another pid in place of one it counts as neither more nor less.
@@ -484,9 +494,7 @@ void Memory::ForgetIdle() {
   const auto victim = std::find_if(entries_.begin(), entries_.end(), [](const auto& entry) {
     return entry.second.picture.pid == 0 && entry.second.picture.facts->kind != AppKind::kBase;
   });
-  const auto [begin, end] = names_.equal_range(victim->second.picture.facts->name);
-  names_.erase(
-      std::find_if(begin, end, [&](const auto& name) { return name.second == victim->first; }));
+  byName_.erase(PlaceOfName(*victim->second.picture.facts));
   entries_.erase(victim);
   --idle_;
 }

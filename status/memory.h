@@ -9,8 +9,8 @@
 // number that has been forgotten, does nothing.
 //
 // Any thread. The lock is a leaf, and held for copies alone: the engine calls under the lock of a
-// list. Nothing waits. Without a watcher no call but Mention allocates more than a cause or an
-// exit.
+// list. Nothing waits. Without a watcher no call but Mention allocates more than a cause, an
+// exit or the times of restarts. Without those an application takes 512 bytes.
 #ifndef STATUS_MEMORY_H
 #define STATUS_MEMORY_H
 
@@ -23,8 +23,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "base/mutex.h"
@@ -134,6 +132,9 @@ class Memory {
   void Close(std::uint32_t& place) REQUIRES(mutex_);
   void CloseAll(Entry& entry) REQUIRES(mutex_);
   [[nodiscard]] std::chrono::microseconds SinceBegin() const REQUIRES(mutex_);
+  [[nodiscard]] const AppFacts& FactsOf(AppId app) const REQUIRES(mutex_);
+  // Where one of that name and kind stands in byName_, or is to stand.
+  [[nodiscard]] std::vector<AppId>::iterator PlaceOfName(const AppFacts& facts) REQUIRES(mutex_);
   void SetPid(Entry& entry, pid_t pid) REQUIRES(mutex_);
   void ForgetIdle() REQUIRES(mutex_);
   [[nodiscard]] Picture CopyLocked() const REQUIRES(mutex_);
@@ -144,8 +145,8 @@ class Memory {
   std::optional<std::chrono::microseconds> end_ GUARDED_BY(mutex_);
   AppId lastId_ GUARDED_BY(mutex_) = 0;
   std::map<AppId, Entry> entries_ GUARDED_BY(mutex_);  // In the order of their first mention.
-  // The keys stand in the facts of their entries.
-  std::unordered_multimap<std::string_view, AppId> names_ GUARDED_BY(mutex_);
+  // All of them, in the order of their names and kinds.
+  std::vector<AppId> byName_ GUARDED_BY(mutex_);
   std::size_t idle_ GUARDED_BY(mutex_) = 0;  // General and self-reported, without a process.
   std::vector<RawSpan> spans_ GUARDED_BY(mutex_);
   std::array<std::uint32_t, 4> openPhases_ GUARDED_BY(mutex_){};  // The manager's own.

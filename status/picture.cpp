@@ -33,6 +33,21 @@ const char* WordOf(CauseKind cause) {
   return Word(kWords, cause, CauseKind::kOption);
 }
 
+const char* WordOf(RestartPolicy policy) {
+  static constexpr const char* kWords[] = {"no", "on-failure", "on-forever", "on-until-succeed"};
+  return Word(kWords, policy, RestartPolicy::kOnUntilSucceed);
+}
+
+RestartPolicy RestartPolicyOf(std::string_view word) {
+  for (const RestartPolicy policy :
+       {RestartPolicy::kOnFailure, RestartPolicy::kOnForever, RestartPolicy::kOnUntilSucceed}) {
+    if (word == WordOf(policy)) {
+      return policy;
+    }
+  }
+  return RestartPolicy::kNo;
+}
+
 const char* WordOf(ExitKind exit) {
   static constexpr const char* kWords[] = {"exit", "signal", "core", "exec"};
   return Word(kWords, exit, ExitKind::kExec);
@@ -49,16 +64,18 @@ std::optional<std::size_t> RestartsLeft(const AppPicture& app, SteadyTime now) {
   if (facts.kind != AppKind::kBase || app.isRestartOver) {
     return 0;
   }
-  if (facts.policy == "on-forever") {
+  if (facts.policy == RestartPolicy::kOnForever) {
     return std::nullopt;
   }
-  if (facts.policy != "on-failure") {
+  if (facts.policy != RestartPolicy::kOnFailure) {
     return 0;
   }
-  const auto* const begin = app.restartTimes.begin();
-  const auto counting = std::count_if(begin, begin + app.restartTimesUsed, [now](SteadyTime time) {
-    return now - time < kRestartWindow;
-  });
+  if (app.restartTimes == nullptr) {
+    return kMostRestarts;
+  }
+  const auto counting =
+      std::count_if(app.restartTimes->begin(), app.restartTimes->end(),
+                    [now](SteadyTime time) { return now - time < kRestartWindow; });
   return kMostRestarts - static_cast<std::size_t>(counting);
 }
 

@@ -5,13 +5,13 @@
 
 #include <sys/types.h>
 
-#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/restart_window.h"
@@ -58,6 +58,9 @@ enum class CauseKind : std::uint8_t {
   kOption,
 };
 
+// The manifest's word for restarts.
+enum class RestartPolicy : std::uint8_t { kNo, kOnFailure, kOnForever, kOnUntilSucceed };
+
 enum class ExitKind : std::uint8_t { kExit, kSignal, kCore, kExec };
 
 // What the boot spends its time on. The first three and the last are the manager's own; the others
@@ -77,8 +80,12 @@ enum class Phase : std::uint8_t {
 [[nodiscard]] const char* WordOf(AppKind kind);
 [[nodiscard]] const char* WordOf(AppState state);
 [[nodiscard]] const char* WordOf(CauseKind cause);
+[[nodiscard]] const char* WordOf(RestartPolicy policy);
 [[nodiscard]] const char* WordOf(ExitKind exit);
 [[nodiscard]] const char* WordOf(Phase phase);
+
+// The policy of that word; kNo for anything else, as nobody restarts by a word that isn't known.
+[[nodiscard]] RestartPolicy RestartPolicyOf(std::string_view word);
 
 // Why an application isn't running.
 struct Cause {
@@ -102,11 +109,11 @@ inline constexpr std::size_t kKeptExits = 8;
 struct AppFacts {
   AppKind kind = AppKind::kBase;
   bool isReporting = false;
+  RestartPolicy policy = RestartPolicy::kNo;
   uid_t uid = 0;
   gid_t gid = 0;
   std::string name;
-  std::string owner;   // Empty for none.
-  std::string policy;  // The manifest's word for restarts.
+  std::string owner;  // Empty for none.
   std::string path;
   std::vector<std::string> arguments;
   std::vector<std::string> depends;
@@ -117,13 +124,13 @@ struct AppFacts {
 // Cheap to copy: whatever is long is shared, and never changed once it is.
 struct AppPicture {
   std::shared_ptr<const AppFacts> facts;
-  std::shared_ptr<const Cause> cause;                    // Null for none that is known.
-  std::shared_ptr<const std::vector<Exit>> exits;        // Newest first; null for none.
-  WallTime since;                                        // When it came into the state.
-  SteadyTime forked;                                     // Its last fork.
-  std::optional<std::chrono::microseconds> readyIn;      // From there to its report, or to running.
-  std::array<SteadyTime, kMostRestarts> restartTimes{};  // That count, oldest first.
-  std::uint32_t restartTimesUsed = 0;
+  std::shared_ptr<const Cause> cause;                // Null for none that is known.
+  std::shared_ptr<const std::vector<Exit>> exits;    // Newest first; null for none.
+  WallTime since;                                    // When it came into the state.
+  SteadyTime forked;                                 // Its last fork.
+  std::optional<std::chrono::microseconds> readyIn;  // From there to its report, or to running.
+  // The restarts that count, oldest first; null for none.
+  std::shared_ptr<const std::vector<SteadyTime>> restartTimes;
   std::uint32_t restarts = 0;  // Since the manager's start.
   pid_t pid = 0;               // 0: no process.
   AppState state = AppState::kWaiting;

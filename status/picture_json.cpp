@@ -108,7 +108,7 @@ Json AppJson(const AppPicture& app, const ManagerPicture& manager) {
   const AppFacts& facts = *app.facts;
   Json restarts = Json::object();
   restarts.emplace("count", app.restarts);
-  restarts.emplace("policy", facts.policy);
+  restarts.emplace("policy", WordOf(facts.policy));
   restarts.emplace("left", OrNull(RestartsLeft(app, SteadyNow())));
   Json json = Json::object();
   json.emplace("name", facts.name);

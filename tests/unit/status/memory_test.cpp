@@ -1,6 +1,7 @@
 // What the memory makes of what it is told.
 #include "status/memory.h"
 
+#include <malloc.h>
 #include <sys/eventfd.h>
 
 #include <functional>
@@ -23,7 +24,7 @@ AppFacts Facts(const std::string& name, AppKind kind, const std::string& policy 
   facts.kind = kind;
   facts.isReporting = isReporting;
   facts.name = name;
-  facts.policy = policy;
+  facts.policy = RestartPolicyOf(policy);
   return facts;
 }
 
@@ -181,6 +182,22 @@ TEST(Memory, TheLastEightExitsAreKeptNewestFirst) {
   EXPECT_EQ(picture.restarts, 19U);
 }
 
+#ifndef PM_SANITIZED  // A sanitizer's allocator doesn't tell what it has given.
+TEST(Memory, AnApplicationTakesFewBytes) {
+  constexpr std::size_t kApps = 1000;
+  Memory memory;
+  const std::size_t before = mallinfo2().uordblks;
+  for (std::size_t i = 0; i < kApps; ++i) {
+    AppFacts facts = Facts("service-" + std::to_string(i), AppKind::kBase, "on-failure");
+    facts.path = "/opt/platform/bin/" + facts.name;
+    const AppId app = memory.Mention(std::move(facts));
+    memory.NoteStarted(app, 7);
+    memory.NoteRunning(app);
+  }
+  EXPECT_LE((mallinfo2().uordblks - before) / kApps, 512U);
+}
+#endif
+
 TEST(Memory, RestartsThatAreLeft) {
   const SteadyTime now = SteadyNow();
   const auto ago = [now](int ms) { return now - milliseconds(ms); };
@@ -249,7 +266,7 @@ TEST(Memory, NamesOfSeveralKindsStandBesideEachOtherAndIdleOnesAreForgotten) {
   memory.NoteStarted(general, 7);
   EXPECT_NE(base, general);
   EXPECT_EQ(memory.Mention(Facts("x", AppKind::kGeneral, "on-forever")), general);
-  EXPECT_EQ(memory.Copy().apps.at(1).facts->policy, "on-forever");
+  EXPECT_EQ(memory.Copy().apps.at(1).facts->policy, RestartPolicy::kOnForever);
 
   for (std::size_t i = 0; i <= Memory::kMostIdle; ++i) {
     (void)memory.Mention(Facts("idle" + std::to_string(i), AppKind::kGeneral));

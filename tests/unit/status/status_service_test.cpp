@@ -31,7 +31,7 @@ class StatusServiceTest : public Test {
     AppFacts facts;
     facts.kind = AppKind::kBase;
     facts.name = name;
-    facts.policy = "on-failure";
+    facts.policy = RestartPolicy::kOnFailure;
     facts.depends = {"absent"};
     return memory_.Mention(std::move(facts));
   }
