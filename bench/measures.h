@@ -29,6 +29,9 @@ std::vector<Figure> MeasureMany();
 // What an exit and a query cost the manager with few and with very many applications up.
 std::vector<Figure> MeasureLookups();
 
+// What the status of 1000 applications costs: the answer, the lock, a watcher.
+std::vector<Figure> MeasureStatus();
+
 }  // namespace PmBench
 
 #endif  // BENCH_MEASURES_H

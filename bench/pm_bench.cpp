@@ -21,7 +21,7 @@ constexpr Measure kMeasures[] = {
     {"launch", &PmBench::MeasureLaunch},     {"restart", &PmBench::MeasureRestart},
     {"boot", &PmBench::MeasureBoot},         {"idle", &PmBench::MeasureIdle},
     {"requests", &PmBench::MeasureRequests}, {"many", &PmBench::MeasureMany},
-    {"lookups", &PmBench::MeasureLookups},
+    {"lookups", &PmBench::MeasureLookups},   {"status", &PmBench::MeasureStatus},
 };
 
 int Usage() {
