@@ -39,7 +39,6 @@ make_folders() {
   rm -rf /run/nexio /run/pm /run/plat /run/platform
   install -d -m 1777 /run/nexio /run/platform /run/pm-notify
   install -d -m 0755 /run/plat /run/plat/sensor /run/plat/group /run/pm
-  install -d -m 0755 -o 2001 -g 2001 /run/pm/iammgr
   install -d -m 0755 -o 2006 -g 2006 /run/pm/operator
 }
 
