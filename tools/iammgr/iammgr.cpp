@@ -11,6 +11,7 @@ namespace {
 
 struct Wish {
   unsigned waitSeconds = Services::kDefaultWaitSeconds;
+  std::string serviceFile;  // Service files of earlier versions still give it.
 };
 
 void Serve(const Wish& wish) {
@@ -25,6 +26,7 @@ void Serve(const Wish& wish) {
 
 void AddOptions(CLI::App& app, Wish& wish) {
   Services::AddWaitOption(app, wish.waitSeconds);
+  app.add_option("FILE", wish.serviceFile, "not needed any more, and not read");
 }
 
 }  // namespace
