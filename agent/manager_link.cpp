@@ -8,6 +8,7 @@
 #include <limits>
 #include <utility>
 
+#include "base/manager_pid.h"
 #include "base/names.h"
 #include "core/log.h"
 #include "message/nexio.h"
@@ -16,8 +17,8 @@
 namespace ProcMgr {
 namespace {
 
-// The manager's connection, one that it has left behind, and some room for connections of other
-// programs of the same user, which displace the channel but must not lock the manager out.
+// The manager's connection, one that it has left behind, and some room for what it leaves while the
+// service is stopped.
 constexpr std::uint32_t kMaxClients = 64;
 
 NexioRequest RequestOf(const Message::RequestMsg& frame) {
@@ -82,7 +83,8 @@ Result ManagerLink::Serve(const std::string& name) {
     self->OnRequest(fd, request);
   };
   param.peerFilter = [user = ownUser_](const NexioPeer& peer) {
-    return peer.uid == 0 || peer.uid == user;
+    // A user that several programs share names none of them, and neither does root.
+    return (peer.uid == 0 || (peer.uid == user && peer.pid != 0)) && MayBeManager(peer.pid);
   };
   const int server = NexioCreateServer(param);
   if (server < 0) {

@@ -112,8 +112,8 @@ class ManagerLink : public std::enable_shared_from_this<ManagerLink> {
   [[nodiscard]] Result ResultOf(int code, const char* what) EXCLUDES(mutex_);
   [[nodiscard]] bool InCallback() EXCLUDES(mutex_);
 
-  // Constant. The user whose connections are accepted besides root's: the service's own when the
-  // link was made.
+  // Constant. The user whose connections are accepted besides root's, if they are the manager's
+  // (base/manager_pid.h): the service's own when the link was made.
   const Agent::Callbacks callbacks_;
   const uid_t ownUser_;
 

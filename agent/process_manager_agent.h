@@ -16,7 +16,8 @@
 // The manager connects to the service, not the other way round: Create serves the service's name
 // and the manager opens its channel some time later. One channel counts, the latest: when the
 // manager opens a new one, after a restart of either side, the old one is forgotten. A connection
-// is accepted only from root or from the user that the service runs under.
+// is accepted only from the manager: a process of root or of the service's user that is the
+// service's parent, or the one that the manager's file in /run names.
 //
 // Requests. Each says how long it may wait for a channel; with the default it doesn't wait and
 // yields kNoChannel if none is up. A manager that doesn't read costs its sender about two seconds

@@ -14,7 +14,8 @@
  *
  * The manager connects to the service, not the other way round: pm_agent_create serves the
  * service's name and the manager opens its channel some time later. One channel counts, the latest.
- * A connection is accepted only from root or from the user that the service runs under.
+ * A connection is accepted only from the manager: a process of root or of the service's user that
+ * is the service's parent, or the one that the manager's file in /run names.
  *
  * Results. Functions that yield an int give 0 for success, or a negative errno number:
  *   -EINVAL        not a service's name, an empty list or name, a '#' in a text, a bad number

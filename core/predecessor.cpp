@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/dir_stream.h"
+#include "base/manager_pid.h"
 #include "base/names.h"
 #include "base/small_file.h"
 #include "base/standard_path.h"
@@ -118,6 +119,10 @@ bool BecomeOnlyManager() {
   const int fd = OpenLockFile();
   struct flock lock = WholeFile();
   if (fd >= 0 && fcntl(fd, F_SETLK, &lock) == 0) {
+    if (const int error = TellManagerPid(); error != 0) {
+      LogWarningRouted("PROCMGR : can't tell the services which process is the manager, errno=%d",
+                       error);
+    }
     return true;
   }
   if (fd >= 0 && (errno == EACCES || errno == EAGAIN)) {

@@ -9,9 +9,10 @@
 
 namespace ProcMgr {
 
-// Makes this process the machine's only manager, to its end; a child never is. False, with an error
-// line and a text on standard error: another one runs. A machine without a writable /run has no
-// such check and goes on, with a warning. Once, before anything is started.
+// Makes this process the machine's only manager, to its end; a child never is. The services are
+// told which process it is (base/manager_pid.h). False, with an error line and a text on standard
+// error: another one runs. A machine without a writable /run has no such check and goes on, with a
+// warning. Once, before anything is started.
 [[nodiscard]] bool BecomeOnlyManager();
 
 // Warns of each process that an earlier manager of this machine's boot has left running under the

@@ -1,9 +1,11 @@
 #include "sandbox/raw_peer.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -144,6 +146,27 @@ std::optional<RawPeer> ConnectRaw(const Sandbox& sandbox, const std::string& nam
     return std::nullopt;
   }
   return RawPeer(std::move(fd));
+}
+
+std::optional<RawPeer> ConnectRawAsAnother(const Sandbox& sandbox, const std::string& name,
+                                           const std::function<void(pid_t)>& before) {
+  ProcMgr::UniqueFd fd = NewSocket();
+  const ProcMgr::UnixAddress address(sandbox.Outside(NexioSocket(name)));
+  const ProcMgr::UniqueFd go(eventfd(0, EFD_CLOEXEC));
+  const pid_t child = fork();
+  CheckStep(child >= 0, "fork");
+  if (child == 0) {
+    eventfd_t value = 0;
+    _exit(eventfd_read(go.Get(), &value) == 0 &&
+                  connect(fd.Get(), address.Get(), address.Size()) == 0
+              ? 0
+              : 1);
+  }
+  before(child);
+  int status = -1;
+  CheckStep(eventfd_write(go.Get(), 1) == 0 && waitpid(child, &status, 0) == child,
+            "connect from another process");
+  return status == 0 ? std::optional<RawPeer>(std::move(fd)) : std::nullopt;
 }
 
 }  // namespace PmSandbox

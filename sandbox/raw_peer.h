@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -84,6 +85,10 @@ class RawServer {
 
 // Connects to a server of the sandbox. No hello is sent. None if nobody serves the name.
 std::optional<RawPeer> ConnectRaw(const Sandbox& sandbox, const std::string& name);
+// The same for a process of the calling thread's user that has ended when this returns: the server
+// sees its pid. `before` is called with that before it connects.
+std::optional<RawPeer> ConnectRawAsAnother(const Sandbox& sandbox, const std::string& name,
+                                           const std::function<void(pid_t)>& before);
 
 }  // namespace PmSandbox
 

@@ -169,19 +169,21 @@ void AsUser(uid_t user, const Body& body) {
   }).join();
 }
 
-// True if a connection of `user` becomes the channel; otherwise the one that was there goes on.
-bool IsLetIn(const Sandbox& sandbox, Agent& agent, const FakeManager& root, uid_t user) {
+// True if the connection that `connect` makes as `user` becomes the channel; otherwise the one that
+// was there goes on.
+template <typename Connect>
+bool IsLetIn(Agent& agent, const FakeManager& first, uid_t user, const Connect& connect) {
   bool letIn = false;
   AsUser(user, [&] {
-    const FakeManager other(sandbox, agent.Name());
+    const FakeManager other(connect());
     EXPECT_TRUE(Eventually([&] {
-      letIn = root.Peer().AwaitClosed(milliseconds(1));
+      letIn = first.Peer().AwaitClosed(milliseconds(1));
       return letIn || other.Peer().AwaitClosed(milliseconds(1));
     }));
   });
   if (!letIn) {
     EXPECT_EQ(agent.TermApps({"a"}), Result::kOk);
-    EXPECT_EQ(root.ReceiveBody(2), "1#a#");
+    EXPECT_EQ(first.ReceiveBody(2), "1#a#");
   }
   return letIn;
 }
@@ -191,9 +193,54 @@ TEST_F(AgentChannel, OnlyRootAndTheOwnUserAreLetIn) {
   std::unique_ptr<Agent> users;
   AsUser(1234, [&] { users = MakeAgent({}, "users"); });
   ASSERT_NE(users, nullptr);
-  EXPECT_FALSE(IsLetIn(sandbox_, *roots, Connect(*roots), 1234));
-  EXPECT_FALSE(IsLetIn(sandbox_, *users, Connect(*users), 1235));
-  EXPECT_TRUE(IsLetIn(sandbox_, *users, Connect(*users), 1234));
+  const auto isLetIn = [this](Agent& agent, uid_t user) {
+    return IsLetIn(agent, Connect(agent), user,
+                   [&] { return ConnectRaw(sandbox_, agent.Name()).value(); });
+  };
+  EXPECT_FALSE(isLetIn(*roots, 1234));
+  EXPECT_FALSE(isLetIn(*users, 1235));
+  EXPECT_TRUE(isLetIn(*users, 1234));
+}
+
+// Of those only the process that the manager's file names, and only if it is root's.
+TEST_F(AgentChannel, OnlyTheManagerOfAUserIsLetIn) {
+  constexpr const char* kFile = "/run/process-manager.pid";
+  const auto agent = MakeAgent();
+  struct Case {
+    std::string before;  // The file's text, with P in place of the process's pid.
+    std::string after;
+    uid_t owner;
+    mode_t mode;
+    bool isLetIn;
+  };
+  const Case cases[] = {
+      {"", "P\n", 0, 0644, true},     {"", "1\n", 0, 0644, false}, {"1", "P\n", 0, 0644, false},
+      {"", "P\n", 1234, 0644, false}, {"", "P\n", 0, 0646, false}, {"", "P", 0, 0644, false},
+      {"", "", 0, 0644, false},
+  };
+  const auto connect = [&](const std::function<void(pid_t)>& before) {
+    return [&, before] { return ConnectRawAsAnother(sandbox_, "svc", before).value(); };
+  };
+  EXPECT_TRUE(IsLetIn(*agent, Connect(*agent), 0, connect([](pid_t) {}))) << "no manager yet";
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.before + c.after + " " + std::to_string(c.owner));
+    LogCapture log;
+    pid_t other = 0;
+    const auto write = [&](pid_t pid) {
+      other = pid;
+      std::string text = c.before + c.after;
+      if (const std::size_t at = text.find('P'); at != std::string::npos) {
+        text.replace(at, 1, std::to_string(pid));
+      }
+      sandbox_.WriteFile(kFile, text, c.mode);
+      CheckStep(chown(kFile, c.owner, 0) == 0, "give the file away");
+    };
+    EXPECT_EQ(IsLetIn(*agent, Connect(*agent), 0, connect(write)), c.isLetIn);
+    EXPECT_THAT(
+        log.Take(),
+        testing::Contains(testing::HasSubstr("serves, pid=" + std::to_string(other) + ", uid=0,"))
+            .Times(c.isLetIn ? 0 : 1));
+  }
 }
 
 TEST_F(AgentChannel, NamesThatCannotBeServed) {

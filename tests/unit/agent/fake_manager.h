@@ -55,7 +55,8 @@ class FakeManager {
  public:
   // Connects to the service and says hello.
   FakeManager(const Sandbox& sandbox, const std::string& service)
-      : peer_(ConnectRaw(sandbox, service).value()) {
+      : FakeManager(ConnectRaw(sandbox, service).value()) {}
+  explicit FakeManager(RawPeer peer) : peer_(std::move(peer)) {
     (void)peer_.Send(MakePacket(kHello, 0, "PROCMGR"));
   }
 

@@ -25,6 +25,9 @@ bool IsAlive(pid_t pid) {
 
 class PmNotify : public testing::Test {
  protected:
+  // The test isn't the machine's manager, but it is the parent.
+  void SetUp() override { sandbox_.WriteFile("/run/process-manager.pid", "1\n"); }
+
   void TearDown() override {
     sandbox_.KillAll();
     if (process_.has_value()) {
