@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -11,6 +12,7 @@
 #include <string>
 #include <utility>
 
+#include "base/sleep.h"
 #include "core/log.h"
 #include "platform/nexio/channel.h"
 #include "platform/nexio/connector.h"
@@ -19,6 +21,7 @@
 #include "platform/nexio/packet.h"
 #include "platform/nexio/reactor.h"
 #include "platform/nexio/server.h"
+#include "platform/nexio/wire_io.h"
 
 namespace ProcMgr {
 namespace {
@@ -52,13 +55,7 @@ std::string OwnName() {
   return Nexio::IsClientName(result) ? result : "unnamed";
 }
 
-}  // namespace
-
-int NexioOpen(const NexioOpenParam& param) try {
-  if (param.peerName == nullptr || !Nexio::IsServerName(param.peerName)) {
-    return kNexioBadName;
-  }
-  const SteadyTime deadline = SteadyNow() + std::chrono::milliseconds(param.timeout);
+int OpenOnce(const NexioOpenParam& param, SteadyTime deadline) try {
   if (const int result = Nexio::Reactor::Opened().Start(&OnWake); result < 0) {
     return result;
   }
@@ -93,13 +90,7 @@ int NexioOpen(const NexioOpenParam& param) try {
   return -ENOMEM;
 }
 
-int NexioCreateServer(const NexioServerParam& param) try {
-  const char* const given =
-      param.serverName != nullptr ? param.serverName : secure_getenv("PROC_NAME");
-  if (given == nullptr || !Nexio::IsServerName(given)) {
-    return kNexioBadName;
-  }
-  const std::string name = given;
+int ServeOnce(const NexioServerParam& param, const std::string& name) try {
   if (const int result = Nexio::Reactor::Accepted().Start(&OnWake); result < 0) {
     return result;
   }
@@ -125,6 +116,45 @@ int NexioCreateServer(const NexioServerParam& param) try {
     return started;
   }
   return handle;
+} catch (const std::bad_alloc&) {
+  return -ENOMEM;
+}
+
+// How long a shortage of memory or of descriptors is waited out: what can't be opened now is missed
+// as long as its peer lives.
+constexpr auto kShortagePatience = std::chrono::seconds(1);
+constexpr std::int64_t kShortagePauseNs = 10'000'000;
+
+// Yields the result of `attempt` that is no shortage, or the last one.
+template <typename Attempt>
+int ThroughShortage(const Attempt& attempt) {
+  const SteadyTime end = SteadyNow() + kShortagePatience;
+  int result = attempt();
+  while (Nexio::IsShortage(-result) && SteadyNow() < end) {
+    SleepNs(kShortagePauseNs);
+    result = attempt();
+  }
+  return result;
+}
+
+}  // namespace
+
+int NexioOpen(const NexioOpenParam& param) {
+  if (param.peerName == nullptr || !Nexio::IsServerName(param.peerName)) {
+    return kNexioBadName;
+  }
+  const SteadyTime deadline = SteadyNow() + std::chrono::milliseconds(param.timeout);
+  return ThroughShortage([&] { return OpenOnce(param, deadline); });
+}
+
+int NexioCreateServer(const NexioServerParam& param) try {
+  const char* const given =
+      param.serverName != nullptr ? param.serverName : secure_getenv("PROC_NAME");
+  if (given == nullptr || !Nexio::IsServerName(given)) {
+    return kNexioBadName;
+  }
+  const std::string name = given;
+  return ThroughShortage([&] { return ServeOnce(param, name); });
 } catch (const std::bad_alloc&) {
   return -ENOMEM;
 }

@@ -23,10 +23,6 @@ constexpr auto kShortagePause = std::chrono::milliseconds(100);
 
 constexpr int kConnectionsPerTurn = 64;
 
-bool IsShortage(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-}
-
 }  // namespace
 
 Server::Server(int handle, std::string name, Claim claim, std::uint32_t maxClients,

@@ -7,7 +7,10 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+
+#include "base/sleep.h"
 
 namespace ProcMgr::Nexio {
 
@@ -85,6 +88,13 @@ Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length, 
   do {
     got = recv(fd, buffer.data(), buffer.size(), flags);
   } while (got < 0 && errno == EINTR);
+  if (got < 0 && IsShortage(errno)) {
+    // What is there to be read stays there, and whoever watches the socket is told of it again:
+    // with a pause, so that a shortage doesn't cost the processor, too.
+    constexpr std::int64_t kPauseNs = 1'000'000;
+    SleepNs(kPauseNs);
+    return Receipt::kNothing;
+  }
   if (got < 0) {
     return errno == EAGAIN ? Receipt::kNothing : Receipt::kError;
   }

@@ -2,6 +2,7 @@
 #ifndef PLATFORM_NEXIO_WIRE_IO_H
 #define PLATFORM_NEXIO_WIRE_IO_H
 
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +13,11 @@
 #include "platform/nexio/packet.h"
 
 namespace ProcMgr::Nexio {
+
+// Whether this errno tells of a lack of memory or descriptors, which may pass.
+[[nodiscard]] inline bool IsShortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
 
 // Never blocks. Yields 0, kNexioBusy, kNexioTooLong, kNexioBroken, or another negative errno. Any
 // thread; packets of several threads don't mix.
