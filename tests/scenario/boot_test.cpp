@@ -36,15 +36,20 @@ void LeaveEverythingWrong() {
   const itimerval soon{{0, 0}, {0, 200'000}};
   (void)setitimer(ITIMER_REAL, &soon, nullptr);
   (void)umask(077);
-  (void)!chdir("/run");
+  constexpr const char* kGone = "/run/sandbox/gone";
+  (void)mkdir(kGone, 0700);
+  (void)!chdir(kGone);
+  (void)rmdir(kGone);
   (void)dup2(1, 60);  // Goes through every exec.
   (void)close(0);
   const rlimit few{64, 512};
   (void)setrlimit(RLIMIT_NOFILE, &few);
 }
 
-// The same on a kernel that has no close_range.
-void LeaveEverythingWrongOnAnOldKernel() {
+const std::string kDaemon = ProgramPath("process-manager");
+
+// The same on a kernel that has no close_range, and with nothing at all: no output, no environment.
+void LeaveNothingOnAnOldKernel() {
   sock_filter filter[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_close_range, 0, 1),
@@ -53,6 +58,11 @@ void LeaveEverythingWrongOnAnOldKernel() {
   };
   Install(filter);
   LeaveEverythingWrong();
+  (void)close(1);
+  (void)close(2);
+  const char* const arguments[] = {kDaemon.c_str(), "/run/sandbox/base.yaml", nullptr};
+  char* nothing = nullptr;
+  (void)execve(kDaemon.c_str(), const_cast<char* const*>(arguments), &nothing);
 }
 
 const std::string kHashFile = "/etc/zur/base-plat/process-manager/bin_hash.cfg";
@@ -396,6 +406,13 @@ TEST_P(OddStarter, PutsRightWhatItsStarterLeftBehind) {
   EXPECT_EQ(worker.Get("limit.nofile"), "64,512");
   EXPECT_EQ(worker.Below("fd.").size(), 5U) << worker.Get("fds");
   EXPECT_EQ(worker.Get("fd.0"), "/dev/null");
+  if (GetParam() == &LeaveNothingOnAnOldKernel) {
+    EXPECT_EQ(worker.Get("fd.2"), "/dev/null");
+    EXPECT_EQ(
+        worker.Below("env."),
+        (std::map<std::string, std::string>{
+            {"HOME", worker.Get("env.HOME")}, {"IS_RESTART", "0"}, {"PROC_NAME", "PROCMGR"}}));
+  }
 
   const std::string process = "/proc/" + std::to_string(daemon_->Pid());
   EXPECT_EQ(std::filesystem::read_symlink(process + "/cwd"), "/");
@@ -412,10 +429,10 @@ TEST_P(OddStarter, PutsRightWhatItsStarterLeftBehind) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, OddStarter,
-                         ::testing::Values(&LeaveEverythingWrong,
-                                           &LeaveEverythingWrongOnAnOldKernel),
+                         ::testing::Values(&LeaveEverythingWrong, &LeaveNothingOnAnOldKernel),
                          [](const auto& kernel) {
-                           return kernel.index == 0 ? "ThisKernel" : "AKernelWithoutCloseRange";
+                           return kernel.index == 0 ? "ThisKernel"
+                                                    : "AKernelWithoutCloseRangeAndNothing";
                          });
 
 }  // namespace
