@@ -27,9 +27,9 @@
 // ones have gone.
 //
 // Threads. Every function may be called from any thread, and lets no exception out. The messaging
-// library has four threads of its own in every process that uses it; callbacks come on them, one at
-// a time. StartHeartbeat starts one more; there is no other. The library blocks all signals on
-// these threads, so handlers run on the service's own.
+// library has five threads of its own in every process that uses it, and more while callbacks take
+// long; callbacks come on them, one at a time. StartHeartbeat starts one more; there is no other.
+// The library blocks all signals on these threads, so handlers run on the service's own.
 //
 // Log. The library's lines go to syslog as the service's own do: under the ident that it gave to
 // openlog, else under its program's name. SetLog sends them elsewhere.

@@ -38,10 +38,11 @@
  *
  * Texts are ended by a zero byte and are the caller's; the library keeps none after a call.
  *
- * Threads. Every function may be called from any thread. The library has four threads of its own in
- * every process that uses it, and callbacks come on them, one at a time; pm_agent_start_heartbeat
- * starts one more. All of them block every signal. A process that forks without an exec must not
- * use the agent in the child. The library stays loaded until the process ends.
+ * Threads. Every function may be called from any thread. The library has five threads of its own in
+ * every process that uses it, more while callbacks take long, and callbacks come on them, one at a
+ * time; pm_agent_start_heartbeat starts one more. All of them block every signal. A process that
+ * forks without an exec must not use the agent in the child. The library stays loaded until the
+ * process ends.
  *
  * Compatibility. Within the library's version 1 no function and no field changes or goes. The
  * structures that may grow begin with their size.

@@ -7,7 +7,7 @@
 // packets where they count against their sender.
 //
 // A thread that waits for a response doesn't wait for a thread of the reactor: it reads the socket
-// itself, which saves a change of threads and works even if all four are busy or it is one of
+// itself, which saves a change of threads and works even if all of them are busy or it is one of
 // them. Requests that it meets on the way go to `inbox_`, in order, and a thread of the reactor is
 // called for them.
 //

@@ -22,12 +22,16 @@
 
 #include "base/block_signals.h"
 #include "base/immortal.h"
+#include "base/sleep.h"
 #include "platform/nexio/packet.h"
 
 namespace ProcMgr::Nexio {
 namespace {
 
 constexpr int kThreads = 4;
+constexpr int kMostThreads = 64;
+// About a turn of a channel. Threads that come back so soon need no help.
+constexpr std::int64_t kHelpAfterNs = 3'000'000;
 constexpr auto kExitGrace = std::chrono::seconds(1);
 
 constexpr std::uint64_t kJobsToken = std::numeric_limits<std::uint64_t>::max();
@@ -114,25 +118,30 @@ int Reactor::MakeDescriptors() {
 }
 
 int Reactor::StartThreads() {
-  const BlockSignals block;
   int result = 0;
-  while (threads_ < kThreads && result == 0) {
-    try {
-      auto memory = std::make_unique_for_overwrite<std::byte[]>(kMaxPacket);
-      const std::string name = name_ + std::to_string(threads_);
-      std::thread thread([this, buffer = std::move(memory)] {
-        ThreadBody({buffer.get(), kMaxPacket});
-      });
-      (void)pthread_setname_np(thread.native_handle(), name.c_str());
-      thread.detach();
-      ++threads_;
-    } catch (const std::system_error& error) {
-      result = -error.code().value();
-    } catch (const std::bad_alloc&) {
-      result = -ENOMEM;
-    }
+  while (threads_ < kThreads + 1 && result == 0) {
+    result = StartThread();
   }
   return result;
+}
+
+int Reactor::StartThread() {
+  try {
+    const BlockSignals block;
+    auto memory = std::make_unique_for_overwrite<std::byte[]>(kMaxPacket);
+    const std::string name = name_ + std::to_string(threads_);
+    std::thread thread([this, buffer = std::move(memory)] {
+      ThreadBody({buffer.get(), kMaxPacket});
+    });
+    (void)pthread_setname_np(thread.native_handle(), name.c_str());
+    thread.detach();
+    ++threads_;
+    return 0;
+  } catch (const std::system_error& error) {
+    return -error.code().value();
+  } catch (const std::bad_alloc&) {
+    return -ENOMEM;
+  }
 }
 
 void Reactor::StopAll() {
@@ -156,6 +165,7 @@ bool Reactor::AskToStop() {
   stopping_.store(true);
   // Left unread, the count wakes one thread after the other.
   (void)eventfd_write(jobsReady_.Get(), kThreads);
+  called_.NotifyAll();
   return true;
 }
 
@@ -170,22 +180,76 @@ void Reactor::ThreadBody(std::span<std::byte> buffer) noexcept {
   ownReactor = this;
   // The slack of 50 us that threads have by default is more than the naps of a busy channel.
   (void)prctl(PR_SET_TIMERSLACK, 1000UL);
-  while (!stopping_.load()) {
-    epoll_event event{};
-    if (epoll_wait(epoll_.Get(), &event, 1, -1) != 1 || stopping_.load()) {
-      continue;
-    }
-    if (event.data.u64 == kJobsToken) {
-      RunJob(buffer);
-    } else if (event.data.u64 == kTimerToken) {
-      RunAlarms(buffer);
-    } else {
-      handler_(Unpack(event.data.u64), Wake::kReady, buffer);
-    }
+  if (StandBy()) {
+    ServeEvents(buffer);
   }
   const MutexLock lock(mutex_);
   --threads_;
   threadGone_.NotifyAll();
+}
+
+bool Reactor::StandBy() {
+  while (true) {
+    {
+      const MutexLock lock(mutex_);
+      if (serving_ < kThreads) {
+        ++serving_;
+        return true;
+      }
+      while (!isCalled_ && !stopping_) {
+        called_.Wait(mutex_);
+      }
+    }
+    if (stopping_) {
+      return false;
+    }
+    SleepNs(kHelpAfterNs);
+    isCalled_ = false;
+    const MutexLock lock(mutex_);
+    if (waiting_ == 0) {
+      if (threads_ < kMostThreads && StartThread() == 0) {
+        ++serving_;
+        return true;
+      }
+      isCalled_ = true;  // It may be possible the next time.
+    }
+  }
+}
+
+void Reactor::ServeEvents(std::span<std::byte> buffer) {
+  while (!stopping_) {
+    if (++waiting_ > kThreads) {
+      --waiting_;
+      const MutexLock lock(mutex_);
+      --serving_;
+      return;
+    }
+    epoll_event event{};
+    const int count = epoll_wait(epoll_.Get(), &event, 1, -1);
+    if (--waiting_ == 0) {
+      CallStandBy();
+    }
+    if (count == 1 && !stopping_) {
+      ServeEvent(event.data.u64, buffer);
+    }
+  }
+}
+
+void Reactor::ServeEvent(std::uint64_t event, std::span<std::byte> buffer) {
+  if (event == kJobsToken) {
+    RunJob(buffer);
+  } else if (event == kTimerToken) {
+    RunAlarms(buffer);
+  } else {
+    handler_(Unpack(event), Wake::kReady, buffer);
+  }
+}
+
+void Reactor::CallStandBy() {
+  if (!isCalled_.exchange(true)) {
+    const MutexLock lock(mutex_);
+    called_.NotifyAll();
+  }
 }
 
 int Reactor::Watch(int fd, Token token) {

@@ -1,4 +1,4 @@
-// An epoll instance and the four threads that serve it.
+// An epoll instance and the threads that serve it: four, and more while callbacks take long.
 //
 // The process has two. One serves the channels that it has opened to peers of its choice, the other
 // what comes to its servers, where anybody may connect: so strangers who keep a callback busy keep
@@ -8,9 +8,14 @@
 // works on it until that thread arms it again. The thread that epoll wakes does the reading and
 // runs the callbacks itself; nothing is handed from a dispatcher to a worker.
 //
-// The threads start with the first channel or server, block all signals, and live as long as the
-// process. At exit, before the destructors of static objects, they are asked to stop and given a
-// second to return from a running callback, so that none runs into an object that is gone.
+// One more thread stands by. When none of the others has waited for events for the length of a
+// turn, because all are in callbacks that take long, it joins them, and another one stands by; so
+// one who asks for something big keeps nobody from being served but the other callers of the same
+// channel. Those that are too many then end. There are at most 64.
+//
+// The threads start with the first channel or server, block all signals, and four live as long as
+// the process. At exit, before the destructors of static objects, they are asked to stop and given
+// a second to return from a running callback, so that none runs into an object that is gone.
 //
 // All memory that a thread needs to serve is taken when the thread starts or when a descriptor is
 // added, where a shortage can be told to somebody.
@@ -98,6 +103,14 @@ class Reactor {
   bool AskToStop() EXCLUDES(mutex_);
   void AwaitStop(SteadyTime deadline) EXCLUDES(mutex_);
   void ThreadBody(std::span<std::byte> buffer) noexcept;
+  // Waits until there is work for one more thread, and has another one stand by; false at the end
+  // of the process.
+  [[nodiscard]] bool StandBy() EXCLUDES(mutex_);
+  // Serve until the end of the process, or as long as they are needed.
+  void ServeEvents(std::span<std::byte> buffer) EXCLUDES(mutex_);
+  void ServeEvent(std::uint64_t event, std::span<std::byte> buffer) EXCLUDES(mutex_);
+  // Tells the thread that stands by that no other waits for events.
+  void CallStandBy() EXCLUDES(mutex_);
   void RunJob(std::span<std::byte> buffer) EXCLUDES(mutex_);
   void RunAlarms(std::span<std::byte> buffer) EXCLUDES(mutex_);
   [[nodiscard]] std::optional<Token> TakeDueAlarm() EXCLUDES(mutex_);
@@ -105,6 +118,7 @@ class Reactor {
   void SetTimer() REQUIRES(mutex_);
   [[nodiscard]] int MakeDescriptors() REQUIRES(mutex_);
   [[nodiscard]] int StartThreads() REQUIRES(mutex_);
+  [[nodiscard]] int StartThread() REQUIRES(mutex_);
 
   const char* const name_;
 
@@ -119,11 +133,15 @@ class Reactor {
   std::atomic<bool> started_ = false;
   std::atomic<bool> stopping_ = false;
   std::atomic<int> lingering_ = 0;
+  std::atomic<int> waiting_ = 0;  // Threads that wait for events, or are about to.
+  std::atomic<bool> isCalled_ = false;
 
   // A leaf: taken under the lock of a channel or of a server, never the other way.
   Mutex mutex_;
   CondVar threadGone_;
+  CondVar called_;
   int threads_ GUARDED_BY(mutex_) = 0;
+  int serving_ GUARDED_BY(mutex_) = 0;  // Of them; the others stand by.
   // Both have room for one entry of each watched descriptor.
   std::size_t watched_ GUARDED_BY(mutex_) = 0;
   std::vector<Token> jobs_ GUARDED_BY(mutex_);
