@@ -32,6 +32,10 @@ std::vector<Figure> MeasureLookups();
 // What the status of 1000 applications costs: the answer, the lock, a watcher.
 std::vector<Figure> MeasureStatus();
 
+// What an exit, a query and the boot wait while peers and programs don't do their part, and how
+// long 200 services are away that are killed at once.
+std::vector<Figure> MeasureWaits();
+
 }  // namespace PmBench
 
 #endif  // BENCH_MEASURES_H

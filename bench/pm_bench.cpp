@@ -22,6 +22,7 @@ constexpr Measure kMeasures[] = {
     {"boot", &PmBench::MeasureBoot},         {"idle", &PmBench::MeasureIdle},
     {"requests", &PmBench::MeasureRequests}, {"many", &PmBench::MeasureMany},
     {"lookups", &PmBench::MeasureLookups},   {"status", &PmBench::MeasureStatus},
+    {"waits", &PmBench::MeasureWaits},
 };
 
 int Usage() {

@@ -3,8 +3,9 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-# A test over several types stands once for each: "Suite.Case<TYPE>".
-known=$(ctest --test-dir "$1" -N | sed -n 's/^ *Test *#[0-9]*: *//p' | sed 's/<.*//' | sort -u)
+# A test over several types stands once for each, "Suite.Case<TYPE>", and one over several values,
+# "Values/Suite.Case/VALUE".
+known=$(ctest --test-dir "$1" -N | sed -n 's/^ *Test *#[0-9]*: *//p' | sed 's/<.*//; s,^[A-Za-z]*/,,; s,/.*,,' | sort -u)
 named=$(grep -oE '`[A-Z][A-Za-z0-9]*\.[A-Z][A-Za-z0-9]*`' docs/tests.md | tr -d '`' | sort -u)
 # "Suite.Case" is the form of the names, told at the top of the page.
 missing=$(comm -13 <(printf '%s\n' "$known" Suite.Case | sort) <(printf '%s\n' "$named"))
