@@ -168,14 +168,11 @@ void ProcessManager::UpdateAllGeneralAppMap(const std::string& name, const std::
 }
 
 std::string ProcessManager::ProgramToStart(const std::string& name) {
-  {
-    const MutexLock lock(generalAppMutex_);
-    if (const GeneralAppPtr app = FindGeneralApp(name); app != nullptr) {
-      return app->state_ == ProcessState::TERMINATED ? app->execPath_ : "";
-    }
-    if (const auto known = allGeneralAppMap_.find(name); known != allGeneralAppMap_.end()) {
-      return known->second->execPath_;
-    }
+  if (const GeneralAppPtr app = FindGeneralApp(name); app != nullptr) {
+    return app->state_ == ProcessState::TERMINATED ? app->execPath_ : "";
+  }
+  if (const auto known = allGeneralAppMap_.find(name); known != allGeneralAppMap_.end()) {
+    return known->second->execPath_;
   }
   std::optional<ApplicationManifest> manifest = startupCfg_.Find(name);
   if (!manifest) {
@@ -184,18 +181,35 @@ std::string ProcessManager::ProgramToStart(const std::string& name) {
   return manifest ? manifest->GetBinPath() : "";
 }
 
-void ProcessManager::WorkOutDigest(const std::string& name,
-                                   const std::map<int, std::vector<std::string>>& params) {
+std::string ProcessManager::ProgramToCheck(const std::string& name,
+                                           const std::map<int, std::vector<std::string>>& params) {
   IntegrityProtect& protect = IntegrityProtect::Instance();
-  if (!protect.HasEntries()) {
-    return;
+  if (!protect.HasEntries() || stop_.IsAsked()) {
+    return {};
   }
-  protect.WorkOut(ProgramToStart(name));
+  if (std::string path = ProgramToStart(name); !protect.IsAtHand(path)) {
+    return path;
+  }
   // A program that the request itself names.
   const auto path = params.find(static_cast<int>(App::ParamKey::kExecPath));
-  if (path != params.end() && path->second.size() == 1) {
-    protect.WorkOut(path->second.front());
-  }
+  const bool isNamed = path != params.end() && path->second.size() == 1;
+  return isNamed && !protect.IsAtHand(path->second.front()) ? path->second.front() : "";
+}
+
+void ProcessManager::StartWithDigest(const std::string& name,
+                                     const std::map<int, std::vector<std::string>>& params,
+                                     const std::function<void()>& start) {
+  std::string awaited;
+  do {
+    if (!awaited.empty()) {
+      IntegrityProtect::Instance().WorkOut(awaited);
+    }
+    const MutexLock lock(generalAppMutex_);
+    awaited = ProgramToCheck(name, params);
+    if (awaited.empty()) {
+      start();
+    }
+  } while (!awaited.empty());
 }
 
 void ProcessManager::StartApp(const std::vector<Message::StartAppInfo>& list,
@@ -204,9 +218,11 @@ void ProcessManager::StartApp(const std::vector<Message::StartAppInfo>& list,
           sender.c_str(), JoinNames(list).c_str());
   std::vector<AppChange> changes;
   for (const Message::StartAppInfo& info : list) {
-    WorkOutDigest(info.appName, info.dynamicPara);
-    const MutexLock lock(generalAppMutex_);
-    if (stop_.IsAsked() || !StartOneApp(info, sender, changes)) {
+    bool isOver = false;
+    StartWithDigest(info.appName, info.dynamicPara, [&]() REQUIRES(generalAppMutex_) {
+      isOver = stop_.IsAsked() || !StartOneApp(info, sender, changes);
+    });
+    if (isOver) {
       return;
     }
   }
@@ -263,12 +279,16 @@ void ProcessManager::RestartApp(const std::vector<Message::RestartAppInfo>& list
           sender.c_str(), JoinNames(list).c_str());
   std::vector<AppChange> changes;
   for (const Message::RestartAppInfo& info : list) {
-    WorkOutDigest(info.appName, info.dynamicPara);
-    const MutexLock lock(generalAppMutex_);
-    if (stop_.IsAsked()) {
+    bool isOver = false;
+    StartWithDigest(info.appName, info.dynamicPara, [&]() REQUIRES(generalAppMutex_) {
+      isOver = stop_.IsAsked();
+      if (!isOver) {
+        RestartOneApp(info, sender, changes);
+      }
+    });
+    if (isOver) {
       return;
     }
-    RestartOneApp(info, sender, changes);
   }
   reporter_.ReportGeneralApps(changes);
 }

@@ -141,12 +141,11 @@ void ProcessManager::StartPriorityApps(std::vector<PriorityAppEntry>& entries) {
     return StartsEarlier(*left, *right) || (!StartsEarlier(*right, *left) && left < right);
   });
   for (const PriorityAppEntry* const entry : order) {
-    WorkOutDigest(entry->appName, {});
-    const MutexLock lock(generalAppMutex_);
-    if (stop_.IsAsked()) {
-      return;
-    }
-    StartPriorityApp(*entry);
+    StartWithDigest(entry->appName, {}, [&]() REQUIRES(generalAppMutex_) {
+      if (!stop_.IsAsked()) {
+        StartPriorityApp(*entry);
+      }
+    });
   }
 }
 

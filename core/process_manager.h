@@ -84,6 +84,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -216,11 +217,17 @@ class ProcessManager {
   void TermOneApp(const std::string& name, const std::string& sender,
                   std::vector<AppChange>& changes) REQUIRES(generalAppMutex_);
   void QueryAppState(const std::vector<std::string>& names, const std::string& sender);
-  // Works out, before a lock is taken, the digest of what a request may be about to start.
-  void WorkOutDigest(const std::string& name, const std::map<int, std::vector<std::string>>& params)
-      EXCLUDES(generalAppMutex_);
+  // Calls `start` under the lock once the digest of what it may start is at hand, which is worked
+  // out without the lock; again, if somebody else has used it up by then or the file has changed.
+  void StartWithDigest(const std::string& name,
+                       const std::map<int, std::vector<std::string>>& params,
+                       const std::function<void()>& start) EXCLUDES(generalAppMutex_);
+  // The program whose digest isn't at hand; empty if there is none.
+  [[nodiscard]] std::string ProgramToCheck(const std::string& name,
+                                           const std::map<int, std::vector<std::string>>& params)
+      REQUIRES(generalAppMutex_);
   // The program that stands behind a name; empty if the name is unknown or is running.
-  [[nodiscard]] std::string ProgramToStart(const std::string& name) EXCLUDES(generalAppMutex_);
+  [[nodiscard]] std::string ProgramToStart(const std::string& name) REQUIRES(generalAppMutex_);
   // Null if the name can't be resolved.
   [[nodiscard]] GeneralAppPtr GetGeneralApp(const std::string& name, const std::string& owner)
       REQUIRES(generalAppMutex_);

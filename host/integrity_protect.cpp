@@ -52,6 +52,7 @@ bool IsPlainWord(std::string_view path) {
 // Runs the command and takes the first line of its output, of 64 characters at most. None if it
 // can't be run or says nothing.
 std::optional<std::string> RunDigest(const std::string& command, const std::string& binPath) {
+  MayWait("sha256sum");
   // "e": another thread that forks at this moment must not hand the stream to an application.
   std::FILE* const stream = popen(command.c_str(), "re");
   if (stream == nullptr) {
@@ -151,7 +152,6 @@ std::optional<bool> IntegrityProtect::TakeVerdict(const std::string& binPath) {
 }
 
 bool IntegrityProtect::HasWantedDigest(const std::string& binPath, const std::string& wanted) {
-  MayWait("sha256sum");
   const std::optional<FileState> file = StateOfFile(binPath.c_str());
   // Nobody ever writes into a fifo that is named as a program.
   const bool isReadable = !file || file->IsRegular();
@@ -218,6 +218,7 @@ bool IntegrityProtect::IsUnderWay(const std::string& binPath) {
 }
 
 void IntegrityProtect::WorkOut(const std::string& binPath) {
+  MayWait("WorkOut");
   if (const Task task = Begin(binPath); task.wanted != nullptr) {
     Finish(binPath, task);
     return;
@@ -226,6 +227,18 @@ void IntegrityProtect::WorkOut(const std::string& binPath) {
   while (IsUnderWay(binPath)) {
     finished_.Wait(mutex_);
   }
+}
+
+bool IntegrityProtect::IsAtHand(const std::string& binPath) {
+  if (WantedDigest(binPath) == nullptr) {
+    return true;
+  }
+  const std::optional<FileState> file = StateOfFile(binPath.c_str());
+  const MutexLock lock(mutex_);
+  const auto verdict = verdicts_.find(binPath);
+  return !file || !file->IsRegular() ||
+         (verdict != verdicts_.end() && !verdict->second.isUnderWay &&
+          verdict->second.file == *file);
 }
 
 bool IntegrityProtect::IsWorkedOut(const std::string& binPath) {

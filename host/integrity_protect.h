@@ -50,7 +50,10 @@ class IntegrityProtect {
 
   // Works out what Check will need, if anything. Takes as long as Check without it.
   void WorkOut(const std::string& binPath) EXCLUDES(mutex_);
-  // The same aside, without waiting: true if Check has what it needs, or can't get it this way.
+  // Whether Check would end at once.
+  [[nodiscard]] bool IsAtHand(const std::string& binPath) EXCLUDES(mutex_);
+  // The same as WorkOut aside, without waiting: true if Check has what it needs, or can't get it
+  // this way.
   [[nodiscard]] bool IsWorkedOut(const std::string& binPath) EXCLUDES(mutex_);
 
  private:

@@ -114,8 +114,9 @@ TEST(Integrity, AVerdictCountsOnce) {
   EXPECT_TRUE(PmSandbox::Eventually([&] { return protect.IsWorkedOut(path); }));
   (void)folder.Write("app", "abcd");
   EXPECT_FALSE(protect.Check(path));
+  EXPECT_FALSE(protect.IsAtHand(path));
   protect.WorkOut(path);
-  EXPECT_TRUE(protect.IsWorkedOut(path));
+  EXPECT_TRUE(protect.IsWorkedOut(path) && protect.IsAtHand(path));
   EXPECT_FALSE(protect.Check(path));
   EXPECT_FALSE(protect.IsWorkedOut(path)) << "the next start needs its own";
 }
