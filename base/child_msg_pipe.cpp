@@ -13,6 +13,7 @@
 
 #include "base/boot_trace.h"
 #include "base/fixed_text.h"
+#include "base/may_wait.h"
 #include "base/raw_calls.h"
 #include "base/shared_page.h"
 #include "base/unique_fd.h"
@@ -96,6 +97,7 @@ void ReadChildMsg() {
     return;
   }
   std::array<char, 900> buffer{};
+  MayWait("ReadChildMsg");
   const ssize_t size = read(fd, buffer.data(), buffer.size() - 1);
   if (size < 0) {
     LogWarning("PROCMGR: pm read anonymous pipe failed, errno=%d", errno);

@@ -4,10 +4,12 @@
 #include <utility>
 
 #include "base/block_signals.h"
+#include "base/may_wait.h"
 
 namespace ProcMgr {
 
 Crew::~Crew() {
+  MayWait("Crew");
   const MutexLock lock(mutex_);
   while (threads_.size() != ended_.size()) {
     left_.Wait(mutex_);

@@ -1,5 +1,6 @@
 #include "core/bring_up_handshake.h"
 
+#include "base/may_wait.h"
 #include "core/log.h"
 
 namespace ProcMgr {
@@ -50,6 +51,7 @@ void BringUpHandshake::Await(const std::string& name) {
 }
 
 ProcessState BringUpHandshake::WaitForState() {
+  MayWait("WaitForState");
   const MutexLock lock(stateMutex_);
   while (!EndsTheWait(awaited_.state) && !isGivenUp_) {
     LogInfo("PROCMGR: waiting for baseApp=%s reported state, RUNNING OR TERMINATING.",
@@ -73,6 +75,7 @@ std::uint64_t BringUpHandshake::Events() {
 }
 
 void BringUpHandshake::WaitForEvent(std::uint64_t seen, SteadyTime deadline) {
+  MayWait("WaitForEvent");
   const MutexLock lock(stateMutex_);
   while (events_ == seen && !isGivenUp_ && eventCond_.WaitUntil(stateMutex_, deadline)) {
   }

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <utility>
 
+#include "base/may_wait.h"
 #include "base/sleep.h"
 #include "core/app_lists.h"
 #include "core/host_context.h"
@@ -198,6 +199,7 @@ void PlatformEvents::Put(PlatformEvent event) {
 }
 
 PlatformEvent PlatformEvents::Take() {
+  MayWait("PlatformEvents");
   const MutexLock lock(mutex_);
   while (events_.empty() && !isClosed_) {
     changed_.Wait(mutex_);

@@ -1,6 +1,7 @@
 #include "core/pass_bell.h"
 
 #include "base/immortal.h"
+#include "base/may_wait.h"
 
 namespace ProcMgr {
 
@@ -17,6 +18,7 @@ void PassBell::Ring() {
 }
 
 void PassBell::WaitUntil(SteadyTime deadline) {
+  MayWait("PassBell");
   const MutexLock lock(mutex_);
   while (!isRung_ && rung_.WaitUntil(mutex_, deadline)) {
   }

@@ -5,6 +5,7 @@
 // stranger, and whoever signals it under the same lock hits the right process or its zombie.
 #include <sys/wait.h>
 
+#include "base/may_wait.h"
 #include "base/sleep.h"
 #include "core/app_lists.h"
 #include "core/log.h"
@@ -74,6 +75,7 @@ void FileExitStatus(pid_t pid, int status) EXCLUDES(generalAppMutex_, baseAppMut
 
 void ProcessManager::WaitThread() {
   while (running_.load()) {
+    MayWait("waitid");
     siginfo_t info{};
     if (waitid(P_ALL, 0, &info, WEXITED | WNOWAIT) != 0 || info.si_pid <= 0) {
       SleepNs(kNoChildPauseNs);

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "base/may_wait.h"
+
 namespace ProcMgr {
 
 void StopRequest::Ask() {
@@ -11,6 +13,7 @@ void StopRequest::Ask() {
 }
 
 void StopRequest::Await() {
+  MayWait("StopRequest");
   const MutexLock lock(mutex_);
   while (!IsAsked()) {
     asked_.Wait(mutex_);

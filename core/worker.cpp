@@ -6,6 +6,7 @@
 #include <csignal>
 #include <utility>
 
+#include "base/may_wait.h"
 #include "base/mutex.h"
 #include "base/steady_time.h"
 
@@ -56,6 +57,7 @@ void Worker::Start(std::function<void()> body) {
 // A signal can arrive just before the thread enters its system call, so it is repeated until the
 // body has returned.
 void Worker::WakeAndJoin() {
+  MayWait("WakeAndJoin");
   if (!thread_.joinable()) {
     return;
   }

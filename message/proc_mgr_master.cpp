@@ -38,6 +38,7 @@ class Attachment {
   }
 
   void Detach(const ProcMgrMaster* master) EXCLUDES(mutex_) {
+    MayWait("Detach");
     const MutexLock lock(mutex_);
     if (master_ != master) {
       return;

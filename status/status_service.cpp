@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "base/block_signals.h"
+#include "base/may_wait.h"
 #include "core/log.h"
 #include "status/picture_json.h"
 #include "status/status_socket.h"
@@ -95,6 +96,7 @@ bool StatusService::Start(gid_t gid, const std::string& folder) {
 }
 
 void StatusService::Stop() {
+  MayWait("StatusService");
   if (!listener_.IsOpen()) {
     return;
   }

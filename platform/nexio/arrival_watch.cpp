@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/immortal.h"
+#include "base/may_wait.h"
 #include "base/mutex.h"
 #include "platform/nexio/address.h"
 
@@ -96,6 +97,7 @@ void ArrivalWatch::WaitTick(SteadyTime deadline) {
 }
 
 void ArrivalWatch::Poll(SteadyTime until) {
+  MayWait("ArrivalWatch");
   constexpr int kLongestMs = 3'600'000;
   const int wait = std::min(MillisecondsUntil(until), kLongestMs);
   // poll passes over a negative descriptor.

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <optional>
 
+#include "base/may_wait.h"
 #include "platform/nexio/address.h"
 #include "platform/nexio/arrival_watch.h"
 #include "platform/nexio/packet.h"
@@ -23,6 +24,7 @@ constexpr auto kBacklogSlice = std::chrono::milliseconds(100);
 
 // One try. A socket of its own, because a failed one may be left half-way.
 int TryConnect(const sockaddr_un& address, SteadyTime deadline, UniqueFd& out) {
+  MayWait("connect");
   UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   if (!fd.IsOpen()) {
     return -errno;

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "base/may_wait.h"
 #include "base/sleep.h"
 
 namespace ProcMgr::Nexio {
@@ -110,6 +111,7 @@ Receipt ReceivePacket(int fd, std::span<std::byte> buffer, std::size_t& length, 
 }
 
 bool WaitReady(int fd, short events, const std::optional<SteadyTime>& deadline) {
+  MayWait("poll");
   pollfd entry{fd, events, 0};
   return poll(&entry, 1, deadline ? MillisecondsUntil(*deadline) : -1) > 0;
 }
