@@ -263,7 +263,7 @@ class DeafPeers : public Burden {
     Demand(ProcMgr::Serialization::ProcMgrPackQueryAppState({"nobody"}, frame), "a query");
     const std::string query = PmSandbox::EncodePacket(PmSandbox::FramePacket(frame));
     for (const RawPeer& peer : peers_) {
-      Stuff(peer, query, 200);
+      Stuff(peer, query, 100);
     }
   }
   void End() override {
@@ -323,7 +323,7 @@ class UploadClients : public Burden {
     const std::string ask = PmSandbox::EncodePacket(PmSandbox::MakePacket(
         PmSandbox::kRequest, 1, {reinterpret_cast<const char*>(&msg), sizeof(msg)}));
     for (std::size_t i = 0; i < kEach; ++i) {
-      Stuff(clients_[i], ask, 100);
+      Stuff(clients_[i], ask, 50);
     }
   }
   void End() override { clients_.clear(); }
