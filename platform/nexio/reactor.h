@@ -133,7 +133,10 @@ class Reactor {
   std::atomic<bool> started_ = false;
   std::atomic<bool> stopping_ = false;
   std::atomic<int> lingering_ = 0;
-  std::atomic<int> waiting_ = 0;  // Threads that wait for events, or are about to.
+  // Threads that wait for events, or are about to. The last one counts down and then looks at the
+  // call; the thread that stands by takes the call back and then looks at the count. In one order
+  // for all (seq_cst), so that one of them sees the other.
+  std::atomic<int> waiting_ = 0;
   std::atomic<bool> isCalled_ = false;
 
   // A leaf: taken under the lock of a channel or of a server, never the other way.
