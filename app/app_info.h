@@ -56,6 +56,8 @@
 
 namespace ProcMgr::App {
 
+class UserGroupsOnce;
+
 // The exit code of a child whose execv failed with EIO.
 inline constexpr int kExitCodeEio = 125;
 
@@ -158,9 +160,9 @@ class AppInfo {
   Status::AppId statusId_ = 0;  // Under which the manager's memory knows it; 0: not at all.
 
  protected:
-  // The checks that can still refuse a start, each with its log line.
-  [[nodiscard]] bool PrepareStart() const;
-  [[nodiscard]] std::optional<Status::CauseKind> FindFault() const;
+  // The checks that can still refuse a start, each with its log line. `groups` are the user's.
+  [[nodiscard]] bool PrepareStart(UserGroupsOnce& groups) const;
+  [[nodiscard]] std::optional<Status::CauseKind> FindFault(UserGroupsOnce& groups) const;
 
   // What a start clears in a record that has run before.
   void ClearForStart();

@@ -70,19 +70,19 @@ void AddNice(std::int32_t nice) {
 
 // The groups follow the user's own entries, its primary group included, and not the configured gid.
 bool SetGroups(const LaunchPlan& plan, ErrText& err) {
-  switch (plan.groupsResult) {
+  switch (plan.user.result) {
     case UserGroupsResult::kUnknownUser:
       err.Add("getpwuid is null;");
       return false;
     case UserGroupsResult::kWipeFailed:
-      err.Add("SetGroups memset_s failed error=").AddNumber(plan.wipeError).Add(";");
+      err.Add("SetGroups memset_s failed error=").AddNumber(plan.user.wipeError).Add(";");
       return false;
     case UserGroupsResult::kTooManyGroups:
       return false;
     case UserGroupsResult::kOk:
       break;
   }
-  return RawCall(SYS_setgroups, plan.groups.count, plan.groups.ids.data()) == 0;
+  return RawCall(SYS_setgroups, plan.user.groups.count, plan.user.groups.ids.data()) == 0;
 }
 
 bool SetAppGid(gid_t gid, ErrText& err) {

@@ -16,9 +16,9 @@ namespace {
 
 // Yields the pid, or the negative errno of a failed start.
 template <typename Record>
-[[nodiscard]] pid_t Launch(const Record& app, std::vector<char*> argv) {
+[[nodiscard]] pid_t Launch(const Record& app, UserGroupsOnce& groups, std::vector<char*> argv) {
   LaunchPlan plan;
-  PlanLaunch(app, plan);
+  PlanLaunch(app, groups, plan);
   plan.argv = std::move(argv);
   const pid_t child = Spawn(plan);
   if (child > 0 && plan.isBound) {
@@ -34,11 +34,12 @@ template <typename Record>
 }  // namespace
 
 bool BaseAppInfo::StartProcess() {
-  if (!PrepareStart()) {
+  UserGroupsOnce groups(uid_);
+  if (!PrepareStart(groups)) {
     return false;
   }
   ClearForStart();
-  const pid_t child = Launch(*this, BuildArgv());
+  const pid_t child = Launch(*this, groups, BuildArgv());
   if (child < 0) {
     LogError("PROCMGR : Start baseApp %s failed errno=%d", appName_.c_str(), -child);
     return false;
@@ -54,11 +55,12 @@ bool BaseAppInfo::StartProcess() {
 }
 
 bool GeneralAppInfo::StartProcess() {
-  if (!PrepareStart()) {
+  UserGroupsOnce groups(uid_);
+  if (!PrepareStart(groups)) {
     return false;
   }
   ClearForStart();
-  const pid_t child = Launch(*this, BuildArgv());
+  const pid_t child = Launch(*this, groups, BuildArgv());
   if (child < 0) {
     LogError("PROCMGR: Start generalApp failed. fork failed: errno=%d", -child);
     return false;

@@ -1,7 +1,5 @@
 #include "app/launch_plan.h"
 
-#include <cerrno>
-
 #include "app/launch_env.h"
 #include "core/host_context.h"
 
@@ -20,18 +18,17 @@ void PlanPlacement(const AppInfo& app, LaunchPlan& plan) {
   }
 }
 
-void PlanIdentity(const AppInfo& app, LaunchPlan& plan) {
+void PlanIdentity(const AppInfo& app, UserGroupsOnce& groups, LaunchPlan& plan) {
   plan.uid = app.uid_;
   plan.gid = app.gid_;
-  plan.groupsResult = FindUserGroups(app.uid_, plan.groups);
-  plan.wipeError = plan.groupsResult == UserGroupsResult::kWipeFailed ? errno : 0;
+  plan.user = groups.Get();
 }
 
-void PlanCommon(const AppInfo& app, LaunchPlan& plan) {
+void PlanCommon(const AppInfo& app, UserGroupsOnce& groups, LaunchPlan& plan) {
   plan.config = {app.appName_, app.execPath_};
   plan.isSetRtPrio = app.isSetRtPrio_;
   PlanPlacement(app, plan);
-  PlanIdentity(app, plan);
+  PlanIdentity(app, groups, plan);
   plan.needsOwnMemory = IAMInitProcNeedsOwnMemory();
 }
 
@@ -47,16 +44,16 @@ std::vector<char*> Snapshot(const Environment& env) {
 
 }  // namespace
 
-void PlanLaunch(const BaseAppInfo& app, LaunchPlan& plan) {
-  PlanCommon(app, plan);
+void PlanLaunch(const BaseAppInfo& app, UserGroupsOnce& groups, LaunchPlan& plan) {
+  PlanCommon(app, groups, plan);
   SetupBaseEnv(app, plan.env, plan.envErr);
   plan.accessEnv = Snapshot(plan.env);
   SetupBaseEnvBehindAccess(app, plan.env, plan.envErrBehindAccess);
   plan.execErr = "exec failed, errno=";
 }
 
-void PlanLaunch(const GeneralAppInfo& app, LaunchPlan& plan) {
-  PlanCommon(app, plan);
+void PlanLaunch(const GeneralAppInfo& app, UserGroupsOnce& groups, LaunchPlan& plan) {
+  PlanCommon(app, groups, plan);
   plan.nice = app.nice_;
   plan.memPolicy = PlanMemPolicy(app.appName_, app.vfId_);
   SetupGeneralEnv(app, plan.env, plan.envErr);

@@ -43,9 +43,7 @@ struct LaunchPlan {
   CgroupTasks cgroups;
 
   // The groups, and why there are none, with the errno of a failed wipe.
-  UserGroups groups;
-  UserGroupsResult groupsResult = UserGroupsResult::kOk;
-  int wipeError = 0;
+  FoundUserGroups user;
   uid_t uid = 0;
   gid_t gid = 0;
 
@@ -69,10 +67,10 @@ struct LaunchPlan {
   bool needsOwnMemory = false;
 };
 
-// Fills a fresh plan. The record's lock is held, or no list holds it yet. Looks the user up, so may
-// block on the user database.
-void PlanLaunch(const BaseAppInfo& app, LaunchPlan& plan);
-void PlanLaunch(const GeneralAppInfo& app, LaunchPlan& plan);
+// Fills a fresh plan. The record's lock is held, or no list holds it yet. `groups` are its user's;
+// unless they have been asked for, this may block on the user database.
+void PlanLaunch(const BaseAppInfo& app, UserGroupsOnce& groups, LaunchPlan& plan);
+void PlanLaunch(const GeneralAppInfo& app, UserGroupsOnce& groups, LaunchPlan& plan);
 
 }  // namespace ProcMgr::App
 

@@ -23,8 +23,9 @@ namespace {
 using Status::CauseKind;
 
 bool HasExecutePermission(const std::string& appName, const std::string& binPath, uid_t uid,
-                          const struct stat& file) {
-  switch (JudgeExecute(uid, file, &IsUserInGroup)) {
+                          UserGroupsOnce& groups, const struct stat& file) {
+  const auto isInGroup = [&groups](uid_t, gid_t gid) { return groups.Get().Holds(gid); };
+  switch (JudgeExecute(uid, file, isInGroup)) {
     case ExecuteVerdict::kOk:
       return true;
     case ExecuteVerdict::kNobodyMay:
@@ -56,7 +57,8 @@ bool HasExecutePermission(const std::string& appName, const std::string& binPath
 
 // Yields what is wrong; none if nothing is.
 std::optional<CauseKind> CheckChildProParas(const std::string& appName, const std::string& execPath,
-                                            uid_t uid, const std::vector<std::string>& arguments) {
+                                            uid_t uid, UserGroupsOnce& groups,
+                                            const std::vector<std::string>& arguments) {
   if (std::any_of(arguments.begin(), arguments.end(), [](const std::string& argument) {
         return FindShellToken(argument).has_value();
       })) {
@@ -79,7 +81,7 @@ std::optional<CauseKind> CheckChildProParas(const std::string& appName, const st
              resolved.c_str(), error);
     return CauseKind::kMissing;
   }
-  if (!HasExecutePermission(appName, resolved, uid, file)) {
+  if (!HasExecutePermission(appName, resolved, uid, groups, file)) {
     return CauseKind::kPermission;
   }
   return std::nullopt;
@@ -104,10 +106,10 @@ std::string Describe(CauseKind fault, const std::string& path, uid_t uid) {
 
 }  // namespace
 
-bool AppInfo::PrepareStart() const {
+bool AppInfo::PrepareStart(UserGroupsOnce& groups) const {
   Status::Memory& memory = Status::Memory::Instance();
   memory.BeginChecks(statusId_);
-  if (const std::optional<CauseKind> fault = FindFault()) {
+  if (const std::optional<CauseKind> fault = FindFault(groups)) {
     memory.Refuse(statusId_, *fault, Describe(*fault, execPath_, uid_));
     return false;
   }
@@ -115,8 +117,8 @@ bool AppInfo::PrepareStart() const {
   return true;
 }
 
-std::optional<CauseKind> AppInfo::FindFault() const {
-  if (const auto fault = CheckChildProParas(appName_, execPath_, uid_, arguments_)) {
+std::optional<CauseKind> AppInfo::FindFault(UserGroupsOnce& groups) const {
+  if (const auto fault = CheckChildProParas(appName_, execPath_, uid_, groups, arguments_)) {
     return fault;
   }
   if (!IntegrityProtect::Instance().Check(execPath_)) {

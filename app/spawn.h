@@ -10,19 +10,17 @@
 // - errno and other thread-local data: are the calling thread's, which is suspended meanwhile, and
 //   doesn't read them behind the call.
 // - Stack: the child's is a mapping of its own with a page below it that ends it on an overflow.
+//   The calling thread keeps it for its next child.
 // - Signals: all are blocked around the call. The child resets the manager's handlers before it
-// lets
-//   any in, so no handler of the manager ever runs in it. Its table of handlers is its own.
+//   lets any in, so no handler of the manager ever runs in it. Its table of handlers is its own.
 // - Cancellation: nothing cancels threads here, and raw calls are no cancellation points.
 // - Descriptors: the child's table is its own copy.
 // - Sanitizers: what the child's frames leave behind is kept out of their books (PM_NEVER_LEFT),
-// and
-//   raw calls pass them by.
+//   and raw calls pass them by.
 // - ptrace: a debugger that follows forks sees one with shared memory; breakpoints that it set hold
 //   in both. Nothing else differs.
 // - A child that hangs before its exec would hold the calling thread: its steps wait for nothing
-// but
-//   the kernel, and for the file system of the program.
+//   but the kernel, and for the file system of the program.
 //
 // A child that needs memory of its own is forked, and takes the same steps.
 #ifndef APP_SPAWN_H

@@ -3,6 +3,7 @@
 #include <pwd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <map>
 #include <optional>
 #include <utility>
@@ -69,13 +70,22 @@ UserGroupsResult FindUserGroups(uid_t uid, UserGroups& groups) {
   return result;
 }
 
-bool IsUserInGroup(uid_t uid, gid_t gid) {
-  UserGroups groups;
-  if (FindUserGroups(uid, groups) != UserGroupsResult::kOk) {
-    return false;
-  }
+bool FoundUserGroups::Holds(gid_t gid) const {
   const auto end = groups.ids.cbegin() + groups.count;
-  return std::find(groups.ids.cbegin(), end, gid) != end;
+  return result == UserGroupsResult::kOk && std::find(groups.ids.cbegin(), end, gid) != end;
+}
+
+const FoundUserGroups& UserGroupsOnce::Get() {
+  if (!found_.has_value()) {
+    FoundUserGroups& found = found_.emplace();
+    found.result = FindUserGroups(uid_, found.groups);
+    found.wipeError = found.result == UserGroupsResult::kWipeFailed ? errno : 0;
+  }
+  return *found_;
+}
+
+bool IsUserInGroup(uid_t uid, gid_t gid) {
+  return UserGroupsOnce(uid).Get().Holds(gid);
 }
 
 }  // namespace ProcMgr::App
