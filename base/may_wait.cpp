@@ -6,6 +6,7 @@
 #include <array>
 #include <cassert>
 #include <cstddef>
+#include <type_traits>
 
 #include "core/log.h"
 
@@ -25,7 +26,8 @@ std::size_t lockCount = 0;
 // every build would pay for; with another C library nothing is checked.
 bool IsHeldByCaller([[maybe_unused]] const Mutex& mutex) {
 #if defined(__GLIBC__)
-  static_assert(sizeof(Mutex) == sizeof(pthread_mutex_t));
+  // Its own mutex stands first in it.
+  static_assert(std::is_standard_layout_v<Mutex> && sizeof(Mutex) >= sizeof(pthread_mutex_t));
   const auto& raw = reinterpret_cast<const pthread_mutex_t&>(mutex);
   return __atomic_load_n(&raw.__data.__owner, __ATOMIC_RELAXED) == gettid();
 #else

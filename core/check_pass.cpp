@@ -165,12 +165,26 @@ void ProcessManager::CheckThread() {
 
 void ProcessManager::CheckBaseApps() {
   const MutexLock lock(baseAppMutex_);
+  if (!baseRest_.Lasts(baseAppMutex_)) {
+    baseRest_.Note(StepBaseApps(), baseAppMutex_);
+  }
+  handshake_.PublishAwaited();
+}
+
+// Yields whether all are at rest.
+bool ProcessManager::StepBaseApps() {
+  bool isResting = true;
   for (App::BaseAppInfo& app : executedBaseApp_) {
     if (app.isDigestAwaited_) {
       RestartIfWanted(app);
+      isResting = false;
       continue;
     }
-    if (app.IsAtRest() || IsOpeningEnding(app)) {
+    if (app.IsAtRest()) {
+      continue;
+    }
+    isResting = false;
+    if (IsOpeningEnding(app)) {
       continue;
     }
     handshake_.Step(app);
@@ -191,7 +205,7 @@ void ProcessManager::CheckBaseApps() {
         break;
     }
   }
-  handshake_.PublishAwaited();
+  return isResting;
 }
 
 void ProcessManager::HandleAbnormalExit(App::BaseAppInfo& app) {
@@ -271,44 +285,65 @@ SteadyTime ProcessManager::CheckGeneralApps() {
   std::vector<AppChange> changes;
   {
     const MutexLock lock(generalAppMutex_);
-    const SteadyTime now = SteadyNow();
-    for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
-      if (app->state_ == ProcessState::RESTARTING && stop_.IsAsked()) {
-        app->EndForGood();
-      }
-      if (app->IsAtRest() || AwaitsDigest(*app)) {
-        continue;
-      }
-      StepGeneralApp(*app, now);
-      due = std::min(due, app->TermTimeEnd());
-      if (app->reportState_ == ReportAppStateType::INVALID_INTERMEDIATE_STATE) {
-        continue;
-      }
-      LogInfo("PROCMGR: CheckThread : generalAppName=%s, pid=%d, state=%s get statechange",
-              app->appName_.c_str(), app->pid_, GetProcessStateStr(app->state_).c_str());
-      CollectChange(*app, changes);
-      FollowUp(*app);
+    if (generalRest_.Lasts(generalAppMutex_)) {
+      return due;
     }
+    generalRest_.Note(StepGeneralApps(due, changes), generalAppMutex_);
   }
   reporter_.ReportGeneralApps(changes);
   return due;
 }
 
+// Yields whether all are at rest.
+bool ProcessManager::StepGeneralApps(SteadyTime& due, std::vector<AppChange>& changes) {
+  bool isResting = true;
+  const SteadyTime now = SteadyNow();
+  for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
+    if (app->IsAtRest()) {
+      continue;
+    }
+    isResting = false;
+    if (app->state_ == ProcessState::RESTARTING && stop_.IsAsked()) {
+      app->EndForGood();
+    }
+    if (AwaitsDigest(*app)) {
+      continue;
+    }
+    StepGeneralApp(*app, now);
+    due = std::min(due, app->TermTimeEnd());
+    if (app->reportState_ == ReportAppStateType::INVALID_INTERMEDIATE_STATE) {
+      continue;
+    }
+    LogInfo("PROCMGR: CheckThread : generalAppName=%s, pid=%d, state=%s get statechange",
+            app->appName_.c_str(), app->pid_, GetProcessStateStr(app->state_).c_str());
+    CollectChange(*app, changes);
+    FollowUp(*app);
+  }
+  return isResting;
+}
+
 void ProcessManager::RemoveTerminatedApps() {
   {
     const MutexLock lock(baseAppMutex_);
-    RemoveBaseApps([this](const App::BaseAppInfo& app) REQUIRES(baseAppMutex_) {
-      if (app.state_ != ProcessState::TERMINATED || app.IsRestartKept()) {
-        return false;
-      }
-      LogInfo("PROCMGR : Process %s removed from the list of executedBaseApp_",
-              app.appName_.c_str());
-      DropChannel(app, master_);
-      return true;
-    });
+    if (!baseRest_.Lasts(baseAppMutex_)) {
+      RemoveTerminatedBaseApps();
+    }
   }
   const MutexLock lock(generalAppMutex_);
-  RemoveTerminatedGeneralApps();
+  if (!generalRest_.Lasts(generalAppMutex_)) {
+    RemoveTerminatedGeneralApps();
+  }
+}
+
+void ProcessManager::RemoveTerminatedBaseApps() {
+  RemoveBaseApps([this](const App::BaseAppInfo& app) REQUIRES(baseAppMutex_) {
+    if (app.state_ != ProcessState::TERMINATED || app.IsRestartKept()) {
+      return false;
+    }
+    LogInfo("PROCMGR : Process %s removed from the list of executedBaseApp_", app.appName_.c_str());
+    DropChannel(app, master_);
+    return true;
+  });
 }
 
 }  // namespace ProcMgr

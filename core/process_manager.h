@@ -98,6 +98,7 @@
 #include "core/bring_up_handshake.h"
 #include "core/delayed_binding.h"
 #include "core/heart_messages.h"
+#include "core/list_rest.h"
 #include "core/reporter.h"
 #include "core/startup_cfg.h"
 #include "core/stop_request.h"
@@ -155,13 +156,17 @@ class ProcessManager {
   // core/check_pass.cpp. Check thread.
   void CheckThread();
   void CheckBaseApps() EXCLUDES(baseAppMutex_);
+  [[nodiscard]] bool StepBaseApps() REQUIRES(baseAppMutex_);
   void HandleAbnormalExit(App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
   void NoteOpeningEnd();
   void RestartIfWanted(App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
   void OpenNewChannel(const App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
   // Yields when the next term time-out is up.
   [[nodiscard]] SteadyTime CheckGeneralApps() EXCLUDES(generalAppMutex_);
+  [[nodiscard]] bool StepGeneralApps(SteadyTime& due, std::vector<AppChange>& changes)
+      REQUIRES(generalAppMutex_);
   void RemoveTerminatedApps() EXCLUDES(generalAppMutex_, baseAppMutex_);
+  void RemoveTerminatedBaseApps() REQUIRES(baseAppMutex_);
 
   // core/reaper.cpp. Wait thread.
   void WaitThread();
@@ -267,6 +272,10 @@ class ProcessManager {
   Worker waitThread_;
   Worker signalThread_;
   Worker eventThread_;
+
+  // Check thread only.
+  ListRest generalRest_;
+  ListRest baseRest_;
 
   // Started by the event thread at the first request.
   Mutex coreAffinityThreadMutex_;

@@ -1,5 +1,8 @@
 // The classes beside the engine, where no boot can show a limit to the millisecond or an order.
+#include "base/mutex.h"
+#include "base/steady_time.h"
 #include "core/heart_messages.h"
+#include "core/list_rest.h"
 #include "core/reporter.h"
 #include "core/startup_cfg.h"
 #include "message/serialization.h"
@@ -64,6 +67,36 @@ TEST(StartupCfg, KeepsTheLastManifestOfANameAndOfAPattern) {
   EXPECT_EQ(uidOf(cfg.Match("app")), std::nullopt);
   EXPECT_EQ(uidOf(cfg.Find(kPattern)), std::nullopt) << "a pattern is nobody's name";
   EXPECT_EQ(cfg.Fixed().size(), 1U) << "a reload reaches applications with a fixed name only";
+}
+
+TEST(ListRest, LastsUntilSomebodyElseHasTheLock) {
+  Mutex mutex;
+  ListRest rest;
+  const auto lasts = [&] {
+    const MutexLock lock(mutex);
+    return rest.Lasts(mutex);
+  };
+  const auto note = [&](bool isResting) {
+    const MutexLock lock(mutex);
+    rest.Note(isResting, mutex);
+  };
+  EXPECT_FALSE(lasts());
+  note(true);
+  EXPECT_TRUE(lasts());
+  EXPECT_TRUE(lasts()) << "a look is no touch";
+  { const MutexLock touch(mutex); }
+  EXPECT_FALSE(lasts());
+  EXPECT_FALSE(lasts()) << "only a walk tells that there is rest again";
+  note(false);
+  EXPECT_FALSE(lasts());
+  note(true);
+  CondVar never;
+  {
+    const MutexLock lock(mutex);
+    (void)rest.Lasts(mutex);
+    EXPECT_FALSE(never.WaitUntil(mutex, SteadyNow())) << "others may have had it meanwhile";
+  }
+  EXPECT_FALSE(lasts());
 }
 
 // Nobody has a channel, so that each attempt of a send leaves its line.
