@@ -24,24 +24,12 @@ constexpr std::int64_t kPauseBeforeWatchDogNs = 30'000'000;
 // How long a first channel is waited for while there is no process to serve it.
 constexpr std::chrono::minutes kRestartLimit{3};
 
-// The output of ParseYamlFile, cleared when the boot is through. Main thread.
-std::vector<ApplicationManifest> baseManifests_;
-
-const ApplicationManifest* FindManifest(const std::string& name) {
-  for (const ApplicationManifest& manifest : baseManifests_) {
-    if (manifest.GetAppName() == name) {
-      return &manifest;
-    }
-  }
-  return nullptr;
-}
-
 // Reads the base-service file, and publishes the names of what this boot takes part in.
-bool ParseYamlFile(const std::string& path, std::vector<ApplicationManifest>& manifests,
-                   Reporter& reporter) {
-  if (ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, path, manifests, {}) != 0) {
+bool ParseYamlFile(const std::string& path, BaseServiceFile& file, Reporter& reporter) {
+  if (!file.Load(path)) {
     return false;
   }
+  const std::vector<ApplicationManifest>& manifests = file.Manifests();
   MentionBaseApps(manifests);
   HostContext& context = HostContext::Instance();
   std::vector<std::string> names;
@@ -122,11 +110,11 @@ bool StartAndEnter(App::BaseAppInfo& app) EXCLUDES(baseAppMutex_) {
 void ProcessManager::InitBaseApplication(const std::string& path) {
   LogInfo("%s InitBaseApplication begin, yaml path=%s", BootStrace(kBootTraceTag).c_str(),
           path.c_str());
-  if (!ParseYamlFile(path, baseManifests_, reporter_)) {
+  if (!ParseYamlFile(path, baseServiceFile_, reporter_)) {
     LogError("PROCMGR : ParseYamlFile failed, ProcMgr return");
     return;
   }
-  TellOrphans(baseManifests_);
+  TellOrphans(baseServiceFile_.Manifests());
   bool startOk = true;
   DependGraph graph;
   ParseAndDepend::Instance().GetStartGraph(*reporter_.BaseAppNames(), graph);
@@ -139,7 +127,7 @@ void ProcessManager::InitBaseApplication(const std::string& path) {
       graph.Pop(name);
     }
   }
-  baseManifests_.clear();
+  baseServiceFile_.Clear();
   if (stop_.IsAsked()) {
     return;  // The last service may have been given up half-way.
   }
@@ -157,7 +145,7 @@ bool ProcessManager::StartRound(const std::set<std::string>& names, bool& startO
     if (stop_.IsAsked()) {
       return false;
     }
-    const ApplicationManifest* const manifest = FindManifest(name);
+    const ApplicationManifest* const manifest = baseServiceFile_.Find(name);
     if (manifest == nullptr) {
       LogError("PROCMGR : can't find %s", name.c_str());
       return false;

@@ -26,9 +26,10 @@ bool StartsEarlier(const PriorityAppEntry& left, const PriorityAppEntry& right) 
   return std::tie(left.priority, left.appName) < std::tie(right.priority, right.appName);
 }
 
-std::vector<ApplicationManifest> ParseFile(const std::string& path, int& ret) {
+// A file that can't be parsed has no entries; the library has said why.
+std::vector<ApplicationManifest> ParseFile(const std::string& path) {
   std::vector<ApplicationManifest> manifests;
-  ret = ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, path, manifests, {});
+  (void)ParseAndDepend::Instance().ParseYaml(ParamType::kDefault, path, manifests, {});
   return manifests;
 }
 
@@ -68,24 +69,22 @@ void BindPriorityApp(const App::GeneralAppInfo& app) {
 
 // Finds the priority applications of all entry files that the base-service file names, in the order
 // in which they are read. Yields 0 or kLoadStartCfgFailed.
-std::uint32_t LoadStartCfgInfo(const std::string& path, std::vector<PriorityAppEntry>& entries,
-                               StartupCfg& startupCfg) {
-  int ret = 0;
-  const std::vector<ApplicationManifest> owners = ParseFile(path, ret);
-  if (ret != 0) {
+std::uint32_t LoadStartCfgInfo(const std::string& path, BaseServiceFile& file,
+                               std::vector<PriorityAppEntry>& entries, StartupCfg& startupCfg) {
+  if (!file.Load(path)) {
     LogErrorRouted("process-manager LoadStartCfgInfo=%s failed", path.c_str());
     return kLoadStartCfgFailed;
   }
-  MentionBaseApps(owners);
+  MentionBaseApps(file.Manifests());
   std::vector<ApplicationManifest> found;
-  for (const ApplicationManifest& owner : owners) {
+  for (const ApplicationManifest& owner : file.Manifests()) {
     const std::string entryPath = owner.GetStartupEntryPath();
     if (entryPath.empty()) {
       continue;
     }
     LogInfoRouted("process-manager Load startupEntryPath=%s cfg", entryPath.c_str());
-    // A file that can't be parsed has no entries; the library has said why.
-    for (const ApplicationManifest& manifest : ParseFile(entryPath, ret)) {
+    for (const ApplicationManifest& manifest : ParseFile(entryPath)) {
+      file.NoteOther(manifest.GetAppName());
       const std::int32_t priority = manifest.GetStartupPriority();
       if (priority == -1) {
         continue;
@@ -119,7 +118,7 @@ void BindPriorityApps() EXCLUDES(generalAppMutex_) {
 
 void ProcessManager::InitPriorityApps(const std::string& path) {
   std::vector<PriorityAppEntry> entries;
-  if (LoadStartCfgInfo(path, entries, startupCfg_) != 0) {
+  if (LoadStartCfgInfo(path, baseServiceFile_, entries, startupCfg_) != 0) {
     LogErrorRouted("process-manager InitPriorityApps failed LoadStartCfgInfo failed");
     return;
   }

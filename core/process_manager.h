@@ -95,6 +95,7 @@
 #include "app/manifest.h"
 #include "base/mutex.h"
 #include "core/app_lists.h"
+#include "core/base_service_file.h"
 #include "core/bring_up_handshake.h"
 #include "core/delayed_binding.h"
 #include "core/heart_messages.h"
@@ -267,6 +268,7 @@ class ProcessManager {
   std::set<std::uint32_t> reservedCoreSet_;
 
   // Main thread only.
+  BaseServiceFile baseServiceFile_;
   Worker checkThread_;
   Worker childMsgThread_;
   Worker waitThread_;

@@ -1,12 +1,14 @@
 // The classes beside the engine, where no boot can show a limit to the millisecond or an order.
 #include "base/mutex.h"
 #include "base/steady_time.h"
+#include "core/base_service_file.h"
 #include "core/heart_messages.h"
 #include "core/list_rest.h"
 #include "core/reporter.h"
 #include "core/startup_cfg.h"
 #include "message/serialization.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/temp_folder.h"
 #include "tests/support/test.h"
 
 namespace ProcMgr {
@@ -97,6 +99,33 @@ TEST(ListRest, LastsUntilSomebodyElseHasTheLock) {
     EXPECT_FALSE(never.WaitUntil(mutex, SteadyNow())) << "others may have had it meanwhile";
   }
   EXPECT_FALSE(lasts());
+}
+
+TEST(BaseServiceFile, IsReadAgainOnlyIfSomethingHasChanged) {
+  const PmTest::TempFolder folder;
+  const auto service = [](const std::string& name) {
+    return "appName: " + name + "\nbinPath: /bin/true\nuid: 0\ngid: 0\n";
+  };
+  const std::string top = folder.Write("top.yaml", "applications: [{include: one.yaml}]\n");
+  (void)folder.Write("one.yaml", service("one"));
+  BaseServiceFile file;
+  ASSERT_TRUE(file.Load(top));
+  const auto isRead = [&] {
+    const ApplicationManifest* const before = file.Manifests().data();
+    return file.Load(top) && file.Manifests().data() != before;
+  };
+  EXPECT_FALSE(isRead());
+  file.NoteOther("two");
+  EXPECT_FALSE(isRead());
+  file.NoteOther("one");
+  EXPECT_TRUE(isRead());
+  (void)folder.Write("one.yaml", service("another"));
+  ASSERT_TRUE(isRead());
+  EXPECT_EQ(file.Find("one"), nullptr);
+  EXPECT_EQ(file.Find("another"), file.Manifests().data());
+  (void)folder.Write("top.yaml", "applications: 1\n");
+  EXPECT_FALSE(file.Load(top));
+  EXPECT_TRUE(file.Manifests().empty());
 }
 
 // Nobody has a channel, so that each attempt of a send leaves its line.
