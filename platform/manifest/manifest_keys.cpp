@@ -60,7 +60,7 @@ bool IdKey(ValueReader& reader, const YamlNode& node, std::string_view name, Rea
   if (!reader.Text(node, name, word)) {
     return false;
   }
-  const auto id = kFind(word);
+  const auto id = reader.Id(kFind, word);
   if (!id) {
     reader.Wrong(node, name, "a number, or a name that the user database of this machine knows");
     return false;

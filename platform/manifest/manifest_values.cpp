@@ -53,6 +53,14 @@ void ValueReader::Wrong(const YamlNode& node, std::string_view what, std::string
         std::string(what) + " is " + Describe(node) + "; it must be " + std::string(must));
 }
 
+std::optional<std::uint32_t> ValueReader::Id(IdFinder find, const std::string& name) {
+  const auto [known, isNew] = ids_.try_emplace({find, name});
+  if (isNew) {
+    known->second = find(name);
+  }
+  return known->second;
+}
+
 void ValueReader::UnknownKey(const YamlNode& key, std::span<const std::string_view> known) {
   if (faults_.IsFull()) {
     Warning(key.place, {});  // Counted only; the search for the nearest is the dear part.

@@ -9,6 +9,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "app/manifest.h"
@@ -64,6 +65,11 @@ class ValueReader {
   [[nodiscard]] bool Groups(const YamlNode& node, std::string_view what,
                             std::vector<SharepoolGroupsInfo>& out);
 
+  // The id behind a name of the user database, which is asked once for a file: a file of a thousand
+  // applications names a few users, and each question reads the database.
+  using IdFinder = std::optional<std::uint32_t> (*)(const std::string& name);
+  [[nodiscard]] std::optional<std::uint32_t> Id(IdFinder find, const std::string& name);
+
   // Tells that `key` isn't among `known`, naming the nearest of them.
   void UnknownKey(const YamlNode& key, std::span<const std::string_view> known);
 
@@ -75,6 +81,7 @@ class ValueReader {
 
   const SourceFile& file_;
   Faults& faults_;
+  std::map<std::pair<IdFinder, std::string>, std::optional<std::uint32_t>> ids_;
 };
 
 }  // namespace ProcMgr::Manifest
