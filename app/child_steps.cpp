@@ -167,8 +167,10 @@ void TellManager(const LaunchPlan& plan, pid_t self, const ErrText& text) {
 
 }  // namespace
 
-void RunChild(const LaunchPlan& plan) {
-  ResetDispositions();
+void RunChild(const LaunchPlan& plan, Handlers handlers) {
+  if (handlers == Handlers::kInherited) {
+    ResetDispositions();
+  }
   ResetSignalMask();
   const auto self = static_cast<pid_t>(RawCall(SYS_getpid));
   ErrText err;

@@ -21,8 +21,11 @@ namespace ProcMgr::App {
 // Its frames are never left, which the sanitizers' books of the shared thread would miss.
 #define PM_NEVER_LEFT __attribute__((no_sanitize("address"), no_sanitize("thread")))
 
+// What the child has of the manager's signal handlers when it begins.
+enum class Handlers { kInherited, kGone };
+
 // The child that the plan describes. Signals are blocked when it begins.
-[[noreturn]] PM_NEVER_LEFT void RunChild(const LaunchPlan& plan);
+[[noreturn]] PM_NEVER_LEFT void RunChild(const LaunchPlan& plan, Handlers handlers);
 
 }  // namespace ProcMgr::App
 

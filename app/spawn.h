@@ -11,8 +11,9 @@
 //   doesn't read them behind the call.
 // - Stack: the child's is a mapping of its own with a page below it that ends it on an overflow.
 //   The calling thread keeps it for its next child.
-// - Signals: all are blocked around the call. The child resets the manager's handlers before it
-//   lets any in, so no handler of the manager ever runs in it. Its table of handlers is its own.
+// - Signals: all are blocked around the call. The kernel leaves the manager's handlers out of the
+//   child's table, which is its own, or the child resets them before it lets any signal in, so no
+//   handler of the manager ever runs in it.
 // - Cancellation: nothing cancels threads here, and raw calls are no cancellation points.
 // - Descriptors: the child's table is its own copy.
 // - Sanitizers: what the child's frames leave behind is kept out of their books (PM_NEVER_LEFT),

@@ -1,12 +1,19 @@
 // What a child could not do: the text that it leaves in the pipe and the code with which it ends.
-#include <elf.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
-#include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
-#include <cstring>
+#include <cstdint>
 #include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "core/host_context.h"
 #include "tests/support/forbidden_calls.h"
@@ -19,61 +26,115 @@ namespace {
 
 using LaunchFailure = LaunchTest;
 
-constexpr const char* kBroken = "/opt/test/broken";
 constexpr int kStatus1 = 1 << 8;
 
-// A program whose file was cut off behind its headers: the name of its interpreter is missing, and
-// the kernel says EIO as it does for a medium that can't be read.
-std::string TruncatedProgram() {
-  Elf64_Ehdr header{};
-  std::memcpy(header.e_ident, ELFMAG, SELFMAG);
-  header.e_ident[EI_CLASS] = ELFCLASS64;
-  header.e_ident[EI_DATA] = ELFDATA2LSB;
-  header.e_ident[EI_VERSION] = EV_CURRENT;
-  header.e_type = ET_EXEC;
-#ifdef __aarch64__
-  header.e_machine = EM_AARCH64;
-#else
-  header.e_machine = EM_X86_64;
-#endif
-  header.e_version = EV_CURRENT;
-  header.e_phoff = sizeof(header);
-  header.e_phentsize = sizeof(Elf64_Phdr);
-  header.e_phnum = 1;
-  Elf64_Phdr interpreter{};
-  interpreter.p_type = PT_INTERP;
-  interpreter.p_offset = 4096;
-  interpreter.p_filesz = 20;
-  std::string file(sizeof(header) + sizeof(interpreter), '\0');
-  std::memcpy(file.data(), &header, sizeof(header));
-  std::memcpy(file.data() + sizeof(header), &interpreter, sizeof(interpreter));
-  return file;
+// A system call that is to fail with `error`, if its argument number `argument` is `value`.
+struct Failing {
+  long call = 0;
+  int error = 0;
+  int argument = -1;  // None: whatever they are.
+  std::uint32_t value = 0;
+};
+
+// For the calling thread and all children that it makes from now on.
+void Forbid(const std::vector<Failing>& calls) {
+  const auto load = [](std::size_t offset) -> sock_filter {
+    return BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<std::uint32_t>(offset));
+  };
+  std::vector<sock_filter> filter;
+  for (const Failing& failing : calls) {
+    const bool isAny = failing.argument < 0;
+    filter.push_back(load(offsetof(seccomp_data, nr)));
+    filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(failing.call),
+                              0, static_cast<std::uint8_t>(isAny ? 1 : 3)));
+    if (!isAny) {
+      filter.push_back(load(offsetof(seccomp_data, args) +
+                            sizeof(std::uint64_t) * static_cast<std::size_t>(failing.argument)));
+      filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, failing.value, 0, 1));
+    }
+    filter.push_back(
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(failing.error)));
+  }
+  filter.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+  const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
+  ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+  ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
 }
 
-TEST_F(LaunchFailure, ExecTextsOfBothKinds) {
-  sandbox_->WriteFile(kBroken, "no program", 0755);
-  ASSERT_EQ(chown(kBroken, 0, kAppUserGid), 0);
-  ApplicationManifest::Fields fields = Fields();
-  fields.binPath = kBroken;
-  BaseAppInfo base = BaseRecord(fields);
-  EXPECT_EQ(StatusOf(base), kStatus1);
-  // The text of the steps is on its way before the exec is tried.
-  EXPECT_EQ(PipeText(), Message(base, kNoCores) + Message(base, "exec failed, errno=8;"));
-  GeneralAppInfo general = GeneralRecord(fields);
-  EXPECT_EQ(StatusOf(general), kStatus1);
-  EXPECT_EQ(PipeText(), Message(general, kNoCores) +
-                            Message(general, "execv failed, execPath_=/opt/test/broken, errno=8;"));
-}
-
-TEST_F(LaunchFailure, ExecThatMeetsAnIoErrorEndsSilentlyWith125) {
-  sandbox_->WriteFile(kBroken, TruncatedProgram(), 0755);
-  ASSERT_EQ(chown(kBroken, 0, kAppUserGid), 0);
-  ApplicationManifest::Fields fields = Fields();
-  fields.binPath = kBroken;
-  ForBothKinds(fields, [](auto& app) {
-    EXPECT_EQ(StatusOf(app), 125 << 8);
-    EXPECT_EQ(PipeText(), Message(app, kNoCores));
+// A filter can't be taken back, so it goes with a thread of its own.
+template <typename Work>
+void WithForbidden(const std::vector<Failing>& calls, Work work) {
+  std::thread thread([&] {
+    Forbid(calls);
+    work();
   });
+  thread.join();
+}
+
+constexpr int kGoesOn = -1;
+
+TEST_F(LaunchFailure, EachStepInTurn) {
+  struct {
+    const char* step;
+    std::vector<Failing> calls;
+    int status;  // kGoesOn: the application runs.
+    std::string text;
+    std::string ownText = {};  // A message of its own behind it.
+    std::string ownTextOfGeneral = {};
+  } const rows[] = {
+      // Kernels without the call, and those that don't know what it is asked for.
+      {"clone3", {{SYS_clone3, ENOSYS}}, kGoesOn, kNoCores},
+      {"its flag", {{SYS_clone3, EINVAL}}, kGoesOn, kNoCores},
+      {"look at the limit",
+       {{SYS_prlimit64, EPERM, 1, RLIMIT_RTPRIO}},
+       kGoesOn,
+       "getrlimit failed,errno=1;" + kNoCores},
+      // The look comes with the fourth argument alone, the change with the third alone.
+      {"limit", {{SYS_prlimit64, EPERM, 3, 0}}, kGoesOn, "prlimit failed,errno=1;" + kNoCores},
+      {"niceness", {{SYS_setpriority, EACCES}}, kGoesOn, kNoCores},
+      {"groups", {{SYS_setgroups, EPERM}}, kStatus1, ""},
+      {"group", {{SYS_setgid, EPERM}}, kStatus1, "SetAppGid=3001 failed error=1;"},
+      {"user", {{SYS_setuid, EAGAIN}}, kStatus1, "SetAppUid=2001,failed error=11;"},
+      {"policy",
+       {{SYS_sched_setscheduler, EPERM}},
+       kGoesOn,
+       kNoCores,
+       {},
+       "sched_setscheduler failed errno=1;"},
+      // The text of the steps is on its way before the exec is tried.
+      {"exec",
+       {{SYS_execve, ENOEXEC}},
+       kStatus1,
+       kNoCores,
+       "exec failed, errno=8;",
+       "execv failed, execPath_=/opt/test/service, errno=8;"},
+      {"exec from a bad medium", {{SYS_execve, EIO}}, 125 << 8, kNoCores},
+  };
+  ApplicationManifest::Fields fields = Fields();
+  fields.nice = 3;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.step);
+    // Where it may not, root says so itself.
+    fields.isSetRtPrio = row.calls.front().call == SYS_prlimit64;
+    const auto check = [&]<typename Record>(Record& app) {
+      std::string text = row.text;
+      std::string own = row.ownText;
+      if constexpr (std::is_same_v<Record, GeneralAppInfo>) {
+        own = row.ownTextOfGeneral;
+        if (row.calls.front().call == SYS_sched_setscheduler) {
+          app.schedPolicy_ = 3;
+          text += std::exchange(own, {});  // One of the steps, and told with them.
+        }
+      }
+      if (row.status == kGoesOn) {
+        (void)ReportOf(app);
+      } else {
+        EXPECT_EQ(StatusOf(app), row.status);
+      }
+      EXPECT_EQ(PipeText(), Message(app, text) + (own.empty() ? "" : Message(app, own)));
+    };
+    WithForbidden(row.calls, [&] { ForBothKinds(fields, check); });
+  }
 }
 
 TEST_F(LaunchFailure, IdentityThatCanNotBeTaken) {
