@@ -14,10 +14,12 @@
 #include <optional>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 
 #include "app/app_info.h"
 #include "base/child_msg_pipe.h"
 #include "base/text.h"
+#include "bench/call_count.h"
 #include "bench/clock.h"
 #include "bench/figures.h"
 #include "bench/marks.h"
@@ -34,6 +36,8 @@ namespace {
 constexpr const char* kOneByOne = "--floor";
 constexpr const char* kLaunch = "--launch";
 constexpr const char* kAtOnce = "--floor-at-once";
+constexpr const char* kCalls = "--calls";
+constexpr int kTracedStarts = 20;
 
 // Starts the service and yields its pid; -1 if that failed.
 using Starter = std::function<pid_t()>;
@@ -71,7 +75,13 @@ void PrepareAsTheDaemon() {
   ProcMgr::CoreAffinityMgr::Instance().LoadCpuInfo();
 }
 
-Starter ManagersStarter(const std::string& serviceFile) {
+template <typename Record>
+Starter StarterOf(Record record) {
+  return
+      [record = std::move(record)]() mutable { return record.StartProcess() ? record.pid_ : -1; };
+}
+
+Starter ManagersStarter(const std::string& serviceFile, const std::string& kind = kBase) {
   PrepareAsTheDaemon();
   std::vector<ProcMgr::ApplicationManifest> manifests;
   if (ProcMgr::ParseAndDepend::Instance().ParseYaml(ProcMgr::ParamType::kDefault, serviceFile,
@@ -79,9 +89,11 @@ Starter ManagersStarter(const std::string& serviceFile) {
       manifests.empty()) {
     throw std::runtime_error("the service file can't be read");
   }
-  return [record = ProcMgr::App::BaseAppInfo(manifests.front())]() mutable {
-    return record.StartProcess() ? record.pid_ : -1;
-  };
+  const ProcMgr::ApplicationManifest& manifest = manifests.front();
+  if (kind == kGeneral) {
+    return StarterOf(ProcMgr::App::GeneralAppInfo(manifest.GetAppName(), manifest, "owner"));
+  }
+  return StarterOf(ProcMgr::App::BaseAppInfo(manifest));
 }
 
 bool StartAndAwait(const Starter& start) {
@@ -104,6 +116,15 @@ int StartOneByOne(const Starter& start, int count) {
   }
   std::printf("cpu %lld\n", CpuNs(getpid()) - cpuBefore);
   return 0;
+}
+
+int CountCallsOfStarts(const std::string& file, const std::string& kind, int count) {
+  const CallCount result = CountCalls([&] {
+    const Starter start = kind == kBare ? BareStarter(file, "--once") : ManagersStarter(file, kind);
+    return StartOneByOne(start, count);
+  });
+  std::printf("children %ld\ncalls %ld\n", result.children, result.calls);
+  return result.children == count ? 0 : 1;
 }
 
 bool HasLines(const std::string& path, int count) {
@@ -172,17 +193,24 @@ Starts Measure(const PmSandbox::Sandbox& sandbox, const std::string& how, const 
   return starts;
 }
 
+std::string WriteLaunchFile(const PmSandbox::Sandbox& sandbox, const Marks& marks) {
+  std::string file = std::string(PmSandbox::Sandbox::kDir) + "/launch.yaml";
+  sandbox.WriteFile(
+      file, PmSandbox::ServiceFile({{"service", kServicePath, {marks.Path(), "--once"}, {}}}));
+  return file;
+}
+
 }  // namespace
 
 bool IsStartingProcess(int argc, char** argv) {
   return argc > 1 && (std::strcmp(argv[1], kOneByOne) == 0 || std::strcmp(argv[1], kLaunch) == 0 ||
-                      std::strcmp(argv[1], kAtOnce) == 0);
+                      std::strcmp(argv[1], kAtOnce) == 0 || std::strcmp(argv[1], kCalls) == 0);
 }
 
 int RunStartingProcess(int argc, char** argv) {
   const std::string how = argv[1];
   const bool isAtOnce = how == kAtOnce;
-  if (argc != (isAtOnce ? 6 : 5)) {
+  if (argc != (isAtOnce || how == kCalls ? 6 : 5)) {
     return 2;
   }
   const auto kib = ProcMgr::ParseNumber<long>(argv[2]);
@@ -190,6 +218,9 @@ int RunStartingProcess(int argc, char** argv) {
   const auto killed = isAtOnce ? ProcMgr::ParseNumber<int>(argv[5]) : 0;
   if (!kib.has_value() || !count.has_value() || !killed.has_value() || *killed > *count) {
     return 2;
+  }
+  if (how == kCalls) {
+    return CountCallsOfStarts(argv[4], argv[5], *count);
   }
   if (isAtOnce) {
     const std::vector<char> memory = Grow(*kib);
@@ -218,10 +249,15 @@ StartsAtOnce MeasureFloorAtOnce(const PmSandbox::Sandbox& sandbox, long resident
 
 Starts MeasureLaunch(const PmSandbox::Sandbox& sandbox, long residentKib, int count) {
   const Marks marks(sandbox, "launch");
-  const std::string file = std::string(PmSandbox::Sandbox::kDir) + "/launch.yaml";
-  sandbox.WriteFile(
-      file, PmSandbox::ServiceFile({{"service", kServicePath, {marks.Path(), "--once"}, {}}}));
+  const std::string file = WriteLaunchFile(sandbox, marks);
   return Measure(sandbox, kLaunch, marks, file, residentKib, count);
+}
+
+double MeasureCalls(const PmSandbox::Sandbox& sandbox, const std::string& kind) {
+  const Marks marks(sandbox, "calls");
+  const std::string file = kind == kBare ? marks.Path() : WriteLaunchFile(sandbox, marks);
+  const auto told = RunInside(sandbox, {kCalls, "0", std::to_string(kTracedStarts), file, kind});
+  return static_cast<double>(told.at("calls")) / static_cast<double>(told.at("children"));
 }
 
 }  // namespace PmBench

@@ -24,6 +24,13 @@ struct Starts {
 Starts MeasureFloor(const PmSandbox::Sandbox& sandbox, long residentKib, int count);
 Starts MeasureLaunch(const PmSandbox::Sandbox& sandbox, long residentKib, int count);
 
+// The same once more, under ptrace: how many system calls a child makes up to its exec, that
+// included. `kind` is what starts it: kBare, or the manager's own code with a record of a kind.
+inline constexpr const char* kBare = "bare";
+inline constexpr const char* kBase = "base";
+inline constexpr const char* kGeneral = "general";
+double MeasureCalls(const PmSandbox::Sandbox& sandbox, const std::string& kind);
+
 // The same of many at once: all are forked in a row and live until the last has come to its main.
 // Then the last `killed` of them are killed in a row, and their exits taken.
 struct StartsAtOnce {
@@ -35,10 +42,12 @@ StartsAtOnce MeasureFloorAtOnce(const PmSandbox::Sandbox& sandbox, long resident
                                 int killed);
 
 // Whether these arguments call for the body of that process, which the next function is:
-// pm-bench --floor|--launch|--floor-at-once KIB COUNT FILE [KILLED], with FILE the marks of the
-// services, or the service file of --launch. It prints "PID NANOSECONDS", the instant before each
-// start, and at the end "cpu NANOSECONDS"; of --floor-at-once, "began NANOSECONDS", an instant, and
-// the durations "end NANOSECONDS" and "cpu NANOSECONDS". Yields the exit status.
+// pm-bench --floor|--launch|--floor-at-once|--calls KIB COUNT FILE [KILLED|KIND], with FILE the
+// marks of the services, or the service file of --launch and of --calls, unless its KIND is
+// kBare. It prints "PID NANOSECONDS", the instant before each start, and at the end "cpu
+// NANOSECONDS"; of --floor-at-once, "began NANOSECONDS", an instant, and the durations "end
+// NANOSECONDS" and "cpu NANOSECONDS"; of --calls, "children NUMBER" and "calls NUMBER". Yields the
+// exit status.
 [[nodiscard]] bool IsStartingProcess(int argc, char** argv);
 int RunStartingProcess(int argc, char** argv);
 

@@ -7,6 +7,7 @@ namespace PmBench {
 namespace {
 
 constexpr int kSeconds = 10;
+constexpr double kIdleMs = 0.6;
 
 }  // namespace
 
@@ -19,7 +20,8 @@ std::vector<Figure> MeasureIdle() {
     const std::string with = " with " + std::to_string(services) + " services";
     const bool isBounded = services == 1000;
     figures.push_back({"idle CPU in a second" + with, daemon.IdleCpuUsPerSecond(kSeconds) / 1e3,
-                       "ms", floorMs, isBounded ? std::optional<double>(2.0) : std::nullopt});
+                       "ms", floorMs,
+                       isBounded ? std::optional<double>(floorMs + kIdleMs) : std::nullopt});
     const long residentKib = daemon.ResidentKib();
     if (services == 0) {
       emptyKib = residentKib;
