@@ -10,7 +10,9 @@ BUILD_PACKAGES=(
 # Chromium for the page of a boot.
 TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file chromium)
 # The address sanitizer must free its allocator's locks in the child of a process with threads, or now and then
-# one that is forked hangs before its exec; the one of g++ 12 doesn't.
+# one that is forked hangs before its exec; the one of g++ 12 doesn't. Most children share the manager's memory and
+# need none of it; those that need memory of their own are forked, and launched in a row beside busy threads they
+# hang within a thousand.
 ASAN_PACKAGES=(clang-19 libclang-rt-19-dev)
 CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-dev python3 spin gcc)
 
