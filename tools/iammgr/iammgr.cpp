@@ -26,7 +26,7 @@ void Serve(const Wish& wish) {
 
 void AddOptions(CLI::App& app, Wish& wish) {
   Services::AddWaitOption(app, wish.waitSeconds);
-  app.add_option("FILE", wish.serviceFile, "not needed any more, and not read");
+  Services::AddPathOption(app, "FILE", "Not needed any more, and not read", wish.serviceFile);
 }
 
 }  // namespace

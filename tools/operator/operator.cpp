@@ -42,7 +42,7 @@ void Serve(const Wish& wish) {
 }
 
 void AddOptions(CLI::App& app, Wish& wish) {
-  Services::AddSocketOption(app, "SOCKET", "Where pmctl reaches it", wish.socket);
+  Services::AddPathOption(app, "SOCKET", "Where pmctl reaches it", wish.socket);
   Services::AddWaitOption(app, wish.waitSeconds);
 }
 

@@ -10,7 +10,7 @@ std::string CheckAbsolute(const std::string& path) {
 
 }  // namespace
 
-void AddSocketOption(CLI::App& app, const char* name, const char* text, std::string& path) {
+void AddPathOption(CLI::App& app, const char* name, const char* text, std::string& path) {
   app.add_option(name, path, text)
       ->capture_default_str()
       ->check(CLI::Validator(&CheckAbsolute, "ABSOLUTE"));

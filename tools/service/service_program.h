@@ -14,8 +14,8 @@ namespace Services {
 // A manager opens the channel as soon as it has started the service, but a busy boot may take long.
 inline constexpr unsigned kDefaultWaitSeconds = 60;
 
-// A positional argument, the absolute path of a socket; `path` holds the default.
-void AddSocketOption(CLI::App& app, const char* name, const char* text, std::string& path);
+// A positional argument, an absolute path; `path` holds the default.
+void AddPathOption(CLI::App& app, const char* name, const char* text, std::string& path);
 
 // --wait SECONDS, for BaseService::AwaitManager; `seconds` holds the default.
 void AddWaitOption(CLI::App& app, unsigned& seconds);
