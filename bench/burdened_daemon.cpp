@@ -8,6 +8,7 @@
 #include "base/sleep.h"
 #include "bench/clock.h"
 #include "bench/host.h"
+#include "bench/restarted_service.h"
 #include "sandbox/system_error.h"
 
 namespace PmBench {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "bench/burdens.h"
+#include "bench/marks.h"
 #include "sandbox/agent_peer.h"
 #include "sandbox/daemon.h"
 

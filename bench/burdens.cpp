@@ -4,16 +4,15 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <csignal>
-#include <cstdio>
-#include <filesystem>
 #include <optional>
 #include <thread>
 #include <utility>
 
 #include "base/unique_fd.h"
+#include "bench/listed_program.h"
+#include "bench/restarted_service.h"
 #include "message/serialization.h"
 #include "message/upload_msg.h"
 #include "sandbox/agent_peer.h"
@@ -102,52 +101,6 @@ class SilentOpenings : public Burden {
  private:
   static constexpr int kServices = 6;
   std::vector<Marks> marks_;
-};
-
-// A program whose digest is listed, and its replacement of a gigabyte, whose isn't.
-class ListedProgram {
- public:
-  static constexpr const char* kPath = "/opt/bench/large";
-
-  explicit ListedProgram(const Sandbox& sandbox)
-      : sandbox_(sandbox), path_(sandbox.Outside(kPath)) {
-    for (const std::string& path : {std::string(kPath), kPath + kGood}) {
-      sandbox.InstallProgram(PmSandbox::ProgramPath("bench-service"), path);
-    }
-    sandbox.WriteFile("/etc/zur/base-plat/process-manager/bin_hash.cfg",
-                      "large=" + Digest() + "\n");
-  }
-  void Grow() const {
-    const std::string large = path_ + ".large";
-    std::filesystem::copy_file(path_ + kGood, large);
-    std::filesystem::resize_file(large, std::uintmax_t{1} << 30);
-    std::filesystem::rename(large, path_);
-  }
-  // The digests that are under way are broken off, and tried again.
-  void Shrink() const {
-    std::filesystem::rename(path_ + kGood, path_);
-    for (const pid_t pid : sandbox_.Processes()) {
-      if (PmSandbox::StatusField(pid, "Name") == "sha256sum") {
-        (void)kill(pid, SIGKILL);
-      }
-    }
-  }
-
- private:
-  static inline const std::string kGood = ".good";
-
-  [[nodiscard]] static std::string Digest() {
-    const std::string program = PmSandbox::ProgramPath("bench-service");
-    std::FILE* const stream = popen(("sha256sum " + program).c_str(), "re");
-    std::array<char, 65> text{};
-    const bool isRead =
-        stream != nullptr && std::fgets(text.data(), text.size(), stream) != nullptr;
-    Demand(stream != nullptr && pclose(stream) == 0 && isRead, "no digest");
-    return text.data();
-  }
-
-  const Sandbox& sandbox_;
-  const std::string path_;
 };
 
 // The program has grown when its service ends, so it is worked out anew at every attempt to start
@@ -448,26 +401,6 @@ constexpr BurdenKind kKinds[] = {
 };
 
 }  // namespace
-
-App RestartedService(const std::string& name, const Marks& marks, const Keys& keys, bool serves) {
-  App app{name, kServicePath, {marks.Path()}, keys};
-  if (!serves) {
-    app.arguments.emplace_back("--rest");
-  }
-  app.keys.emplace_back("restart", "on-forever");
-  app.keys.emplace_back("envArgv", "{PROC_NAME: " + name + "}");
-  return app;
-}
-
-void KillLast(const Marks& marks) {
-  PmSandbox::CheckStep(kill(marks.Await(1).back().pid, SIGKILL) == 0, "kill");
-}
-
-void Restart(const Marks& marks) {
-  const std::size_t before = marks.Await(1).size();
-  KillLast(marks);
-  (void)marks.Await(before + 1);
-}
 
 std::span<const BurdenKind> AllBurdens() {
   return kKinds;

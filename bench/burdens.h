@@ -7,21 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "bench/marks.h"
 #include "sandbox/log_reader.h"
 #include "sandbox/sandbox.h"
 #include "sandbox/service_file.h"
 
 namespace PmBench {
-
-// A bench-service that is started again whenever it ends. With "--rest" it serves no socket.
-PmSandbox::App RestartedService(const std::string& name, const Marks& marks,
-                                const PmSandbox::Keys& keys, bool serves = false);
-
-// Kills the process of the last mark.
-void KillLast(const Marks& marks);
-// The same, and waits for its successor's main.
-void Restart(const Marks& marks);
 
 // Waits for nothing of the manager but what its own services need. All operations throw if that
 // doesn't come.

@@ -15,6 +15,7 @@
 #include "bench/floor.h"
 #include "bench/host.h"
 #include "bench/measures.h"
+#include "bench/restarted_service.h"
 #include "sandbox/agent_peer.h"
 #include "sandbox/daemon.h"
 #include "sandbox/raw_peer.h"
