@@ -18,8 +18,6 @@
 #include "base/text.h"
 #include "base/unique_fd.h"
 #include "base/unix_address.h"
-#include "bench/burdened_daemon.h"
-#include "bench/figures.h"
 #include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"
 
@@ -255,60 +253,6 @@ TEST_F(NobodyWaits, AnEndWhileNobodyReadsTheLogIsAnEnd) {
   ASSERT_TRUE(status.has_value() && WIFEXITED(*status));
   EXPECT_EQ(WEXITSTATUS(*status), 255);
 }
-
-// Whatever else is under way, an exit is filed, a replacement comes up, a query is answered and the
-// boot goes on as if it weren't; and when it is over, nothing of it is left.
-class Burdened : public ::testing::TestWithParam<std::size_t> {
- protected:
-  using Look = PmBench::BurdenedDaemon::Look;
-
-  static double Median(const std::vector<Look>& looks, double Look::*figure) {
-    std::vector<double> values;
-    std::transform(looks.begin(), looks.end(), std::back_inserter(values),
-                   [figure](const Look& look) { return look.*figure; });
-    return PmBench::Percentile(values, 0.5);
-  }
-};
-
-TEST_P(Burdened, NobodyElseNotices) {
-  constexpr int kLooks = 7;
-  // What a look takes goes by several threads, for each of which a busy machine has no core for
-  // some milliseconds; whoever waited for a peer would wait 100 at least. A machine that is slow
-  // has more to do besides, too.
-  const double briefMs = 20 * PatienceFactor() * PatienceFactor();
-  const double passMs = 33 + 2 * briefMs;
-  PmBench::BurdenedDaemon daemon(PmBench::AllBurdens()[GetParam()]);
-  PmBench::BurdenedDaemon::Holding holding = daemon.Holds();
-  ++holding.descriptors;  // One that waits for sockets is kept for the next who has to.
-  daemon.Renew();
-  EXPECT_LT(daemon.FinishBoot(), passMs);
-  std::vector<Look> looks;
-  for (int i = 0; i < kLooks; ++i) {
-    daemon.Renew();
-    looks.push_back(daemon.LookAround());
-  }
-  EXPECT_LT(Median(looks, &Look::filed), briefMs);
-  EXPECT_LT(Median(looks, &Look::answered), briefMs);
-  EXPECT_LT(Median(looks, &Look::back), passMs);
-  daemon.End();
-  EXPECT_TRUE(daemon.AwaitHolding(holding))
-      << ::testing::PrintToString(daemon.Process().Descriptors()) << daemon.Process().ThreadCount()
-      << " threads; before " << holding.descriptors << ", " << holding.threads;
-  daemon.Process().KillAll();
-  EXPECT_EQ(daemon.Process().SanitizerReport(), "");
-  if (HasFailure()) {
-    ADD_FAILURE() << daemon.Log();
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(While, Burdened,
-                         ::testing::Range(std::size_t{0}, PmBench::AllBurdens().size()),
-                         [](const auto& tested) {
-                           std::string name = PmBench::AllBurdens()[tested.param].name;
-                           std::erase_if(name, [](char c) { return isalnum(c) == 0 && c != ' '; });
-                           std::replace(name.begin(), name.end(), ' ', '_');
-                           return name;
-                         });
 
 }  // namespace
 }  // namespace PmTest
