@@ -7,48 +7,19 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cstring>
+#include <cstddef>
 #include <string_view>
-#include <vector>
 
 #include "base/unique_fd.h"
 
 namespace ProcMgr::Check {
 namespace {
 
-// The kernel takes no longer first line of a script, and no more program headers.
+// The kernel takes no longer first line of a script.
 constexpr std::size_t kHeadBytes = 256;
-constexpr std::size_t kMaxHeaders = 65536 / sizeof(Elf64_Phdr);
-constexpr std::size_t kMaxInterpreter = 4096;
-
-bool ReadAt(int fd, std::uint64_t offset, void* out, std::size_t size) {
-  return pread(fd, out, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
-}
-
-// Numbers of this machine's byte order only: another's is another machine anyhow.
-template <typename Header, typename Segment>
-std::string ElfInterpreter(int fd) {
-  Header header{};
-  if (!ReadAt(fd, 0, &header, sizeof(header)) || header.e_phentsize != sizeof(Segment)) {
-    return {};
-  }
-  const std::size_t count = std::min<std::size_t>(header.e_phnum, kMaxHeaders);
-  for (std::size_t i = 0; i < count; ++i) {
-    Segment segment{};
-    if (!ReadAt(fd, header.e_phoff + i * sizeof(segment), &segment, sizeof(segment))) {
-      return {};
-    }
-    if (segment.p_type != PT_INTERP || segment.p_filesz < 2 || segment.p_filesz > kMaxInterpreter) {
-      continue;
-    }
-    std::string path(segment.p_filesz, '\0');
-    return ReadAt(fd, segment.p_offset, path.data(), path.size()) ? path.c_str() : std::string();
-  }
-  return {};
-}
 
 Executable ReadElf(int fd, const std::array<char, kHeadBytes>& head) {
-  Executable elf{Executable::Kind::kElf, 0, {}};
+  Executable elf{Executable::Kind::kElf, 0, {}, {}};
   const auto byteAt = [&head](std::size_t i) -> std::uint32_t {
     return static_cast<std::uint8_t>(head[i]);
   };
@@ -58,9 +29,10 @@ Executable ReadElf(int fd, const std::array<char, kHeadBytes>& head) {
       isBig ? byteAt(at) << 8U | byteAt(at + 1) : byteAt(at + 1) << 8U | byteAt(at);
   elf.machine = machine << 16U | byteAt(EI_CLASS) << 8U | byteAt(EI_DATA);
   const bool isOwnOrder = isBig == (std::endian::native == std::endian::big);
+  // Another byte order is another machine anyhow.
   if (isOwnOrder) {
-    elf.interpreter = head[EI_CLASS] == ELFCLASS64 ? ElfInterpreter<Elf64_Ehdr, Elf64_Phdr>(fd)
-                                                   : ElfInterpreter<Elf32_Ehdr, Elf32_Phdr>(fd);
+    elf.links = ReadElfLinks(fd, head[EI_CLASS] == ELFCLASS64);
+    elf.interpreter = elf.links.interpreter;
   }
   return elf;
 }
@@ -70,7 +42,8 @@ Executable ReadScript(std::string_view line) {
   line.remove_prefix(std::min<std::size_t>(2, line.size()));
   line = line.substr(0, line.find('\n'));
   line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
-  return {Executable::Kind::kScript, 0, std::string(line.substr(0, line.find_first_of(kBlanks)))};
+  return {
+      Executable::Kind::kScript, 0, std::string(line.substr(0, line.find_first_of(kBlanks))), {}};
 }
 
 }  // namespace

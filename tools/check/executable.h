@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "tools/check/elf_links.h"
+
 namespace ProcMgr::Check {
 
 // What the head of a program's file tells.
@@ -16,6 +18,8 @@ struct Executable {
   std::uint32_t machine = 0;
   // The dynamic linker of an ELF file or the interpreter of a script; empty for none.
   std::string interpreter;
+  // Of an ELF file of this machine's byte order.
+  ElfLinks links = {};
 };
 
 // Reads the head of the regular file at `path`; none if it can't be read. Foreign input: whatever

@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <utility>
 
 #include "app/app_info.h"
+#include "app/mem_policy.h"
 #include "app/share_groups.h"
 #include "app/start_rules.h"
 #include "base/printable.h"
@@ -22,6 +24,11 @@ namespace ProcMgr::Check {
 namespace {
 
 using Findings = std::vector<Finding>;
+
+// Each argument and each variable with the zero at its end: 32 pages of 4 KiB.
+constexpr std::size_t kLongestText = std::size_t{128} * 1024;
+// All of them: a quarter of the stack.
+constexpr std::size_t kMostTexts = std::size_t{2} * 1024 * 1024;
 
 std::vector<std::string>* complaints = nullptr;
 
@@ -73,13 +80,41 @@ std::string NotExecutable(App::ExecuteVerdict verdict, const struct stat& file) 
   return {};
 }
 
+// What the kernel takes of the texts that a program gets, whatever the file says.
+void CheckSizes(const Service& service, Findings& findings) {
+  const ApplicationManifest& manifest = service.Manifest();
+  std::size_t whole = manifest.GetBinPath().size() + 1;
+  const auto add = [&](const char* key, const std::string& element, std::size_t size) {
+    whole += size + sizeof(char*);
+    if (size > kLongestText) {
+      findings.push_back(service.AtElement(
+          key, element, Severity::kError, "size",
+          "a text of " + std::to_string(size) + " bytes is more than the kernel takes (" +
+              std::to_string(kLongestText) + "), so every start fails"));
+    }
+  };
+  for (const std::string& argument : manifest.GetArguments()) {
+    add("arguments", argument, argument.size() + 1);
+  }
+  for (const auto& [name, value] : manifest.GetEnvArgv()) {
+    add("envArgv", name, name.size() + 1 + value.size() + 1);
+  }
+  if (whole > kMostTexts) {
+    findings.push_back(service.At(
+        "arguments", Severity::kWarning, "size",
+        "arguments and environment are " + std::to_string(whole) + " bytes; with the usual limit " +
+            "of the stack (8 MiB) the kernel takes " + std::to_string(kMostTexts)));
+  }
+}
+
 }  // namespace
 
 Host::Host(std::string root)
     : root_(std::move(root)),
       rootFolder_(open((root_ + '/').c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
       users_(root_),
-      cores_(CpusetsBelow(root_)) {
+      cores_(CpusetsBelow(root_)),
+      libraries_(root_) {
   complaints = &cmdlineComplaints_;
   SetLogSink(&KeepComplaint);
   const std::string cmdline = root_ + kKernelCmdlineFile;
@@ -125,8 +160,10 @@ void Host::CheckServices(const ServiceFile& file, Findings& findings) {
   for (const Service& service : file.Services()) {
     CheckUser(service, findings);
     if (!IsPattern(service.Manifest().GetBinPath())) {
-      CheckBinary(service, findings);
+      CheckBinary(service, file.isEntry, findings);
     }
+    CheckSizes(service, findings);
+    CheckNodes(service, findings);
     CheckCores(service, file.isEntry, findings);
     CheckCgroups(service, findings);
     if (file.isEntry) {
@@ -152,7 +189,7 @@ void Host::CheckUser(const Service& service, Findings& findings) {
   }
 }
 
-void Host::CheckBinary(const Service& service, Findings& findings) {
+void Host::CheckBinary(const Service& service, bool isEntry, Findings& findings) {
   const std::string& binPath = service.Manifest().GetBinPath();
   const auto add = [&](const std::string& why) {
     findings.push_back(service.At("binPath", Severity::kError, "binary",
@@ -179,12 +216,15 @@ void Host::CheckBinary(const Service& service, Findings& findings) {
   }
   // Whoever checks may be allowed to read less than the daemon.
   if (const std::optional<Executable> executable = ReadExecutable(*path)) {
-    CheckContent(service, *executable, findings);
+    if (CheckContent(service, *executable, findings)) {
+      const bool isScript = executable->kind == Executable::Kind::kScript;
+      CheckLibraries(service, isScript ? executable->interpreter : binPath, isEntry, findings);
+    }
     CheckDigest(service, findings);
   }
 }
 
-void Host::CheckContent(const Service& service, const Executable& executable, Findings& findings) {
+bool Host::CheckContent(const Service& service, const Executable& executable, Findings& findings) {
   const auto add = [&](const std::string& why) {
     findings.push_back(
         service.At("binPath", Severity::kError, "binary",
@@ -192,17 +232,69 @@ void Host::CheckContent(const Service& service, const Executable& executable, Fi
   };
   if (executable.kind == Executable::Kind::kOther) {
     add("it is neither an ELF program nor a script that begins with \"#!\"");
-    return;
+    return false;
   }
   if (executable.kind == Executable::Kind::kElf && machine_ && executable.machine != *machine_) {
     add("it is made for " + MachineName(executable.machine) + ", and /bin/sh for " +
         MachineName(*machine_));
-    return;
+    return false;
   }
   const bool needsOne = executable.kind == Executable::Kind::kScript;
   if ((needsOne || !executable.interpreter.empty()) &&
       !ResolveInRoot(root_, executable.interpreter)) {
     add("its interpreter " + Quoted(executable.interpreter) + " isn't there");
+    return false;
+  }
+  return true;
+}
+
+// Its environment is that of whoever checks and, over it, that of the service file; the manager's
+// own is passed on likewise.
+void Host::CheckLibraries(const Service& service, const std::string& program, bool isEntry,
+                          Findings& findings) {
+  static constexpr const char* kLibraryPath = "LD_LIBRARY_PATH";
+  const std::map<std::string, std::string>& env = service.Manifest().GetEnvArgv();
+  const auto entry = env.find(kLibraryPath);
+  const char* const inherited = std::getenv(kLibraryPath);
+  const std::string searched = entry != env.end()     ? entry->second
+                               : inherited != nullptr ? inherited
+                                                      : "";
+  const std::optional<std::string> path = ResolveInRoot(root_, program);
+  const std::optional<Executable> file = path ? ReadExecutable(*path) : std::nullopt;
+  if (!file || IsPattern(searched)) {
+    return;
+  }
+  for (const MissingLibrary& missing :
+       libraries_.FindMissing(path->substr(root_.size()), *file, searched)) {
+    findings.push_back(service.At(
+        "binPath", isEntry ? Severity::kWarning : Severity::kError, "library",
+        Quoted(program) + " ends at once with status 127: the shared library " +
+            Quoted(missing.name) + " isn't there, which " + Quoted(missing.neededBy) + " needs"));
+  }
+}
+
+// Which nodes a device function has only the platform's library tells, on the machine itself.
+void Host::CheckNodes(const Service& service, Findings& findings) {
+  const std::int32_t vfId = service.Manifest().GetVfId();
+  if (vfId < 0) {
+    return;
+  }
+  if (root_.empty()) {
+    const App::MemPolicy policy = App::PlanMemPolicy(service.Manifest().GetAppName(), vfId);
+    if (!policy.error.empty()) {
+      findings.push_back(service.At("vfId", Severity::kError, "numa",
+                                    "every start fails: " + Printable(policy.error)));
+    }
+    if (!policy.isWanted) {
+      return;
+    }
+  }
+  if (!libraries_.IsInCommonFolder("libnuma.so.1")) {
+    findings.push_back(service.At("vfId", root_.empty() ? Severity::kError : Severity::kWarning,
+                                  "numa",
+                                  "libnuma.so.1 isn't there, by which the memory of a device "
+                                  "function is bound, so every start fails" +
+                                      std::string(root_.empty() ? "" : " if there is one device")));
   }
 }
 

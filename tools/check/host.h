@@ -17,6 +17,7 @@
 #include "tools/check/finding.h"
 #include "tools/check/platform_users.h"
 #include "tools/check/service_files.h"
+#include "tools/check/shared_libraries.h"
 
 namespace ProcMgr::Check {
 
@@ -35,9 +36,14 @@ class Host {
 
  private:
   void CheckUser(const Service& service, std::vector<Finding>& findings);
-  void CheckBinary(const Service& service, std::vector<Finding>& findings);
-  void CheckContent(const Service& service, const Executable& executable,
-                    std::vector<Finding>& findings);
+  void CheckBinary(const Service& service, bool isEntry, std::vector<Finding>& findings);
+  // False if the kernel doesn't take the program.
+  [[nodiscard]] bool CheckContent(const Service& service, const Executable& executable,
+                                  std::vector<Finding>& findings);
+  // `program` is the service's own, or the interpreter of its script; a path of the platform.
+  void CheckLibraries(const Service& service, const std::string& program, bool isEntry,
+                      std::vector<Finding>& findings);
+  void CheckNodes(const Service& service, std::vector<Finding>& findings);
   void CheckDigest(const Service& service, std::vector<Finding>& findings);
   void CheckCores(const Service& service, bool isEntry, std::vector<Finding>& findings);
   void CheckAiCores(const Service& service, std::vector<Finding>& findings) const;
@@ -52,6 +58,7 @@ class Host {
   CoreAffinityMgr cores_;
   IntegrityProtect digests_;
   SharepoolCfg shareGroups_;
+  SharedLibraries libraries_;
   HostContext context_;
   // What the kernel command line's parser complained of.
   std::vector<std::string> cmdlineComplaints_;

@@ -48,10 +48,11 @@ void AddOptions(CLI::App& app, Wishes& wishes) {
       ->check([](const std::string& pair) {
         return pair.find('=') == std::string::npos ? "must be KEY=VALUE" : "";
       });
-  CLI::Option* const host =
-      app.add_flag("--host", wishes.isHost,
-                   "Checks the files against this machine, too: binaries, users, cores, cgroups, "
-                   "digests, share pool groups, the kernel command line");
+  CLI::Option* const host = app.add_flag(
+      "--host", wishes.isHost,
+      "Checks the files against this machine, too: binaries and their libraries, users, "
+      "sizes, memory nodes, cores, cgroups, digests, share pool groups, the kernel "
+      "command line");
   app.add_option("--root", wishes.root,
                  "The folder that holds the platform's files in place of this machine's")
       ->needs(host)
