@@ -64,8 +64,9 @@ void AddOptions(CLI::App& app, Wishes& wishes) {
                      "standard output whole")
           ->check(CLI::IsMember({"text", "json", "sarif"}));
   app.add_option("--graph", wishes.graph,
-                 "dot: prints the start order as a graph for Graphviz in place of the rounds")
-      ->check(CLI::IsMember({"dot"}))
+                 "Prints the start order as a graph in place of the rounds: dot, for Graphviz, or "
+                 "svg, a picture of one FILE")
+      ->check(CLI::IsMember({"dot", "svg"}))
       ->excludes(format);
   app.add_flag("--schema", wishes.isSchema,
                "Prints the JSON schema of service files, for editors, and checks nothing");
@@ -117,10 +118,12 @@ CheckedFile CheckFile(const std::string& path, const std::map<std::string, std::
   return checked;
 }
 
-void PrintGraphs(const std::vector<CheckedFile>& files) {
+void PrintGraphs(const std::vector<CheckedFile>& files, const std::string& format) {
   for (const CheckedFile& file : files) {
     ProcMgr::Check::PrintFindings(file);
-    std::printf("%s", ProcMgr::Check::DotGraph(file).c_str());
+    std::printf("%s",
+                (format == "svg" ? ProcMgr::Check::SvgGraph(file) : ProcMgr::Check::DotGraph(file))
+                    .c_str());
   }
 }
 
@@ -144,7 +147,7 @@ int Check(const Wishes& wishes) {
     areGood = IsGood(checked.back(), wishes.isStrict) && areGood;
   }
   if (!wishes.graph.empty()) {
-    PrintGraphs(checked);
+    PrintGraphs(checked, wishes.graph);
   } else if (wishes.format == "json") {
     PrintJson(checked);
   } else if (wishes.format == "sarif") {
@@ -172,6 +175,9 @@ int main(int argc, char** argv) {
       app.parse(argc, argv);
       if (wishes.files.empty() && !wishes.isSchema) {
         throw CLI::RequiredError("FILE");
+      }
+      if (wishes.graph == "svg" && wishes.files.size() > 1) {
+        throw CLI::ValidationError("--graph svg", "draws one FILE");
       }
     } catch (const CLI::ParseError& error) {
       return app.exit(error) == 0 ? kGood : kUsage;

@@ -96,7 +96,7 @@ TEST_F(PmCheck, WhatHangsOnACircleIsInNoRound) {
 
 TEST_F(PmCheck, GraphShowsOrderReportsAndFaults) {
   folder_.Write("a.yaml", "applications:\n" + Line("a", Reporting("a")) + Line("b", "") +
-                              Line("'c\"'", "dependList: [a, b, ghost]") +
+                              Line("'c<\"'", "dependList: [a, b, ghost]") +
                               Line("d", "arguments: ['|'], " + Reporting("d")));
   const Result result = Run("--graph dot a.yaml");
   EXPECT_EQ(result.status, 1);
@@ -105,17 +105,30 @@ TEST_F(PmCheck, GraphShowsOrderReportsAndFaults) {
   node [shape=box];
   "a" [peripheries=2];
   "b";
-  "c\"" [color=red];
+  "c<\"" [color=red];
   "d" [peripheries=2, color=red];
-  { rank=same; "a"; "b"; "d"; }
-  { rank=same; "c\""; }
-  "a" -> "c\"";
-  "b" -> "c\"" [color=orange];
-  "ghost" -> "c\"" [color=red];
   "ghost" [style=dashed, color=red];
+  { rank=same; "a"; "b"; "d"; }
+  { rank=same; "c<\""; }
+  "a" -> "c<\"";
+  "b" -> "c<\"" [color=orange];
+  "ghost" -> "c<\"" [color=red];
 }
 )");
-  EXPECT_EQ(Run("--graph dot --format json a.yaml").status, 2);
+  const std::string svg = Run("--graph svg a.yaml").out;
+  const auto expectOnce = [&svg](const std::string& text) {
+    EXPECT_TRUE(svg.find(text) != std::string::npos && svg.find(text) == svg.rfind(text)) << text;
+  };
+  expectOnce("<g><title>a</title><rect x=\"214\" y=\"60\" width=\"72\" height=\"24\"/><rect");
+  expectOnce("<g class=\"red lost\"><title>ghost");
+  expectOnce(
+      "<g class=\"red\"><title>c&lt;&quot;\n&quot;c&lt;&quot;&quot; depends on &quot;b&quot;");
+  expectOnce("<path class=\"unmet\"");
+  expectOnce("<path class=\"unreported\"");
+  expectOnce("<path d=\"M 286,72 C 331,72 331,72 376,72");
+  for (const char* const wrong : {"dot --format json a.yaml", "svg a.yaml a.yaml"}) {
+    EXPECT_EQ(Run(std::string("--graph ") + wrong).status, 2) << wrong;
+  }
 }
 
 TEST_F(PmCheck, SarifNamesRulePlaceAndLevel) {
