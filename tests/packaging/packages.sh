@@ -51,6 +51,7 @@ for file in sbin/process-manager lib/systemd/system/process-manager.service lib/
   lib/tmpfiles.d/process-manager-tools.conf lib/sysusers.d/process-manager-tools.conf \
   bin/pm{-notify,check,ctl,upload} libexec/process-manager/{iammgr,operator} \
   share/man/man1/pm{-notify,check,ctl,upload}.1.gz share/man/man8/{process-manager,iammgr,operator}.8.gz \
+  share/man/man5/{pm-service,pm-entry,pm-sharepool,procmgr_cfg.yaml,bin_hash.cfg,vantor_common_env.conf}.5.gz \
   share/bash-completion/completions/pm{-notify,check,ctl,upload} share/doc/process-manager/{CHANGELOG.md,manifest.md} \
   share/doc/process-manager/samples/{base_services.yaml,procmgr_cfg.yaml} \
   include/process-manager/process_manager_agent_c.h include/process-manager/agent/process_manager_agent.h \

@@ -151,7 +151,10 @@ TEST_F(ServiceSchema, TakesForEachKeyWhatTheLoaderTakes) {
   const Validator validator(json::parse(Run("--schema").out));
   const json& keys = validator.Root().at("$defs").at("application").at("properties");
   EXPECT_EQ(keys.size(), 30U);
+  std::ostringstream page;
+  page << std::ifstream(SERVICE_PAGE).rdbuf();
   for (const auto& [key, rule] : keys.items()) {
+    EXPECT_NE(page.str().find(key), std::string::npos) << key << " isn't in the manual page";
     std::string text = "applications:\n";
     std::vector<bool> takes;
     for (const json& value : Values()) {
