@@ -14,7 +14,10 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/compress_pages.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/finish_trees.cmake)
+# What is linked with the library depends on the package; in packages without a library it has no effect.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 # pm_package(COMPONENT NAME SECTION SUMMARY [DEPENDS text] [RECOMMENDS text] [CONTROL files...] [BINARY] [ALL]):
 # a package of one component. BINARY: it holds programs or libraries, whose dependencies are computed and
@@ -58,7 +61,6 @@ pm_package(tools process-manager-tools admin
 pm_package(agent_runtime libprocess-manager-agent1 libs
   "services of the process manager, the library\nWhat services in C, Python and other languages load to talk to the process manager."
   BINARY CONTROL ${CMAKE_CURRENT_SOURCE_DIR}/debian/triggers)
-set(CPACK_DEBIAN_AGENT_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
 pm_package(agent libprocess-manager-agent-dev libdevel
   "services of the process manager, for developers\nThe headers for C and C++, the static library for C++, and what pkg-config and CMake need to find them."
   DEPENDS "libprocess-manager-agent1 (= ${PROJECT_VERSION})")

@@ -16,8 +16,8 @@ TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file 
 ASAN_PACKAGES=(clang-19 libclang-rt-19-dev)
 CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-dev python3 spin gcc)
 
-# What makes and checks the Debian packages: dpkg-shlibdeps computes their dependencies.
-PACKAGE_PACKAGES=(dpkg-dev file binutils)
+# What makes and checks the Debian packages: dpkg-shlibdeps computes their dependencies, Python lists their parts.
+PACKAGE_PACKAGES=(dpkg-dev file binutils python3 lintian)
 
 # The cross compiler, the emulator, and what makes the disk that it boots.
 ARM64_PACKAGES=(

@@ -23,6 +23,13 @@ for package in "${packages[@]}"; do
   [[ $own == "${version:=$own}" ]] || fail "$package has version $own, another one $version"
 done
 
+# By Debian's own rules, but for what is the owner's to choose: who answers for the packages.
+if command -v lintian >/dev/null; then
+  lintian --allow-root --fail-on error --suppress-tags bogus-mail-host,bogus-mail-host-in-debian-changelog \
+    "${files[@]}" >"$folder/lintian.log" 2>&1 || fail "$(grep '^E' "$folder/lintian.log")"
+  rm "$folder/lintian.log"
+fi
+
 # What they need of each other and of Debian is told.
 depends() { # PACKAGE PATTERN
   dpkg-deb -f "$folder/$1"_*.deb Depends | grep -Eq "$2" || fail "$1 doesn't depend on $2"
@@ -71,6 +78,29 @@ for program in "$root"/usr/{bin,sbin,libexec/process-manager}/*; do
   id=$(readelf --notes "$program" | sed -n 's/.*Build ID: //p')
   [[ $symbols == *"/${id:0:2}/${id:2}.debug"* ]] || fail "the debug symbols of $name aren't there"
 done
+# What is in each package is told: every library that a file of it is linked with, of the version that is here.
+for package in "${packages[@]}"; do
+  python3 - "$root/usr/share/doc/$package/$package.cdx.json" "$version" <<'PYTHON' >>"$folder/told" || fail "the list of $package"
+import json, sys
+bill = json.load(open(sys.argv[1], encoding="utf-8"))
+assert (bill["bomFormat"], bill["specVersion"]) == ("CycloneDX", "1.5"), bill
+assert bill["metadata"]["component"]["version"] == sys.argv[2], bill["metadata"]
+for part in bill["components"]:
+    for how in part["properties"]:
+        print(bill["metadata"]["component"]["name"], how["name"].split(":")[1], how["value"], part["name"], part["version"])
+PYTHON
+  while read -r file; do
+    for name in $(readelf --dynamic --wide "$root$file" 2>/dev/null | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
+      grep -q "^$package linked $name " "$folder/told" || fail "$package doesn't tell of $name, which $file needs"
+    done
+  done < <(dpkg --root="$root" --listfiles "$package" | grep -E '/s?bin/|/libexec/|\.so\.')
+done
+while read -r _ _ _ part told; do
+  dpkg-query --show --showformat='${Version}\n' "$part" | grep -Fqx "$told" || fail "$part isn't there in version $told"
+done <"$folder/told"
+grep -q '^process-manager-tools compiled-in .* libcli11-dev ' "$folder/told" || fail "headers aren't told of"
+rm "$folder/told"
+
 library=$(find "$root/usr/lib" -name libprocess_manager_agent.so.1)
 [[ -e $library ]] || fail "the library is missing"
 told=$(LD_LIBRARY_PATH=${library%/*} PYTHONPATH=$root/usr/lib/python3/dist-packages PYTHONDONTWRITEBYTECODE=1 \
