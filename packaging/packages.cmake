@@ -44,7 +44,7 @@ endmacro()
 
 # The maintainer scripts of a component, under the names that dpkg wants.
 set(scripts ${CMAKE_CURRENT_BINARY_DIR}/scripts)
-foreach(script daemon.postinst daemon.prerm daemon.postrm tools.postinst)
+foreach(script daemon.postinst daemon.prerm daemon.postrm tools.postinst tools.postrm)
   string(REPLACE "." "/" place ${script})
   configure_file(debian/${script} ${scripts}/${place} COPYONLY FILE_PERMISSIONS
                  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -57,7 +57,7 @@ pm_package(daemon process-manager admin
 pm_package(tools process-manager-tools admin
   "programs around the process manager\npmctl shows and runs applications with the manager and the service operator, pmcheck checks service\nfiles, pmupload announces processes, and pm-notify makes any command a base service."
   BINARY RECOMMENDS "process-manager, systemd | systemd-standalone-sysusers"
-  CONTROL ${scripts}/tools/postinst)
+  CONTROL ${scripts}/tools/postinst ${scripts}/tools/postrm)
 pm_package(agent_runtime libprocess-manager-agent1 libs
   "services of the process manager, the library\nWhat services in C, Python and other languages load to talk to the process manager."
   BINARY CONTROL ${CMAKE_CURRENT_SOURCE_DIR}/debian/triggers)

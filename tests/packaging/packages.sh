@@ -1,11 +1,16 @@
 #!/bin/bash
-# packages.sh FOLDER: the Debian packages in it install into an empty root, are whole, and leave nothing behind
-# when they are purged. As root, for that is who installs.
+# packages.sh FOLDER: the Debian packages in it install into an empty root, are whole, boot a platform, are upgraded
+# while it runs, and leave nothing behind when they are purged. As root, for that is who installs.
 set -euo pipefail
 
 folder=$1
 root=$(mktemp -d)
-trap 'rm -rf "$root"' EXIT
+board=
+clean_up() {
+  [[ -z $board ]] || kill -KILL "$(pgrep --parent "$board")" # unshare itself passes signals over.
+  rm -rf "$root"
+}
+trap clean_up EXIT
 fail() {
   echo "packages: $*"
   exit 1
@@ -51,7 +56,73 @@ run_dpkg() {
   dpkg --root="$root" --force-script-chrootless --force-depends --log=/dev/null "$@" >"$folder/dpkg.log" 2>&1 ||
     fail "dpkg $1 fails: $(cat "$folder/dpkg.log")"
 }
-run_dpkg --install "${files[@]}"
+# The packages of an older version: these under another number.
+mkdir "$root/old"
+for file in "${files[@]}"; do
+  old=$root/old/$(basename "$file")
+  dpkg-deb --raw-extract "$file" "$old.d"
+  sed -i -E "/^(Version|Depends):/s/\\b${version//./\\.}\\b/0.0.1/g" "$old.d/DEBIAN/control"
+  dpkg-deb --build "$old.d" "$old" >/dev/null
+done
+run_dpkg --install "$root"/old/*.deb
+rm -r "$root/old"
+
+# A board of its own: the root's programs, configuration and /run in the places of this machine's.
+config=$root/etc/zur/base-plat/process-manager
+boot() {
+  unshare --mount --pid --fork --kill-child --mount-proc bash -c "
+    for place in etc run usr/libexec; do mount --bind '$root'/\$place /\$place || exit; done
+    '$root/usr/sbin/process-manager' ${config#"$root"}/base_services.yaml &
+    wait \$!" >"$folder/boot.log" 2>&1 &
+  board=$!
+  within 60 is_up || fail "the platform isn't up: $(cat "$folder/boot.log")"
+}
+on_board() { nsenter --target "$(pgrep --parent "$board")" --mount --pid "$@"; }
+is_up() { [[ $(on_board "$root/usr/bin/pmctl" status 2>/dev/null) =~ iammgr\ .*running.*operator\ .*running ]]; }
+running() { on_board pgrep --exact 'process-manager|iammgr|operator'; }
+within() { # SECONDS CONDITION...
+  local end=$((SECONDS + $1))
+  until "${@:2}"; do
+    ((SECONDS < end)) || return 1
+    sleep 0.1
+  done
+}
+shut_down() {
+  on_board "$root/usr/bin/pmctl" shutdown >/dev/null || fail "the platform can't be ended"
+  wait "$board" || fail "the platform ends with a failure: $(cat "$folder/boot.log")"
+  board=
+}
+is_configured() { # Nobody but the integrator writes there.
+  local sample
+  for sample in {base_services,operator}.yaml; do
+    cmp "$root/usr/share/doc/process-manager/samples/$sample" "$config/$sample" || return
+  done
+}
+can_boot() { command -v systemd-sysusers >/dev/null && command -v systemd-tmpfiles >/dev/null; }
+if can_boot; then
+  mkdir -p "$config"
+  cp "$root/usr/share/doc/process-manager/samples/"{base_services,operator}.yaml "$config"
+  boot
+  old_processes=$(running)
+fi
+
+run_dpkg --unpack "${files[@]}"
+if can_boot; then
+  # What runs runs on, and comes back if it falls; the new version counts from the next boot.
+  [[ $(running) == "$old_processes" ]] || fail "the upgrade has ended something"
+  fallen=$(on_board pgrep --exact iammgr)
+  on_board kill -KILL "$fallen"
+  is_back() { [[ $(on_board pgrep --exact iammgr) != "$fallen" ]] && is_up; }
+  within 30 is_back || fail "a service that falls doesn't come back during an upgrade"
+fi
+run_dpkg --configure --pending
+if can_boot; then
+  is_configured || fail "the upgrade has changed the configuration"
+  on_board "$root/usr/bin/pmcheck" "${config#"$root"}/base_services.yaml" >/dev/null || fail "the sample has faults"
+  shut_down
+  boot
+  [[ $(running) != "$old_processes" ]] || fail "nothing has started anew"
+fi
 [[ $(dpkg --root="$root" --audit) == "" ]] || fail "not all are configured: $(dpkg --root="$root" --audit)"
 
 for file in sbin/process-manager lib/systemd/system/process-manager.service lib/tmpfiles.d/process-manager.conf \
@@ -108,19 +179,20 @@ told=$(LD_LIBRARY_PATH=${library%/*} PYTHONPATH=$root/usr/lib/python3/dist-packa
 [[ $told == "$version" ]] || fail "the Python module tells version $told"
 
 # The users and the folders of a boot; without the programs that make them the packages install all the same.
-if command -v systemd-sysusers >/dev/null && command -v systemd-tmpfiles >/dev/null; then
+if can_boot; then
   grep -q '^iam:' "$root/etc/passwd" && grep -q '^operator:' "$root/etc/passwd" || fail "the users are missing"
   for place in nexio pm-notify plat/sensor pm/operator; do
     [[ -d $root/run/$place ]] || fail "/run/$place is missing"
   done
-  # The sample boots on a machine that has these users.
-  unshare --mount bash -c "mount --bind $root/etc/passwd /etc/passwd && mount --bind $root/etc/group /etc/group &&
-    $root/usr/bin/pmcheck $root/usr/share/doc/process-manager/samples/base_services.yaml" >/dev/null ||
-    fail "the sample of the base services has faults"
+fi
+
+if can_boot; then
+  shut_down
 fi
 
 run_dpkg --purge "${packages[@]}"
-# What a boot makes in /run goes with the boot, and users stay.
-left=$(listing | grep -Ev '^\./(run(/.*)?|etc(/((g?shadow|passwd|group)-?|\.pwd\.lock))?|var|var/lib)$' || true)
+# What a boot makes in /run goes with the boot; users and the integrator's files stay.
+left=$(listing | grep -Ev '^\./(run(/.*)?|etc(/zur(/.*)?|/((g?shadow|passwd|group)-?|\.pwd\.lock))?|var|var/lib)$' || true)
 [[ -z $left ]] || fail "left behind: $left"
-rm -f "$folder/dpkg.log"
+! can_boot || [[ -s $config/base_services.yaml ]] || fail "the integrator's configuration is gone"
+rm -f "$folder/"{dpkg,boot}.log
