@@ -131,6 +131,7 @@ for file in sbin/process-manager lib/systemd/system/process-manager.service lib/
   share/man/man1/pm{-notify,check,ctl,upload}.1.gz share/man/man8/{process-manager,iammgr,operator}.8.gz \
   share/man/man5/{pm-service,pm-entry,pm-sharepool,procmgr_cfg.yaml,bin_hash.cfg,vantor_common_env.conf}.5.gz \
   share/bash-completion/completions/pm{-notify,check,ctl,upload} share/doc/process-manager/{CHANGELOG.md,manifest.md} \
+  share/process-manager/{procmgr-cfg,service-file,sharepool}.schema.json \
   share/doc/process-manager/samples/{base_services.yaml,procmgr_cfg.yaml} \
   include/process-manager/process_manager_agent_c.h include/process-manager/agent/process_manager_agent.h \
   lib/python3/dist-packages/process_manager.py "${packages[@]/#/share/doc/}"; do

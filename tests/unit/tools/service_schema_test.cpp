@@ -1,115 +1,15 @@
 // The schema of service files against the loader: what one takes the other takes.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <regex>
 #include <set>
 
+#include "tests/support/json_schema.h"
 #include "tests/unit/tools/pmcheck_fixture.h"
 
 namespace {
 
 using nlohmann::json;
 using PmTest::Result;
-
-// The words of JSON schema that our schema uses; any other fails the test.
-class Validator {
- public:
-  explicit Validator(json schema) : root_(std::move(schema)) {}
-
-  bool Takes(const json& schema, const json& value) const {
-    bool takes = true;
-    for (const auto& [word, rule] : schema.items()) {
-      takes = takes && Word(schema, word, rule, value);
-    }
-    return takes;
-  }
-
-  [[nodiscard]] const json& Root() const { return root_; }
-
- private:
-  static bool IsOfType(const std::string& type, const json& value) {
-    return (type == "string" && value.is_string()) || (type == "boolean" && value.is_boolean()) ||
-           (type == "integer" && value.is_number_integer()) ||
-           (type == "number" && value.is_number()) || (type == "null" && value.is_null()) ||
-           (type == "array" && value.is_array()) || (type == "object" && value.is_object());
-  }
-
-  static bool Fits(const std::string& pattern, const json& value) {
-    return !value.is_string() || std::regex_search(value.get<std::string>(), std::regex(pattern));
-  }
-
-  bool Word(const json& schema, const std::string& word, const json& rule,
-            const json& value) const {
-    const auto takes = [&](const json& element) { return Takes(rule, element); };
-    if (word == "$ref") {
-      return Takes(root_.at(json::json_pointer(rule.get<std::string>().substr(1))), value);
-    }
-    if (word == "type") {
-      return rule.is_string() ? IsOfType(rule, value)
-                              : std::any_of(rule.begin(), rule.end(), [&](const json& type) {
-                                  return IsOfType(type, value);
-                                });
-    }
-    if (word == "enum") {
-      return std::find(rule.begin(), rule.end(), value) != rule.end();
-    }
-    if (word == "anyOf") {
-      return std::any_of(rule.begin(), rule.end(),
-                         [&](const json& each) { return Takes(each, value); });
-    }
-    if (word == "minimum" || word == "maximum") {
-      return !value.is_number() || (word == "minimum" ? value >= rule : value <= rule);
-    }
-    if (word == "minLength" || word == "maxLength") {
-      const std::size_t length = value.is_string() ? value.get<std::string>().size() : 1;
-      return word == "minLength" ? length >= rule : length <= rule;
-    }
-    if (word == "pattern") {
-      return Fits(rule, value);
-    }
-    if (word == "items") {
-      return !value.is_array() || std::all_of(value.begin(), value.end(), takes);
-    }
-    if (word == "if") {
-      return Takes(schema.at(Takes(rule, value) ? "then" : "else"), value);
-    }
-    return ObjectWord(schema, word, rule, value);
-  }
-
-  bool ObjectWord(const json& schema, const std::string& word, const json& rule,
-                  const json& value) const {
-    const json none = json::object();
-    const json& object = value.is_object() ? value : none;
-    if (word == "required") {
-      return std::all_of(rule.begin(), rule.end(), [&](const json& key) {
-        return !value.is_object() || value.contains(key.get<std::string>());
-      });
-    }
-    if (word == "properties") {
-      return std::all_of(rule.items().begin(), rule.items().end(), [&](const auto& each) {
-        return !object.contains(each.key()) || Takes(each.value(), object.at(each.key()));
-      });
-    }
-    if (word == "propertyNames") {
-      return std::all_of(object.items().begin(), object.items().end(),
-                         [&](const auto& each) { return Takes(rule, each.key()); });
-    }
-    if (word == "additionalProperties") {
-      const json& properties = schema.contains("properties") ? schema.at("properties") : none;
-      return std::all_of(object.items().begin(), object.items().end(), [&](const auto& each) {
-        return properties.contains(each.key()) ||
-               (rule.is_boolean() ? rule.get<bool>() : Takes(rule, each.value()));
-      });
-    }
-    static const std::set<std::string> kOthers = {"then",  "else",    "default", "description",
-                                                  "title", "$schema", "$defs"};
-    EXPECT_TRUE(kOthers.contains(word)) << word;
-    return true;
-  }
-
-  const json root_;
-};
 
 const std::vector<json>& Values() {
   static const json kValues = json::parse(R"([
@@ -148,8 +48,8 @@ TEST_F(ServiceSchema, CommittedOneIsTheOneOfTheLoader) {
 }
 
 TEST_F(ServiceSchema, TakesForEachKeyWhatTheLoaderTakes) {
-  const Validator validator(json::parse(Run("--schema").out));
-  const json& keys = validator.Root().at("$defs").at("application").at("properties");
+  const PmTest::JsonSchema schema(json::parse(Run("--schema").out));
+  const json& keys = schema.Root().at("$defs").at("application").at("properties");
   EXPECT_EQ(keys.size(), 30U);
   std::ostringstream page;
   page << std::ifstream(SERVICE_PAGE).rdbuf();
@@ -164,7 +64,7 @@ TEST_F(ServiceSchema, TakesForEachKeyWhatTheLoaderTakes) {
                   {"gid", 1}};
       app[key] = value;
       text += "  - " + app.dump() + '\n';
-      takes.push_back(validator.Takes(validator.Root(), {{"applications", {app}}}));
+      takes.push_back(schema.Check({{"applications", {app}}}).empty());
     }
     folder_.Write("values.yaml", text);
     const std::set<int> faulty = FaultyLines("values.yaml");
@@ -180,7 +80,7 @@ TEST_F(ServiceSchema, TakesForEachKeyWhatTheLoaderTakes) {
 }
 
 TEST_F(ServiceSchema, TakesTheFormsOfAFile) {
-  const Validator validator(json::parse(Run("--schema").out));
+  const PmTest::JsonSchema schema(json::parse(Run("--schema").out));
   const json app = {{"appName", "a"}, {"binPath", "/b"}, {"uid", 1}, {"gid", 1}};
   const json include = {{"include", "a.yaml"}};
   const struct {
@@ -198,7 +98,7 @@ TEST_F(ServiceSchema, TakesTheFormsOfAFile) {
       {"text", false},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(validator.Takes(validator.Root(), c.file), c.isTaken) << c.file;
+    EXPECT_EQ(schema.Check(c.file).empty(), c.isTaken) << c.file;
   }
 }
 
