@@ -24,3 +24,14 @@ build_preset() {
   cmake --preset "$preset" -D BUILD_TESTING="$testing"
   cmake --build --preset "$preset" --parallel "$(build_jobs)" "${targets[@]}"
 }
+
+# The Debian packages, in build-package/packages/. Two builds of one version give the same bytes: what they hold
+# bears the date of SOURCE_DATE_EPOCH, which the caller exports, and neither that nor the folder of the build.
+build_packages() {
+  # With a base folder ccache would write other names of the sources into the programs.
+  export CCACHE_BASEDIR=
+  build_preset package programs installed
+  rm -rf build-package/packages
+  cpack --config build-package/CPackConfig.cmake -B "$PWD/build-package/packages"
+  rm -rf build-package/packages/_CPack_Packages
+}
