@@ -3,187 +3,189 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "base/names.h"
+#include "status/json_writer.h"
 
 namespace ProcMgr::Status {
 namespace {
 
-using Json = nlohmann::ordered_json;
+using std::chrono::floor;
+using std::chrono::microseconds;
 
-template <typename Duration>
-double Seconds(Duration duration) {
-  return std::chrono::duration<double>(std::chrono::floor<std::chrono::microseconds>(duration))
-      .count();
+void WriteTime(JsonWriter& json, WallTime time) {
+  json.Seconds(floor<microseconds>(time.time_since_epoch()));
 }
 
-double WallSeconds(WallTime time) {
-  return Seconds(time.time_since_epoch());
-}
-
-Json Milliseconds(const std::optional<std::chrono::microseconds>& time) {
-  constexpr double kPerMillisecond = 1000.0;
-  return time ? Json(static_cast<double>(time->count()) / kPerMillisecond) : Json(nullptr);
-}
-
-template <typename Value>
-Json OrNull(const std::optional<Value>& value) {
-  return value ? Json(*value) : Json(nullptr);
-}
-
-Json TextOrNull(const std::string& text) {
-  return text.empty() ? Json(nullptr) : Json(text);
-}
-
-Json Answer() {
-  return {{"version", 1},
-          {"time", WallSeconds(std::chrono::system_clock::now())},
-          {"uptime", Seconds(SteadyNow().time_since_epoch())}};
-}
-
-// A name from a file may hold what isn't UTF-8.
-std::string Text(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-std::string Line(const Json& answer) {
-  return Text(answer) + '\n';
-}
-
-// An answer whose last member is a long list: each element becomes text at once, for a tree of all
-// of them would take ten times the memory.
-class ListLine {
- public:
-  ListLine(const Json& answer, const char* key) : text_(Text(answer)) {
-    text_.back() = ',';  // In place of the brace that ends the object.
-    text_.append("\"").append(key).append("\":[");
+void WriteMilliseconds(JsonWriter& json, const std::optional<microseconds>& time) {
+  if (time) {
+    json.Milliseconds(*time);
+  } else {
+    json.Null();
   }
-  void Add(const Json& element) {
-    text_.append(std::exchange(separator_, ",")).append(Text(element));
-  }
-  [[nodiscard]] std::string Finish() && { return std::move(text_.append("]}\n")); }
-
- private:
-  std::string text_;
-  const char* separator_ = "";
-};
-
-Json CauseJson(const Cause& cause) {
-  return {{"what", WordOf(cause.what)}, {"text", cause.text}, {"on", TextOrNull(cause.on)}};
 }
 
-// Whoever waits for its turn waits for the one that the boot waits for.
-Json CauseOf(const AppPicture& app, const ManagerPicture& manager) {
-  if (app.cause != nullptr) {
-    return CauseJson(*app.cause);
+template <typename Numbers>
+void WriteNumbers(JsonWriter& json, const Numbers& numbers) {
+  json.Open('[');
+  for (const auto number : numbers) {
+    json.Number(number);
   }
-  if (app.state != AppState::kWaiting) {
-    return nullptr;
-  }
-  if (manager.awaited == nullptr) {
-    return CauseJson({CauseKind::kTurn, "its turn has not come", {}});
-  }
-  return CauseJson({CauseKind::kTurn,
-                    "its turn comes behind " + manager.awaited->name + ", which the boot waits for",
-                    manager.awaited->name});
+  json.Close(']');
 }
 
-Json ExitsOf(const AppPicture& app) {
-  Json list = Json::array();
-  if (app.exits != nullptr) {
-    for (const Exit& exit : *app.exits) {
-      list.push_back({{"time", WallSeconds(exit.time)},
-                      {"pid", exit.pid},
-                      {"how", WordOf(exit.how)},
-                      {"value", exit.value},
-                      {"text", exit.text}});
-    }
-  }
-  return list;
-}
-
-Json AppJson(const AppPicture& app, const ManagerPicture& manager) {
-  const AppFacts& facts = *app.facts;
-  Json restarts = Json::object();
-  restarts.emplace("count", app.restarts);
-  restarts.emplace("policy", WordOf(facts.policy));
-  restarts.emplace("left", OrNull(RestartsLeft(app, SteadyNow())));
-  Json json = Json::object();
-  json.emplace("name", facts.name);
-  json.emplace("kind", WordOf(facts.kind));
-  json.emplace("owner", TextOrNull(facts.owner));
-  json.emplace("state", WordOf(app.state));
-  json.emplace("pid", app.pid == 0 ? Json(nullptr) : Json(app.pid));
-  json.emplace("since", WallSeconds(app.since));
-  json.emplace("reporting", facts.isReporting);
-  json.emplace("ready_ms", Milliseconds(app.readyIn));
-  json.emplace("restarts", std::move(restarts));
-  json.emplace("exits", ExitsOf(app));
-  json.emplace("cause", CauseOf(app, manager));
+// What every answer begins with.
+JsonWriter BeginAnswer() {
+  JsonWriter json;
+  json.Open('{');
+  json.Key("version").Number(1);
+  WriteTime(json.Key("time"), std::chrono::system_clock::now());
+  json.Key("uptime").Seconds(floor<microseconds>(SteadyNow().time_since_epoch()));
   return json;
 }
 
-Json ManagerJson(const ManagerPicture& manager) {
-  Json awaited = nullptr;
-  if (manager.awaited != nullptr) {
-    awaited = {{"name", manager.awaited->name}, {"since", WallSeconds(manager.awaitedSince)}};
-  }
-  return {{"pid", getpid()},
-          {"since", WallSeconds(manager.since)},
-          {"boot", manager.isBootDone ? "done" : "running"},
-          {"awaited", std::move(awaited)}};
+std::string EndAnswer(JsonWriter json) {
+  json.Close('}');
+  return std::move(json).Line();
 }
 
-Json DependsOf(const AppFacts& facts, const Picture& picture) {
-  Json list = Json::array();
+void WriteCause(JsonWriter& json, CauseKind what, const std::string& text, const std::string& on) {
+  json.Open('{');
+  json.Key("what").Text(WordOf(what));
+  json.Key("text").Text(text);
+  json.Key("on").TextOrNull(on);
+  json.Close('}');
+}
+
+// Whoever waits for its turn waits for the one that the boot waits for.
+void WriteCauseOf(JsonWriter& json, const AppPicture& app, const ManagerPicture& manager) {
+  if (app.cause != nullptr) {
+    WriteCause(json, app.cause->what, app.cause->text, app.cause->on);
+  } else if (app.state != AppState::kWaiting) {
+    json.Null();
+  } else if (manager.awaited == nullptr) {
+    WriteCause(json, CauseKind::kTurn, "its turn has not come", {});
+  } else {
+    const std::string& awaited = manager.awaited->name;
+    WriteCause(json, CauseKind::kTurn,
+               "its turn comes behind " + awaited + ", which the boot waits for", awaited);
+  }
+}
+
+void WriteExits(JsonWriter& json, const AppPicture& app) {
+  json.Open('[');
+  if (app.exits != nullptr) {
+    for (const Exit& exit : *app.exits) {
+      json.Open('{');
+      WriteTime(json.Key("time"), exit.time);
+      json.Key("pid").Number(exit.pid);
+      json.Key("how").Text(WordOf(exit.how));
+      json.Key("value").Number(exit.value);
+      json.Key("text").Text(exit.text);
+      json.Close('}');
+    }
+  }
+  json.Close(']');
+}
+
+// The members alone, for an object that may have more.
+void WriteApp(JsonWriter& json, const AppPicture& app, const ManagerPicture& manager) {
+  const AppFacts& facts = *app.facts;
+  json.Key("name").Text(facts.name);
+  json.Key("kind").Text(WordOf(facts.kind));
+  json.Key("owner").TextOrNull(facts.owner);
+  json.Key("state").Text(WordOf(app.state));
+  json.Key("pid").NumberOrNull(app.pid == 0 ? std::nullopt : std::optional(app.pid));
+  WriteTime(json.Key("since"), app.since);
+  json.Key("reporting").Bool(facts.isReporting);
+  WriteMilliseconds(json.Key("ready_ms"), app.readyIn);
+  json.Key("restarts").Open('{');
+  json.Key("count").Number(app.restarts);
+  json.Key("policy").Text(WordOf(facts.policy));
+  json.Key("left").NumberOrNull(RestartsLeft(app, SteadyNow()));
+  json.Close('}');
+  WriteExits(json.Key("exits"), app);
+  WriteCauseOf(json.Key("cause"), app, manager);
+}
+
+void WriteManager(JsonWriter& json, const ManagerPicture& manager) {
+  json.Open('{');
+  json.Key("pid").Number(getpid());
+  WriteTime(json.Key("since"), manager.since);
+  json.Key("boot").Text(manager.isBootDone ? "done" : "running");
+  json.Key("awaited");
+  if (manager.awaited == nullptr) {
+    json.Null();
+  } else {
+    json.Open('{');
+    json.Key("name").Text(manager.awaited->name);
+    WriteTime(json.Key("since"), manager.awaitedSince);
+    json.Close('}');
+  }
+  json.Close('}');
+}
+
+void WriteDepends(JsonWriter& json, const AppFacts& facts, const Picture& picture) {
+  json.Open('[');
   for (const std::string& name : facts.depends) {
     const auto found =
         std::find_if(picture.apps.begin(), picture.apps.end(), [&name](const AppPicture& app) {
           return app.facts->kind == AppKind::kBase && app.facts->name == name;
         });
-    list.push_back(
-        {{"name", name},
-         {"state", found == picture.apps.end() ? Json(nullptr) : Json(WordOf(found->state))}});
+    json.Open('{');
+    json.Key("name").Text(name);
+    json.Key("state").TextOrNull(found == picture.apps.end() ? "" : WordOf(found->state));
+    json.Close('}');
   }
-  return list;
+  json.Close(']');
 }
 
 // Its own group, and the supplementary ones as the kernel has them.
-Json GroupsOf(const AppFacts& facts, const ProcFacts& process) {
-  Json list = Json::array({facts.gid});
-  if (process.groups) {
-    for (const std::uint64_t group : *process.groups) {
-      if (group != facts.gid) {
-        list.push_back(group);
-      }
-    }
-  }
-  return list;
+void WriteGroups(JsonWriter& json, const AppFacts& facts, const ProcFacts& process) {
+  std::vector<std::uint64_t> groups = process.groups.value_or(std::vector<std::uint64_t>());
+  std::erase(groups, facts.gid);
+  groups.insert(groups.begin(), facts.gid);
+  WriteNumbers(json, groups);
 }
 
-Json CgroupsOf(const ProcFacts& process) {
+void WriteCores(JsonWriter& json, const AppFacts& facts, const ProcFacts& process) {
+  json.Open('{');
+  WriteNumbers(json.Key("asked"), facts.cores);
+  json.Key("kernel");
+  if (process.cores) {
+    WriteNumbers(json, *process.cores);
+  } else {
+    json.Null();
+  }
+  json.Close('}');
+}
+
+void WriteCgroups(JsonWriter& json, const ProcFacts& process) {
   if (!process.cgroups) {
-    return nullptr;
+    json.Null();
+    return;
   }
-  Json groups = Json::object();
+  json.Open('{');
   for (const auto& [controllers, path] : *process.cgroups) {
-    groups[controllers] = path;
+    json.Key(controllers).Text(path);
   }
-  return groups;
+  json.Close('}');
 }
 
 }  // namespace
 
 std::string StatusLine(const Picture& picture) {
-  Json answer = Answer();
-  answer["manager"] = ManagerJson(picture.manager);
-  ListLine line(answer, "apps");
+  JsonWriter json = BeginAnswer();
+  WriteManager(json.Key("manager"), picture.manager);
+  json.Key("apps").Open('[');
   for (const AppPicture& app : picture.apps) {
-    line.Add(AppJson(app, picture.manager));
+    json.Open('{');
+    WriteApp(json, app, picture.manager);
+    json.Close('}');
   }
-  return std::move(line).Finish();
+  json.Close(']');
+  return EndAnswer(std::move(json));
 }
 
 std::string ChangeLine(const Change& change) {
@@ -198,45 +200,57 @@ std::string AppLine(const AppPicture& app, const Picture& picture,
                     const AppSurroundings& surroundings) {
   const AppFacts& facts = *app.facts;
   const ProcFacts& process = surroundings.process;
-  Json answer = Answer();
-  answer.update(AppJson(app, picture.manager));
-  answer["path"] = TextOrNull(facts.path);
-  answer["arguments"] = facts.arguments;
+  JsonWriter json = BeginAnswer();
+  WriteApp(json, app, picture.manager);
+  json.Key("path").TextOrNull(facts.path);
+  json.Key("arguments").Open('[');
+  for (const std::string& argument : facts.arguments) {
+    json.Text(argument);
+  }
+  json.Close(']');
   // Of a process that has announced itself nothing was asked for.
   const bool isStranger = facts.kind == AppKind::kSelf && process.user;
-  answer["user"] = isStranger ? *process.user : facts.uid;
-  answer["groups"] = GroupsOf(facts, process);
-  answer["depends"] = DependsOf(facts, picture);
-  answer["cores"] = {{"asked", facts.cores}, {"kernel", OrNull(process.cores)}};
-  answer["cgroups"] = CgroupsOf(process);
-  answer["threads"] = OrNull(process.threads);
-  answer["cpu_ms"] = OrNull(process.cpuMs);
-  answer["rss_kib"] = OrNull(process.rssKib);
-  answer["fds"] = OrNull(process.fds);
-  answer["channel"] = surroundings.hasChannel;
-  answer["beat"] = surroundings.sinceBeat ? Json(Seconds(*surroundings.sinceBeat)) : Json(nullptr);
-  answer["start_file"] = TextOrNull(facts.startFile);
-  return Line(answer);
+  json.Key("user").Number(isStranger ? *process.user : facts.uid);
+  WriteGroups(json.Key("groups"), facts, process);
+  WriteDepends(json.Key("depends"), facts, picture);
+  WriteCores(json.Key("cores"), facts, process);
+  WriteCgroups(json.Key("cgroups"), process);
+  json.Key("threads").NumberOrNull(process.threads);
+  json.Key("cpu_ms").NumberOrNull(process.cpuMs);
+  json.Key("rss_kib").NumberOrNull(process.rssKib);
+  json.Key("fds").NumberOrNull(process.fds);
+  json.Key("channel").Bool(surroundings.hasChannel);
+  json.Key("beat");
+  if (surroundings.sinceBeat) {
+    json.Seconds(*surroundings.sinceBeat);
+  } else {
+    json.Null();
+  }
+  json.Key("start_file").TextOrNull(facts.startFile);
+  return EndAnswer(std::move(json));
 }
 
 std::string BootLine(const BootPicture& boot) {
-  Json answer = Answer();
-  answer["begin"] = 0.0;
-  answer["end"] = Milliseconds(boot.end);
-  ListLine line(answer, "spans");
+  JsonWriter json = BeginAnswer();
+  json.Key("begin").Milliseconds({});
+  WriteMilliseconds(json.Key("end"), boot.end);
+  json.Key("spans").Open('[');
   for (const Span& span : boot.spans) {
-    line.Add({{"name", span.facts == nullptr ? kManagerName : span.facts->name},
-              {"phase", WordOf(span.phase)},
-              {"begin", Milliseconds(span.begin)},
-              {"end", Milliseconds(span.end)}});
+    json.Open('{');
+    json.Key("name").Text(span.facts == nullptr ? kManagerName : span.facts->name);
+    json.Key("phase").Text(WordOf(span.phase));
+    json.Key("begin").Milliseconds(span.begin);
+    WriteMilliseconds(json.Key("end"), span.end);
+    json.Close('}');
   }
-  return std::move(line).Finish();
+  json.Close(']');
+  return EndAnswer(std::move(json));
 }
 
 std::string ErrorLine(const std::string& text) {
-  Json answer = Answer();
-  answer["error"] = text;
-  return Line(answer);
+  JsonWriter json = BeginAnswer();
+  json.Key("error").Text(text);
+  return EndAnswer(std::move(json));
 }
 
 }  // namespace ProcMgr::Status

@@ -40,18 +40,18 @@ class StatusServiceTest : public Test {
   Memory memory_;
   StatusService service_{memory_,
                          {[](const std::string&) { return true; },
-                          [](const std::string&) { return milliseconds(1500); }}};
+                          [](const std::string&) { return milliseconds(1050); }}};
 };
 
 TEST_F(StatusServiceTest, AnswersEveryRequestOnOneConnection) {
-  const AppId cam = Mention("cam \xff");
+  const AppId cam = Mention("cam \xff\"\\\x01");
   memory_.NoteStarted(cam, getpid());
   StatusPeer peer(Path());
   const json status = peer.Ask(kStatus);
   EXPECT_EQ(status.at("version"), 1);
   EXPECT_EQ(status.at("manager").at("pid"), getpid());
   EXPECT_EQ(status.at("manager").at("boot"), "running");
-  EXPECT_EQ(status.at("apps").at(0).at("name"), "cam \xef\xbf\xbd");
+  EXPECT_EQ(status.at("apps").at(0).at("name"), "cam \xef\xbf\xbd\"\\\x01");
   EXPECT_EQ(status.at("apps").at(0).at("restarts").at("left"), 5);
 
   const json app = peer.Ask("{\"get\":\"app\",\"name\":\"" + std::string("cam") + "\"}");
@@ -60,7 +60,7 @@ TEST_F(StatusServiceTest, AnswersEveryRequestOnOneConnection) {
   memory_.NoteStarted(known, getpid());
   const json details = peer.Ask(R"({"get":"app","name":"known"})");
   EXPECT_EQ(details.at("channel"), true);
-  EXPECT_EQ(details.at("beat"), 1.5);
+  EXPECT_EQ(details.at("beat"), 1.05);
   EXPECT_EQ(details.at("depends"), json::parse(R"([{"name":"absent","state":null}])"));
   EXPECT_GE(details.at("threads"), 2);
   EXPECT_GE(details.at("fds"), 5);
