@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/unique_fd.h"
+#include "base/unix_address.h"
 #include "bench/listed_program.h"
 #include "bench/restarted_service.h"
 #include "message/serialization.h"
@@ -287,6 +288,37 @@ class UploadClients : public Burden {
   std::vector<RawPeer> clients_;
 };
 
+// As many clients as the status service takes say half a line, watch, or ask, and never read.
+class StatusClients : public Burden {
+ public:
+  StatusClients(const Sandbox& sandbox, LogReader&)
+      : path_(sandbox.Outside("/run/process-manager/status.sock")) {}
+  void Renew() override {
+    static constexpr std::string_view kTexts[] = {"{\"get\":", "{\"watch\":true}\n",
+                                                  "{\"get\":\"status\"}\n",
+                                                  "{\"get\":\"boot\"}\n\xff[[\n"};
+    clients_.clear();  // Some have been closed for what they did.
+    while (clients_.size() < kClients) {
+      ProcMgr::UniqueFd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+      const ProcMgr::UnixAddress address(path_);
+      PmSandbox::CheckStep(connect(client.Get(), address.Get(), address.Size()) == 0, "connect");
+      clients_.push_back(std::move(client));
+    }
+    for (std::size_t i = 0; i < kClients; ++i) {
+      const std::string_view text = kTexts[i % std::size(kTexts)];
+      for (int times = i % std::size(kTexts) == 0 ? 1 : 300; times > 0; --times) {
+        (void)send(clients_[i].Get(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+      }
+    }
+  }
+  void End() override { clients_.clear(); }
+
+ private:
+  static constexpr std::size_t kClients = 16;
+  const std::string path_;
+  std::vector<ProcMgr::UniqueFd> clients_;
+};
+
 // Nobody reads the log, and a service has it written to until nothing more fits.
 class FullLog : public Played {
  public:
@@ -395,6 +427,7 @@ constexpr BurdenKind kKinds[] = {
     {"5 agents start a program of 1 GB", &Make<SlowRequests>},
     {"8 agents and iammgr don't read", &Make<DeafPeers>},
     {"40 uploaders are silent and 40 don't read", &Make<UploadClients>},
+    {"16 clients of the status don't read", &Make<StatusClients>},
     {"the log is full", &Make<FullLog>},
     {"a configuration is reloaded", &Make<EndlessReload>},
     {"a channel closes in its callback", &Make<ClosingInCallback>},
