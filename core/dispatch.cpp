@@ -51,7 +51,8 @@ namespace {
 
 // What services say about themselves is heard to the end; requests end with the request to stop.
 bool IsReport(RequestType type) {
-  return type == RequestType::BASESERVICE_STATE_REPORT || type == RequestType::APP_EXECUTION_REPORT;
+  return type == RequestType::BASESERVICE_STATE_REPORT ||
+         type == RequestType::APP_EXECUTION_REPORT || type == RequestType::HEART_MSG;
 }
 
 }  // namespace

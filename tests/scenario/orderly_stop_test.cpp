@@ -121,5 +121,67 @@ TEST_F(OrderlyStop, ASecondRequestCutsTheTimeOutsShort) {
                                                     Killed("patient")));
 }
 
+// Fifty services, each of which depends on the one before, and nine on each that nobody depends on:
+// some don't hear of the end, one is stopped, one dies meanwhile.
+TEST_F(OrderlyStop, FiveHundredServicesInFiftyLevels) {
+  constexpr int kLevels = 50;
+  constexpr int kLeaves = 9;
+  constexpr int kDeafEvery = 10;
+  sandbox_.InstallProgram(ProgramPath("hello_service"), "/opt/test/hello");
+  std::vector<App> apps;
+  for (int level = 0; level < kLevels; ++level) {
+    const std::string name = "level" + std::to_string(level);
+    App app{name, "/opt/test/hello", {}, {{"isReporting", "true"}, {"restart", "on-forever"}}};
+    app.keys.emplace_back("envArgv", "{PROC_NAME: " + name + "}");
+    if (level > 0) {
+      app.keys.emplace_back("dependList", "[level" + std::to_string(level - 1) + "]");
+    }
+    apps.push_back(app);
+    for (int i = 0; i < kLeaves; ++i) {
+      const bool isDeaf = i == 0 && level % kDeafEvery == 0;
+      apps.push_back(
+          Service("leaf" + std::to_string(level) + "-" + std::to_string(i),
+                  isDeaf ? std::vector<std::string>{"--ignore-term"} : std::vector<std::string>{},
+                  {{"dependList", "[" + name + "]"}, {"termTimeOut", "300"}}));
+    }
+  }
+  Boot(apps);
+  AwaitBooted();
+  ASSERT_TRUE(Await("STARTING to RUNNING appName=leaf49-8,"));
+  const pid_t stopped = AwaitStarted("leaf7-1");
+  const pid_t dying = AwaitStarted("level3");
+  ASSERT_TRUE(stopped > 0 && dying > 0);
+  ASSERT_EQ(kill(stopped, SIGSTOP), 0);
+  const std::size_t before = log_.Lines().size();
+  Ask();
+  ASSERT_TRUE(Await("asked base services to end, appList=level40,", before));
+  EXPECT_EQ(kill(dying, SIGKILL), 0);
+  ExpectEnd();
+  std::map<std::string, std::size_t> roundOf;
+  std::size_t round = 0;
+  for (const std::string& step : Steps(before)) {
+    const std::string names = step.substr(step.find('=') + 1);
+    for (std::size_t begin = 0, end = 0; step.starts_with("asked base services") &&
+                                         (end = names.find(',', begin)) != std::string::npos;
+         begin = end + 1) {
+      roundOf[names.substr(begin, end - begin)] = round;
+    }
+    ++round;
+  }
+  EXPECT_EQ(roundOf.size(), std::size_t{kLevels * (kLeaves + 1)} - 1) << "all but the dead one";
+  EXPECT_LT(roundOf["leaf0-0"], roundOf["level49"]);
+  for (int level = 0; level < kLevels - 1; ++level) {
+    if (level != 2 && level != 3) {
+      const std::string name = "level" + std::to_string(level);
+      EXPECT_LT(roundOf["level" + std::to_string(level + 1)], roundOf[name]) << name;
+    }
+  }
+  const std::vector<std::string> lines = log_.Masked(before);
+  EXPECT_EQ(CountLines(lines, "SetExitStatus"), std::size_t{kLevels * (kLeaves + 1)});
+  EXPECT_EQ(CountLines(lines, "has not ended, so SIGKILL"), std::size_t{kLevels / kDeafEvery + 1});
+  EXPECT_EQ(CountLines(lines, "Start baseApp success"), 0U);
+  EXPECT_EQ(CountLines(lines, "is not taken"), 0U) << "a heart beat is no request";
+}
+
 }  // namespace
 }  // namespace PmTest
