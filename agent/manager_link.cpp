@@ -84,7 +84,8 @@ Result ManagerLink::Serve(const std::string& name) {
   };
   param.peerFilter = [user = ownUser_](const NexioPeer& peer) {
     // A user that several programs share names none of them, and neither does root.
-    return (peer.uid == 0 || (peer.uid == user && peer.pid != 0)) && MayBeManager(peer.pid);
+    return (peer.uid == 0 || (peer.uid == user && peer.pid != 0)) &&
+           MayBeManager(peer.pid, peer.uid);
   };
   const int server = NexioCreateServer(param);
   if (server < 0) {

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -69,13 +70,16 @@ int TellManagerPid() {
   return error;
 }
 
-bool MayBeManager(pid_t pid) {
+bool MayBeManager(pid_t pid, uid_t user) {
   if (pid == 0 || pid == getpid() || pid == getppid()) {
     return true;
   }
   errno = 0;
   const pid_t told = ToldPid();
-  return told == pid || (told < 0 && errno == ENOENT);
+  if (told > 0) {
+    return told == pid || (user == 0 && kill(told, 0) != 0 && errno == ESRCH);
+  }
+  return errno == ENOENT;
 }
 
 }  // namespace ProcMgr

@@ -207,28 +207,28 @@ TEST_F(AgentChannel, OnlyTheManagerOfAUserIsLetIn) {
   constexpr const char* kFile = "/run/process-manager.pid";
   const auto agent = MakeAgent();
   struct Case {
-    std::string before;  // The file's text, with P in place of the process's pid.
-    std::string after;
+    std::string text;  // Of the file, with P in place of the process's pid.
     uid_t owner;
     mode_t mode;
     bool isLetIn;
   };
   const Case cases[] = {
-      {"", "P\n", 0, 0644, true},     {"", "1\n", 0, 0644, false}, {"1", "P\n", 0, 0644, false},
-      {"", "P\n", 1234, 0644, false}, {"", "P\n", 0, 0646, false}, {"", "P", 0, 0644, false},
-      {"", "", 0, 0644, false},
+      {"P\n", 0, 0644, true},       {"1\n", 0, 0644, false},
+      {"4194305\n", 0, 0644, true},  // No process has such a number: that manager has gone.
+      {"P\n", 1234, 0644, false},   {"P\n", 0, 0646, false},
+      {"P", 0, 0644, false},        {"", 0, 0644, false},
   };
   const auto connect = [&](const std::function<void(pid_t)>& before) {
     return [&, before] { return ConnectRawAsAnother(sandbox_, "svc", before).value(); };
   };
   EXPECT_TRUE(IsLetIn(*agent, Connect(*agent), 0, connect([](pid_t) {}))) << "no manager yet";
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.before + c.after + " " + std::to_string(c.owner));
+    SCOPED_TRACE(c.text + " " + std::to_string(c.owner));
     LogCapture log;
     pid_t other = 0;
     const auto write = [&](pid_t pid) {
       other = pid;
-      std::string text = c.before + c.after;
+      std::string text = c.text;
       if (const std::size_t at = text.find('P'); at != std::string::npos) {
         text.replace(at, 1, std::to_string(pid));
       }
