@@ -12,8 +12,7 @@
 //   coreAffinityThread_
 //                     CheckCoreAffinityThread, once a delayed binding was requested.
 //   signalThread_     PlatformSignalThread: takes the signals of a delayed binding, of a wake-up
-//   and
-//                     of an orderly stop as they come.
+//                     and of an orderly stop as they come.
 //   eventThread_      PlatformEventThread: does what the first two ask for.
 //   The status service has a thread of its own (status/status_service.h), which takes no lock but
 //                     that of the memory, the name table's and the heartbeat library's.

@@ -17,9 +17,8 @@ namespace {
 
 using std::chrono::microseconds;
 
-constexpr std::size_t kPhasesOfOneOwner = 4;
-
 // The phases come in two groups of four, the manager's and the applications'.
+constexpr std::size_t kPhasesOfOneOwner = 4;
 bool IsOfAnApp(Phase phase) {
   return static_cast<std::size_t>(phase) >= kPhasesOfOneOwner;
 }
