@@ -34,4 +34,19 @@ build_packages() {
   rm -rf build-package/packages
   cpack --config build-package/CPackConfig.cmake -B "$PWD/build-package/packages"
   rm -rf build-package/packages/_CPack_Packages
+  local package
+  for package in build-package/packages/*.ddeb; do
+    mend_checksums "$package"
+  done
+}
+
+# mend_checksums PACKAGE: CPack names the files of debug symbols in the list of their checksums by the paths that they
+# had while it packed them.
+mend_checksums() {
+  local folder
+  folder=$(mktemp -d)
+  dpkg-deb -R "$1" "$folder/package"
+  sed -i 's|  /.*/usr/lib/debug/|  usr/lib/debug/|' "$folder/package/DEBIAN/md5sums"
+  dpkg-deb --root-owner-group -Zgzip -b "$folder/package" "$1" >/dev/null
+  rm -rf "$folder"
 }

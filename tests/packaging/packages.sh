@@ -79,7 +79,12 @@ boot() {
 }
 on_board() { nsenter --target "$(pgrep --parent "$board")" --mount --pid "$@"; }
 is_up() { [[ $(on_board "$root/usr/bin/pmctl" status 2>/dev/null) =~ iammgr\ .*running.*operator\ .*running ]]; }
-running() { on_board pgrep --exact 'process-manager|iammgr|operator'; }
+# Pid and start time of each: the pids of a board begin anew with each boot.
+running() {
+  on_board sh -c 'for pid in $(pgrep --exact "process-manager|iammgr|operator"); do
+    cut -d" " -f1,22 "/proc/$pid/stat"
+  done'
+}
 within() { # SECONDS CONDITION...
   local end=$((SECONDS + $1))
   until "${@:2}"; do
