@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/printable.h"
+#include "base/xml_text.h"
 #include "tools/check/graph.h"
 
 namespace ProcMgr::Check {
@@ -47,27 +48,9 @@ struct Column {
   std::vector<std::string> names;
 };
 
-std::string XmlText(std::string_view text) {
-  std::string escaped;
-  for (const char c : Printable(text, text.size())) {
-    switch (c) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      default:
-        escaped += c;
-    }
-  }
-  return escaped;
+// Names and texts come from files.
+std::string Shown(std::string_view text) {
+  return XmlText(Printable(text, text.size()));
 }
 
 // name="value" with a blank in front of it.
@@ -137,7 +120,7 @@ std::size_t Place(std::vector<Column> columns, const Graph& graph,
       y += kRowHeight;
     }
     headings += "<text" + Number("x", x + width / 2) + Number("y", kMargin + kBoxHeight / 2) + ">" +
-                XmlText(column.heading) + "</text>\n";
+                Shown(column.heading) + "</text>\n";
     x += width + kColumnGap;
   }
   return x;
@@ -181,14 +164,14 @@ std::string SvgNode(const GraphNode& node, const Box& box, const std::string& to
   if (node.isRed) {
     out += node.isThere ? " class=\"red\"" : " class=\"red lost\"";
   }
-  out += "><title>" + XmlText(node.name) + told + "</title>";
+  out += "><title>" + Shown(node.name) + told + "</title>";
   out += "<rect" + Number("x", box.x) + Number("y", box.y) + size + "/>";
   if (node.isReporting) {
     out += "<rect" + Number("x", box.x + 3) + Number("y", box.y + 3) +
            Number("width", box.width - 6) + Number("height", kBoxHeight - 6) + "/>";
   }
   return out + "<text" + Number("x", box.x + box.width / 2) +
-         Number("y", box.y + kBoxHeight / 2 + 4) + ">" + XmlText(node.name) + "</text></g>\n";
+         Number("y", box.y + kBoxHeight / 2 + 4) + ">" + Shown(node.name) + "</text></g>\n";
 }
 
 }  // namespace
@@ -211,7 +194,7 @@ std::string SvgGraph(const CheckedFile& file) {
   }
   std::map<std::string, std::string> told;
   for (const Finding& finding : file.findings) {
-    told[finding.service] += '\n' + XmlText(finding.text);
+    told[finding.service] += '\n' + Shown(finding.text);
   }
   for (const GraphNode& node : graph.nodes) {
     if (const auto box = boxes.find(node.name); box != boxes.end()) {
@@ -220,7 +203,7 @@ std::string SvgGraph(const CheckedFile& file) {
   }
   const std::size_t height = 2 * kMargin + kHeading + rows * kRowHeight;
   return "<svg xmlns=\"http://www.w3.org/2000/svg\"" + Number("width", width) +
-         Number("height", height) + ">\n<title>" + XmlText(file.files.first.path) + "</title>\n" +
+         Number("height", height) + ">\n<title>" + Shown(file.files.first.path) + "</title>\n" +
          kStyle + body + "</svg>\n";
 }
 

@@ -4,39 +4,19 @@
 #include <cmath>
 #include <cstdio>
 
+#include "base/xml_text.h"
 #include "tools/pmctl/boot_page_parts.h"
 #include "tools/pmctl/words.h"
 
 namespace PmCtl {
 namespace {
 
+using ProcMgr::XmlText;
+
 // Pixels.
 constexpr int kRowHeight = 18;
 constexpr int kAxisHeight = 22;
 constexpr int kPictureWidth = 1200;
-
-std::string Escaped(const std::string& text) {
-  std::string out;
-  for (const char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return out;
-}
 
 // All places along the axis of time are parts of its length, so that the page can stretch it.
 std::string Percent(double part) {
@@ -83,8 +63,8 @@ class Drawing {
     std::string text;
     int y = 0;
     for (const BootRow& row : boot_.rows) {
-      text += "<g class=\"row\" data-name=\"" + Escaped(row.name) + "\" transform=\"translate(0," +
-              std::to_string(y) + ")\"><title>" + Escaped(Numbers(row)) +
+      text += "<g class=\"row\" data-name=\"" + XmlText(row.name) + "\" transform=\"translate(0," +
+              std::to_string(y) + ")\"><title>" + XmlText(Numbers(row)) +
               "</title><rect class=\"whole\" width=\"100%\" height=\"" +
               std::to_string(kRowHeight) + "\"/>";
       for (const BootSpan& span : row.spans) {
@@ -131,7 +111,7 @@ class Drawing {
   // The opening of the channel goes on beside the rest, so its bar is a thin one.
   [[nodiscard]] std::string Bar(const BootSpan& span) const {
     const bool isThin = span.phase == "open";
-    return "<rect class=\"" + Escaped(span.phase) + (span.isCritical ? " critical" : "") +
+    return "<rect class=\"" + XmlText(span.phase) + (span.isCritical ? " critical" : "") +
            (span.isOver ? "" : " pending") + "\" x=\"" + Percent(span.begin / length_) + "\" y=\"" +
            (isThin ? "13" : "3") + "\" width=\"" + Percent(span.Length() / length_) +
            "\" height=\"" + (isThin ? "3" : "10") + "\"/>";
@@ -145,7 +125,7 @@ class Drawing {
     const bool isBehind = end < 1 - kRoom;
     const bool isBefore = !isBehind && begin > kRoom;
     return "<text x=\"" + Percent(isBehind ? end : begin) + "\" dx=\"" +
-           (isBefore ? "-5\" text-anchor=\"end" : "5") + "\" y=\"13\">" + Escaped(row.name) +
+           (isBefore ? "-5\" text-anchor=\"end" : "5") + "\" y=\"13\">" + XmlText(row.name) +
            "</text>";
   }
 
@@ -182,7 +162,7 @@ std::string BootSvg(const BootTimeline& boot) {
       "width=\"" + std::to_string(kPictureWidth) + "\" height=\"" + std::to_string(height) + "\"";
   return "<svg xmlns=\"http://www.w3.org/2000/svg\" " + size + " color=\"black\">\n<style>" +
          kDrawingStyle + "</style>\n<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n" +
-         "<text x=\"3\" y=\"14\">" + Escaped(drawing.Heading()) + "  " + Legend() +
+         "<text x=\"3\" y=\"14\">" + XmlText(drawing.Heading()) + "  " + Legend() +
          "</text>\n<svg y=\"" + std::to_string(kAxisHeight) + "\" " + size + ">" +
          drawing.Axis(height, true, 1) + "<svg y=\"" + std::to_string(kAxisHeight) + "\" " + size +
          ">\n" + drawing.Rows() + "</svg></svg></svg>\n";
@@ -195,7 +175,7 @@ std::string BootPage(const BootTimeline& boot) {
            inside + "</svg>\n";
   };
   return kPageHead + ("<style>" + std::string(kDrawingStyle)) + kPageStyle +
-         "</style>\n</head><body>\n<header><span id=\"heading\">" + Escaped(drawing.Heading()) +
+         "</style>\n</head><body>\n<header><span id=\"heading\">" + XmlText(drawing.Heading()) +
          "</span>" + kPageControls +
          svg("legend", kAxisHeight, "<text y=\"14\">" + Legend() + "</text>") +
          "</header>\n<div id=\"box\"><div id=\"inner\" class=\"coarse\">\n" +

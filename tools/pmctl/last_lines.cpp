@@ -6,8 +6,10 @@
 #include <array>
 #include <cstdio>
 #include <fstream>
+#include <string_view>
 
 #include "base/printable.h"
+#include "base/text_lines.h"
 
 namespace PmCtl {
 namespace {
@@ -35,9 +37,8 @@ std::vector<std::string> FromJournal(const std::vector<pid_t>& pids) {
     text.append(block.data(), n);
   }
   (void)pclose(pipe);
-  for (std::size_t begin = 0, end = 0; begin < text.size(); begin = end + 1) {
-    end = std::min(text.find('\n', begin), text.size());
-    lines.push_back(text.substr(begin, end - begin));
+  for (std::string_view rest = text; !rest.empty();) {
+    lines.emplace_back(ProcMgr::TakeLine(rest));
   }
   return lines;
 }
