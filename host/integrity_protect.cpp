@@ -139,11 +139,18 @@ bool IntegrityProtect::Check(const std::string& binPath) {
   return HasWantedDigest(binPath, entry->second);
 }
 
+IntegrityProtect::Verdicts::iterator IntegrityProtect::FindVerdict(
+    const std::string& binPath, const std::optional<FileState>& file) {
+  const auto verdict = verdicts_.find(binPath);
+  const bool isKnown = verdict != verdicts_.end() && !verdict->second.isUnderWay;
+  return isKnown && verdict->second.file == file ? verdict : verdicts_.end();
+}
+
 std::optional<bool> IntegrityProtect::TakeVerdict(const std::string& binPath) {
   const std::optional<FileState> file = StateOfFile(binPath.c_str());
   const MutexLock lock(mutex_);
-  const auto verdict = verdicts_.find(binPath);
-  if (verdict == verdicts_.end() || verdict->second.isUnderWay || verdict->second.file != file) {
+  const auto verdict = FindVerdict(binPath, file);
+  if (verdict == verdicts_.end()) {
     return std::nullopt;
   }
   const bool passes = verdict->second.passes;
@@ -235,10 +242,7 @@ bool IntegrityProtect::IsAtHand(const std::string& binPath) {
   }
   const std::optional<FileState> file = StateOfFile(binPath.c_str());
   const MutexLock lock(mutex_);
-  const auto verdict = verdicts_.find(binPath);
-  return !file || !file->IsRegular() ||
-         (verdict != verdicts_.end() && !verdict->second.isUnderWay &&
-          verdict->second.file == *file);
+  return !file || !file->IsRegular() || FindVerdict(binPath, file) != verdicts_.end();
 }
 
 bool IntegrityProtect::IsWorkedOut(const std::string& binPath) {

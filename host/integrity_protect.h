@@ -63,6 +63,8 @@ class IntegrityProtect {
     bool passes = false;
   };
 
+  using Verdicts = std::map<std::string, Verdict>;  // By path.
+
   // What is left to be done for a verdict.
   struct Task {
     const std::string* wanted = nullptr;  // The digest; null if there is nothing to be done,
@@ -72,6 +74,10 @@ class IntegrityProtect {
 
   [[nodiscard]] const std::string* WantedDigest(const std::string& binPath) const;
   [[nodiscard]] static bool HasWantedDigest(const std::string& binPath, const std::string& wanted);
+  // The verdict on the file as it is; the end if there is none, or not yet.
+  [[nodiscard]] Verdicts::iterator FindVerdict(const std::string& binPath,
+                                               const std::optional<FileState>& file)
+      REQUIRES(mutex_);
   [[nodiscard]] std::optional<bool> TakeVerdict(const std::string& binPath) EXCLUDES(mutex_);
   [[nodiscard]] Task Begin(const std::string& binPath) EXCLUDES(mutex_);
   void Finish(const std::string& binPath, const Task& task) EXCLUDES(mutex_);
@@ -89,7 +95,7 @@ class IntegrityProtect {
   // A leaf.
   Mutex mutex_;
   CondVar finished_;
-  std::map<std::string, Verdict> verdicts_ GUARDED_BY(mutex_);  // By path.
+  Verdicts verdicts_ GUARDED_BY(mutex_);
   // A few at a time, so that services that die together don't take all cores from the others.
   Crew crew_{2};
 };
