@@ -24,7 +24,7 @@ std::string BootedDaemon::Prepare(int services,
                                   const std::string& settings) const {
   PrepareHost(sandbox_);
   if (!settings.empty()) {
-    sandbox_.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml", settings);
+    sandbox_.WriteSettings(settings);
   }
   std::vector<PmSandbox::App> apps;
   apps.reserve(static_cast<std::size_t>(services));

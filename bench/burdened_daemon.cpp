@@ -16,10 +16,6 @@ namespace {
 
 using PmSandbox::Demand;
 
-double MsBetween(long long beginNs, long long endNs) {
-  return static_cast<double>(endNs - beginNs) / 1e6;
-}
-
 // The manager reaps an exit as soon as it is filed.
 void AwaitReaped(pid_t pid) {
   constexpr long long kStepNs = 100'000;

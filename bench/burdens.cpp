@@ -204,11 +204,7 @@ class DeafPeers : public Burden {
   }
   void Serve() override {
     for (const auto& server : servers_) {
-      auto peer = server->AcceptGreeted();
-      Demand(peer.has_value() &&
-                 peer->Send(PmSandbox::FramePacket(PmSandbox::StateFrame(PmSandbox::kStateReady))),
-             "no channel");
-      peers_.push_back(std::move(*peer));
+      peers_.push_back(PmSandbox::AcceptReady(*server));
     }
   }
   // Far more answers than a socket holds.
@@ -252,8 +248,7 @@ class DeafPeers : public Burden {
 class UploadClients : public Burden {
  public:
   UploadClients(const Sandbox& sandbox, LogReader&) : sandbox_(sandbox) {
-    sandbox.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml",
-                      "watch_dog: {enable: false}\npmupload: {enable: true}\n");
+    sandbox.WriteSettings("watch_dog: {enable: false}\npmupload: {enable: true}\n");
     std::string groups = "sharepool_groups:\n";
     for (int i = 1; i < 1000; ++i) {
       groups += "  - group_" + std::to_string(i) + ": {mem_size: 4}\n";

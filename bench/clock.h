@@ -21,6 +21,10 @@ inline long long MonotonicNs() {
   return ReadClockNs(CLOCK_MONOTONIC);
 }
 
+inline double MsBetween(long long beginNs, long long endNs) {
+  return static_cast<double>(endNs - beginNs) / 1e6;
+}
+
 // The CPU time of all threads of a process, user and system; its children don't count.
 inline long long CpuNs(pid_t pid) {
   clockid_t clock{};

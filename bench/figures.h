@@ -2,8 +2,12 @@
 #ifndef BENCH_FIGURES_H
 #define BENCH_FIGURES_H
 
+#include <algorithm>
+#include <functional>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace PmBench {
@@ -26,6 +30,14 @@ void PrintFigure(const Figure& figure);
 // Of a list that isn't empty. `part` from 0 to 1: 0.5 is the median.
 double Percentile(std::vector<double> values, double part);
 double Mean(const std::vector<double>& values);
+
+// The median of one figure of each, which `get` picks: a function, or a pointer to a member.
+template <typename Each, typename Get>
+double MedianOf(const std::vector<Each>& all, Get get) {
+  std::vector<double> values;
+  std::transform(all.begin(), all.end(), std::back_inserter(values), std::mem_fn(get));
+  return Percentile(std::move(values), 0.5);
+}
 
 }  // namespace PmBench
 

@@ -30,7 +30,8 @@ ListedProgram::ListedProgram(const PmSandbox::Sandbox& sandbox)
   for (const std::string& path : {std::string(kPath), kPath + kGood}) {
     sandbox.InstallProgram(PmSandbox::ProgramPath("bench-service"), path);
   }
-  sandbox.WriteFile("/etc/zur/base-plat/process-manager/bin_hash.cfg", "large=" + Digest() + "\n");
+  sandbox.WriteFile(std::string(PmSandbox::Sandbox::kConfigDir) + "bin_hash.cfg",
+                    "large=" + Digest() + "\n");
 }
 
 void ListedProgram::Grow() const {

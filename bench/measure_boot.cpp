@@ -16,9 +16,8 @@ Figure BootOfMany() {
   const double bareMs =
       MeasureFloorAtOnce(daemon.Host(), daemon.ResidentKib(), kMany, kMany).startUs / 1e3;
   const long long lastNs = LastMainNs(daemon.Services().Await(kMany));
-  return {"boot: from the daemon's start to the 1000th main",
-          static_cast<double>(lastNs - daemon.StartNs()) / 1e6, "ms", bareMs,
-          kTimesBareOnes * bareMs};
+  return {"boot: from the daemon's start to the 1000th main", MsBetween(daemon.StartNs(), lastNs),
+          "ms", bareMs, kTimesBareOnes * bareMs};
 }
 
 }  // namespace
@@ -29,8 +28,8 @@ std::vector<Figure> MeasureBoot() {
   const double floorMs = Mean(floor.forkToMainUs) / 1e3;
 
   const std::vector<Mark> marks = daemon.Services().Await(kServices);
-  const double firstMs = static_cast<double>(marks.front().mainNs - daemon.StartNs()) / 1e6;
-  const double lastMs = static_cast<double>(marks.back().mainNs - daemon.StartNs()) / 1e6;
+  const double firstMs = MsBetween(daemon.StartNs(), marks.front().mainNs);
+  const double lastMs = MsBetween(daemon.StartNs(), marks.back().mainNs);
   return {
       {"boot: from the daemon's start to the first main", firstMs, "ms", {}, {}},
       {"boot: from the daemon's start to the 50th main", lastMs, "ms", floorMs * kServices, {}},

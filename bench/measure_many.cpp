@@ -19,17 +19,13 @@ constexpr double kIdleMs = 0.6;
 // manager does for all of them at once takes about as long as a third.
 constexpr double kThreePassesMs = 90;
 
-double MsSince(long long ns) {
-  return static_cast<double>(MonotonicNs() - ns) / 1e6;
-}
-
 // Starts `count` applications in one request and yields the time up to the last main.
 double StartAllMs(ServedDaemon& daemon, int count) {
   const long long sent = MonotonicNs();
   daemon.Start(0, count);
   (void)daemon.AwaitReports(count, kStarted);
   const long long last = LastMainNs(daemon.Applications().Await(static_cast<std::size_t>(count)));
-  return static_cast<double>(last - sent) / 1e6;
+  return MsBetween(sent, last);
 }
 
 void MeasureStart(ServedDaemon& daemon, int count, std::vector<Figure>& figures) {
@@ -47,8 +43,8 @@ void MeasureTermination(ServedDaemon& daemon, std::vector<Figure>& figures) {
   daemon.Terminate(0, kTerminated);
   (void)daemon.AwaitReports(kTerminated, kEnded);
   const double floorMs = floor.endUs / 1e3;
-  figures.push_back({"many: 500 terminated, request to last report", MsSince(sent), "ms", floorMs,
-                     floorMs + kThreePassesMs});
+  figures.push_back({"many: 500 terminated, request to last report", MsBetween(sent, MonotonicNs()),
+                     "ms", floorMs, floorMs + kThreePassesMs});
 }
 
 void MeasureKills(ServedDaemon& daemon, std::vector<Figure>& figures) {
@@ -61,8 +57,8 @@ void MeasureKills(ServedDaemon& daemon, std::vector<Figure>& figures) {
   }
   (void)daemon.AwaitReports(kKilled, kCrashed);
   const double floorMs = floor.endUs / 1e3;
-  figures.push_back({"many: 200 killed at once, to the last report", MsSince(killed), "ms", floorMs,
-                     floorMs + kThreePassesMs});
+  figures.push_back({"many: 200 killed at once, to the last report",
+                     MsBetween(killed, MonotonicNs()), "ms", floorMs, floorMs + kThreePassesMs});
 }
 
 void MeasureWhileUp(const ServedDaemon& daemon, long emptyKib, std::vector<Figure>& figures) {

@@ -43,7 +43,7 @@ void MeasureAnswer(std::vector<Figure>& figures) {
     const long long before = MonotonicNs();
     client.Send(R"({"get":"status"})", Soon());
     size = client.Receive(Soon()).size();
-    times.push_back(static_cast<double>(MonotonicNs() - before) / 1e6);
+    times.push_back(MsBetween(before, MonotonicNs()));
   }
   figures.push_back(
       {"status: answer for 1000, at the client", Percentile(times, 0.5), "ms", {}, 5.0});
@@ -71,7 +71,7 @@ void MeasureLock(std::vector<Figure>& figures) {
   for (int i = 0; i < kRounds; ++i) {
     const long long before = MonotonicNs();
     const ProcMgr::Status::Picture picture = memory.Copy();
-    times.push_back(static_cast<double>(MonotonicNs() - before) / 1e6);
+    times.push_back(MsBetween(before, MonotonicNs()));
   }
   figures.push_back({"status: copy of 1000 under the lock", Percentile(times, 0.5), "ms", {}, 0.3});
 }

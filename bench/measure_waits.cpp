@@ -39,13 +39,6 @@ struct Impression {
   double bootMs = 0;
 };
 
-template <typename Get>
-double Median(const std::vector<BurdenedDaemon::Look>& looks, Get get) {
-  std::vector<double> values;
-  std::transform(looks.begin(), looks.end(), std::back_inserter(values), get);
-  return Percentile(values, 0.5);
-}
-
 Impression LookAtIt(const BurdenKind& kind) {
   BurdenedDaemon daemon(kind);
   daemon.Renew();
@@ -62,9 +55,8 @@ Impression LookAtIt(const BurdenKind& kind) {
   }
   daemon.End();
   using Look = BurdenedDaemon::Look;
-  impression.look = {Median(looks, [](const Look& look) { return look.filed; }),
-                     Median(looks, [](const Look& look) { return look.back; }),
-                     Median(looks, [](const Look& look) { return look.answered; })};
+  impression.look = {MedianOf(looks, &Look::filed), MedianOf(looks, &Look::back),
+                     MedianOf(looks, &Look::answered)};
   return impression;
 }
 
@@ -83,11 +75,8 @@ class Reporters {
     const std::string path = std::string(PmSandbox::Sandbox::kDir) + "/base.yaml";
     sandbox_.WriteFile(path, PmSandbox::ServiceFile(apps));
     daemon_.emplace(sandbox_, std::vector<std::string>{path});
-    const PmSandbox::RawPacket ready =
-        PmSandbox::FramePacket(PmSandbox::StateFrame(PmSandbox::kStateReady));
     for (const auto& server : servers_) {
-      peers_.push_back(server->AcceptGreeted());
-      PmSandbox::Demand(peers_.back().has_value() && peers_.back()->Send(ready), "no channel");
+      peers_.push_back(PmSandbox::AcceptReady(*server));
     }
     PmSandbox::Demand(log_.WaitFor("InitBaseApplication end").has_value(), "the boot hangs");
   }
@@ -101,7 +90,7 @@ class Reporters {
   Marks marks_{sandbox_, "services"};
   std::vector<std::unique_ptr<PmSandbox::RawServer>> servers_;
   std::optional<PmSandbox::Daemon> daemon_;
-  std::vector<std::optional<PmSandbox::RawPeer>> peers_;
+  std::vector<PmSandbox::RawPeer> peers_;
 };
 
 // Kills the services of the last marks in a row. Yields how long they all are away.
@@ -112,7 +101,7 @@ double KillAllMs(const Marks& services) {
     (void)kill(mark->pid, SIGKILL);
   }
   const long long last = LastMainNs(services.Await(marks.size() + kKilled));
-  return static_cast<double>(last - killed) / 1e6;
+  return MsBetween(killed, last);
 }
 
 template <typename Booted>

@@ -50,6 +50,12 @@ RequestMsg StateFrame(std::uint32_t state) {
   return TextFrame(RequestType::BASESERVICE_STATE_REPORT, "1#" + std::to_string(state) + "#");
 }
 
+RawPeer AcceptReady(const RawServer& server) {
+  std::optional<RawPeer> peer = server.AcceptGreeted();
+  Demand(peer.has_value() && peer->Send(FramePacket(StateFrame(kStateReady))), "no channel");
+  return std::move(*peer);
+}
+
 RequestMsg HeartFrame(std::uint64_t index) {
   RequestMsg frame;
   const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(

@@ -34,6 +34,10 @@ ProcMgr::Message::RequestMsg TextFrame(ProcMgr::Message::RequestType type, const
 ProcMgr::Message::RequestMsg StateFrame(std::uint32_t state);
 ProcMgr::Message::RequestMsg HeartFrame(std::uint64_t index);
 
+// Waits for the manager to open the channel of a service that nobody reads for, and reports that it
+// is ready. Throws if that doesn't come.
+RawPeer AcceptReady(const RawServer& server);
+
 // Serves one name and keeps what arrives. Made before the daemon, on the test's thread.
 class AgentPeer {
  public:

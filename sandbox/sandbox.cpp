@@ -140,6 +140,10 @@ void Sandbox::SetKernelCommandLine(const std::string& line) const {
   WriteFile("/proc/cmdline", line, 0444);
 }
 
+void Sandbox::WriteSettings(const std::string& text) const {
+  WriteFile(std::string(kConfigDir) + "procmgr_cfg.yaml", text);
+}
+
 void Sandbox::CheckCgroups() const {
   if (!CgroupProblem().empty()) {
     throw std::runtime_error(CgroupProblem());

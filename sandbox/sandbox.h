@@ -57,6 +57,11 @@ class Sandbox {
 
   void SetKernelCommandLine(const std::string& line) const;
 
+  // Where the manager finds its configuration, inside; with a slash at its end.
+  static constexpr const char* kConfigDir = "/etc/zur/base-plat/process-manager/";
+  // Writes the manager's own configuration file.
+  void WriteSettings(const std::string& text) const;
+
   // Makes a group below the sandbox's root of a hierarchy ("cpu", "memory"). Throws with the
   // reason on a machine without cgroup v1.
   void MakeGroup(const std::string& hierarchy, const std::string& name) const;

@@ -14,7 +14,6 @@ using PmSandbox::App;
 constexpr const char* kBaseFile = "/run/sandbox/base.yaml";
 constexpr const char* kEntryFile = "/run/sandbox/entries.yaml";
 constexpr const char* kSampleApp = "/opt/torture/sample_app";
-constexpr const char* kSettings = "/etc/zur/base-plat/process-manager/procmgr_cfg.yaml";
 
 App Agent(const std::string& name, PmSandbox::Keys keys) {
   App app = Stage::Sleeper(name, std::move(keys));
@@ -29,7 +28,7 @@ Stage::Stage(std::size_t agents, const std::vector<App>& services, const std::ve
   sandbox_.MakePlatformGroups("0");
   sandbox_.InstallProgram(PmSandbox::ProgramPath("sample_app"), kSampleApp);
   sandbox_.WriteFile(kEntryFile, PmSandbox::ServiceFile(apps));
-  sandbox_.WriteFile(kSettings, "supervision: {reaction: immediate}\n");
+  sandbox_.WriteSettings("supervision: {reaction: immediate}\n");
   std::vector<App> all = {Agent("iammgr", {})};
   for (std::size_t i = 0; i < agents; ++i) {
     PmSandbox::Keys keys = {{"dependList", "[iammgr]"}};

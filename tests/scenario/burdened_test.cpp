@@ -9,19 +9,10 @@ namespace {
 
 // Whatever else is under way, an exit is filed, a replacement comes up, a query is answered and the
 // boot goes on as if it weren't; and when it is over, nothing of it is left.
-class Burdened : public ::testing::TestWithParam<std::size_t> {
- protected:
-  using Look = PmBench::BurdenedDaemon::Look;
-
-  static double Median(const std::vector<Look>& looks, double Look::*figure) {
-    std::vector<double> values;
-    std::transform(looks.begin(), looks.end(), std::back_inserter(values),
-                   [figure](const Look& look) { return look.*figure; });
-    return PmBench::Percentile(values, 0.5);
-  }
-};
+class Burdened : public ::testing::TestWithParam<std::size_t> {};
 
 TEST_P(Burdened, NobodyElseNotices) {
+  using Look = PmBench::BurdenedDaemon::Look;
   constexpr int kLooks = 7;
   // What a look takes goes by several threads, for each of which a busy machine has no core for
   // some milliseconds; whoever waited for a peer would wait 100 at least, in the boot for seconds.
@@ -38,9 +29,9 @@ TEST_P(Burdened, NobodyElseNotices) {
     daemon.Renew();
     looks.push_back(daemon.LookAround());
   }
-  EXPECT_LT(Median(looks, &Look::filed), briefMs);
-  EXPECT_LT(Median(looks, &Look::answered), briefMs);
-  EXPECT_LT(Median(looks, &Look::back), passMs);
+  EXPECT_LT(PmBench::MedianOf(looks, &Look::filed), briefMs);
+  EXPECT_LT(PmBench::MedianOf(looks, &Look::answered), briefMs);
+  EXPECT_LT(PmBench::MedianOf(looks, &Look::back), passMs);
   daemon.End();
   EXPECT_TRUE(daemon.AwaitHolding(holding))
       << ::testing::PrintToString(daemon.Process().Descriptors()) << daemon.Process().ThreadCount()

@@ -49,8 +49,7 @@ void InstallFiles(const PmSandbox::Sandbox& sandbox) {
         "services/operator.yaml", "entries/operator.yaml"}) {
     sandbox.WriteFile(std::string("/etc/zur/platform/") + file, ReadHostFile(source / file));
   }
-  sandbox.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml",
-                    ReadHostFile(source / "procmgr_cfg.yaml"));
+  sandbox.WriteSettings(ReadHostFile(source / "procmgr_cfg.yaml"));
   sandbox.SetKernelCommandLine("quiet root=/dev/mmcblk0p2 procmgr=nowatchdog\n");
 }
 
