@@ -1,16 +1,9 @@
 // How a boot begins: arguments, the service file, the order of the starts, what comes up before the
 // base services, and the quick start.
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/time.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
 #include <cstddef>
-#include <cstdint>
-#include <filesystem>
 #include <iterator>
 
 #include "base/text.h"
@@ -186,8 +179,7 @@ TEST_F(Booting, WholeLogOfABootWithServicesThatReportNothing) {
   sandbox_.SetKernelCommandLine(
       "quiet procmgr=x,nowatchdog qelmode=kernel_utils reboot_reason=cold\n");
   sandbox_.WriteFile("/etc/vantor_common_env.conf", "MAX_LOCKED_MEMORY_LIMIT=65536\n");
-  sandbox_.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml",
-                     "watch_dog:\n  enable: false\n  timeout: 30\n  action: 9\n");
+  sandbox_.WriteSettings("watch_dog:\n  enable: false\n  timeout: 30\n  action: 9\n");
   Boot({Service("beta"), Service("alpha")});
   ASSERT_TRUE(Await("PROCMGR : EnableWatchDog flag="));
   ASSERT_TRUE(log_.WaitForCount("STARTING to RUNNING", 2));

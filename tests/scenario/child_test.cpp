@@ -1,6 +1,4 @@
 // What a service finds when its main begins, and how a child says what went wrong before that.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "base/text.h"
 #include "tests/support/scenario_test.h"
@@ -8,18 +6,13 @@
 namespace PmTest {
 namespace {
 
-using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
-
 class Child : public ScenarioTest {
  protected:
   static constexpr const char* kReport = "/run/sandbox/report";
 
   void SetUp() override {
     ScenarioTest::SetUp();
-    sandbox_.AddGroup("extra", 7100);
-    sandbox_.AddUser("operator", 7000, 7001, "/home/operator", {"extra"});
-    sandbox_.InstallProgram(ProgramPath("test-service"), "/opt/test/operators", 0, 7001, 0750);
+    AddOperator();
   }
 };
 

@@ -1,11 +1,8 @@
 // A day on which one system call fails, of a boot, a launch, the supervision or the messaging, in
 // the manager or in a child of it: it goes on, supervises, says what is missing and leaves nothing.
 #include <sys/syscall.h>
-#include <sys/wait.h>
 
-#include <algorithm>
 #include <iterator>
-#include <set>
 
 #include "base/small_file.h"
 #include "sandbox/agent_peer.h"
@@ -15,7 +12,6 @@
 namespace PmTest {
 namespace {
 
-using std::chrono::milliseconds;
 using Where = FaultInjector::Where;
 
 struct Kind {
@@ -79,9 +75,7 @@ class Faults : public ScenarioTest, public ::testing::WithParamInterface<Kind> {
 
   void SetUp() override {
     ScenarioTest::SetUp();
-    sandbox_.AddGroup("extra", 7100);
-    sandbox_.AddUser("operator", 7000, 7001, "/home/operator", {"extra"});
-    sandbox_.InstallProgram(ProgramPath("test-service"), "/opt/test/operators", 0, 7001, 0750);
+    AddOperator();
     sandbox_.WriteFile(kEntryFile,
                        ServiceFile({Service("general", {}, {{"gid", "77"}, {"nice", "3"}})}));
     sandbox_.WriteFile(

@@ -1,10 +1,4 @@
 // The bring-up's handshake with base services that report their state.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <map>
-#include <memory>
 
 #include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"

@@ -190,8 +190,7 @@ class DelayedBinding : public ScenarioTest {
   }
 
   void BootDelayed(const std::string& settings) {
-    sandbox_.WriteFile(std::string(kConfigDir) + "procmgr_cfg.yaml",
-                       "delay_core: {" + settings + "}\n");
+    sandbox_.WriteSettings("delay_core: {" + settings + "}\n");
     Boot({Service(
         "late", {"--threads", "2", "--report", "/run/sandbox/late"},
         {{"isDelayCoreAffinity", "true"}, {"coreAffinity", "[0]"}, {"cpuset", "CtrlCPU"}})});
@@ -275,8 +274,7 @@ TEST_F(DelayedBinding, EndlessRoundsLeaveTheProcessorToOthers) {
 
 // Until the signal to continue has come the core lists aren't read, or just being read.
 TEST_F(DelayedBinding, EventsOfAQuickStartWaitForItsContinuation) {
-  sandbox_.WriteFile(std::string(kConfigDir) + "procmgr_cfg.yaml",
-                     "delay_core: {check_num: 1, wake_up_enable: true}\n");
+  sandbox_.WriteSettings("delay_core: {check_num: 1, wake_up_enable: true}\n");
   Boot({Service("plain")}, {"true"});
   ASSERT_TRUE(WaitForKernelLog(sandbox_, "InitPriorityApps start priority apps finish"));
   Signal(ProcMgr::WakeUpSignal());

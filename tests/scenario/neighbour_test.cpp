@@ -1,18 +1,9 @@
 // A local user without any rights who turns against everything that a running platform has in the
 // file system and in the table of processes; and one program of a service's own user.
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <thread>
 
 #include "base/unix_address.h"
 #include "sandbox/raw_peer.h"
@@ -32,18 +23,8 @@ class Neighbour : public ScenarioTest {
   // A service of the agent library and one that serves its name and reads nothing.
   void SetUp() override {
     ScenarioTest::SetUp();
-    sandbox_.AddUser("hello", 1000, 1000, "/");
-    sandbox_.InstallProgram(ProgramPath("hello_service"), "/opt/test/hello", 1000, 1000);
-    sandbox_.WriteFile(std::string(kConfigDir) + "procmgr_cfg.yaml",
-                       "watch_dog: {enable: false}\npmupload: {enable: true}\n");
-    Boot({{"hello",
-           "/opt/test/hello",
-           {},
-           {{"uid", "hello"},
-            {"gid", "hello"},
-            {"envArgv", "{PROC_NAME: hello}"},
-            {"isReporting", "true"},
-            {"restart", "on-forever"}}},
+    sandbox_.WriteSettings("watch_dog: {enable: false}\npmupload: {enable: true}\n");
+    Boot({HelloService({{"restart", "on-forever"}}),
           Service("plain", {"--serve", "plain"}, {{"restart", "on-forever"}})});
     AwaitBooted();
     hello_ = AwaitStarted("hello");

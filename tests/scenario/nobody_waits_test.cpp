@@ -1,19 +1,8 @@
 // Whatever a peer does or leaves undone, the others are supervised, answered and booted as ever.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cctype>
-#include <csignal>
 #include <cstdlib>
 #include <iterator>
-#include <map>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "base/text.h"
 #include "base/unique_fd.h"

@@ -1,10 +1,4 @@
 // The orderly stop: what was started ends in the reverse order of the boot, whatever it does.
-#include <gmock/gmock.h>
-
-#include <csignal>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "tests/scenario/general_test.h"
 #include "tests/support/status_peer.h"
@@ -127,11 +121,11 @@ TEST_F(OrderlyStop, FiveHundredServicesInFiftyLevels) {
   constexpr int kLevels = 50;
   constexpr int kLeaves = 9;
   constexpr int kDeafEvery = 10;
-  sandbox_.InstallProgram(ProgramPath("hello_service"), "/opt/test/hello");
+  sandbox_.InstallProgram(ProgramPath("hello_service"), kHelloService);
   std::vector<App> apps;
   for (int level = 0; level < kLevels; ++level) {
     const std::string name = "level" + std::to_string(level);
-    App app{name, "/opt/test/hello", {}, {{"isReporting", "true"}, {"restart", "on-forever"}}};
+    App app{name, kHelloService, {}, {{"isReporting", "true"}, {"restart", "on-forever"}}};
     app.keys.emplace_back("envArgv", "{PROC_NAME: " + name + "}");
     if (level > 0) {
       app.keys.emplace_back("dependList", "[level" + std::to_string(level - 1) + "]");

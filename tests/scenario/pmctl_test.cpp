@@ -1,10 +1,5 @@
 // A person's session with pmctl on the example platform.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <csignal>
 #include <nlohmann/json.hpp>
 
 #include "base/small_file.h"
@@ -14,12 +9,6 @@
 
 namespace PmTest {
 namespace {
-
-using ::testing::AllOf;
-using ::testing::ContainsRegex;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 struct Result {
   int status = -1;

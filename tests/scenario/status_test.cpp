@@ -1,7 +1,6 @@
 // What the real daemon tells of itself at its status socket: every state and cause as it arises,
 // and what clients can't do to it.
 #include <list>
-#include <map>
 
 #include "base/small_file.h"
 #include "tests/scenario/asking.h"

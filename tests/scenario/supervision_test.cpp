@@ -1,6 +1,4 @@
 // What becomes of services that end.
-#include <algorithm>
-#include <vector>
 
 #include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"
@@ -52,7 +50,7 @@ TEST_F(Supervision, KilledServiceReturnsAndKnowsIt) {
 // Without waiting for the end of a pause: half of one, 15 ms, lies between the two settings.
 TEST_F(Supervision, ImmediateReactionIsTheFasterOne) {
   const auto medianAway = [this](const std::string& settings) {
-    sandbox_.WriteFile("/etc/zur/base-plat/process-manager/procmgr_cfg.yaml", settings);
+    sandbox_.WriteSettings(settings);
     const std::size_t booting = log_.Lines().size();
     Boot({Service("stays"), Service("steady", {"--serve", "steady"}, {{"restart", "on-forever"}})});
     pid_t pid = AwaitStarted("steady", booting);
@@ -209,16 +207,7 @@ TEST_F(Supervision, ThousandServicesThatEndAtOnceAreAllSeen) {
 TEST_F(Supervision,
        ServiceOfTheAgentLibraryIsReadyBeatsReportsAgainAfterARestartAndSaysThatItGoesDown) {
   const std::string report = "PM revice BASESERVICE_STATE_REPORT msg from hello";
-  sandbox_.AddUser("hello", 1000, 1000, "/");
-  sandbox_.InstallProgram(ProgramPath("hello_service"), "/opt/test/hello", 1000, 1000);
-  Boot({{"hello",
-         "/opt/test/hello",
-         {},
-         {{"uid", "hello"},
-          {"gid", "hello"},
-          {"envArgv", "{PROC_NAME: hello}"},
-          {"isReporting", "true"},
-          {"restart", "on-failure"}}}});
+  Boot({HelloService({{"restart", "on-failure"}})});
   ASSERT_TRUE(Await("InitBaseApp:hello success, report RUNNING!"));
   AwaitBooted();
   std::size_t before = log_.Lines().size();

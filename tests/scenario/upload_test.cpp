@@ -1,8 +1,6 @@
 // Processes that the manager did not start, announced with pmupload.
 #include <sys/syscall.h>
 
-#include <thread>
-
 #include "message/upload_msg.h"
 #include "sandbox/agent_peer.h"
 #include "tests/support/scenario_test.h"
@@ -19,8 +17,7 @@ class Upload : public ScenarioTest {
     ScenarioTest::SetUp();
     sandbox_.InstallProgram(ProgramPath("pmupload"), kTool);
     sandbox_.AddUser("guest", kUser, kUser, "/home/guest");
-    sandbox_.WriteFile(std::string(kConfigDir) + "procmgr_cfg.yaml",
-                       "watch_dog: {enable: false}\npmupload: {enable: true}\n");
+    sandbox_.WriteSettings("watch_dog: {enable: false}\npmupload: {enable: true}\n");
     std::string groups = "sharepool_groups:\n";
     for (int i = 1; i < kGroups; ++i) {
       groups += "  - group_" + std::to_string(i) + ": {mem_size: 4}\n";

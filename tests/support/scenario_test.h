@@ -13,7 +13,7 @@ namespace PmTest {
 
 using namespace PmSandbox;  // The stage on which the tests play.
 
-inline constexpr const char* kConfigDir = "/etc/zur/base-plat/process-manager/";
+inline constexpr const char* kConfigDir = Sandbox::kConfigDir;
 
 // How many of the lines hold `part`.
 inline std::size_t CountLines(const std::vector<std::string>& lines, const std::string& part) {
@@ -28,6 +28,7 @@ inline std::size_t CountLines(const std::vector<std::string>& lines, const std::
 class ScenarioTest : public ::testing::Test {
  protected:
   static constexpr const char* kService = "/opt/test/test-service";
+  static constexpr const char* kHelloService = "/opt/test/hello";
   static constexpr const char* kBaseFile = "/run/sandbox/base.yaml";
 
   void SetUp() override {
@@ -55,6 +56,24 @@ class ScenarioTest : public ::testing::Test {
   static App Reporting(const std::string& name, Keys keys = {}) {
     keys.emplace_back("isReporting", "true");
     return Service(name, {}, std::move(keys));
+  }
+
+  // A service on the agent library, under a user of its own, to which `keys` are given.
+  App HelloService(Keys keys) const {
+    sandbox_.AddUser("hello", 1000, 1000, "/");
+    sandbox_.InstallProgram(ProgramPath("hello_service"), kHelloService, 1000, 1000);
+    keys.insert(keys.end(), {{"uid", "hello"},
+                             {"gid", "hello"},
+                             {"envArgv", "{PROC_NAME: hello}"},
+                             {"isReporting", "true"}});
+    return {"hello", kHelloService, {}, std::move(keys)};
+  }
+
+  // A user that is in a further group, and a program that only its own group may run.
+  void AddOperator() const {
+    sandbox_.AddGroup("extra", 7100);
+    sandbox_.AddUser("operator", 7000, 7001, "/home/operator", {"extra"});
+    sandbox_.InstallProgram(ProgramPath("test-service"), "/opt/test/operators", 0, 7001, 0750);
   }
 
   // Starts the daemon with the given arguments.

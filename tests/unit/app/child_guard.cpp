@@ -7,11 +7,9 @@
 #include <sched.h>
 #include <sys/syscall.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "tests/support/children.h"
 

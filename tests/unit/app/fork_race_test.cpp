@@ -1,12 +1,8 @@
 // Launches from several threads at once while others log, look users up, load a service file and
 // throw. Whatever lock another thread holds while a child is made, no child may need it before its
 // exec. PM_TEST_LAUNCHES is how many there are in all.
-#include <atomic>
 #include <cstdlib>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "app/manifest.h"
 #include "app/user_groups.h"

@@ -4,16 +4,9 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 
-#include <cerrno>
-#include <csignal>
 #include <cstddef>
-#include <cstdint>
-#include <thread>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 #include "core/host_context.h"
 #include "tests/support/forbidden_calls.h"

@@ -1,11 +1,6 @@
 #include "tests/unit/app/launch_fixture.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <unistd.h>
-
-#include <array>
-#include <csignal>
 
 #include "base/boot_trace.h"
 #include "base/child_msg_pipe.h"

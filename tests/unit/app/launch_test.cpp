@@ -1,12 +1,7 @@
 // What a started process is: its identity, environment, limits, descriptors and signals.
 #include <sys/resource.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <array>
-#include <csignal>
 #include <cstdlib>
-#include <sstream>
 
 #include "app/share_groups.h"
 #include "host/sharepool_cfg.h"

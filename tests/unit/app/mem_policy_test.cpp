@@ -1,7 +1,5 @@
 #include "app/mem_policy.h"
 
-#include <gtest/gtest.h>
-
 #include "tests/unit/app/fakes.h"
 #include "tests/unit/app/launch_fixture.h"
 

@@ -1,5 +1,4 @@
 // The checks that refuse a start. Each refusal has one line in the log and forks nothing.
-#include <sys/stat.h>
 
 #include "tests/unit/app/launch_fixture.h"
 #include "tests/unit/app/log_lines.h"

@@ -3,15 +3,10 @@
 
 #include <pthread.h>
 
-#include <atomic>
-#include <csignal>
 #include <deque>
 #include <functional>
 #include <random>
 #include <semaphore>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "base/sleep.h"
 #include "base/steady_time.h"
@@ -23,7 +18,6 @@ namespace ProcMgr {
 namespace {
 
 using PmTest::Gate;
-using std::chrono::milliseconds;
 
 // Keeps what is written, each line once `before` has returned. Of a loss it keeps "lost N".
 class Recorder : public LineWriter {

@@ -2,11 +2,6 @@
 
 #include <pty.h>
 #include <termios.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <string>
-#include <vector>
 
 #include "base/printable.h"
 #include "base/unique_fd.h"

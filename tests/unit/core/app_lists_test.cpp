@@ -1,12 +1,5 @@
 #include "core/app_lists.h"
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <csignal>
-#include <optional>
-#include <thread>
-
 #include "sandbox/process_table.h"
 #include "sandbox/wait.h"
 #include "tests/support/children.h"

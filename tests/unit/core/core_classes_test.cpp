@@ -8,7 +8,6 @@
 #include "core/startup_cfg.h"
 #include "message/serialization.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temp_folder.h"
 #include "tests/support/test.h"
 
 namespace ProcMgr {

@@ -4,7 +4,6 @@
 #include "host/sharepool_cfg.h"
 #include "tests/support/json_schema.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temp_folder.h"
 #include "tests/support/test.h"
 
 namespace {

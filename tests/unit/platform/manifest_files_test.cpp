@@ -1,7 +1,4 @@
 // Service files as files: all faults told, includes, hostile content, several threads.
-#include <unistd.h>
-
-#include <string>
 
 #include "base/small_file.h"
 #include "tests/support/threads.h"
@@ -10,15 +7,6 @@
 namespace ProcMgr {
 namespace {
 
-using ::testing::ContainsRegex;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Lt;
-using ::testing::Not;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
 using ManifestFiles = ManifestTest;
 
 TEST_F(ManifestFiles, AllFaultsOfAllFilesAreToldAndTheListIsLeftAlone) {

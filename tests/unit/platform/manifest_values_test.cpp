@@ -1,18 +1,10 @@
 // The values of service files: defaults, getters, and the place and text of each fault of a value.
-#include <cstdint>
-#include <string>
-#include <vector>
 
 #include "tests/unit/platform/manifest_fixture.h"
 
 namespace ProcMgr {
 namespace {
 
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Pair;
-using ::testing::SizeIs;
 using ManifestValues = ManifestTest;
 
 std::vector<std::string> Texts(const ApplicationManifest& m) {

@@ -1,10 +1,8 @@
 // The page of a boot, in a browser.
 #include "tools/pmctl/boot_page.h"
 
-#include <array>
 #include <nlohmann/json.hpp>
 
-#include "tests/support/temp_folder.h"
 #include "tests/support/test.h"
 
 namespace PmCtl {

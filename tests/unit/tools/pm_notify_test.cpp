@@ -12,7 +12,6 @@ namespace PmTest {
 namespace {
 
 using Words = std::vector<std::string>;
-using std::chrono::milliseconds;
 
 constexpr std::uint32_t kState = 3;
 constexpr const char* kReadyBody = "1#2#";

@@ -1,7 +1,4 @@
 // The schema of service files against the loader: what one takes the other takes.
-#include <gtest/gtest.h>
-
-#include <set>
 
 #include "tests/support/json_schema.h"
 #include "tests/unit/tools/pmcheck_fixture.h"
