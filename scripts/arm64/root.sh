@@ -15,6 +15,7 @@ sources() {
 }
 
 rm -rf "$folder" "$folder.part"
+mkdir -p "$(dirname "$folder")"
 release=$(. /etc/os-release && echo "$VERSION_CODENAME")
 mmdebstrap --quiet --mode=root --variant=extract --architectures=arm64 --components=main \
   --aptopt='Acquire::Languages "none"' --include="$machine,$libraries,$tests" \
