@@ -1,6 +1,7 @@
 // The supervision loop: a pass over all records, every 30 ms.
 #include <algorithm>
 #include <chrono>
+#include <functional>
 
 #include "base/names.h"
 #include "base/sleep.h"
@@ -139,6 +140,37 @@ void DropChannel(const App::BaseAppInfo& app, ProcMgrMaster& master) {
   }
 }
 
+// A service that doesn't report has promised no channel, so it isn't waited for as long as one that
+// does.
+OpenTerms TermsOf(const App::BaseAppInfo& app) {
+  constexpr std::chrono::milliseconds kPatience{100};
+  OpenTerms terms;
+  if (!app.isReporting_) {
+    terms.patience = kPatience;
+  }
+  return terms;
+}
+
+// A service whose channel was cut, by itself or by another process of its user, is to be heard
+// again if it lives on. `ended` is told when an opening is over.
+void ReopenCutChannels(ProcMgrMaster& master, const std::function<void()>& ended)
+    EXCLUDES(baseAppMutex_) {
+  for (const std::string& name : ProcMgrMaster::TakeCut(SteadyNow())) {
+    const MutexLock lock(baseAppMutex_);
+    const App::BaseAppInfo* const app = FindBaseApp(name);
+    const bool isUp = app != nullptr && !app->isExited_ &&
+                      (app->state_ == ProcessState::STARTING || app->IsRunning());
+    if (!isUp || ProcMgrMaster::IsOpening(name)) {
+      continue;
+    }
+    LogWarning("PROCMGR : the channel of %s was cut and is opened again, pid=%d", name.c_str(),
+               app->pid_);
+    OpenTerms terms = TermsOf(*app);
+    terms.isEndExpected = true;
+    master.RegServiceCallBack(name, app->gid_, terms, [ended](bool) { ended(); });
+  }
+}
+
 }  // namespace
 
 void ProcessManager::CheckThread() {
@@ -146,6 +178,9 @@ void ProcessManager::CheckThread() {
   SlowDuty coreBindings(21);
   for (std::uint64_t pass = 1; running_.load(); ++pass) {
     CheckBaseApps();
+    if (!stop_.IsAsked()) {
+      ReopenCutChannels(master_, [this] { NoteOpeningEnd(); });
+    }
     const SteadyTime due = CheckGeneralApps();
     RemoveTerminatedApps();
     if (uploads.IsDue(pass)) {
@@ -252,16 +287,10 @@ void ProcessManager::RestartIfWanted(App::BaseAppInfo& app) {
   OpenNewChannel(app);
 }
 
-// Goes on without this thread. A service that doesn't report has promised no channel, so it isn't
-// waited for as long as one that does.
+// Goes on without this thread.
 void ProcessManager::OpenNewChannel(const App::BaseAppInfo& app) {
-  constexpr std::chrono::milliseconds kPatience{100};
-  OpenTerms terms;
-  if (!app.isReporting_) {
-    terms.patience = kPatience;
-  }
   master_.RegServiceCallBack(
-      app.appName_, app.gid_, terms,
+      app.appName_, app.gid_, TermsOf(app),
       [this, name = app.appName_, pid = app.pid_, state = app.state_](bool isOpen) {
         if (isOpen) {
           LogInfo("PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart success", name.c_str(),

@@ -16,6 +16,7 @@
 #include "base/may_wait.h"
 #include "base/mutex.h"
 #include "core/log.h"
+#include "message/cut_channels.h"
 #include "message/keeper.h"
 #include "message/name_table.h"
 #include "message/openings.h"
@@ -75,6 +76,7 @@ class Attachment {
 // Callbacks of the library, and closings that the keeper still tries, outlive the exit handlers.
 NameTable& nameTable = Immortal<NameTable>();
 Openings& openings = Immortal<Openings>();
+CutChannels& cutChannels = Immortal<CutChannels>();
 Attachment& attachment = Immortal<Attachment>();
 
 std::uint32_t OpenTimeoutMs() {
@@ -129,6 +131,19 @@ void CloseLeftOver() {
     if (NexioClosePipe(fd) != kNexioCallback) {
       (void)nameTable.ClaimClosing(fd);
     }
+  }
+}
+
+// Whether the name of `fd` is in the table, if need be at the end of the opening that files it.
+bool FindName(int fd, std::string& name) {
+  const auto isFiled = [fd, &name] { return nameTable.NameOf(fd, name); };
+  // A frame can still come from a channel that is being closed; its name won't come back.
+  return isFiled() || (!nameTable.IsClosing(fd) && openings.WaitUntilFiled(kFilingLimit, isFiled));
+}
+
+void NoteCut(int fd) {
+  if (std::string name; FindName(fd, name)) {
+    cutChannels.Note(name, fd, SteadyNow());
   }
 }
 
@@ -314,6 +329,16 @@ void ProcMgrMaster::UnRegServiceCallBack(const std::string& procName) {
   });
 }
 
+std::vector<std::string> ProcMgrMaster::TakeCut(SteadyTime now) {
+  std::vector<std::string> names;
+  for (CutChannels::Cut& cut : cutChannels.TakeDue(now)) {
+    if (nameTable.FdOf(cut.name) == cut.fd) {
+      names.push_back(std::move(cut.name));
+    }
+  }
+  return names;
+}
+
 void ProcMgrMaster::ProcMgrMasterRequstMsgHandler(int fd, const NexioRequest* req) {
   if (fd < 1) {
     LogError("PROCMGR : ProcMgrMasterRequstMsgHandler failed: invalid fd");
@@ -321,6 +346,7 @@ void ProcMgrMaster::ProcMgrMasterRequstMsgHandler(int fd, const NexioRequest* re
   }
   if (req == nullptr) {
     LogError("PROCMGR : Master ProcMgrMasterRequstMsgHandler revice req is null : fd: %d", fd);
+    NoteCut(fd);
   } else if (ProcMgrMaster* const master = attachment.Enter(); master != nullptr) {
     master->handler_(fd, req);
     attachment.Leave();
@@ -330,14 +356,11 @@ void ProcMgrMaster::ProcMgrMasterRequstMsgHandler(int fd, const NexioRequest* re
 
 bool ProcMgrMaster::GetProcNameFromFd(int fd, std::string& name) {
   MayWait("GetProcNameFromFd");
-  const auto isFiled = [fd, &name] { return nameTable.NameOf(fd, name); };
-  // A frame can still come from a channel that is being closed; its name won't come back.
-  const bool found =
-      isFiled() || (!nameTable.IsClosing(fd) && openings.WaitUntilFiled(kFilingLimit, isFiled));
-  if (!found) {
+  if (!FindName(fd, name)) {
     LogError("PROCMGR : GetProcNameFromFd failed: fd: %d", fd);
+    return false;
   }
-  return found;
+  return true;
 }
 
 int ProcMgrMaster::GetFdFromProcName(const std::string& procName) {

@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "base/crew.h"
+#include "base/steady_time.h"
 #include "message/nexio.h"
 #include "message/request_msg.h"
 #include "message/serialization.h"
@@ -89,6 +90,10 @@ class ProcMgrMaster {
   // comes through the channel has a sender. Tries for 2 seconds while a callback of the channel is
   // running; if that isn't enough the channel closes when the callback has returned.
   static void UnRegServiceCallBack(const std::string& procName);
+
+  // The names whose channel its other end has cut, and that have no other one since. Each cut is
+  // told once: not before a dead service's end is known, and rarely if a name's are many.
+  [[nodiscard]] static std::vector<std::string> TakeCut(SteadyTime now);
 
   // The function that the library calls.
   static void ProcMgrMasterRequstMsgHandler(int fd, const NexioRequest* req);

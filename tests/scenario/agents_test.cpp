@@ -132,6 +132,27 @@ TEST_F(HostileAgent, BrokenFrameIsDroppedAndTheChannelGoesOn) {
   ExpectNoBeatLost();
 }
 
+TEST_F(HostileAgent, ChannelThatIsCutIsOpenedAgainWhileTheServiceLives) {
+  const std::string told = "PROCMGR : the channel of victim was cut and is opened again, pid=";
+  BootBoth();
+  const pid_t first = AwaitStarted("victim");
+  victim_.Close();
+  ASSERT_TRUE(victim_.AwaitChannel());
+  EXPECT_EQ(log_.Count(told + std::to_string(first)), 1U);
+  EXPECT_EQ(victim_.Query({"unheard-of"}), (std::map<std::string, int>{{"unheard-of", 1}}));
+
+  // An end cuts it, too, and a successor's channel is nothing new.
+  const std::size_t before = log_.Lines().size();
+  ASSERT_EQ(kill(first, SIGKILL), 0);
+  victim_.Close();
+  EXPECT_NE(AwaitStarted("victim", before), first);
+  ASSERT_TRUE(victim_.BecomeReady());
+  // Longer than a cut is looked at.
+  ASSERT_FALSE(victim_.AwaitChannel(std::chrono::seconds(1)));
+  EXPECT_EQ(log_.Count(told), 1U);
+  ExpectNoBeatLost();
+}
+
 class SlowAgent : public ScenarioTest {
  protected:
   // Sends one datagram as a service that beats does.

@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "message/cut_channels.h"
 #include "message/name_table.h"
 
 namespace ProcMgr {
@@ -75,6 +76,31 @@ TEST_F(OpeningsTest, EndSticksAndIsForTheOneOpening) {
   EXPECT_FALSE(Begin("a")->IsEnding());
   openings_.EndAll();
   EXPECT_TRUE(other->IsEnding());
+}
+
+// A peer that cuts whatever it is given is given another every few seconds.
+TEST(CutChannels, ComeWhenTheyHaveSettledAndNotTooOften) {
+  CutChannels cuts;
+  const auto fdsAt = [&cuts](SteadyTime now) {
+    std::vector<int> fds;
+    for (const CutChannels::Cut& cut : cuts.TakeDue(now)) {
+      fds.push_back(cut.fd);
+    }
+    return fds;
+  };
+  constexpr std::chrono::nanoseconds kMoment{1};
+  const SteadyTime begin = SteadyNow();
+  const SteadyTime first = begin + CutChannels::kSettle;
+  cuts.Note("a", 5, begin);
+  EXPECT_EQ(fdsAt(first - kMoment), std::vector<int>{});
+  EXPECT_EQ(fdsAt(first), std::vector<int>{5});
+  cuts.Note("a", 6, first);
+  cuts.Note("a", 7, first);
+  cuts.Note("b", 8, first);
+  EXPECT_EQ(fdsAt(first + CutChannels::kSettle), std::vector<int>{8});
+  EXPECT_EQ(fdsAt(first + CutChannels::kApart - kMoment), std::vector<int>{});
+  EXPECT_EQ(fdsAt(first + CutChannels::kApart), std::vector<int>{7});
+  EXPECT_EQ(fdsAt(SteadyTime::max()), std::vector<int>{});
 }
 
 }  // namespace
