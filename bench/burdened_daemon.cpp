@@ -9,6 +9,7 @@
 #include "bench/clock.h"
 #include "bench/host.h"
 #include "bench/restarted_service.h"
+#include "sandbox/process_table.h"
 #include "sandbox/system_error.h"
 
 namespace PmBench {
@@ -79,13 +80,15 @@ BurdenedDaemon::Look BurdenedDaemon::LookAround() {
 }
 
 BurdenedDaemon::Holding BurdenedDaemon::Holds() const {
-  return {daemon_.Descriptors().size(), daemon_.ThreadCount()};
+  return {daemon_.Descriptors().size(), daemon_.ThreadCount(),
+          std::stol(PmSandbox::StatusField(daemon_.Pid(), "RssAnon"))};
 }
 
 bool BurdenedDaemon::AwaitHolding(const Holding& most) const {
   return PmSandbox::Eventually([&] {
     const Holding now = Holds();
-    return now.descriptors <= most.descriptors && now.threads <= most.threads;
+    return now.descriptors <= most.descriptors && now.threads <= most.threads &&
+           now.memoryKib <= most.memoryKib;
   });
 }
 

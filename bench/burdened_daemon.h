@@ -27,7 +27,7 @@ class BurdenedDaemon {
   struct Holding {
     std::size_t descriptors = 0;
     std::size_t threads = 0;
-    friend bool operator==(const Holding&, const Holding&) = default;
+    long memoryKib = 0;  // Of its own, not of files.
   };
 
   // Returns when the boot waits for "gate". Throws if something doesn't come, as all operations do.

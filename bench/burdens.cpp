@@ -393,8 +393,10 @@ class ClosingInCallback : public LongConfiguration {
                    ProcMgr::Message::RequestType::RELOAD_STARTUP_CFG, packed, frames),
            "a request");
     Demand(peer_->Send(frames.at(0)), "no channel");
-    KillLast(marks_);
     ++closings_;
+    Demand(log_.WaitForCount("PM revice RELOAD_STARTUP_CFG", closings_), "a reload doesn't begin");
+    (void)marks_.Await(closings_);  // The channel can be open before the process's main.
+    KillLast(marks_);
   }
   void End() override {
     Demand(log_.WaitForCount("ReLoadStartCfgInfo finish", closings_), "a reload doesn't end");
@@ -421,11 +423,13 @@ constexpr BurdenKind kKinds[] = {
     {"a program of 1 GB is checked", &Make<LongDigest>},
     {"5 agents start a program of 1 GB", &Make<SlowRequests>},
     {"8 agents and iammgr don't read", &Make<DeafPeers>},
-    {"40 uploaders are silent and 40 don't read", &Make<UploadClients>},
+    // Up to 1 MiB of answers is queued for each that doesn't read.
+    {"40 uploaders are silent and 40 don't read", &Make<UploadClients>, 49'152},
     {"16 clients of the status don't read", &Make<StatusClients>},
     {"the log is full", &Make<FullLog>},
-    {"a configuration is reloaded", &Make<EndlessReload>},
-    {"a channel closes in its callback", &Make<ClosingInCallback>},
+    // The configuration itself, and what each thread of the library has read one with.
+    {"a configuration is reloaded", &Make<EndlessReload>, 40'960},
+    {"a channel closes in its callback", &Make<ClosingInCallback>, 40'960},
 };
 
 }  // namespace

@@ -36,6 +36,8 @@ class Burden {
 struct BurdenKind {
   const char* name;  // "while ...".
   std::unique_ptr<Burden> (*make)(const PmSandbox::Sandbox& sandbox, PmSandbox::LogReader& log);
+  // What the manager may keep of it: data that stays, and what its allocator doesn't give back.
+  long keptKib = 2048;
 };
 
 // The first is none at all.
