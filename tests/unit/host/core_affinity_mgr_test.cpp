@@ -2,9 +2,11 @@
 
 #include <pthread.h>
 #include <sched.h>
+#include <unistd.h>
 
 #include <future>
 
+#include "sandbox/wait.h"
 #include "tests/support/taken_log.h"
 #include "tests/support/test.h"
 
@@ -52,6 +54,9 @@ class ParkedThread {
     if (thread_.joinable()) {
       release_.set_value();
       thread_.join();
+      // The kernel wakes who joins before it takes the thread out of /proc.
+      const std::string entry = "/proc/self/task/" + std::to_string(id_);
+      EXPECT_TRUE(PmSandbox::Eventually([&] { return access(entry.c_str(), F_OK) != 0; }));
     }
   }
 
