@@ -23,6 +23,12 @@ namespace {
 
 constexpr const char* kSocketName = "/status.sock";
 constexpr std::chrono::milliseconds kAcceptPause{100};
+// A change behind another one waits so long at most, for more to go with it: to wake for each would
+// cost more than all that is said about it.
+constexpr std::chrono::milliseconds kTellPause{2};
+
+// So much goes to a watcher at once. One that doesn't read has to be noticed in between.
+constexpr std::size_t kManyBytes = std::size_t{64} << 10;
 
 // Where the service's own descriptors stand among those that are polled; the clients' follow.
 enum Place : std::size_t { kStop, kChanged, kListener, kFirstClient };
@@ -134,6 +140,7 @@ void StatusService::ServeOnce(const std::vector<pollfd>& polled) {
     eventfd_t count = 0;
     (void)eventfd_read(changed_.Get(), &count);
     TellChanges(memory_.TakeChanges());
+    tellAgain_ = SteadyNow() + kTellPause;
   }
   ServeClients(polled);
   DropClients();
@@ -146,9 +153,10 @@ void StatusService::ServeOnce(const std::vector<pollfd>& polled) {
 std::vector<pollfd> StatusService::Polled() const {
   std::vector<pollfd> polled(kFirstClient);
   polled[kStop] = {stop_.Get(), POLLIN, 0};
-  polled[kChanged] = {changed_.Get(), POLLIN, 0};
   // poll passes over a negative number.
-  polled[kListener] = {SteadyNow() < acceptAgain_ ? -1 : listener_.Get(), POLLIN, 0};
+  const SteadyTime now = SteadyNow();
+  polled[kChanged] = {now < tellAgain_ ? -1 : changed_.Get(), POLLIN, 0};
+  polled[kListener] = {now < acceptAgain_ ? -1 : listener_.Get(), POLLIN, 0};
   for (const StatusClient& client : clients_) {
     polled.push_back({client.Fd(), client.Events(), 0});
   }
@@ -157,7 +165,11 @@ std::vector<pollfd> StatusService::Polled() const {
 
 // In milliseconds, -1 for no end.
 int StatusService::Timeout() const {
-  SteadyTime until = SteadyNow() < acceptAgain_ ? acceptAgain_ : SteadyTime::max();
+  const SteadyTime now = SteadyNow();
+  SteadyTime until = SteadyTime::max();
+  for (const SteadyTime again : {acceptAgain_, tellAgain_}) {
+    until = now < again ? std::min(until, again) : until;
+  }
   for (const StatusClient& client : clients_) {
     if (client.HasLine()) {
       return 0;
@@ -239,18 +251,25 @@ void StatusService::Watch(StatusClient& client) {
 }
 
 void StatusService::TellChanges(const Changes& changes) {
+  std::string lines;
   for (const Change& change : changes.list) {
-    TellWatchers(ChangeLine(change));
+    lines += ChangeLine(change);
+    if (lines.size() >= kManyBytes) {
+      TellWatchers(std::exchange(lines, {}));
+    }
+  }
+  if (!lines.empty()) {
+    TellWatchers(lines);
   }
   if (changes.isOverrun) {
     TellWatchers(StatusLine(memory_.Copy()));
   }
 }
 
-void StatusService::TellWatchers(const std::string& line) {
+void StatusService::TellWatchers(const std::string& lines) {
   for (StatusClient& client : clients_) {
     if (client.isWatching) {
-      client.Give(line, SteadyNow());
+      client.Give(lines, SteadyNow());
     }
   }
 }

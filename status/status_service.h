@@ -60,7 +60,7 @@ class StatusService {
   void AnswerApp(StatusClient& client, const std::string& name);
   void Watch(StatusClient& client);
   void TellChanges(const Changes& changes);
-  void TellWatchers(const std::string& line);
+  void TellWatchers(const std::string& lines);
   void DropClients();
 
   Memory& memory_;
@@ -78,6 +78,7 @@ class StatusService {
   std::list<StatusClient> clients_;
   bool isWatched_ = false;
   SteadyTime acceptAgain_{};  // After a shortage of descriptors.
+  SteadyTime tellAgain_{};
 };
 
 }  // namespace ProcMgr::Status
