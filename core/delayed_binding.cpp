@@ -290,7 +290,7 @@ void ProcessManager::RequestDelayedBinding() {
   const MutexLock lock(coreAffinityThreadMutex_);
   // One is enough: it ends only if no further request will be honoured.
   if (!isCoreAffinityThreadStarted_) {
-    StartWorker(coreAffinityThread_, &ProcessManager::CheckCoreAffinityThread);
+    coreAffinityThread_.Start(running_, [this] { CheckCoreAffinityThread(); });
     isCoreAffinityThreadStarted_ = true;
   }
 }

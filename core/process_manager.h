@@ -248,8 +248,7 @@ class ProcessManager {
   void CheckCoreAffinityThread();
   [[nodiscard]] Worker TakeCoreAffinityThread() EXCLUDES(coreAffinityThreadMutex_);
 
-  // core/workers.cpp.
-  void StartWorker(Worker& worker, void (ProcessManager::*body)());
+  // core/run.cpp.
   void StopWorkers();
 
   // core/orderly_stop.cpp. The request comes on the signal thread; main stops.

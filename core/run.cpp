@@ -50,6 +50,18 @@ ProcessManager::~ProcessManager() {
   CloseChildMsgPipe();
 }
 
+void ProcessManager::StopWorkers() {
+  InstallWakeHandler();
+  signalThread_.WakeAndJoin();
+  platformEvents_.Close();
+  eventThread_.WakeAndJoin();  // Before the next, which it starts.
+  Worker coreAffinityThread = TakeCoreAffinityThread();
+  coreAffinityThread.WakeAndJoin();
+  waitThread_.WakeAndJoin();
+  checkThread_.WakeAndJoin();
+  childMsgThread_.WakeAndJoin();
+}
+
 bool ProcessManager::Init() {
   const Status::PhaseScope phase(Status::Phase::kInit);
   InstallContinueHandler();
@@ -76,9 +88,9 @@ bool ProcessManager::Init() {
 
 // The check loop and the reaper exist before the first child does.
 void ProcessManager::Run() {
-  StartWorker(checkThread_, &ProcessManager::CheckThread);
-  StartWorker(waitThread_, &ProcessManager::WaitThread);
-  StartWorker(signalThread_, &ProcessManager::PlatformSignalThread);
+  checkThread_.Start(running_, [this] { CheckThread(); });
+  waitThread_.Start(running_, [this] { WaitThread(); });
+  signalThread_.Start(running_, [this] { PlatformSignalThread(); });
   StartKeeper();
   {
     const Status::PhaseScope phase(Status::Phase::kPriority);
@@ -90,8 +102,8 @@ void ProcessManager::Run() {
     ContinueProcMgrInit();
   }
   // The core lists have been read, by which it goes.
-  StartWorker(eventThread_, &ProcessManager::PlatformEventThread);
-  StartWorker(childMsgThread_, &ProcessManager::ReciveChildProcessMsgThread);
+  eventThread_.Start(running_, [this] { PlatformEventThread(); });
+  childMsgThread_.Start(running_, [this] { ReciveChildProcessMsgThread(); });
   InitBaseApplication(baseServiceCfgPath_);
   Status::Memory::Instance().EndBoot();
   stop_.Await();

@@ -4,11 +4,13 @@
 
 #include <chrono>
 #include <csignal>
+#include <exception>
 #include <utility>
 
 #include "base/may_wait.h"
 #include "base/mutex.h"
 #include "base/steady_time.h"
+#include "core/log.h"
 
 namespace ProcMgr {
 namespace {
@@ -19,6 +21,19 @@ constexpr int kWakeSignal = SIGURG;
 constexpr std::chrono::milliseconds kRepeat{10};
 
 void OnWakeSignal(int) {}
+
+void RunToItsEnd(const std::atomic<bool>& running, const std::function<void()>& body) {
+  do {
+    try {
+      body();
+      return;
+    } catch (const std::exception& error) {
+      LogError("PROCMGR: Caught exception=%s", error.what());
+    } catch (...) {
+      LogError("PROCMGR: Caught unknown exception.");
+    }
+  } while (running.load());
+}
 
 }  // namespace
 
@@ -45,10 +60,10 @@ class Worker::End {
   bool isOver_ GUARDED_BY(mutex_) = false;
 };
 
-void Worker::Start(std::function<void()> body) {
+void Worker::Start(const std::atomic<bool>& running, std::function<void()> body) {
   auto end = std::make_shared<End>();
-  thread_ = std::thread([end, body = std::move(body)] {
-    body();
+  thread_ = std::thread([end, &running, body = std::move(body)] {
+    RunToItsEnd(running, body);
     end->Tell();
   });
   end_ = std::move(end);

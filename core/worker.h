@@ -2,6 +2,7 @@
 #ifndef CORE_WORKER_H
 #define CORE_WORKER_H
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -13,9 +14,10 @@ class Worker {
  public:
   Worker() = default;
 
-  // Runs `body` on a thread of its own; it must let no exception out. Throws std::system_error if
-  // the system has no thread.
-  void Start(std::function<void()> body);
+  // Runs `body` on a thread of its own. An exception, out of memory above all, ends one round of it
+  // and not the supervision: it is logged, and the body runs again as long as `running`, which must
+  // outlive the worker. Throws std::system_error if the system has no thread.
+  void Start(const std::atomic<bool>& running, std::function<void()> body);
 
   // Joins a worker whose body ends as soon as it comes back from the system call in which it sits.
   // Does nothing for one that was never started.
