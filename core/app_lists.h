@@ -9,7 +9,7 @@
 //   4. BringUpHandshake::stateMutex_, StartupCfg::cfgMapMutex_
 //   5. the name table lock of ProcMgrMaster, the thread table lock of CoreAffinityMgr
 //   Leaves, under which nothing else is taken but the log's lock: HeartMessages::heartMutex_,
-//   Reporter::baseNamesMutex_, ProcessManager::coreAffinityThreadMutex_, delayCoreMutex_,
+//   Reporter::baseNamesMutex_, DelayedBinding::coreAffinityThreadMutex_ and delayCoreMutex_,
 //   PlatformEvents::mutex_, sensorMutex_, the lock of Status::Memory.
 #ifndef CORE_APP_LISTS_H
 #define CORE_APP_LISTS_H

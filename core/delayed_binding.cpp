@@ -1,20 +1,13 @@
-// Delayed core binding, and the way back after a wake-up.
 #include "core/delayed_binding.h"
 
 #include <unistd.h>
 
-#include <atomic>
-#include <csignal>
-#include <ctime>
 #include <utility>
 
-#include "base/may_wait.h"
 #include "base/sleep.h"
 #include "core/app_lists.h"
 #include "core/host_context.h"
 #include "core/log.h"
-#include "core/process_manager.h"
-#include "core/stop_request.h"
 #include "host/core_affinity_mgr.h"
 
 namespace ProcMgr {
@@ -26,19 +19,6 @@ constexpr std::int8_t kMaxRounds = 127;
 // Between the rounds of a request that sets no end and asks for no pause: a thread that can't be
 // bound would otherwise cost a processor for good.
 constexpr std::int64_t kLeastPauseNs = 10'000'000;
-
-// The settings of the last request.
-Mutex delayCoreMutex_;
-DelayCoreSettings delayCoreCfg_ GUARDED_BY(delayCoreMutex_);
-
-// How many requests were honoured. Whoever has seen them up to a number misses none that follows,
-// however briefly the flag between them was down.
-std::atomic<std::uint64_t> honouredRequests_ = 0;
-
-DelayCoreSettings CurrentSettings() {
-  const MutexLock lock(delayCoreMutex_);
-  return delayCoreCfg_;
-}
 
 bool IsLeftAlone(const App::AppInfo& app, bool isWakeUpEnable) {
   return app.isExited_ || (app.isDelayCoreAffinity_ && isWakeUpEnable);
@@ -71,25 +51,6 @@ bool ScanDelayCoreAffinityApps(bool (App::AppInfo::*operation)())
     }
   }
   return isOk;
-}
-
-// Yields 0 or kDelayedBindingFailed.
-std::uint32_t SetDelayCoreAffinity(const DelayCoreSettings& cfg) {
-  HostContext& context = HostContext::Instance();
-  if (context.delayCoreAffinityReceived_.load()) {
-    LogInfo(
-        "SetDelayCoreAffinity return directly as has recieved core affinity req before, will not "
-        "update config or bind core");
-    return 0;
-  }
-  const bool isOk = ScanDelayCoreAffinityApps(&App::AppInfo::BindCoreForDelayApp);
-  {
-    const MutexLock lock(delayCoreMutex_);
-    delayCoreCfg_ = cfg;
-  }
-  context.delayCoreAffinityReceived_.store(true);
-  ++honouredRequests_;
-  return isOk ? 0 : kDelayedBindingFailed;
 }
 
 std::int64_t PauseNs(const DelayCoreSettings& settings) {
@@ -155,7 +116,33 @@ std::vector<AppCoreInfo> CollectCores(bool isWakeUpEnable)
   return apps;
 }
 
-bool WakeUpRecover() {
+}  // namespace
+
+DelayCoreSettings DelayedBinding::CurrentSettings() {
+  const MutexLock lock(delayCoreMutex_);
+  return delayCoreCfg_;
+}
+
+// Yields 0 or kDelayedBindingFailed.
+std::uint32_t DelayedBinding::SetDelayCoreAffinity(const DelayCoreSettings& cfg) {
+  HostContext& context = HostContext::Instance();
+  if (context.delayCoreAffinityReceived_.load()) {
+    LogInfo(
+        "SetDelayCoreAffinity return directly as has recieved core affinity req before, will not "
+        "update config or bind core");
+    return 0;
+  }
+  const bool isOk = ScanDelayCoreAffinityApps(&App::AppInfo::BindCoreForDelayApp);
+  {
+    const MutexLock lock(delayCoreMutex_);
+    delayCoreCfg_ = cfg;
+  }
+  context.delayCoreAffinityReceived_.store(true);
+  ++honouredRequests_;
+  return isOk ? 0 : kDelayedBindingFailed;
+}
+
+bool DelayedBinding::WakeUpRecover() {
   HostContext& context = HostContext::Instance();
   const bool isWakeUpEnable = CurrentSettings().isWakeUpEnable;
   LogInfo("WakeUpRecover wakeUpDelayCoreAffinity=%d", isWakeUpEnable);
@@ -181,70 +168,8 @@ bool WakeUpRecover() {
   return isRecovered;
 }
 
-}  // namespace
-
-sigset_t PlatformSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, BindingSignal());
-  sigaddset(&signals, WakeUpSignal());
-  sigaddset(&signals, StopSignal());
-  return signals;
-}
-
-void PlatformEvents::Put(PlatformEvent event) {
-  const MutexLock lock(mutex_);
-  events_.push_back(event);
-  changed_.NotifyAll();
-}
-
-PlatformEvent PlatformEvents::Take() {
-  MayWait("PlatformEvents");
-  const MutexLock lock(mutex_);
-  while (events_.empty() && !isClosed_) {
-    changed_.Wait(mutex_);
-  }
-  if (isClosed_) {
-    return PlatformEvent::kNone;
-  }
-  const PlatformEvent event = events_.front();
-  events_.pop_front();
-  return event;
-}
-
-void PlatformEvents::Close() {
-  const MutexLock lock(mutex_);
-  isClosed_ = true;
-  changed_.NotifyAll();
-}
-
-bool TakePlatformSignals(PlatformEvents& events) {
-  const sigset_t signals = PlatformSignals();
-  bool isWokenUp = false;
-  bool isRequested = false;
-  bool isStopAsked = false;
-  int signal = sigwaitinfo(&signals, nullptr);
-  while (signal > 0) {
-    isWokenUp = isWokenUp || signal == WakeUpSignal();
-    isRequested = isRequested || signal == BindingSignal();
-    isStopAsked = isStopAsked || signal == StopSignal();
-    const timespec atOnce{};
-    signal = sigtimedwait(&signals, nullptr, &atOnce);
-  }
-  // What is pending together has come within a moment, or while this process stood still, and the
-  // kernel can't tell in which order. Nobody asks for a binding just to have it undone, but a
-  // binding is asked for at once after a wake-up.
-  if (isWokenUp) {
-    events.Put(PlatformEvent::kWakeUp);
-  }
-  if (isRequested) {
-    events.Put(PlatformEvent::kBinding);
-  }
-  return isStopAsked;
-}
-
 // Each honoured request has its check rounds.
-void ProcessManager::CheckCoreAffinityThread() {
+void DelayedBinding::CheckCoreAffinityThread() {
   std::uint64_t seen = 0;
   while (running_.load()) {
     const std::uint64_t honoured = honouredRequests_.load();
@@ -262,42 +187,25 @@ void ProcessManager::CheckCoreAffinityThread() {
   LogInfo("PROCMGR: CheckCoreAffinityThread exit now.");
 }
 
-void ProcessManager::PlatformSignalThread() {
-  while (running_.load()) {
-    if (TakePlatformSignals(platformEvents_)) {
-      AskForStop();
-    }
-  }
-}
-
-void ProcessManager::PlatformEventThread() {
-  while (running_.load()) {
-    const PlatformEvent event = platformEvents_.Take();
-    if (event == PlatformEvent::kBinding) {
-      RequestDelayedBinding();
-    } else if (event == PlatformEvent::kWakeUp) {
-      (void)WakeUpRecover();  // Its last line tells how it went.
-    }
-  }
-}
-
-void ProcessManager::RequestDelayedBinding() {
-  const std::uint32_t ret =
-      SetDelayCoreAffinity(procMgrCfg_.delayCore.value_or(DelayCoreSettings{}));
+void DelayedBinding::Request(const DelayCoreSettings& cfg) {
+  const std::uint32_t ret = SetDelayCoreAffinity(cfg);
   if (ret != 0) {
     LogWarning("PROCMGR: delayed core binding failed, ret=0x%X", ret);
   }
   const MutexLock lock(coreAffinityThreadMutex_);
-  // One is enough: it ends only if no further request will be honoured.
   if (!isCoreAffinityThreadStarted_) {
     coreAffinityThread_.Start(running_, [this] { CheckCoreAffinityThread(); });
     isCoreAffinityThreadStarted_ = true;
   }
 }
 
-Worker ProcessManager::TakeCoreAffinityThread() {
-  const MutexLock lock(coreAffinityThreadMutex_);
-  return std::move(coreAffinityThread_);
+void DelayedBinding::Stop() {
+  Worker thread;
+  {
+    const MutexLock lock(coreAffinityThreadMutex_);
+    thread = std::move(coreAffinityThread_);
+  }
+  thread.WakeAndJoin();
 }
 
 }  // namespace ProcMgr

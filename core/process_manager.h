@@ -10,7 +10,7 @@
 //   childMsgThread_   ReciveChildProcessMsgThread: carries to the log what children could not set
 //                     up.
 //   coreAffinityThread_
-//                     CheckCoreAffinityThread, once a delayed binding was requested.
+//                     CheckCoreAffinityThread (core/delayed_binding.h), once one was requested.
 //   signalThread_     PlatformSignalThread: takes the signals of a delayed binding, of a wake-up
 //                     and of an orderly stop as they come.
 //   eventThread_      PlatformEventThread: does what the first two ask for.
@@ -99,6 +99,7 @@
 #include "core/delayed_binding.h"
 #include "core/heart_messages.h"
 #include "core/list_rest.h"
+#include "core/platform_events.h"
 #include "core/reporter.h"
 #include "core/startup_cfg.h"
 #include "core/stop_request.h"
@@ -241,12 +242,9 @@ class ProcessManager {
   void UpdateAllGeneralAppMap(const std::string& name, const std::string& owner)
       REQUIRES(generalAppMutex_);
 
-  // core/delayed_binding.cpp. The platform's sleep and wake events.
+  // core/platform_events.cpp.
   void PlatformSignalThread();
   void PlatformEventThread();
-  void RequestDelayedBinding() EXCLUDES(coreAffinityThreadMutex_);
-  void CheckCoreAffinityThread();
-  [[nodiscard]] Worker TakeCoreAffinityThread() EXCLUDES(coreAffinityThreadMutex_);
 
   // core/run.cpp.
   void StopWorkers();
@@ -277,17 +275,13 @@ class ProcessManager {
   ListRest generalRest_;
   ListRest baseRest_;
 
-  // Started by the event thread at the first request.
-  Mutex coreAffinityThreadMutex_;
-  Worker coreAffinityThread_ GUARDED_BY(coreAffinityThreadMutex_);
-  bool isCoreAffinityThreadStarted_ GUARDED_BY(coreAffinityThreadMutex_) = false;
-
   std::atomic<bool> running_ = true;
   StopRequest stop_;
 
   // Each with a lock and data of its own.
   StartupCfg startupCfg_;
   PlatformEvents platformEvents_;
+  DelayedBinding delayedBinding_{running_};
   HeartMessages heartMessages_;
   BringUpHandshake handshake_;
   // Behind what its openings still tell at their end.

@@ -54,9 +54,8 @@ void ProcessManager::StopWorkers() {
   InstallWakeHandler();
   signalThread_.WakeAndJoin();
   platformEvents_.Close();
-  eventThread_.WakeAndJoin();  // Before the next, which it starts.
-  Worker coreAffinityThread = TakeCoreAffinityThread();
-  coreAffinityThread.WakeAndJoin();
+  eventThread_.WakeAndJoin();  // Before the next, whose thread it starts.
+  delayedBinding_.Stop();
   waitThread_.WakeAndJoin();
   checkThread_.WakeAndJoin();
   childMsgThread_.WakeAndJoin();

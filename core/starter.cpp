@@ -11,7 +11,7 @@
 
 #include "base/dir_stream.h"
 #include "base/text.h"
-#include "core/delayed_binding.h"
+#include "core/platform_events.h"
 #include "host/host_limits.h"
 
 namespace ProcMgr {

@@ -10,7 +10,7 @@
 namespace ProcMgr {
 
 // The signal that asks for it; a second one cuts all remaining time-outs short. (SIGRTMIN is a
-// call, so this is a function.) Blocked like the platform's signals, core/delayed_binding.h.
+// call, so this is a function.) Blocked like the platform's signals, core/platform_events.h.
 inline int StopSignal() {
   return SIGRTMIN + 3;
 }

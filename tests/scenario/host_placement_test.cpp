@@ -1,7 +1,7 @@
 // Where the manager and its children really are: groups, cores, limits, thread by thread, from the
 // start or by a later request.
 #include "base/small_file.h"
-#include "core/delayed_binding.h"
+#include "core/platform_events.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
