@@ -1,9 +1,5 @@
-// The orderly stop: what the manager has started ends in the reverse order of the boot.
-//
-// Nothing is started any more from the request on. The general applications are asked to end all at
-// once; then the base services, level by level: a service before what it depends on. Who hasn't
-// ended when its time is up is killed. The reaper and the check pass go on meanwhile, so every end
-// is filed, told and reported as ever.
+#include "core/orderly_stop.h"
+
 #include <algorithm>
 #include <chrono>
 #include <iterator>
@@ -13,9 +9,7 @@
 
 #include "base/sleep.h"
 #include "base/steady_time.h"
-#include "core/app_lists.h"
 #include "core/log.h"
-#include "core/process_manager.h"
 
 namespace ProcMgr {
 namespace {
@@ -93,24 +87,7 @@ std::vector<App::BaseAppInfo*> TopLevel(const std::set<pid_t>& asked) REQUIRES(b
   return top.empty() ? running : top;
 }
 
-}  // namespace
-
-void ProcessManager::AskForStop() {
-  LogWarning("PROCMGR : orderly stop asked for%s", stop_.IsAsked() ? " again" : "");
-  stop_.Ask();
-  handshake_.GiveUp();
-}
-
-void ProcessManager::StopApplications() {
-  LogInfo("PROCMGR : orderly stop begin");
-  StopGeneralApps();
-  std::set<pid_t> asked;
-  while (StopBaseLevel(asked)) {
-  }
-  LogInfo("PROCMGR : orderly stop end");
-}
-
-void ProcessManager::StopGeneralApps() {
+void StopGeneralApps(const StopRequest& stop) EXCLUDES(generalAppMutex_) {
   std::vector<Leaver> leavers;
   {
     const MutexLock lock(generalAppMutex_);
@@ -122,13 +99,16 @@ void ProcessManager::StopGeneralApps() {
     }
   }
   LogInfo("PROCMGR : orderly stop: asked general applications to end, count=%zu", leavers.size());
-  AwaitAll(leavers, [this](Leaver& leaver) {
+  AwaitAll(leavers, [&stop](Leaver& leaver) {
     const MutexLock lock(generalAppMutex_);
-    return HasLeft(leaver, FindGeneralApp(leaver.name).get(), stop_.IsUrgent());
+    return HasLeft(leaver, FindGeneralApp(leaver.name).get(), stop.IsUrgent());
   });
 }
 
-bool ProcessManager::StopBaseLevel(std::set<pid_t>& asked) {
+// Ends the services that no other one depends on. False if there was none. `asked` are those that
+// have had their turn.
+bool StopBaseLevel(std::set<pid_t>& asked, const StopRequest& stop, BringUpHandshake& handshake)
+    EXCLUDES(baseAppMutex_) {
   std::vector<Leaver> leavers;
   std::string names;
   {
@@ -138,18 +118,35 @@ bool ProcessManager::StopBaseLevel(std::set<pid_t>& asked) {
       names += app->appName_ + ",";
       asked.insert(app->pid_);
       app->EndForGood();
-      handshake_.TakeReport(*app, ProcessState::TERMINATING);
+      handshake.TakeReport(*app, ProcessState::TERMINATING);
     }
   }
   if (leavers.empty()) {
     return false;
   }
   LogInfo("PROCMGR : orderly stop: asked base services to end, appList=%s", names.c_str());
-  AwaitAll(leavers, [this](Leaver& leaver) {
+  AwaitAll(leavers, [&stop](Leaver& leaver) {
     const MutexLock lock(baseAppMutex_);
-    return HasLeft(leaver, FindBaseApp(leaver.name), stop_.IsUrgent());
+    return HasLeft(leaver, FindBaseApp(leaver.name), stop.IsUrgent());
   });
   return true;
+}
+
+}  // namespace
+
+void AskForStop(StopRequest& stop, BringUpHandshake& handshake) {
+  LogWarning("PROCMGR : orderly stop asked for%s", stop.IsAsked() ? " again" : "");
+  stop.Ask();
+  handshake.GiveUp();
+}
+
+void StopApplications(const StopRequest& stop, BringUpHandshake& handshake) {
+  LogInfo("PROCMGR : orderly stop begin");
+  StopGeneralApps(stop);
+  std::set<pid_t> asked;
+  while (StopBaseLevel(asked, stop, handshake)) {
+  }
+  LogInfo("PROCMGR : orderly stop end");
 }
 
 }  // namespace ProcMgr

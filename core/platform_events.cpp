@@ -3,6 +3,7 @@
 #include <ctime>
 
 #include "base/may_wait.h"
+#include "core/orderly_stop.h"
 #include "core/process_manager.h"
 #include "core/stop_request.h"
 
@@ -71,7 +72,7 @@ bool TakePlatformSignals(PlatformEvents& events) {
 void ProcessManager::PlatformSignalThread() {
   while (running_.load()) {
     if (TakePlatformSignals(platformEvents_)) {
-      AskForStop();
+      AskForStop(stop_, handshake_);
     }
   }
 }

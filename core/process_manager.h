@@ -3,7 +3,7 @@
 // Threads
 // -------
 //   main              runs the boot (Run), then waits for an orderly stop to be asked for, and does
-//                     it (core/orderly_stop.cpp).
+//                     it (core/orderly_stop.h).
 //   checkThread_      CheckThread: a pass over all records every 30 ms. Every consequence of an
 //                     exit, every report and every restart happens here.
 //   waitThread_       WaitThread: files the exit of every child in its record, and reaps it.
@@ -248,14 +248,6 @@ class ProcessManager {
 
   // core/run.cpp.
   void StopWorkers();
-
-  // core/orderly_stop.cpp. The request comes on the signal thread; main stops.
-  void AskForStop();
-  void StopApplications();
-  void StopGeneralApps() EXCLUDES(generalAppMutex_);
-  // Ends the services that no other one depends on. False if there was none. `asked` are those that
-  // have had their turn.
-  [[nodiscard]] bool StopBaseLevel(std::set<pid_t>& asked) EXCLUDES(baseAppMutex_);
 
   // Constant after Init.
   std::string baseServiceCfgPath_;

@@ -6,6 +6,7 @@
 #include "core/faults.h"
 #include "core/host_context.h"
 #include "core/log.h"
+#include "core/orderly_stop.h"
 #include "core/pass_bell.h"
 #include "core/process_manager.h"
 #include "core/quick_start.h"
@@ -106,7 +107,7 @@ void ProcessManager::Run() {
   InitBaseApplication(baseServiceCfgPath_);
   Status::Memory::Instance().EndBoot();
   stop_.Await();
-  StopApplications();
+  StopApplications(stop_, handshake_);
 }
 
 int ProcMgrRun(const std::string& baseServiceCfgPath) {
