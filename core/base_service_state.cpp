@@ -13,6 +13,30 @@ namespace {
 
 enum class ServiceState : std::uint32_t { kAccessUp = 0, kReportAll = 1, kReady = 2, kLeaving = 3 };
 
+// Whether `fd` is still the sender's channel; with a log line if it isn't. The report may have
+// waited for the lock while the channel was closed: then a process of the past has sent it.
+bool IsCurrentChannel(ProcMgrMaster& master, const std::string& sender, int fd)
+    REQUIRES(baseAppMutex_) {
+  if (master.GetFdFromProcName(sender) == fd) {
+    return true;
+  }
+  LogError("PROCMGR : GetProcNameFromFd failed: fd: %d", fd);
+  return false;
+}
+
+void PUpdateBaseSeriverReadyInfo(ProcMgrMaster& master, const std::string& name, int fd)
+    EXCLUDES(baseAppMutex_) {
+  const MutexLock lock(baseAppMutex_);
+  App::BaseAppInfo* const app = FindBaseApp(name);
+  if (app == nullptr) {
+    LogError("PUpdateBaseSeriverReadyInfo failed, not find base app=%s", name.c_str());
+    return;
+  }
+  if (IsCurrentChannel(master, name, fd)) {
+    app->isReady_ = true;
+  }
+}
+
 }  // namespace
 
 void ProcessManager::UpdateBaseAppState(const std::string& sender, std::uint32_t state, int fd) {
@@ -42,14 +66,6 @@ void ProcessManager::UpdateBaseAppState(const std::string& sender, std::uint32_t
   }
 }
 
-bool ProcessManager::IsCurrentChannel(const std::string& sender, int fd) {
-  if (master_.GetFdFromProcName(sender) == fd) {
-    return true;
-  }
-  LogError("PROCMGR : GetProcNameFromFd failed: fd: %d", fd);
-  return false;
-}
-
 void ProcessManager::SetReportedState(const std::string& sender, ProcessState state, int fd) {
   const MutexLock lock(baseAppMutex_);
   App::BaseAppInfo* const app = FindBaseApp(sender);
@@ -58,7 +74,7 @@ void ProcessManager::SetReportedState(const std::string& sender, ProcessState st
              sender.c_str());
     return;
   }
-  if (!IsCurrentChannel(sender, fd)) {
+  if (!IsCurrentChannel(master_, sender, fd)) {
     return;
   }
   if (state == ProcessState::RUNNING) {
@@ -73,24 +89,12 @@ void ProcessManager::SetReportedState(const std::string& sender, ProcessState st
 }
 
 void ProcessManager::UpdateBaseServiceReady(const std::string& name, int fd) {
-  PUpdateBaseSeriverReadyInfo(name, fd);
+  PUpdateBaseSeriverReadyInfo(master_, name, fd);
   const MutexLock lock(generalAppMutex_);
-  for (const auto& [appName, app] : allGeneralAppMap_) {
+  for (const auto& [appName, app] : generalApps_.All()) {
     if (app->ownerName_ == name) {
       app->isPriorityPending_ = false;
     }
-  }
-}
-
-void ProcessManager::PUpdateBaseSeriverReadyInfo(const std::string& name, int fd) {
-  const MutexLock lock(baseAppMutex_);
-  App::BaseAppInfo* const app = FindBaseApp(name);
-  if (app == nullptr) {
-    LogError("PUpdateBaseSeriverReadyInfo failed, not find base app=%s", name.c_str());
-    return;
-  }
-  if (IsCurrentChannel(name, fd)) {
-    app->isReady_ = true;
   }
 }
 

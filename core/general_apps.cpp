@@ -3,8 +3,6 @@
 // Each request works through its list with generalAppMutex_ held for one entry at a time. What can
 // be said at once is collected in a list of changes and reported when the list is through, outside
 // the lock; what takes time is reported by the check pass.
-#include <optional>
-
 #include "base/boot_trace.h"
 #include "core/app_lists.h"
 #include "core/faults.h"
@@ -17,9 +15,6 @@ namespace ProcMgr {
 namespace {
 
 using Status::Memory;
-
-// SCHED_FIFO, in the numbers of SetSchedPolicy.
-constexpr std::int32_t kReservedCorePolicy = 3;
 
 const std::string& NameOf(const std::string& name) {
   return name;
@@ -136,167 +131,11 @@ bool IsAlreadyTerminated(const App::GeneralAppInfo& app, std::vector<AppChange>&
   return true;
 }
 
-}  // namespace
-
-GeneralAppPtr ProcessManager::GetGeneralApp(const std::string& name, const std::string& owner) {
-  UpdateAllGeneralAppMap(name, owner);
-  if (const auto known = allGeneralAppMap_.find(name); known != allGeneralAppMap_.end()) {
-    return known->second;
-  }
-  if (GeneralAppPtr running = FindGeneralApp(name); running != nullptr) {
-    return running;
-  }
-  if (GeneralAppPtr app = MakeDynamicApp(name, owner); app != nullptr) {
-    return app;
-  }
-  LogError("PROCMGR : GetGeneralApp failed: app=%s", name.c_str());
-  return nullptr;
-}
-
-GeneralAppPtr ProcessManager::MakeDynamicApp(const std::string& name, const std::string& owner) {
-  const std::optional<ApplicationManifest> manifest = startupCfg_.Match(name);
-  return manifest ? std::make_shared<App::GeneralAppInfo>(name, *manifest, owner) : nullptr;
-}
-
-void ProcessManager::UpdateAllGeneralAppMap(const std::string& name, const std::string& owner) {
-  if (allGeneralAppMap_.contains(name)) {
-    return;
-  }
-  if (const std::optional<ApplicationManifest> manifest = startupCfg_.Find(name)) {
-    allGeneralAppMap_.emplace(name, std::make_shared<App::GeneralAppInfo>(name, *manifest, owner));
-  }
-}
-
-std::string ProcessManager::ProgramToStart(const std::string& name) {
-  if (const GeneralAppPtr app = FindGeneralApp(name); app != nullptr) {
-    return app->state_ == ProcessState::TERMINATED ? app->execPath_ : "";
-  }
-  if (const auto known = allGeneralAppMap_.find(name); known != allGeneralAppMap_.end()) {
-    return known->second->execPath_;
-  }
-  std::optional<ApplicationManifest> manifest = startupCfg_.Find(name);
-  if (!manifest) {
-    manifest = startupCfg_.Match(name);
-  }
-  return manifest ? manifest->GetBinPath() : "";
-}
-
-std::string ProcessManager::ProgramToCheck(const std::string& name,
-                                           const std::map<int, std::vector<std::string>>& params) {
-  IntegrityProtect& protect = IntegrityProtect::Instance();
-  if (!protect.HasEntries() || stop_.IsAsked()) {
-    return {};
-  }
-  if (std::string path = ProgramToStart(name); !protect.IsAtHand(path)) {
-    return path;
-  }
-  // A program that the request itself names.
-  const auto path = params.find(static_cast<int>(App::ParamKey::kExecPath));
-  const bool isNamed = path != params.end() && path->second.size() == 1;
-  return isNamed && !protect.IsAtHand(path->second.front()) ? path->second.front() : "";
-}
-
-void ProcessManager::StartWithDigest(const std::string& name,
-                                     const std::map<int, std::vector<std::string>>& params,
-                                     const std::function<void()>& start) {
-  std::string awaited;
-  do {
-    if (!awaited.empty()) {
-      IntegrityProtect::Instance().WorkOut(awaited);
-    }
-    const MutexLock lock(generalAppMutex_);
-    awaited = ProgramToCheck(name, params);
-    if (awaited.empty()) {
-      start();
-    }
-  } while (!awaited.empty());
-}
-
-void ProcessManager::StartApp(const std::vector<Message::StartAppInfo>& list,
-                              const std::string& sender) {
-  LogInfo("%s PM revice START_APP msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
-          sender.c_str(), JoinNames(list).c_str());
-  std::vector<AppChange> changes;
-  for (const Message::StartAppInfo& info : list) {
-    bool isOver = false;
-    StartWithDigest(info.appName, info.dynamicPara, [&]() REQUIRES(generalAppMutex_) {
-      isOver = stop_.IsAsked() || !StartOneApp(info, sender, changes);
-    });
-    if (isOver) {
-      return;
-    }
-  }
-  reporter_.ReportGeneralApps(changes);
-}
-
-// False ends the whole request.
-bool ProcessManager::StartOneApp(const Message::StartAppInfo& info, const std::string& sender,
-                                 std::vector<AppChange>& changes) {
+void RestartOneApp(GeneralAppTable& table, const Message::RestartAppInfo& info,
+                   const std::string& sender, std::vector<AppChange>& changes)
+    REQUIRES(generalAppMutex_) {
   const char* const name = info.appName.c_str();
-  const GeneralAppPtr app = GetGeneralApp(info.appName, sender);
-  if (app == nullptr) {
-    LogError("PROCMGR : StartApp: appName=%s is null", name);
-    return false;
-  }
-  const bool isParamValid = app->UpdateDynamicParam(info.argv, info.dynamicPara);
-  MentionGeneralApp(*app);
-  if (!isParamValid) {
-    Memory::Instance().RefuseRequest(app->statusId_, Status::CauseKind::kArgument,
-                                     "the parameters of " + sender + " don't fit the manifest");
-    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
-    LogError("PROCMGR : StartApp failed : appName=%s, dynamic para invalid", name);
-    return true;
-  }
-  if (app->isPriorityPending_) {
-    HandlePriorityApps(app);
-    return true;
-  }
-  if (!IsStartable(*app, sender, changes)) {
-    return true;
-  }
-  ResolveCoreAffinityAll(*app);
-  if (!LaunchGeneralApp(app)) {
-    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
-    LogError("PROCMGR : StartApp : StartProcess failed : appName=%s, pid=%d, state=%s, %s", name,
-             app->pid_, GetProcessStateStr(app->state_).c_str(), BootStrace(kBootTraceTag).c_str());
-    UpdateFaultSensor(info.appName, app->nodeType_, Fault::kOn);
-    return true;
-  }
-  app->state_ = ProcessState::STARTING;
-  return true;
-}
-
-void ProcessManager::ResolveCoreAffinityAll(App::GeneralAppInfo& app) const {
-  if (!app.coreAffinity_.empty() && app.coreAffinity_.front() == App::kAllReservedCores) {
-    app.coreAffinity_.assign(reservedCoreSet_.begin(), reservedCoreSet_.end());
-    app.schedPolicy_ = kReservedCorePolicy;
-  }
-}
-
-void ProcessManager::RestartApp(const std::vector<Message::RestartAppInfo>& list,
-                                const std::string& sender) {
-  LogInfo("%s PM revice RESTART_APP msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
-          sender.c_str(), JoinNames(list).c_str());
-  std::vector<AppChange> changes;
-  for (const Message::RestartAppInfo& info : list) {
-    bool isOver = false;
-    StartWithDigest(info.appName, info.dynamicPara, [&]() REQUIRES(generalAppMutex_) {
-      isOver = stop_.IsAsked();
-      if (!isOver) {
-        RestartOneApp(info, sender, changes);
-      }
-    });
-    if (isOver) {
-      return;
-    }
-  }
-  reporter_.ReportGeneralApps(changes);
-}
-
-void ProcessManager::RestartOneApp(const Message::RestartAppInfo& info, const std::string& sender,
-                                   std::vector<AppChange>& changes) {
-  const char* const name = info.appName.c_str();
-  const GeneralAppPtr app = GetGeneralApp(info.appName, sender);
+  const GeneralAppPtr app = table.GetGeneralApp(info.appName, sender);
   if (app == nullptr) {
     LogError("PROCMGR : RestartApp failed: not find app=%s", name);
     AddChange(Placeholder(info.appName), changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT,
@@ -313,7 +152,7 @@ void ProcessManager::RestartOneApp(const Message::RestartAppInfo& info, const st
     return;
   }
   app->SetTermBeginTime();
-  ResolveCoreAffinityAll(*app);
+  table.ResolveCoreAffinityAll(*app);
   if (RestartStoppedApp(app, changes, sender)) {
     return;
   }
@@ -328,21 +167,9 @@ void ProcessManager::RestartOneApp(const Message::RestartAppInfo& info, const st
   EndForRestart(*app, sender);
 }
 
-void ProcessManager::TermGeneralApp(const std::vector<Message::TermAppInfo>& list,
-                                    const std::string& sender) {
-  LogInfo("%s PM revice TERM_APP msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
-          sender.c_str(), JoinNames(list).c_str());
-  std::vector<AppChange> changes;
-  for (const Message::TermAppInfo& info : list) {
-    const MutexLock lock(generalAppMutex_);
-    TermOneApp(info.appName, sender, changes);
-  }
-  reporter_.ReportGeneralApps(changes);
-}
-
-void ProcessManager::TermOneApp(const std::string& name, const std::string& sender,
-                                std::vector<AppChange>& changes) {
-  const GeneralAppPtr app = GetGeneralApp(name, sender);
+void TermOneApp(GeneralAppTable& table, const std::string& name, const std::string& sender,
+                std::vector<AppChange>& changes) REQUIRES(generalAppMutex_) {
+  const GeneralAppPtr app = table.GetGeneralApp(name, sender);
   if (app == nullptr || app->state_ == ProcessState::INITSTATE) {
     LogError("PROCMGR : termApp failed: not find app=%s", name.c_str());
     AddChange(Placeholder(name), changes, ReportAppStateType::TERMINATED_NORMAL_EXIT, sender);
@@ -367,6 +194,110 @@ void ProcessManager::TermOneApp(const std::string& name, const std::string& send
     LogError("PROCMGR : TermGeneralApp failed: TermProcess failed: appName=%s, pid=%d, state=%s)",
              name.c_str(), app->pid_, GetProcessStateStr(app->state_).c_str());
   }
+}
+
+}  // namespace
+
+bool ProcessManager::StartWithDigest(const std::string& name,
+                                     const std::map<int, std::vector<std::string>>& params,
+                                     const std::function<void()>& start) {
+  std::string awaited;
+  do {
+    if (!awaited.empty()) {
+      IntegrityProtect::Instance().WorkOut(awaited);
+    }
+    const MutexLock lock(generalAppMutex_);
+    if (stop_.IsAsked()) {
+      return false;
+    }
+    awaited = generalApps_.ProgramToCheck(name, params);
+    if (awaited.empty()) {
+      start();
+    }
+  } while (!awaited.empty());
+  return true;
+}
+
+void ProcessManager::StartApp(const std::vector<Message::StartAppInfo>& list,
+                              const std::string& sender) {
+  LogInfo("%s PM revice START_APP msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
+          sender.c_str(), JoinNames(list).c_str());
+  std::vector<AppChange> changes;
+  for (const Message::StartAppInfo& info : list) {
+    bool isKnown = true;
+    const auto start = [&]() REQUIRES(generalAppMutex_) {
+      isKnown = StartOneApp(info, sender, changes);
+    };
+    if (!StartWithDigest(info.appName, info.dynamicPara, start) || !isKnown) {
+      return;
+    }
+  }
+  reporter_.ReportGeneralApps(changes);
+}
+
+// False ends the whole request: the application isn't known.
+bool ProcessManager::StartOneApp(const Message::StartAppInfo& info, const std::string& sender,
+                                 std::vector<AppChange>& changes) {
+  const char* const name = info.appName.c_str();
+  const GeneralAppPtr app = generalApps_.GetGeneralApp(info.appName, sender);
+  if (app == nullptr) {
+    LogError("PROCMGR : StartApp: appName=%s is null", name);
+    return false;
+  }
+  const bool isParamValid = app->UpdateDynamicParam(info.argv, info.dynamicPara);
+  MentionGeneralApp(*app);
+  if (!isParamValid) {
+    Memory::Instance().RefuseRequest(app->statusId_, Status::CauseKind::kArgument,
+                                     "the parameters of " + sender + " don't fit the manifest");
+    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
+    LogError("PROCMGR : StartApp failed : appName=%s, dynamic para invalid", name);
+    return true;
+  }
+  if (app->isPriorityPending_) {
+    HandlePriorityApps(app);
+    return true;
+  }
+  if (!IsStartable(*app, sender, changes)) {
+    return true;
+  }
+  generalApps_.ResolveCoreAffinityAll(*app);
+  if (!LaunchGeneralApp(app)) {
+    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
+    LogError("PROCMGR : StartApp : StartProcess failed : appName=%s, pid=%d, state=%s, %s", name,
+             app->pid_, GetProcessStateStr(app->state_).c_str(), BootStrace(kBootTraceTag).c_str());
+    UpdateFaultSensor(info.appName, app->nodeType_, Fault::kOn);
+    return true;
+  }
+  app->state_ = ProcessState::STARTING;
+  return true;
+}
+
+void ProcessManager::RestartApp(const std::vector<Message::RestartAppInfo>& list,
+                                const std::string& sender) {
+  LogInfo("%s PM revice RESTART_APP msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
+          sender.c_str(), JoinNames(list).c_str());
+  std::vector<AppChange> changes;
+  for (const Message::RestartAppInfo& info : list) {
+    const auto restart = [&]() REQUIRES(generalAppMutex_) {
+      RestartOneApp(generalApps_, info, sender, changes);
+    };
+    if (!StartWithDigest(info.appName, info.dynamicPara, restart)) {
+      return;
+    }
+  }
+  reporter_.ReportGeneralApps(changes);
+}
+
+void ProcessManager::TermGeneralApp(const std::vector<Message::TermAppInfo>& list,
+                                    const std::string& sender) {
+  LogInfo("%s PM revice TERM_APP msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
+          sender.c_str(), JoinNames(list).c_str());
+  std::vector<AppChange> changes;
+  for (const Message::TermAppInfo& info : list) {
+    const MutexLock lock(generalAppMutex_);
+    TermOneApp(generalApps_, info.appName, sender, changes);
+  }
+  reporter_.ReportGeneralApps(changes);
 }
 
 void ProcessManager::QueryAppState(const std::vector<std::string>& names,

@@ -114,6 +114,32 @@ void BindPriorityApps() EXCLUDES(generalAppMutex_) {
   }
 }
 
+void StartPriorityApp(GeneralAppTable& table, const PriorityAppEntry& entry)
+    REQUIRES(generalAppMutex_) {
+  const GeneralAppPtr app = table.GetGeneralApp(entry.appName, entry.ownerName);
+  if (app == nullptr) {
+    return;
+  }
+  if (FindGeneralApp(entry.appName) != nullptr) {
+    // Two entry files list it: what the first has started isn't started over.
+    LogWarningRouted("PROCMGR : priority app=%s is started already, ignore it from owner=%s",
+                     entry.appName.c_str(), entry.ownerName.c_str());
+    return;
+  }
+  app->isPriorityPending_ = true;
+  MentionGeneralApp(*app);
+  if (!LaunchGeneralApp(app)) {
+    app->state_ = ProcessState::TERMINATED;
+    app->reportState_ = ReportAppStateType::TERMINATED_ABNORMAL_EXIT;
+    LogInfoRouted("%s Start priority generalApp failed appName=%s, child_pid=%d",
+                  BootStrace(kBootTraceTag).c_str(), entry.appName.c_str(), app->pid_);
+    return;
+  }
+  app->state_ = ProcessState::STARTING;
+  LogInfoRouted("%s Start priority generalApp success appName=%s, child_pid=%d",
+                BootStrace(kBootTraceTag).c_str(), entry.appName.c_str(), app->pid_);
+}
+
 }  // namespace
 
 void ProcessManager::InitPriorityApps(const std::string& path) {
@@ -140,37 +166,11 @@ void ProcessManager::StartPriorityApps(std::vector<PriorityAppEntry>& entries) {
     return StartsEarlier(*left, *right) || (!StartsEarlier(*right, *left) && left < right);
   });
   for (const PriorityAppEntry* const entry : order) {
-    StartWithDigest(entry->appName, {}, [&]() REQUIRES(generalAppMutex_) {
-      if (!stop_.IsAsked()) {
-        StartPriorityApp(*entry);
-      }
-    });
+    const auto start = [&]() REQUIRES(generalAppMutex_) { StartPriorityApp(generalApps_, *entry); };
+    if (!StartWithDigest(entry->appName, {}, start)) {
+      return;
+    }
   }
-}
-
-void ProcessManager::StartPriorityApp(const PriorityAppEntry& entry) {
-  const GeneralAppPtr app = GetGeneralApp(entry.appName, entry.ownerName);
-  if (app == nullptr) {
-    return;
-  }
-  if (FindGeneralApp(entry.appName) != nullptr) {
-    // Two entry files list it: what the first has started isn't started over.
-    LogWarningRouted("PROCMGR : priority app=%s is started already, ignore it from owner=%s",
-                     entry.appName.c_str(), entry.ownerName.c_str());
-    return;
-  }
-  app->isPriorityPending_ = true;
-  MentionGeneralApp(*app);
-  if (!LaunchGeneralApp(app)) {
-    app->state_ = ProcessState::TERMINATED;
-    app->reportState_ = ReportAppStateType::TERMINATED_ABNORMAL_EXIT;
-    LogInfoRouted("%s Start priority generalApp failed appName=%s, child_pid=%d",
-                  BootStrace(kBootTraceTag).c_str(), entry.appName.c_str(), app->pid_);
-    return;
-  }
-  app->state_ = ProcessState::STARTING;
-  LogInfoRouted("%s Start priority generalApp success appName=%s, child_pid=%d",
-                BootStrace(kBootTraceTag).c_str(), entry.appName.c_str(), app->pid_);
 }
 
 void ProcessManager::ContinueProcMgrInit() {
@@ -189,7 +189,7 @@ void ProcessManager::ContinueProcMgrInit() {
 void ProcessManager::ReportPriorityApps() {
   const MutexLock lock(generalAppMutex_);
   std::vector<Message::AppStateInfo> list;
-  for (const auto& [name, app] : allGeneralAppMap_) {
+  for (const auto& [name, app] : generalApps_.All()) {
     if (app->startupPriority_ != -1) {
       StepGeneralApp(*app, SteadyNow());
       list.push_back(MakeCurrentStateInfo(*app));

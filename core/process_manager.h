@@ -51,7 +51,8 @@
 //   core/general_apps.cpp             StartApp, RestartApp, TermGeneralApp, QueryAppState
 //   core/base_service_state.cpp       UpdateBaseAppState, HandleAppExecReport
 //   core/startup_requests.cpp         HandleLoadRequest, HandleReloadRequest
-//   core/startup_cfg.h              For a start: the manifest that the name stands for.
+//   core/general_app_table.cpp      GetGeneralApp: the record of the name, or a new one from the
+//                                   manifest that stands for it (core/startup_cfg.h).
 //   app/dynamic_params.cpp          The request's values are written into the record.
 //   core/app_lists.cpp              LaunchGeneralApp: starts the process and enters the record.
 //   app/launch.cpp                  StartProcess: the checks of app/prepare_start.cpp, then
@@ -87,7 +88,6 @@
 #include <map>
 #include <set>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "app/app_info.h"
@@ -97,6 +97,7 @@
 #include "core/base_service_file.h"
 #include "core/bring_up_handshake.h"
 #include "core/delayed_binding.h"
+#include "core/general_app_table.h"
 #include "core/heart_messages.h"
 #include "core/list_rest.h"
 #include "core/platform_events.h"
@@ -178,7 +179,6 @@ class ProcessManager {
   // core/priority_apps.cpp. Main thread, but for the last two, which requests bring.
   void InitPriorityApps(const std::string& path);
   void StartPriorityApps(std::vector<PriorityAppEntry>& entries);
-  void StartPriorityApp(const PriorityAppEntry& entry) REQUIRES(generalAppMutex_);
   void ContinueProcMgrInit();
   void HandlePriorityApps(const GeneralAppPtr& app) REQUIRES(generalAppMutex_);
   void ReportPriorityApps() EXCLUDES(generalAppMutex_);
@@ -196,10 +196,6 @@ class ProcessManager {
       EXCLUDES(baseAppMutex_);
   void UpdateBaseServiceReady(const std::string& name, int fd)
       EXCLUDES(generalAppMutex_, baseAppMutex_);
-  // Whether `fd` is still the sender's channel; with a log line if it isn't. The report may have
-  // waited for the lock while the channel was closed: then a process of the past has sent it.
-  [[nodiscard]] bool IsCurrentChannel(const std::string& sender, int fd) REQUIRES(baseAppMutex_);
-  void PUpdateBaseSeriverReadyInfo(const std::string& name, int fd) EXCLUDES(baseAppMutex_);
   void HandleAppExecReport(const Message::AppExecInfo& info);
 
   // core/startup_requests.cpp. Threads of the messaging library. The load yields 0 or
@@ -215,32 +211,15 @@ class ProcessManager {
   void StartApp(const std::vector<Message::StartAppInfo>& list, const std::string& sender);
   [[nodiscard]] bool StartOneApp(const Message::StartAppInfo& info, const std::string& sender,
                                  std::vector<AppChange>& changes) REQUIRES(generalAppMutex_);
-  void ResolveCoreAffinityAll(App::GeneralAppInfo& app) const REQUIRES(generalAppMutex_);
   void RestartApp(const std::vector<Message::RestartAppInfo>& list, const std::string& sender);
-  void RestartOneApp(const Message::RestartAppInfo& info, const std::string& sender,
-                     std::vector<AppChange>& changes) REQUIRES(generalAppMutex_);
   void TermGeneralApp(const std::vector<Message::TermAppInfo>& list, const std::string& sender);
-  void TermOneApp(const std::string& name, const std::string& sender,
-                  std::vector<AppChange>& changes) REQUIRES(generalAppMutex_);
   void QueryAppState(const std::vector<std::string>& names, const std::string& sender);
   // Calls `start` under the lock once the digest of what it may start is at hand, which is worked
   // out without the lock; again, if somebody else has used it up by then or the file has changed.
-  void StartWithDigest(const std::string& name,
-                       const std::map<int, std::vector<std::string>>& params,
-                       const std::function<void()>& start) EXCLUDES(generalAppMutex_);
-  // The program whose digest isn't at hand; empty if there is none.
-  [[nodiscard]] std::string ProgramToCheck(const std::string& name,
-                                           const std::map<int, std::vector<std::string>>& params)
-      REQUIRES(generalAppMutex_);
-  // The program that stands behind a name; empty if the name is unknown or is running.
-  [[nodiscard]] std::string ProgramToStart(const std::string& name) REQUIRES(generalAppMutex_);
-  // Null if the name can't be resolved.
-  [[nodiscard]] GeneralAppPtr GetGeneralApp(const std::string& name, const std::string& owner)
-      REQUIRES(generalAppMutex_);
-  [[nodiscard]] GeneralAppPtr MakeDynamicApp(const std::string& name, const std::string& owner)
-      REQUIRES(generalAppMutex_);
-  void UpdateAllGeneralAppMap(const std::string& name, const std::string& owner)
-      REQUIRES(generalAppMutex_);
+  // False, and no call, from the request for an orderly stop on.
+  [[nodiscard]] bool StartWithDigest(const std::string& name,
+                                     const std::map<int, std::vector<std::string>>& params,
+                                     const std::function<void()>& start) EXCLUDES(generalAppMutex_);
 
   // core/platform_events.cpp.
   void PlatformSignalThread();
@@ -252,8 +231,6 @@ class ProcessManager {
   // Constant after Init.
   std::string baseServiceCfgPath_;
   ProcMgrCfg procMgrCfg_;
-  // The cores that a core list of 255 stands for. Nothing fills it.
-  std::set<std::uint32_t> reservedCoreSet_;
 
   // Main thread only.
   BaseServiceFile baseServiceFile_;
@@ -272,6 +249,7 @@ class ProcessManager {
 
   // Each with a lock and data of its own.
   StartupCfg startupCfg_;
+  GeneralAppTable generalApps_{startupCfg_};
   PlatformEvents platformEvents_;
   DelayedBinding delayedBinding_{running_};
   HeartMessages heartMessages_;
@@ -281,10 +259,6 @@ class ProcessManager {
   Reporter reporter_;
   // Behind what it asks: its thread ends first.
   Status::StatusService statusService_;
-
-  // Every general application with a fixed name that was ever asked for, with or without a process;
-  // the records stay for the life of the manager.
-  std::unordered_map<std::string, GeneralAppPtr> allGeneralAppMap_ GUARDED_BY(generalAppMutex_);
 };
 
 // Constructs, runs and destroys the manager. Yields 0 after a normal return of the run,

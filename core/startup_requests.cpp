@@ -36,15 +36,7 @@ std::uint32_t ProcessManager::ReLoadStartCfgInfo(const StartupCfgInfo& cfg) {
   if (ret != 0) {
     LogError("ReLoadStartCfgInfo failed, path=%s", cfg.path.c_str());
   }
-  const StartupCfg::ManifestMap manifests = startupCfg_.Fixed();
-  const MutexLock lock(generalAppMutex_);
-  for (const auto& [name, app] : allGeneralAppMap_) {
-    if (const auto manifest = manifests.find(name); manifest != manifests.end()) {
-      app->UpdateManifest(manifest->second);
-      // A restart may be under way, which starts with this core list and asks nobody any more.
-      ResolveCoreAffinityAll(*app);
-    }
-  }
+  generalApps_.UpdateManifests();
   return ret;
 }
 
