@@ -7,6 +7,7 @@
 
 #include "sandbox/process.h"
 #include "sandbox/sandbox.h"
+#include "sandbox/wait.h"
 
 namespace PmSandbox {
 
@@ -32,7 +33,11 @@ class Daemon : public Process {
   [[nodiscard]] std::vector<std::string> Descriptors() const { return OpenDescriptors(Pid()); }
   [[nodiscard]] std::size_t ThreadCount() const { return Threads(Pid()).size(); }
   [[nodiscard]] std::vector<pid_t> Services() const { return Children(Pid(), false); }
-  [[nodiscard]] std::vector<pid_t> Zombies() const { return Children(Pid(), true); }
+
+  // Waits until no zombie is left. An exit is told of before it is reaped.
+  [[nodiscard]] bool AwaitReaped() const {
+    return Eventually([this] { return Children(Pid(), true).empty(); });
+  }
 
  private:
   const Sandbox& sandbox_;

@@ -105,7 +105,7 @@ void Load::Finish() {
   Require(stage_.Manager().Services().size() == processes,
           "there run " + std::to_string(stage_.Manager().Services().size()) +
               " processes instead of " + std::to_string(processes));
-  Require(stage_.Manager().Zombies().empty(), "a zombie was left");
+  Require(stage_.Manager().AwaitReaped(), "a zombie was left");
 }
 
 void Load::Expect(const std::string& name, const Expected& expected) {

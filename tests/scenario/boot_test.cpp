@@ -324,7 +324,7 @@ TEST_F(Priority, EndsAreSeenAndDoublesAreNot) {
   EXPECT_TRUE(Await("Process short removed from the list of generalAppMap_"));
   EXPECT_THAT(Started(), ElementsAre("short", "twice"));
   EXPECT_EQ(log_.Count("priority app=twice is started already, ignore it from owner=second"), 1U);
-  EXPECT_TRUE(daemon_->Zombies().empty());
+  EXPECT_TRUE(daemon_->AwaitReaped());
   EXPECT_EQ(daemon_->Services().size(), 3U);
 }
 

@@ -195,9 +195,9 @@ class Faults : public ScenarioTest, public ::testing::WithParamInterface<Kind> {
       EXPECT_TRUE(PidOf("owner") == 0 || (hasChannel_ ? IsAnswered() : call_ == SYS_eventfd2));
       EXPECT_TRUE(Eventually([&] {
         const Use now = UseNow();
-        return now.descriptors <= use.descriptors && now.threads <= use.threads &&
-               daemon_->Zombies().empty();
+        return now.descriptors <= use.descriptors && now.threads <= use.threads;
       })) << ::testing::PrintToString(daemon_->Descriptors());
+      EXPECT_TRUE(daemon_->AwaitReaped());
     }
     daemon_.reset();
     owner_.Close();

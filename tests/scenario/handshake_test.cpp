@@ -167,7 +167,7 @@ TEST_F(Handshake, DeathAtAnyMomentHoldsNobodyUpAndLeavesNothing) {
   // The thread of an opening may have been on its way out when they were counted.
   EXPECT_TRUE(Eventually([&] { return daemon_->ThreadCount() <= threads; }));
   EXPECT_EQ(daemon_->Services().size(), 2U);
-  EXPECT_TRUE(daemon_->Zombies().empty());
+  EXPECT_TRUE(daemon_->AwaitReaped());
 }
 
 // The manager tells iammgr of itself when it comes up, and of everybody when it asks.

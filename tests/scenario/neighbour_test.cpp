@@ -54,7 +54,7 @@ class Neighbour : public ScenarioTest {
         << ::testing::PrintToString(daemon_->Descriptors());
     EXPECT_TRUE(Eventually([&] { return daemon_->ThreadCount() <= threads_; }));
     EXPECT_EQ(log_.Count("status=lost"), 0U);
-    EXPECT_TRUE(daemon_->Zombies().empty());
+    EXPECT_TRUE(daemon_->AwaitReaped());
   }
 
   // Runs `body` inside on a thread that is another user's, to its end.

@@ -87,7 +87,7 @@ TEST_F(PmCtl, SessionFromStartToStop) {
   ASSERT_EQ(kill(second, SIGKILL), 0);
   EXPECT_TRUE(AwaitState("recorder", "failed"));
   EXPECT_EQ(Ask({"query", "recorder"}).status, 1);
-  EXPECT_TRUE(daemon_->Zombies().empty());
+  EXPECT_TRUE(daemon_->AwaitReaped());
 }
 
 TEST_F(PmCtl, DynamicParametersReachTheProcess) {

@@ -44,7 +44,7 @@ TEST_F(Supervision, KilledServiceReturnsAndKnowsIt) {
   // The channel opens beside the pass that sees the process up.
   EXPECT_EQ(std::erase(lines, "6 PROCMGR : STARTING to RUNNING appName=steady, pid=#"), 1U);
   EXPECT_EQ(lines, expected);
-  EXPECT_TRUE(daemon_->Zombies().empty());
+  EXPECT_TRUE(daemon_->AwaitReaped());
 }
 
 // Without waiting for the end of a pause: half of one, 15 ms, lies between the two settings.
@@ -97,7 +97,7 @@ TEST_F(Supervision, ReturningServiceLeavesNoDescriptorAndNoThreadBehind) {
   EXPECT_TRUE(Eventually([&] { return daemon_->Descriptors().size() == descriptors; }))
       << ::testing::PrintToString(daemon_->Descriptors());
   EXPECT_TRUE(Eventually([&] { return daemon_->ThreadCount() <= threads; }));
-  EXPECT_TRUE(daemon_->Zombies().empty());
+  EXPECT_TRUE(daemon_->AwaitReaped());
 }
 
 // The bring-up waits without a limit, but not for a service that has gone for good, and erasing
@@ -167,7 +167,7 @@ TEST_F(Supervision, EveryWayToEndHasItsLine) {
             1U);
   EXPECT_EQ(CountLines(lines, "terminated as input/output error"), 1U);
   EXPECT_TRUE(daemon_->Services().empty());
-  EXPECT_TRUE(daemon_->Zombies().empty());
+  EXPECT_TRUE(daemon_->AwaitReaped());
 }
 
 TEST_F(Supervision, VanishedProgramIsTriedAtEveryPass) {
@@ -200,7 +200,7 @@ TEST_F(Supervision, ThousandServicesThatEndAtOnceAreAllSeen) {
   EXPECT_EQ(log_.Count("PROCMGR: can not find app"), 0U);
   EXPECT_EQ(log_.Count("the exit status is 0."), kServices);
   EXPECT_TRUE(daemon_->Services().empty());
-  EXPECT_TRUE(daemon_->Zombies().empty());
+  EXPECT_TRUE(daemon_->AwaitReaped());
 }
 
 // A service on the agent library, from the boot to its end.
