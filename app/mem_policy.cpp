@@ -67,6 +67,11 @@ MemPolicy PlanMemPolicy(const std::string& appName, std::int32_t vfId) {
                    ",ret=" + std::to_string(ret);
     return policy;
   }
+  return PolicyOfNodes(appName, info);
+}
+
+MemPolicy PolicyOfNodes(const std::string& appName, const PlatMemInfo& info) {
+  MemPolicy policy;
   if (info.nodeCount > kMaxNodes) {
     policy.error = appName + " numa node number exceed. node_cnt=" + std::to_string(info.nodeCount);
     return policy;

@@ -8,6 +8,10 @@
 
 #include "base/fixed_text.h"
 
+namespace ProcMgr {
+struct PlatMemInfo;
+}
+
 namespace ProcMgr::App {
 
 // The width of the mask that is handed to the kernel, in bits.
@@ -23,6 +27,9 @@ struct MemPolicy {
 // Asks the platform for the nodes of the device function `vfId`; a negative one has none, and
 // nobody is asked. Wanted only if the system has exactly one device. Parent.
 [[nodiscard]] MemPolicy PlanMemPolicy(const std::string& appName, std::int32_t vfId);
+
+// What binds the memory to these nodes. Any thread.
+[[nodiscard]] MemPolicy PolicyOfNodes(const std::string& appName, const PlatMemInfo& info);
 
 // Binds the memory of the calling process to the nodes. False with the reason in `text`: the child
 // must not go on. Loads libnuma, which stays loaded until the exec: for a child with memory of its

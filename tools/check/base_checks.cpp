@@ -119,15 +119,13 @@ void CheckPattern(const Service& service, const std::string& key, const std::str
 }
 
 void CheckUnread(const Service& service, Findings& findings) {
-  if (service.Manifest().GetStartupPriority() != -1) {
-    findings.push_back(service.At("startupPriority", Severity::kWarning, "unread-key",
-                                  "startupPriority isn't read of a base service; it counts in a "
-                                  "start-up entry file"));
-  }
-  if (!service.Manifest().GetSharepoolGroups().empty()) {
-    findings.push_back(service.At("sharepoolGroups", Severity::kWarning, "unread-key",
-                                  "sharepoolGroups isn't read of a base service; it counts in a "
-                                  "start-up entry file"));
+  for (const char* const key :
+       {"startupPriority", "sharepoolGroups", "nice", "vfId", "heartBeatSwitch"}) {
+    if (service.HasKey(key)) {
+      findings.push_back(service.At(
+          key, Severity::kWarning, "unread-key",
+          std::string(key) + " isn't read of a base service; it counts in a start-up entry file"));
+    }
   }
 }
 

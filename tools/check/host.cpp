@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <string_view>
 #include <utility>
 
 #include "app/app_info.h"
@@ -15,9 +16,12 @@
 #include "app/share_groups.h"
 #include "app/start_rules.h"
 #include "base/printable.h"
+#include "base/small_file.h"
 #include "core/log.h"
 #include "host/cgroups.h"
 #include "host/kernel_cmdline.h"
+#include "platform/plat/plat.h"
+#include "status/proc_facts.h"
 #include "tools/check/root_path.h"
 
 namespace ProcMgr::Check {
@@ -29,6 +33,8 @@ using Findings = std::vector<Finding>;
 constexpr std::size_t kLongestText = std::size_t{128} * 1024;
 // All of them: a quarter of the stack.
 constexpr std::size_t kMostTexts = std::size_t{2} * 1024 * 1024;
+
+constexpr const char* kOnlineNodesFile = "/sys/devices/system/node/online";
 
 std::vector<std::string>* complaints = nullptr;
 
@@ -61,6 +67,19 @@ CgroupRoots CgroupsBelow(const std::string& root) {
 
 std::string MachinePath(const std::string& root, const std::string& path) {
   return ResolveInRoot(root, path).value_or(root + path);
+}
+
+// The kernel lists them as it lists cores. None if the list can't be read.
+PlatMemInfo OnlineNodes(const std::string& root) {
+  std::string text;
+  (void)ReadSmallFile(MachinePath(root, kOnlineNodesFile), kConfigFileLimit, text);
+  const auto nodes = Status::ParseCoreList(std::string_view(text).substr(0, text.find('\n')));
+  PlatMemInfo info{};
+  if (nodes) {
+    info.nodeCount = static_cast<std::uint32_t>(nodes->size());
+    std::copy_n(nodes->begin(), std::min(nodes->size(), info.nodes.size()), info.nodes.begin());
+  }
+  return info;
 }
 
 std::string NotExecutable(App::ExecuteVerdict verdict, const struct stat& file) {
@@ -163,10 +182,10 @@ void Host::CheckServices(const ServiceFile& file, Findings& findings) {
       CheckBinary(service, file.isEntry, findings);
     }
     CheckSizes(service, findings);
-    CheckNodes(service, findings);
     CheckCores(service, file.isEntry, findings);
     CheckCgroups(service, findings);
     if (file.isEntry) {
+      CheckNodes(service, findings);
       CheckShareGroups(service, file.owner, findings);
     }
   }
@@ -273,28 +292,37 @@ void Host::CheckLibraries(const Service& service, const std::string& program, bo
   }
 }
 
-// Which nodes a device function has only the platform's library tells, on the machine itself.
+// How many devices there are only the platform's library tells, on the machine itself; the nodes of
+// one are all that are online.
 void Host::CheckNodes(const Service& service, Findings& findings) {
+  const std::string& name = service.Manifest().GetAppName();
   const std::int32_t vfId = service.Manifest().GetVfId();
   if (vfId < 0) {
     return;
   }
-  if (root_.empty()) {
-    const App::MemPolicy policy = App::PlanMemPolicy(service.Manifest().GetAppName(), vfId);
-    if (!policy.error.empty()) {
-      findings.push_back(service.At("vfId", Severity::kError, "numa",
-                                    "every start fails: " + Printable(policy.error)));
-    }
-    if (!policy.isWanted) {
-      return;
-    }
+  const bool isHere = root_.empty();
+  const auto add = [&](const std::string& text) {
+    findings.push_back(
+        service.At("vfId", isHere ? Severity::kError : Severity::kWarning, "numa", text));
+  };
+  const std::string everyStart = isHere ? "every start fails" : "with one device every start fails";
+  App::MemPolicy policy;
+  policy.isWanted = true;
+  if (isHere) {
+    policy = App::PlanMemPolicy(name, vfId);
+  } else if (const PlatMemInfo nodes = OnlineNodes(root_); nodes.nodeCount > 0) {
+    policy = App::PolicyOfNodes(name, nodes);
+  } else {
+    add("whether the memory can be bound to its nodes can't be told, for there is no list of them "
+        "in " +
+        Quoted(kOnlineNodesFile));
   }
-  if (!libraries_.IsInCommonFolder("libnuma.so.1")) {
-    findings.push_back(service.At("vfId", root_.empty() ? Severity::kError : Severity::kWarning,
-                                  "numa",
-                                  "libnuma.so.1 isn't there, by which the memory of a device "
-                                  "function is bound, so every start fails" +
-                                      std::string(root_.empty() ? "" : " if there is one device")));
+  if (!policy.error.empty()) {
+    add(everyStart + ": " + Printable(policy.error));
+  }
+  if (policy.isWanted && !libraries_.IsInCommonFolder("libnuma.so.1")) {
+    add(everyStart +
+        ": libnuma.so.1 isn't there, by which the memory of a device function is bound");
   }
 }
 

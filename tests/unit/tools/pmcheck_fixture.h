@@ -2,11 +2,13 @@
 #ifndef TESTS_UNIT_TOOLS_PMCHECK_FIXTURE_H
 #define TESTS_UNIT_TOOLS_PMCHECK_FIXTURE_H
 
+#include <elf.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -23,8 +25,8 @@ struct Result {
   std::string err;
 };
 
-class PmCheck : public ::testing::Test {
- protected:
+class Checker {
+ public:
   // Runs it in the folder, so that the lines hold short names.
   Result Run(const std::string& arguments) {
     const std::string command =
@@ -50,18 +52,33 @@ class PmCheck : public ::testing::Test {
   PmTest::TempFolder folder_;
 };
 
-// "LINE:COLUMN severity rule" of each finding about `file`.
-inline std::vector<std::string> Brief(const std::string& json, const std::string& file) {
+class PmCheck : public ::testing::Test, protected Checker {
+ protected:
+  using Checker::Run;
+};
+
+// A 64 bit little-endian ELF file without segments.
+inline std::string Elf(Elf64_Half machine) {
+  Elf64_Ehdr header{};
+  std::memcpy(header.e_ident,
+              "\x7f"
+              "ELF\x02\x01\x01",
+              7);
+  header.e_machine = machine;
+  header.e_phentsize = sizeof(Elf64_Phdr);
+  return {reinterpret_cast<const char*>(&header), sizeof(header)};
+}
+
+// "FILE:LINE:COLUMN severity rule" of each finding.
+inline std::vector<std::string> Brief(const std::string& json) {
   std::vector<std::string> list;
   const auto document = nlohmann::json::parse(json);
   for (const auto& checked : document.at("files")) {
     for (const auto& finding : checked.at("findings")) {
-      if (finding.value("file", "").ends_with(file)) {
-        list.push_back(std::to_string(finding.at("line").get<int>()) + ':' +
-                       std::to_string(finding.at("column").get<int>()) + ' ' +
-                       finding.at("severity").get<std::string>() + ' ' +
-                       finding.at("rule").get<std::string>());
-      }
+      list.push_back(finding.value("file", "") + ':' + std::to_string(finding.value("line", 0)) +
+                     ':' + std::to_string(finding.value("column", 0)) + ' ' +
+                     finding.at("severity").get<std::string>() + ' ' +
+                     finding.at("rule").get<std::string>());
     }
   }
   return list;
