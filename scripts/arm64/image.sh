@@ -37,6 +37,8 @@ install_platform() {
   install_program 2004 map_service planner_service
   install_program 2005 boot_record
   install_program 2006 operator sample_app
+  install_program 2007 c_service pm-notify
+  install -m 0750 -o 0 -g 2007 "$source_dir/examples/services/shell_service.sh" "$stage/opt/platform/bin/"
   mkdir -p "$etc/platform" "$etc/base-plat/process-manager"
   cp -r "$source_dir"/examples/platform/{platform.yaml,services,entries} "$etc/platform/"
   cp "$source_dir"/examples/platform/procmgr_cfg.yaml "$source_dir"/tests/board/platform/*.yaml \

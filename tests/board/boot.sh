@@ -19,6 +19,8 @@ check_places() {
   expect_who iammgr 2001 2001 0-2 OTHER CtrlCPU
   expect_who camera_service 2003 2003 0 sensing CtrlCPU
   expect_who operator 2006 '2001 2006' 0-2 OTHER CtrlCPU
+  expect_who c_service 2007 2007 0-2 OTHER CtrlCPU
+  expect_who shell_service 2007 2007 0-2 OTHER CtrlCPU
   expect_who em_service 2006 '2001 2006' 0-2 OTHER CtrlCPU
   expect_who two_cores 2006 '2001 2006' 0-1 OTHER CtrlCPU
   expect_who rt_worker 2006 '2001 2006' 1 sensing CtrlCPU

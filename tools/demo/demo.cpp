@@ -50,9 +50,8 @@ pid_t PidOf(const std::vector<Demo::ServiceRow>& rows, const std::string& name) 
   throw std::runtime_error(name + " isn't running");
 }
 
-void LoseAndRegain(const PmSandbox::Sandbox& sandbox, const PmSandbox::LogReader& lines,
-                   Demo::DemoLog& log) {
-  const pid_t pid = PidOf(Demo::CollectTable(sandbox, lines.Lines()), kVictim);
+void LoseAndRegain(const std::vector<Demo::ServiceRow>& rows, Demo::DemoLog& log) {
+  const pid_t pid = PidOf(rows, kVictim);
   Say("kill -9 " + std::to_string(pid) + " (" + kVictim + ")");
   if (kill(pid, SIGKILL) != 0) {
     throw std::runtime_error(std::string("can't kill ") + kVictim);
@@ -63,9 +62,10 @@ void LoseAndRegain(const PmSandbox::Sandbox& sandbox, const PmSandbox::LogReader
 }
 
 // Compares what there is with what the platform promises.
-void CheckRows(const std::vector<Demo::ServiceRow>& rows) {
+void CheckRows(const std::vector<Demo::PlatformService>& services,
+               const std::vector<Demo::ServiceRow>& rows) {
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    const Demo::PlatformService& service = Demo::PlatformServices().at(i);
+    const Demo::PlatformService& service = services[i];
     const Demo::ServiceRow& row = rows[i];
     const std::string expected = service.staysUp ? "running" : "ended";
     const int restarts = service.name == kVictim ? 1 : 0;
@@ -140,13 +140,16 @@ void Run(bool stay, bool quick) {
   Demo::InstallPlatform(sandbox);
   const PmSandbox::LogReader lines(sandbox);
   Demo::DemoLog log(lines, interrupted);
-  std::vector<std::string> arguments = {Demo::kPlatformFile};
+  const bool withPython = Demo::HasPython(sandbox);
+  const std::vector<Demo::PlatformService> services = Demo::PlatformServices(withPython);
+  std::vector<std::string> arguments = {withPython ? Demo::kPythonPlatformFile
+                                                   : Demo::kPlatformFile};
   if (quick) {
     sandbox.WriteFile(Demo::kOperatorEntries,
                       WithEarlyApp(sandbox.ReadFile(Demo::kOperatorEntries)));
     arguments.emplace_back("true");
   }
-  Say(std::string("process-manager ") + Demo::kPlatformFile + (quick ? " true" : ""));
+  Say("process-manager " + arguments[0] + (quick ? " true" : ""));
   PmSandbox::Daemon daemon(sandbox, arguments);
   if (quick) {
     ContinueQuickStart(sandbox, daemon);
@@ -156,16 +159,16 @@ void Run(bool stay, bool quick) {
     Say("the early application belongs to the operator service now");
     Demo::ShowHandOver(sandbox, "early_light");
   }
-  LoseAndRegain(sandbox, lines, log);
+  LoseAndRegain(Demo::CollectTable(sandbox, services, lines.Lines()), log);
   Say("an operator runs applications");
   Demo::ShowOperator(sandbox);
   Say("a program that its user may not run");
   Demo::ShowFault(sandbox);
   Say("where the boot's time went, and what runs");
   Demo::ShowPicture(sandbox);
-  const std::vector<Demo::ServiceRow> rows = Demo::CollectTable(sandbox, lines.Lines());
+  const std::vector<Demo::ServiceRow> rows = Demo::CollectTable(sandbox, services, lines.Lines());
   Demo::PrintTable(rows);
-  CheckRows(rows);
+  CheckRows(services, rows);
   if (!daemon.IsRunning()) {
     throw std::runtime_error("the manager has ended");
   }

@@ -9,8 +9,10 @@
 
 namespace Demo {
 
-// The file that the manager is started with, inside.
+// The file that the manager is started with, inside; and the one that has the service in Python,
+// too.
 inline constexpr const char* kPlatformFile = "/etc/zur/platform/platform.yaml";
+inline constexpr const char* kPythonPlatformFile = "/etc/zur/platform/with_python.yaml";
 
 // What the operator service may start, inside.
 inline constexpr const char* kOperatorEntries = "/etc/zur/platform/entries/operator.yaml";
@@ -27,11 +29,16 @@ struct PlatformService {
   bool staysUp = true;  // A job ends by itself.
   bool isReporting = true;
 };
-// Everything that the platform starts, in the order in which it is to come up.
-const std::vector<PlatformService>& PlatformServices();
+// Everything that the file kPlatformFile starts, in the order in which it is to come up; or, if
+// `withPython`, the other file.
+std::vector<PlatformService> PlatformServices(bool withPython);
 
 // Gives the sandbox the platform's users, groups, programs and files. Throws with what is missing.
 void InstallPlatform(const PmSandbox::Sandbox& sandbox);
+
+// Whether the service in Python can run in the sandbox, for which the platform is installed: the
+// machine may have no Python, or not all of it.
+[[nodiscard]] bool HasPython(const PmSandbox::Sandbox& sandbox);
 
 }  // namespace Demo
 

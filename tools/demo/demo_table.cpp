@@ -7,7 +7,6 @@
 #include "base/small_file.h"
 #include "base/text.h"
 #include "sandbox/process_table.h"
-#include "tools/demo/demo_platform.h"
 
 namespace Demo {
 namespace {
@@ -98,9 +97,10 @@ void ReadProc(const PmSandbox::Sandbox& sandbox, ServiceRow& row) {
 }  // namespace
 
 std::vector<ServiceRow> CollectTable(const PmSandbox::Sandbox& sandbox,
+                                     const std::vector<PlatformService>& services,
                                      const std::vector<LogLine>& log) {
   std::vector<ServiceRow> rows;
-  for (const PlatformService& service : PlatformServices()) {
+  for (const PlatformService& service : services) {
     ServiceRow row;
     row.name = service.name;
     ReadLog(log, service, row);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "sandbox/log_reader.h"
+#include "tools/demo/demo_platform.h"
 
 namespace Demo {
 
@@ -23,9 +24,10 @@ struct ServiceRow {
   std::optional<double> readyMs;  // From the first start to ready; a job has none.
 };
 
-// Reads the rows off the log and /proc, one per service of the platform, in their order. The users
-// are those of the sandbox.
+// Reads the rows off the log and /proc, one per service, in their order. The users are those of the
+// sandbox.
 std::vector<ServiceRow> CollectTable(const PmSandbox::Sandbox& sandbox,
+                                     const std::vector<PlatformService>& services,
                                      const std::vector<PmSandbox::LogLine>& log);
 
 void PrintTable(const std::vector<ServiceRow>& rows);

@@ -150,7 +150,7 @@ std::vector<Fault> FaultsOfFiles() {
       Plant("services/sensing.yaml:19:26 error circle",
             "map_service -> planner_service -> map_service: none",
             {{kSensing, "dependList: [iammgr]", "dependList: [iammgr, planner_service]"}}),
-      Plant("platform.yaml:9:14 error faulty-file", "services/access.yaml:3",
+      Plant("platform.yaml:10:14 error faulty-file", "services/access.yaml:3",
             {{kPlatform, "appName: boot_record", "appName: iammgr"}}),
       Plant("services/driving.yaml:9:17 error shell-token", "holds \\\"|\\\"",
             {Planner("arguments: [ok, 'a|b']")}),
@@ -164,15 +164,15 @@ std::vector<Fault> FaultsOfFiles() {
             {{kDriving, "PROC_NAME: planner_service", "X: 1, PROC_NAME: planner"}}),
       Plant("services/driving.yaml:3:10 error pattern-in-base", "binPath is a pattern",
             {{kDriving, "bin/planner_service", "bin/${[a-z]*}"}}),
-      Plant("platform.yaml:13:22 warning unread-key",
+      Plant("platform.yaml:14:22 warning unread-key",
             "startupPriority isn't read of a base service", {Record("startupPriority: 1")}),
-      Plant("platform.yaml:13:11 warning unread-key", "vfId isn't read", {Record("vfId: 0")}),
-      Plant("platform.yaml:13:14 error faulty-file", "on-failure", {Record("restart: sometimes")}),
-      Plant("platform.yaml:13:5 warning doubtful-file", "the nearest known is \\\"restart\\\"",
+      Plant("platform.yaml:14:11 warning unread-key", "vfId isn't read", {Record("vfId: 0")}),
+      Plant("platform.yaml:14:14 error faulty-file", "on-failure", {Record("restart: sometimes")}),
+      Plant("platform.yaml:14:5 warning doubtful-file", "the nearest known is \\\"restart\\\"",
             {Record("restrat: \"no\"")}),
       Plant("platform.yaml:5:14 error faulty-file", "No such file",
             {{kPlatform, "services/driving", "services/drivin"}}),
-      Plant("platform.yaml:11:10 error faulty-file", "uid is \\\"nobody_at_all\\\"",
+      Plant("platform.yaml:12:10 error faulty-file", "uid is \\\"nobody_at_all\\\"",
             {{kPlatform, "uid: recorder", "uid: nobody_at_all"}}),
       Plant("services/operator.yaml:12:19 warning entry-file", "operators.yaml\\\" isn't there",
             {{kOperator, "../entries/operator", "operators"}}),
@@ -316,7 +316,7 @@ TEST(PmCheckPlanted, WhatOnlyLooksLikeAFaultIsNone) {
 TEST(PmCheckPlanted, ExamplePlatformHasNoFinding) {
   ExampleHost host;
   const PmTest::Result result =
-      host.Run("--strict --host --root . platform.yaml entries/operator.yaml");
+      host.Run("--strict --host --root . platform.yaml with_python.yaml entries/operator.yaml");
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");
   EXPECT_THAT(result.out, HasSubstr("round 4: planner_service\n"));
