@@ -159,6 +159,7 @@ TEST_F(PmCtl, TheManagerTellsItself) {
     return watch.Output().substr(before.size()).find(R"("running")") != std::string::npos;
   }));
   daemon_->Signal(SIGSTOP);
+  ASSERT_TRUE(Eventually([this] { return ReadStat(daemon_->Pid()).state == 'T'; }));
   for (const char* command : {"status", "boot"}) {
     EXPECT_THAT(Ask({command}).output, HasSubstr("the manager doesn't answer"));
   }
