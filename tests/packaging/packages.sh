@@ -1,13 +1,15 @@
 #!/bin/bash
-# packages.sh FOLDER: the Debian packages in it install into an empty root, are whole, boot a platform, are upgraded
-# while it runs, and leave nothing behind when they are purged. As root, for that is who installs.
+# packages.sh FOLDER PROGRAMS: the Debian packages in FOLDER install into an empty root, are whole, boot their samples,
+# are upgraded while these run, boot the example platform, and leave nothing behind when they are purged. As root, for
+# that is who installs. PROGRAMS holds what the example platform has of its own.
 set -euo pipefail
 
-folder=$1
+folder=$1 programs=$2
+examples=$(dirname "${BASH_SOURCE[0]}")/../../examples
 root=$(mktemp -d)
 board=
 clean_up() {
-  [[ -z $board ]] || kill -KILL "$(pgrep --parent "$board")" # unshare itself passes signals over.
+  [[ -z $board ]] || pkill -KILL --parent "$board" || true # unshare itself passes signals over.
   rm -rf "$root"
 }
 trap clean_up EXIT
@@ -67,18 +69,25 @@ done
 run_dpkg --install "$root"/old/*.deb
 rm -r "$root/old"
 
-# A board of its own: the root's programs, configuration and /run in the places of this machine's.
+# A board of its own: the root's programs, configuration and /run in the places of this machine's, and groups.
 config=$root/etc/zur/base-plat/process-manager
-boot() {
+mkdir -p "$root/opt/platform/bin" "$root/sys/fs/cgroup/"{{cpu,memory}/{OTHER,sensing},cpuset/CtrlCPU}
+cp /sys/devices/system/cpu/online "$root/sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus"
+touch "$root/sys/fs/cgroup/"{{cpu,memory}/{OTHER,sensing},cpuset/CtrlCPU}/tasks
+boot() { # FILE SERVICES: what is to run then.
+  services=$2
   unshare --mount --pid --fork --kill-child --mount-proc bash -c "
-    for place in etc run usr/libexec; do mount --bind '$root'/\$place /\$place || exit; done
-    '$root/usr/sbin/process-manager' ${config#"$root"}/base_services.yaml &
-    wait \$!" >"$folder/boot.log" 2>&1 &
+    for place in etc run opt usr/libexec sys/fs/cgroup; do mount --bind '$root'/\$place /\$place || exit; done
+    '$root/usr/sbin/process-manager' ${1#"$root"} &
+    wait \$! || exit
+    while pgrep --exact pmctl >/dev/null; do sleep 0.1; done" >"$folder/boot.log" 2>&1 & # Whoever has ended it tells so.
   board=$!
   within 60 is_up || fail "the platform isn't up: $(cat "$folder/boot.log")"
 }
 on_board() { nsenter --target "$(pgrep --parent "$board")" --mount --pid "$@"; }
-is_up() { [[ $(on_board "$root/usr/bin/pmctl" status 2>/dev/null) =~ iammgr\ .*running.*operator\ .*running ]]; }
+is_up() {
+  [[ $(on_board "$root/usr/bin/pmctl" status 2>/dev/null | awk '$5 == "running" {print $1}' | sort | xargs) == "$services" ]]
+}
 # Pid and start time of each: the pids of a board begin anew with each boot.
 running() {
   on_board sh -c 'for pid in $(pgrep --exact "process-manager|iammgr|operator"); do
@@ -103,11 +112,37 @@ is_configured() { # Nobody but the integrator writes there.
     cmp "$root/usr/share/doc/process-manager/samples/$sample" "$config/$sample" || return
   done
 }
+# The example platform as an integrator builds it on what is installed: /opt/platform of the root.
+platform=$root/etc/zur/platform
+install_programs() { # USER FILE...: each program is its user's group's, or it isn't started.
+  install -m 0750 -g "$(sed -n "s/^$1:[^:]*:\([0-9]*\):.*/\1/p" "$root/etc/group")" -t "$root/opt/platform/bin" "${@:2}"
+}
+install_platform() {
+  local library
+  library=$(find "$root/usr/lib" -name libprocess_manager_agent.so)
+  printf 'u %s -\n' launcher camera navigation recorder guest | systemd-sysusers --root="$root" -
+  install_programs launcher "$programs/proc_launcher"
+  install_programs camera "$programs/camera_service"
+  install_programs navigation "$programs/"{map,planner}_service
+  install_programs recorder "$programs/boot_record"
+  install_programs operator "$programs/sample_app"
+  install_programs guest "$root/usr/bin/pm-notify" "$examples/services/"{shell_service.sh,python_service.py}
+  cc -I "$root/usr/include/process-manager" -o "$root/c_service" "$examples/services/c_service.c" "$library"
+  install_programs guest "$root/c_service"
+  rm "$root/c_service"
+  ln -s /usr/libexec/process-manager/{iammgr,operator} "$root/opt/platform/bin/"
+  ln -s "${library%/*}" "$root/opt/platform/lib"
+  ln -s "$root/usr/lib/python3/dist-packages" "$root/opt/platform/python"
+  chmod 0711 "$root" # The links are followed by every user.
+  mkdir -m 1777 "$root/run/platform"
+  cp -r "$examples/platform" "$platform"
+  mv "$platform/procmgr_cfg.yaml" "$config"
+}
 can_boot() { command -v systemd-sysusers >/dev/null && command -v systemd-tmpfiles >/dev/null; }
 if can_boot; then
   mkdir -p "$config"
   cp "$root/usr/share/doc/process-manager/samples/"{base_services,operator}.yaml "$config"
-  boot
+  boot "$config/base_services.yaml" 'iammgr operator'
   old_processes=$(running)
 fi
 
@@ -125,8 +160,12 @@ if can_boot; then
   is_configured || fail "the upgrade has changed the configuration"
   on_board "$root/usr/bin/pmcheck" "${config#"$root"}/base_services.yaml" >/dev/null || fail "the sample has faults"
   shut_down
-  boot
+  install_platform
+  boot "$platform/with_python.yaml" "$(echo c_service camera_service iammgr map_service operator planner_service \
+    proc_launcher python_service shell_service)"
   [[ $(running) != "$old_processes" ]] || fail "nothing has started anew"
+  told=$(on_board "$root/usr/bin/pmcheck" --host --strict "${platform#"$root"}/with_python.yaml" 2>&1) || fail "$told"
+  told=$(on_board "$root/usr/bin/pmctl" start recorder 2>&1) || fail "$told"
 fi
 [[ $(dpkg --root="$root" --audit) == "" ]] || fail "not all are configured: $(dpkg --root="$root" --audit)"
 
@@ -195,6 +234,7 @@ fi
 if can_boot; then
   shut_down
 fi
+rm -r "$root/"{opt,sys}
 
 run_dpkg --purge "${packages[@]}"
 # What a boot makes in /run goes with the boot; users and the integrator's files stay.
