@@ -227,29 +227,5 @@ TEST_F(SlowAgent, LostAndRecoveredHeartbeatsReachTheSensor) {
   EXPECT_EQ(log_.Count("PROCMGR : Restarting"), 0U);
 }
 
-TEST_F(SlowAgent, HeartMessagesTellOfLossAndDelay) {
-  AgentPeer beater(sandbox_, "beater");
-  Boot({Reporting("beater")});
-  ASSERT_TRUE(beater.BecomeReady());
-  AwaitBooted();
-  const std::string lost = "PROCMGR : beater lost heart msg, index is ";
-  for (const std::uint64_t index : {1U, 2U, 4U, 5U, 5U, 1U, 2U}) {
-    ASSERT_TRUE(beater.Send(HeartFrame(index)));
-  }
-  // One that was sent long ago.
-  auto late = HeartFrame(3);
-  const std::uint64_t longAgo = 1;
-  (void)std::string_view(reinterpret_cast<const char*>(&longAgo), sizeof(longAgo))
-      .copy(late.data + 8, sizeof(longAgo));
-  ASSERT_TRUE(beater.Send(late));
-  const auto slow = log_.WaitFor(" - 1 = ");
-  ASSERT_TRUE(slow.has_value());
-  EXPECT_THAT(log_.At(*slow).text, StartsWith("PROCMGR : beater send nexiom cost time "));
-  for (const char* const indices : {"2 / 4", "5 / 5", "5 / 1"}) {
-    EXPECT_EQ(log_.Count(lost + indices), 1U) << indices;
-  }
-  EXPECT_EQ(log_.Count(lost), 3U);
-}
-
 }  // namespace
 }  // namespace PmTest

@@ -67,37 +67,6 @@ TEST_F(Handshake, WholeLogOfABootThatReports) {
   EXPECT_EQ(lines, kReportingBoot);
 }
 
-// A report that comes before the manager has filed its new descriptor must not be lost, or the boot
-// waits for ever. Each service reports in the instant in which it has accepted the connection.
-TEST_F(Handshake, ReportInTheInstantOfTheOpeningIsNeverLost) {
-  constexpr int kBoots = 4;
-  constexpr int kServices = 250;
-  std::vector<App> apps;
-  for (int i = 0; i < kServices; ++i) {
-    // Of one length, so that the order of the names is that of the numbers.
-    apps.push_back(Reporting("service" + std::to_string(1000 + i)));
-  }
-  const RawPacket ready = FramePacket(StateFrame(kStateReady));
-  for (int boot = 0; boot < kBoots; ++boot) {
-    std::vector<std::unique_ptr<RawServer>> servers;
-    for (const App& app : apps) {
-      servers.push_back(std::make_unique<RawServer>(sandbox_, app.name, 0));
-    }
-    const std::size_t before = log_.Lines().size();
-    Boot(apps);
-    std::vector<RawPeer> peers;
-    for (int i = 0; i < kServices; ++i) {
-      auto peer = servers[static_cast<std::size_t>(i)]->Accept();
-      ASSERT_TRUE(peer.has_value()) << "boot " << boot << " hangs before service " << i;
-      ASSERT_TRUE(peer->Send(ready));
-      peers.push_back(std::move(*peer));
-    }
-    ASSERT_TRUE(Await("InitBaseApplication end", before));
-    daemon_->KillAll();
-  }
-  EXPECT_EQ(log_.Count("success, report RUNNING!"), std::size_t{kBoots} * kServices);
-}
-
 // One boot in which every service but the first dies on its way, each at another moment.
 TEST_F(Handshake, DeathAtAnyMomentHoldsNobodyUpAndLeavesNothing) {
   AgentPeer anchor(sandbox_, "a-anchor");

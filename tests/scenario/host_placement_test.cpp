@@ -123,17 +123,6 @@ TEST_F(Placement, WithoutAnyGroupTheBootGoesOnAndSaysSo) {
             StatusField(daemon_->Pid(), "Cpus_allowed_list"));
 }
 
-TEST_F(Placement, CoresOutsideTheControlSetAreRefused) {
-  sandbox_.MakePlatformGroups("0");
-  Boot({Service("near", {"--report", kReport}, {{"coreAffinity", "[0]"}}),
-        Service("far", {}, {{"coreAffinity", "[0, 1, 1023]"}})});
-  const std::vector<std::string> lines = AwaitBoot();
-  EXPECT_EQ(CountLines(lines, "3 CheckIsCtrlCpu app=far, coreId=1 is not in CtrlCpu"), 1U);
-  EXPECT_EQ(CountLines(lines, "CheckIsCtrlCpu app="), 1U);
-  EXPECT_EQ(CountLines(lines, "Start baseApp success appName=far,"), 0U);
-  EXPECT_EQ(AwaitReport(sandbox_, kReport).Get("status.Cpus_allowed_list"), "0");
-}
-
 TEST_F(Placement, AiCoreTakesTheServiceIntoTheAiSet) {
   if (!HasTwoCores()) {
     GTEST_SKIP() << "a machine with one core has none for a second set";
@@ -163,18 +152,20 @@ TEST_F(Placement, WithoutACoreListAServiceRunsOnTheControlCores) {
   ExpectPlaced(AwaitReport(sandbox_, kReport).Pid(), "/OTHER", "/wide", "1");
 }
 
-TEST_F(Placement, HomeAndLockedMemoryReachEveryService) {
+TEST_F(Placement, HomeLockedMemoryAndAPreloadedSanitizerReachEveryService) {
   sandbox_.MakePlatformGroups("0");
   sandbox_.WriteFile("/etc/vantor_common_env.conf", "# limits\nMAX_LOCKED_MEMORY_LIMIT=12288\n");
   sandbox_.AddUser("pilot", 1000, 1000, "/home/pilot");
   sandbox_.InstallProgram(ProgramPath("test-service"), "/opt/test/pilots", 0, 1000, 0750);
-  Boot({{"service",
-         "/opt/test/pilots",
-         {"--report", kReport},
-         {{"uid", "pilot"}, {"gid", "pilot"}}}});
+  Boot(
+      {{"service",
+        "/opt/test/pilots",
+        {"--report", kReport},
+        {{"uid", "pilot"}, {"gid", "pilot"}, {"envArgv", "{LD_PRELOAD: /usr/lib/libasan.so.6}"}}}});
   const ServiceReport report = AwaitReport(sandbox_, kReport);
   EXPECT_EQ(report.Get("env.HOME"), "/home/pilot");
   EXPECT_EQ(report.Get("limit.memlock"), "12288,12288");
+  EXPECT_EQ(report.Get("env.LD_PRELOAD"), "/lib64/libasan.so.4:libiam.so.1");
 }
 
 class DelayedBinding : public ScenarioTest {

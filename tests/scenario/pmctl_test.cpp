@@ -173,21 +173,6 @@ TEST_F(PmCtl, TheManagerTellsItself) {
   EXPECT_THAT(gone.output, HasSubstr("the manager isn't running"));
 }
 
-TEST_F(PmCtl, StatusTellsTheKindsApart) {
-  EXPECT_TRUE(Eventually([&] { return Look("planner_service", "state") == "running"; }));
-  ASSERT_EQ(Ask({"start", "encoder1", "--env", "QUALITY=low"}).status, 0);
-  for (const auto& [name, kind] : {std::pair{"planner_service", "base"}, {"encoder1", "general"}}) {
-    EXPECT_EQ(Look(name, "kind"), kind) << name;
-    EXPECT_EQ(Look(name, "state"), "running") << name;
-  }
-  EXPECT_EQ(Look("encoder1", "owner"), "operator");
-  // A base service that the manager brings back keeps its row.
-  const auto camera = Look("camera_service", "pid").get<pid_t>();
-  ASSERT_EQ(kill(camera, SIGKILL), 0);
-  EXPECT_TRUE(Eventually([&] { return Look("camera_service", "restarts").at("count") == 1; }));
-  EXPECT_NE(Look("camera_service", "pid"), camera);
-}
-
 TEST_F(PmCtl, RefusalsSayWhatIsWrong) {
   const struct {
     std::vector<std::string> arguments;

@@ -61,7 +61,7 @@ TEST_F(StatusTest, EveryStateAndCauseOfABoot) {
                          {"plain-file", plainFile, {}, {}},
                          {"listed", listed, {}, {}},
                          Service("argument", {"a;b"}),
-                         Service("core", {}, {{"coreAffinity", "[1023]"}}),
+                         Service("core", {}, {{"coreAffinity", "[0, 1023]"}}),
                          Reporting("z-silent"),
                          Service("second", {}, {{"dependList", "[missing]"}}),
                          Service("third", {}, {{"dependList", "[second]"}}),

@@ -88,12 +88,6 @@ TEST_F(UploadServiceTest, BadRequestsMeetSilence) {
   EXPECT_THAT(taken_, IsEmpty());
 }
 
-TEST_F(UploadServiceTest, TextsOfPeersAreHarmlessInTheLog) {
-  EXPECT_EQ(Ask("a\n\x1b[31m#/b#1#2#0#0#0#2#"), "1#0#0#0#");
-  EXPECT_THAT(TakeLog(), Contains("I PmHandleRequest receive pid=1, pidAppName=a\\x0a\\x1b[31m, "
-                                  "binPath=/b"));
-}
-
 TEST_F(UploadServiceTest, ABrokenConnectionIsClosed) {
   PmHandleRequest(9, nullptr);
   EXPECT_EQ(fake_->closeCalls, std::vector<int>{9});
