@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <filesystem>
 #include <sstream>
 
@@ -105,6 +104,10 @@ std::string StatusField(pid_t pid, const std::string& key) {
     }
   }
   return {};
+}
+
+bool Kill(pid_t pid, int signal) {
+  return pid > 0 && kill(pid, signal) == 0;
 }
 
 bool KillAndAwait(pid_t pid) {

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <csignal>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -31,6 +32,10 @@ std::vector<pid_t> Threads(pid_t pid);
 
 // The value of a "Key:\tVALUE" line of /proc/PID/status; empty if there is none.
 std::string StatusField(pid_t pid, const std::string& key);
+
+// Sends one process a signal. False, as for one that isn't there, for a pid that names none: what a
+// failed look-up has yielded is to the kernel the whole group of the caller, or everybody.
+[[nodiscard]] bool Kill(pid_t pid, int signal = SIGKILL);
 
 // Kills `pid` and waits until it is no more than a zombie; reaps it if it is a child of ours.
 // Yields false if it was still there after a while.

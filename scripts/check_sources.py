@@ -41,6 +41,10 @@ FORBIDDEN_EVERYWHERE = [
 FORBIDDEN_OUTSIDE_TESTS = [
     (r"\b(atoi|atol|atoll|atof)\s*\(", "swallows errors: use ParseNumber of base/text.h", set()),
 ]
+FORBIDDEN_IN_SCENARIOS = [
+    (r"(?<![\w.>])kill\s*\(", "use Kill of sandbox/process_table.h: a failed look-up names everybody",
+     {"tests/scenario/neighbour_test.cpp"}),
+]
 FORBIDDEN_IN_DAEMON = [
     (r"\b(v?syslog|openlog|closelog)\s*\(", "use core/log.h: syslog waits for the log's reader",
      {"core/log.cpp"}),
@@ -146,6 +150,8 @@ class Checker:
             self.rooms(path, room, with_strings)
         if room != "tests":
             self.rules(path, code, FORBIDDEN_OUTSIDE_TESTS)
+        if path.startswith("tests/scenario/"):
+            self.rules(path, code, FORBIDDEN_IN_SCENARIOS)
         if room in DAEMON:
             self.rules(path, code, FORBIDDEN_IN_DAEMON)
             self.descriptors(path, code, with_strings)

@@ -44,6 +44,8 @@ CASES = [
     ("core/check_thread.cpp", "nanosleep(&left, &left);", True),
     ("core/check_thread.cpp", "SleepNs(30'000'000);", False),
     ("core/check_thread.cpp", "std::lock_guard lock(mutex);", True),
+    ("tests/scenario/a.cpp", "kill(pid, SIGKILL);", True),
+    ("tests/scenario/a.cpp", "daemon_->kill(); Kill(pid);", False),
     ("app/child.cpp", "_exit(125);", False),
     ("app/child.cpp", "exit(125);", True),
 ]

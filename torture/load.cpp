@@ -145,7 +145,7 @@ void Load::AskForMoves() {
       gone_.push_back(app.Name());
     }
     if (act == Act::kKill) {
-      Require(kill(app.pid, SIGKILL) == 0, app.Name() + " runs as pid " + std::to_string(app.pid));
+      Require(PmSandbox::Kill(app.pid), app.Name() + " runs as pid " + std::to_string(app.pid));
     } else {
       requests[{act, asker}].push_back(app.Name());
     }
@@ -159,7 +159,7 @@ void Load::KillServices() {
     if (Random(2) == 0) {
       continue;
     }
-    Require(kill(service.pid, SIGKILL) == 0,
+    Require(PmSandbox::Kill(service.pid),
             service.name + " runs as pid " + std::to_string(service.pid));
     ended_.push_back(service.name);
     for (const auto state :

@@ -51,7 +51,7 @@ TEST_F(HostileAgent, WrongGroupCantTakeAName) {
             1U);
   EXPECT_EQ(log_.Count("Start baseApp success appName=zzz,"), 1U);
   // The service itself is supervised all the same.
-  ASSERT_EQ(kill(AwaitStarted("aaa"), SIGKILL), 0);
+  ASSERT_TRUE(Kill(AwaitStarted("aaa")));
   EXPECT_TRUE(Await("PROCMGR : Process aaa removed from the list of executedBaseApp_"));
 }
 
@@ -81,7 +81,7 @@ TEST_F(HostileAgent, WhoeverTakesANameFirstCantKeepAServiceFromIt) {
   ASSERT_EQ(unlink(path.c_str()), 0);
   ASSERT_EQ(symlink(kBaseFile, path.c_str()), 0);
   giveAway();
-  ASSERT_EQ(kill(first, SIGKILL), 0);
+  ASSERT_TRUE(Kill(first));
   EXPECT_TRUE(Eventually(isServed));
   EXPECT_TRUE(log_.WaitForCount(told, 2));
 }
@@ -194,7 +194,7 @@ TEST_F(SlowAgent, ReaderThatStandsStillDelaysNobodyForGood) {
   const pid_t pid = AwaitStarted("owner");
   ASSERT_TRUE(owner.TermApps({"last"}));
   ASSERT_TRUE(Await("TERM_APP msg from owner, appList=last,", before));
-  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  ASSERT_TRUE(Kill(pid));
   ASSERT_TRUE(owner.BecomeReady());
   ASSERT_TRUE(Await(
       "PROCMGR: CheckThread : owner=owner, pid=" + std::to_string(AwaitStarted("owner", before)) +

@@ -342,7 +342,7 @@ TEST_F(Priority, QuickStartWaitsForTheSignalAndMakesUpForWhatChildrenLeftOut) {
   EXPECT_THAT(sandbox_.ReadFile(cgroup), ::testing::Not(HasSubstr("CtrlCPU")));
   EXPECT_EQ(log_.Count("InitBaseApplication begin"), 0U);
 
-  ASSERT_EQ(kill(daemon_->Pid(), SIGCONT), 0);
+  ASSERT_TRUE(Kill(daemon_->Pid(), SIGCONT));
   AwaitBooted();
   EXPECT_TRUE(
       WaitForKernelLog(sandbox_, "wait success for continue startup, catch continue signal"));
@@ -353,14 +353,14 @@ TEST_F(Priority, QuickStartWaitsForTheSignalAndMakesUpForWhatChildrenLeftOut) {
   }
   // The quick start is over for good: the routed lines are back in syslog.
   EXPECT_EQ(log_.Count("pm Get board info success"), 1U);
-  ASSERT_EQ(kill(daemon_->Pid(), SIGCONT), 0);
+  ASSERT_TRUE(Kill(daemon_->Pid(), SIGCONT));
   EXPECT_TRUE(daemon_->IsRunning());
 }
 
 TEST_F(Priority, EarlySignalEndsTheWait) {
   BootWith({Service("early", {}, {{"startupPriority", "1"}})}, {"true"});
   ASSERT_TRUE(WaitForKernelLog(sandbox_, "init success"));
-  ASSERT_EQ(kill(daemon_->Pid(), SIGCONT), 0);
+  ASSERT_TRUE(Kill(daemon_->Pid(), SIGCONT));
   AwaitBooted();
   EXPECT_FALSE(WaitForKernelLog(sandbox_, "timeout!!", std::chrono::milliseconds(0)));
 }
@@ -369,7 +369,7 @@ TEST_F(Priority, EarlySignalEndsTheWait) {
 TEST_F(Priority, OtherWordsAreNoQuickStart) {
   BootWith({Service("early", {}, {{"startupPriority", "1"}})}, {"TRUE"});
   AwaitBooted();
-  ASSERT_EQ(kill(daemon_->Pid(), SIGCONT), 0);
+  ASSERT_TRUE(Kill(daemon_->Pid(), SIGCONT));
   EXPECT_EQ(log_.Count("is not quickstart"), 1U);
   EXPECT_EQ(sandbox_.ReadFile("/dev/kmsg"), "");
 }
@@ -412,7 +412,7 @@ TEST_P(OddStarter, PutsRightWhatItsStarterLeftBehind) {
   ASSERT_EQ(prlimit(daemon_->Pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
   EXPECT_EQ(limit.rlim_cur, 512U);
   // Its end is seen, and the manager's own can be asked for.
-  ASSERT_EQ(kill(worker.Pid(), SIGKILL), 0);
+  ASSERT_TRUE(Kill(worker.Pid()));
   EXPECT_NE(AwaitReport(sandbox_, file, worker.Pid()).Pid(), worker.Pid());
   daemon_->Signal(SIGTERM);
   const auto status = daemon_->WaitExit();

@@ -84,7 +84,7 @@ TEST_F(EveryLanguage, ReportsComesBackAndBeats) {
   // Each dies, comes back and reports again.
   const std::size_t before = log_.Lines().size();
   for (const App& app : apps) {
-    ASSERT_EQ(kill(AwaitStarted(app.name), SIGKILL), 0);
+    ASSERT_TRUE(Kill(AwaitStarted(app.name)));
   }
   std::map<std::string, pid_t> pids;
   for (const App& app : apps) {
@@ -93,16 +93,16 @@ TEST_F(EveryLanguage, ReportsComesBackAndBeats) {
   }
   // Stopped long enough to be missed, and then not missed any more: it beats.
   for (const auto& [name, pid] : pids) {
-    ASSERT_EQ(kill(pid, SIGSTOP), 0) << name;
+    ASSERT_TRUE(Kill(pid, SIGSTOP)) << name;
   }
   for (const auto& [name, pid] : pids) {
     EXPECT_TRUE(AwaitLost(name)) << name;
-    ASSERT_EQ(kill(pid, SIGCONT), 0) << name;
+    ASSERT_TRUE(Kill(pid, SIGCONT)) << name;
     EXPECT_TRUE(Await("(app=" + name + ",pid=" + std::to_string(pid) + ",status=recovery)"));
   }
   // It ends as it is asked to.
   for (const auto& [name, pid] : pids) {
-    ASSERT_EQ(kill(pid, SIGTERM), 0) << name;
+    ASSERT_TRUE(Kill(pid, SIGTERM)) << name;
     EXPECT_TRUE(Await("PROCMGR : Process=" + name + ", pid=" + std::to_string(pid) +
                       " was self terminated, the exit status is 0."));
   }

@@ -166,7 +166,7 @@ class Faults : public ScenarioTest, public ::testing::WithParamInterface<Kind> {
     for (int round = 0; round < 3 && daemon_->IsRunning(); ++round) {
       for (const char* const name : {"alpha", "beta"}) {
         if (const pid_t pid = PidOf(name); pid != 0) {
-          ASSERT_EQ(kill(pid, SIGKILL), 0);
+          ASSERT_TRUE(Kill(pid));
           EXPECT_TRUE(Eventually([&] {
             const pid_t now = PidOf(name);
             return (now != 0 && now != pid) || !daemon_->IsRunning();

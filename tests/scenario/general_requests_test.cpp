@@ -27,7 +27,7 @@ TEST_F(GeneralRequests, EveryOutcomeOfAPlainApplication) {
   const pid_t restarted = ExpectBoth(owner_, "steady 1").pid;
   EXPECT_NE(restarted, started.pid);
   EXPECT_EQ(ReadStat(started.pid).pid, 0);
-  ASSERT_EQ(kill(restarted, SIGKILL), 0);
+  ASSERT_TRUE(Kill(restarted));
   EXPECT_EQ(ExpectBoth(owner_, "steady 4").pid, restarted);
   ASSERT_TRUE(owner_.RestartApps({{"steady", {}, {}}}));
   const pid_t third = ExpectBoth(owner_, "steady 1").pid;
@@ -116,10 +116,10 @@ TEST_F(GeneralRequests, QueryTellsRunningStoppedAndGone) {
   const pid_t pid = ExpectBoth(owner_, "app 0").pid;
   const auto status = [&] { return second_.Query({"app", "never", "app"}); };
   EXPECT_THAT(status(), ElementsAre(Pair("app", 0), Pair("never", 1)));
-  ASSERT_EQ(kill(pid, SIGSTOP), 0);
+  ASSERT_TRUE(Kill(pid, SIGSTOP));
   ASSERT_TRUE(Eventually([&] { return ReadStat(pid).state == 'T'; }));
   EXPECT_THAT(status(), ElementsAre(Pair("app", 2), Pair("never", 1)));
-  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  ASSERT_TRUE(Kill(pid));
   EXPECT_EQ(ExpectBoth(owner_, "app 4").pid, pid);
   ASSERT_TRUE(Await("PROCMGR : Process app removed from the list of generalAppMap_"));
   EXPECT_THAT(status(), ElementsAre(Pair("app", 1), Pair("never", 1)));
@@ -240,7 +240,7 @@ class GeneralMany : public GeneralTest {
     const auto half = names_.begin() + kCount / 2;
     ASSERT_TRUE(owner_.TermApps({names_.begin(), half}));
     for (auto name = half; name != names_.end(); ++name) {
-      ASSERT_EQ(kill(pids_[*name], SIGKILL), 0);
+      ASSERT_TRUE(Kill(pids_[*name]));
     }
     ASSERT_NO_FATAL_FAILURE(
         ExpectOneReportOnEach([](std::size_t index) { return index < kCount / 2 ? 3U : 4U; }));

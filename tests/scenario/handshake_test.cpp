@@ -96,11 +96,11 @@ TEST_F(Handshake, DeathAtAnyMomentHoldsNobodyUpAndLeavesNothing) {
   // Nobody serves the name of "b-early": its end cuts the opening short.
   const auto accepted = during.Accept();
   ASSERT_TRUE(accepted.has_value());
-  ASSERT_EQ(kill(AwaitStarted("c-during"), SIGKILL), 0);
+  ASSERT_TRUE(Kill(AwaitStarted("c-during")));
 
   ASSERT_TRUE(after.AwaitChannel());
   AwaitWaiting("d-after");
-  ASSERT_EQ(kill(AwaitStarted("d-after"), SIGKILL), 0);
+  ASSERT_TRUE(Kill(AwaitStarted("d-after")));
   EXPECT_TRUE(after.AwaitClosed());
   EXPECT_TRUE(accepted->AwaitClosed());
 
@@ -109,7 +109,7 @@ TEST_F(Handshake, DeathAtAnyMomentHoldsNobodyUpAndLeavesNothing) {
   EXPECT_EQ(log_.Count("PROCMGR : Restarting process e-retried"), 5U);
   ASSERT_TRUE(going.ReportState(kStateGoingDown));
   ASSERT_TRUE(Await("InitBaseApp:f-going report TERMINATING!"));
-  ASSERT_EQ(kill(AwaitStarted("f-going"), SIGTERM), 0);
+  ASSERT_TRUE(Kill(AwaitStarted("f-going"), SIGTERM));
   ASSERT_TRUE(Await("PROCMGR : TERMINATING to TERMINATED appName=f-going"));
 
   // Two lives end before they report; the third ends the same wait.
@@ -118,7 +118,7 @@ TEST_F(Handshake, DeathAtAnyMomentHoldsNobodyUpAndLeavesNothing) {
     ASSERT_TRUE(forever.AwaitChannel());
     const pid_t pid = AwaitStarted("g-forever", from);
     from = log_.Lines().size();
-    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    ASSERT_TRUE(Kill(pid));
     EXPECT_TRUE(forever.AwaitClosed());
   }
   ASSERT_TRUE(forever.AwaitChannel());
@@ -169,7 +169,7 @@ TEST_F(Handshake, IammgrHearsOfTheManagerAndOfEverybody) {
   // In the order of the starts, and nothing of iammgr itself.
   EXPECT_EQ(iammgr.NextReports(2), (std::vector<std::string>{"silent 0", "other 0"}));
   // What comes now answers the next event, so nothing was left over.
-  ASSERT_EQ(kill(started["silent"], SIGKILL), 0);
+  ASSERT_TRUE(Kill(started["silent"]));
   EXPECT_EQ(iammgr.NextReports(1), std::vector<std::string>{"silent 4"});
   EXPECT_EQ(iammgr.PendingReports(), 0U);
   EXPECT_EQ(other.PendingReports(), 0U);

@@ -365,14 +365,14 @@ TEST_F(Digest, ChangedBinaryIsNotStartedAgain) {
   // As it was, it comes back.
   pid_t pid = AwaitStarted("steady");
   std::size_t before = log_.Lines().size();
-  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  ASSERT_TRUE(Kill(pid));
   pid = AwaitStarted("steady", before);
   ASSERT_TRUE(Await("PROCMGR : STARTING to RUNNING appName=steady", before));
   EXPECT_EQ(log_.Count(Refusal(path)), 0U);
   // Changed under a running process, it doesn't.
   Install(path, true);
   before = log_.Lines().size();
-  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  ASSERT_TRUE(Kill(pid));
   ASSERT_TRUE(Await(Refusal(path), before));
   ASSERT_TRUE(Await("state=TERMINATED restart failed", before));
   EXPECT_EQ(CountLines(log_.Masked(before), "Start baseApp success appName=steady,"), 0U);
@@ -389,9 +389,9 @@ TEST_F(Digest, ALongOneHoldsUpNobodyElse) {
   ASSERT_TRUE(Await("PROCMGR : STARTING to RUNNING appName=large"));
   ASSERT_TRUE(Await("PROCMGR : STARTING to RUNNING appName=other"));
   const std::size_t before = log_.Lines().size();
-  ASSERT_EQ(kill(AwaitStarted("large"), SIGKILL), 0);
+  ASSERT_TRUE(Kill(AwaitStarted("large")));
   ASSERT_TRUE(Await("owner=large, pid=", before));
-  ASSERT_EQ(kill(AwaitStarted("other"), SIGKILL), 0);
+  ASSERT_TRUE(Kill(AwaitStarted("other")));
   (void)AwaitStarted("other", before);
   EXPECT_EQ(CountLines(log_.Masked(before), "Start baseApp success appName=large,"), 0U);
   (void)AwaitStarted("large", before);

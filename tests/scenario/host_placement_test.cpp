@@ -196,7 +196,7 @@ class DelayedBinding : public ScenarioTest {
                        [&](pid_t tid) { return StatusField(tid, "Cpus_allowed_list") == cores; });
   }
 
-  void Signal(int signal) { ASSERT_EQ(kill(daemon_->Pid(), signal), 0); }
+  void Signal(int signal) { ASSERT_TRUE(Kill(daemon_->Pid(), signal)); }
 
   pid_t pid_ = 0;
 };
@@ -285,7 +285,7 @@ TEST_F(DelayedBinding, ProcessThatHasEndedIsNotBound) {
   pid_ = AwaitReport(sandbox_, "/run/sandbox/late").Pid();
   AwaitBooted();
   ASSERT_EQ(unlink(sandbox_.Outside(kService).c_str()), 0);
-  ASSERT_EQ(kill(pid_, SIGKILL), 0);
+  ASSERT_TRUE(Kill(pid_));
   ASSERT_TRUE(log_.WaitFor("state=TERMINATED restart failed").has_value());
   Signal(ProcMgr::BindingSignal());
   ASSERT_TRUE(log_.WaitFor("CheckCoreAffinityThread finish check").has_value());

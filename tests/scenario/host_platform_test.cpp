@@ -88,7 +88,7 @@ TEST_F(SharePools, MembersGetTheirGroupsAndOthersGetNone) {
   EXPECT_THAT(Members("DEFAULT_MEM_GROUP"),
               ElementsAre(plain.Get("pid") + " 14", adminPid + " 15"));
   // Every start counts, and nothing takes the record of the first away.
-  ASSERT_EQ(kill(plain.Pid(), SIGKILL), 0);
+  ASSERT_TRUE(Kill(plain.Pid()));
   EXPECT_TRUE(Eventually([&] { return Members("DEFAULT_MEM_GROUP").size() == 3; }));
   EXPECT_FALSE(std::filesystem::exists(sandbox_.Outside("/run/plat/group/NOWHERE")));
 
@@ -118,7 +118,7 @@ TEST_F(FaultSensor, IsOnFromTheEndOfTheServiceToItsNextReport) {
   ASSERT_TRUE(Await("PROCMGR : EnableWatchDog flag="));
 
   const std::size_t before = log_.Lines().size();
-  ASSERT_EQ(kill(AwaitStarted("iammgr"), SIGKILL), 0);
+  ASSERT_TRUE(Kill(AwaitStarted("iammgr")));
   ASSERT_TRUE(AwaitSensor("iammgr", kOn));
   ASSERT_TRUE(iammgr.AwaitChannel());
   ASSERT_TRUE(Await("state=STARTING restart success", before));

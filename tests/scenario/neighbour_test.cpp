@@ -38,8 +38,8 @@ class Neighbour : public ScenarioTest {
   // Both come back, with a channel each.
   void KillBoth() {
     const std::size_t before = log_.Lines().size();
-    ASSERT_EQ(kill(hello_, SIGKILL), 0);
-    ASSERT_EQ(kill(plain_, SIGKILL), 0);
+    ASSERT_TRUE(Kill(hello_));
+    ASSERT_TRUE(Kill(plain_));
     hello_ = AwaitStarted("hello", before);
     plain_ = AwaitStarted("plain", before);
     ASSERT_TRUE(Await("PM revice BASESERVICE_STATE_REPORT msg from hello", before));
@@ -184,8 +184,8 @@ TEST_F(Neighbour, CantSpeakForTheManagerUnderTheServicesOwnUser) {
                         std::to_string(getpid()) + ", uid=1000,",
                     before));
   // The channel is the manager's still: what the service says on its way out arrives.
-  ASSERT_EQ(kill(hello_, SIGTERM), 0);
-  EXPECT_TRUE(Await("PM revice BASESERVICE_STATE_REPORT msg from hello", before));
+  ASSERT_TRUE(Kill(hello_, SIGTERM));
+  EXPECT_TRUE(Await("PROCMGR : TERMINATING to TERMINATED appName=hello", before));
 }
 
 // Each on every socket that there is, of every kind.

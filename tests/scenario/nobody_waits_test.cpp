@@ -28,7 +28,7 @@ class NobodyWaits : public ScenarioTest {
     const std::size_t before = log_.Lines().size();
     const pid_t pid = LastStarted(name);
     const ProcMgr::SteadyTime killed = ProcMgr::SteadyNow();
-    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    ASSERT_TRUE(Kill(pid));
     const auto back = log_.WaitFor("Start baseApp success appName=" + name + ",", before);
     ASSERT_TRUE(back.has_value()) << name;
     EXPECT_LT(log_.At(*back).at - killed, kSoon) << name;
@@ -159,7 +159,7 @@ TEST_F(NobodyWaits, TheOnlyReportOfAServiceThatDiedBeforeItServedIsNeverLost) {
       for (int life = 0; life < 2; ++life) {
         const std::string line = awaitLine(started);
         ASSERT_NE(line, "") << app.name << " in boot " << boot;
-        ASSERT_EQ(kill(std::stoi(line.substr(line.find("pid=") + 4)), SIGKILL), 0);
+        ASSERT_TRUE(Kill(std::stoi(line.substr(line.find("pid=") + 4))));
       }
       ASSERT_NE(awaitLine(started), "") << app.name << " in boot " << boot;
       const RawServer server(sandbox_, app.name, 0);
@@ -190,7 +190,7 @@ TEST_F(NobodyWaits, WhileNobodyReadsTheLog) {
   ASSERT_TRUE(Eventually([&] { return daemon_->Services().size() == kServices; }));
   for (const pid_t pid : daemon_->Services()) {
     const ProcMgr::SteadyTime killed = ProcMgr::SteadyNow();
-    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    ASSERT_TRUE(Kill(pid));
     ASSERT_TRUE(Eventually([&] {
       const std::vector<pid_t> services = daemon_->Services();
       return services.size() == kServices &&

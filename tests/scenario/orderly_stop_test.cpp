@@ -48,7 +48,7 @@ TEST_F(OrderlyStop, EndsEverythingInTheReverseOrderOfTheBoot) {
   ASSERT_EQ(owner_.LoadStartupCfg(), "0");
   ASSERT_TRUE(owner_.StartApps({{"job", {}, {}}, {"deaf", {}, {}}}));
   ASSERT_TRUE(Await("report appState to owner, appState=RUNNING_NORMAL_START, appName=deaf"));
-  ASSERT_EQ(kill(AwaitStarted("stopped"), SIGSTOP), 0);
+  ASSERT_TRUE(Kill(AwaitStarted("stopped"), SIGSTOP));
   StatusPeer watcher(sandbox_.Outside("/run/process-manager/status.sock"));
   ASSERT_TRUE(watcher.Ask(R"({"watch":true})").is_object());
   const std::size_t before = log_.Lines().size();
@@ -145,11 +145,11 @@ TEST_F(OrderlyStop, FiveHundredServicesInFiftyLevels) {
   const pid_t stopped = AwaitStarted("leaf7-1");
   const pid_t dying = AwaitStarted("level3");
   ASSERT_TRUE(stopped > 0 && dying > 0);
-  ASSERT_EQ(kill(stopped, SIGSTOP), 0);
+  ASSERT_TRUE(Kill(stopped, SIGSTOP));
   const std::size_t before = log_.Lines().size();
   Ask();
   ASSERT_TRUE(Await("asked base services to end, appList=level40,", before));
-  EXPECT_EQ(kill(dying, SIGKILL), 0);
+  EXPECT_TRUE(Kill(dying));
   ExpectEnd();
   std::map<std::string, std::size_t> roundOf;
   std::size_t round = 0;

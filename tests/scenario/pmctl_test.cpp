@@ -66,7 +66,7 @@ TEST_F(PmCtl, SessionFromStartToStop) {
   EXPECT_EQ(started.status, 0) << started.output;
   const auto first = Look("recorder", "pid").get<pid_t>();
   EXPECT_THAT(started.output, HasSubstr("recorder is running, pid " + std::to_string(first)));
-  EXPECT_EQ(kill(first, 0), 0);
+  EXPECT_TRUE(Kill(first, 0));
 
   const Result again = Ask({"start", "recorder"});
   EXPECT_EQ(again.status, 0);
@@ -77,14 +77,14 @@ TEST_F(PmCtl, SessionFromStartToStop) {
   EXPECT_THAT(restarted.output, StartsWith("recorder has been restarted, pid "));
   const auto second = Look("recorder", "pid").get<pid_t>();
   EXPECT_NE(second, first);
-  EXPECT_NE(kill(first, 0), 0);
+  EXPECT_FALSE(Kill(first, 0));
   EXPECT_EQ(Look("recorder", "restarts").at("count"), 1);
 
   EXPECT_EQ(Ask({"stop", "stubborn"}).output, "stubborn has ended\n");
   EXPECT_EQ(Ask({"stop", "stubborn"}).output, "stubborn has ended\n");
   EXPECT_EQ(Ask({"query", "recorder", "stubborn"}).output, "recorder running\nstubborn gone\n");
 
-  ASSERT_EQ(kill(second, SIGKILL), 0);
+  ASSERT_TRUE(Kill(second));
   EXPECT_TRUE(AwaitState("recorder", "failed"));
   EXPECT_EQ(Ask({"query", "recorder"}).status, 1);
   EXPECT_TRUE(daemon_->AwaitReaped());
@@ -118,7 +118,7 @@ TEST_F(PmCtl, DynamicParametersReachTheProcess) {
 TEST_F(PmCtl, TheManagerTellsItself) {
   ASSERT_EQ(Ask({"start", "recorder"}).status, 0);
   const auto first = Look("recorder", "pid").get<pid_t>();
-  ASSERT_EQ(kill(first, SIGKILL), 0);
+  ASSERT_TRUE(Kill(first));
   const std::string died = "recorder is failed for ";
   EXPECT_TRUE(Eventually([&] { return Ask({"why", "recorder"}).output.starts_with(died); }));
   EXPECT_THAT(Ask({"why", "recorder"}).output, HasSubstr("who sent the signal"));

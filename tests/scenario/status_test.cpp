@@ -170,7 +170,7 @@ TEST_F(StatusTest, SpansCoverTheBootAndNoRestart) {
   ASSERT_TRUE(Eventually([&] { return status_.Boot().at("end").is_number(); }));
   status_.Await("plain", "running");
   const pid_t first = status_.App("served").at("pid");
-  ASSERT_EQ(kill(first, SIGKILL), 0);
+  ASSERT_TRUE(Kill(first));
   ASSERT_TRUE(served.BecomeReady());
   status_.Await("served", "running signal 9");
   EXPECT_EQ(status_.App("served").at("restarts").at("count"), 1);
@@ -228,21 +228,21 @@ TEST_F(GeneralStatus, RequestsAndWhatBecomesOfThem) {
   AwaitMark("stubborn", pid);
   ASSERT_TRUE(second_.RestartApps({{"stubborn", {}, {}}}));
   status_.Await("stubborn", "restarting request second");
-  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  ASSERT_TRUE(Kill(pid));
   status_.Await("stubborn", "running signal 9");
   const pid_t next = status_.App("stubborn").at("pid");
   AwaitMark("stubborn", next);
   ASSERT_TRUE(owner_.TermApps({"stubborn"}));
   status_.Await("stubborn", "stopping request owner signal 9");
   EXPECT_EQ(status_.App("stubborn").at("pid"), next);
-  ASSERT_EQ(kill(next, SIGKILL), 0);
+  ASSERT_TRUE(Kill(next));
   status_.Await("stubborn", "ended request owner signal 9");
   EXPECT_EQ(status_.App("stubborn").at("exits").size(), 2U);
 
   // A base service that says that it goes, and does.
   ASSERT_TRUE(second_.ReportState(kStateGoingDown));
   status_.Await("second", "stopping request");
-  ASSERT_EQ(kill(status_.App("second").at("pid"), SIGKILL), 0);
+  ASSERT_TRUE(Kill(status_.App("second").at("pid")));
   status_.Await("second", "ended request signal 9");
 }
 
@@ -357,7 +357,7 @@ class HostileClients : public StatusTest {
   milliseconds KillOne() {
     const pid_t pid = status_.App("app0").at("pid");
     const std::size_t before = log_.Lines().size();
-    EXPECT_EQ(kill(pid, SIGKILL), 0);
+    EXPECT_TRUE(Kill(pid));
     const auto killed = ProcMgr::SteadyNow();
     const auto filed = log_.WaitFor("SetExitStatus app0, pid=" + std::to_string(pid), before);
     EXPECT_NE(AwaitStarted("app0", before), pid);
@@ -412,7 +412,7 @@ TEST_F(HostileClients, WithoutClientsTheServiceSleeps) {
   const std::string before = switches();
   const pid_t pid = AwaitStarted("app0");
   const std::size_t from = log_.Lines().size();
-  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  ASSERT_TRUE(Kill(pid));
   ASSERT_TRUE(Await("procname=app0 RegisterService failed", from));
   EXPECT_EQ(switches(), before);
 }

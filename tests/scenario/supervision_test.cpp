@@ -35,7 +35,7 @@ TEST_F(Supervision, KilledServiceReturnsAndKnowsIt) {
       "6 PROCMGR: CheckThread : owner=steady, pid=#, state=STARTING restart success",
   };
   const std::size_t before = log_.Lines().size();
-  ASSERT_EQ(kill(first.Pid(), SIGKILL), 0);
+  ASSERT_TRUE(Kill(first.Pid()));
   const ServiceReport second = AwaitReport(sandbox_, report, first.Pid());
   EXPECT_EQ(second.Get("env.IS_RESTART"), "1");
   ASSERT_TRUE(Await("PROCMGR : STARTING to RUNNING appName=steady", before));
@@ -58,7 +58,7 @@ TEST_F(Supervision, ImmediateReactionIsTheFasterOne) {
     for (int i = 0; i < 25; ++i) {
       const std::size_t before = log_.Lines().size();
       const ProcMgr::SteadyTime killed = ProcMgr::SteadyNow();
-      EXPECT_EQ(kill(pid, SIGKILL), 0);
+      EXPECT_TRUE(Kill(pid));
       const auto back = log_.WaitFor("Start baseApp success appName=steady,", before);
       const auto isOver = [](const LogLine& line) {  // On a slow machine it serves too late.
         return line.text.ends_with("state=STARTING restart success") ||
@@ -87,7 +87,7 @@ TEST_F(Supervision, BootGoesOnWhenTheAwaitedServiceIsGoneForGood) {
   ASSERT_TRUE(awaited.AwaitChannel());
   ASSERT_TRUE(Await("PROCMGR: waiting for baseApp=awaited reported state"));
   ASSERT_TRUE(Await("PROCMGR : Process aaa removed from the list of executedBaseApp_"));
-  ASSERT_EQ(kill(AwaitStarted("awaited"), SIGKILL), 0);
+  ASSERT_TRUE(Kill(AwaitStarted("awaited")));
   AwaitBooted();
   EXPECT_EQ(log_.Count("InitBaseApp:awaited has been 4!"), 1U);
   EXPECT_EQ(log_.Count("Start baseApp success appName=later,"), 1U);
@@ -129,7 +129,7 @@ TEST_F(Supervision, VanishedProgramIsTriedAtEveryPass) {
   const pid_t pid = AwaitStarted("gone");
   ASSERT_TRUE(Await("PROCMGR : STARTING to RUNNING appName=gone"));
   ASSERT_EQ(unlink(sandbox_.Outside(program).c_str()), 0);
-  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  ASSERT_TRUE(Kill(pid));
   ASSERT_TRUE(log_.WaitForCount("PROCMGR : Restarting process : gone failed ", 3));
   EXPECT_GE(log_.Count("PROCMGR : Process gone got unexpected TERMINATED state"), 2U);
   // Once the program is back, so is the service.

@@ -181,7 +181,7 @@ TEST_F(Upload, ServiceTakesItsNameBack) {
   ASSERT_TRUE(namesake.WaitExit().has_value());
   EXPECT_TRUE(Await("pmupload pid=" + std::to_string(namesake.Pid()) +
                     ", name=late isn't watched any more, an app of that name was started"));
-  ASSERT_EQ(kill(late, SIGKILL), 0);
+  ASSERT_TRUE(Kill(late));
   EXPECT_EQ(NextReport().substr(0, 5 + std::to_string(late).size()),
             "late " + std::to_string(late));
 }

@@ -92,7 +92,7 @@ TEST(Sandbox, NextOneRemovesWhatAKilledOwnerLeft) {
   const OpenGroup group("/proc/" + std::to_string(left) + "/root/sys/fs/cgroup/cpu");
   EXPECT_NE(ReadStat(left).pid, 0);
   EXPECT_TRUE(group.Exists());
-  ASSERT_EQ(kill(owner, SIGKILL), 0);
+  ASSERT_TRUE(Kill(owner));
   EXPECT_EQ(PmTest::Reap(owner), SIGKILL);
   const Sandbox next;
   // Whoever adopted the orphan may take a moment to reap it.

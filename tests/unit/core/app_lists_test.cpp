@@ -45,7 +45,7 @@ class AppLists : public ::testing::Test {
 
   static void End(pid_t pid) {
     ASSERT_GT(pid, 0);
-    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    ASSERT_TRUE(PmSandbox::Kill(pid));
     EXPECT_EQ(PmTest::Reap(pid), SIGKILL);
   }
 
