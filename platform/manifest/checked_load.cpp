@@ -9,14 +9,15 @@
 namespace ProcMgr::Manifest {
 
 CheckedLoad LoadForCheck(const std::string& path,
-                         const std::map<std::string, std::string>& matchData) {
+                         const std::map<std::string, std::string>& matchData,
+                         const std::string& root) {
   CheckedLoad load;
   Faults faults(
       [&load](bool isError, const std::string& file, const Place& place, const std::string& text) {
         load.faults.push_back({isError, file, place, text});
       });
   try {
-    ManifestLoader loader(matchData, faults);
+    ManifestLoader loader(matchData, faults, root);
     loader.NotePlaces(load.places);
     loader.Load(path);
     load.applications = std::move(loader.Applications());

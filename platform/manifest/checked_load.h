@@ -47,10 +47,12 @@ struct CheckedLoad {
   bool areNamesKnown = true;
 };
 
-// Loads the file at `path` with its includes. Never throws but std::bad_alloc; reads files, and may
-// block on the user database.
+// Loads the file at `path`, one of this machine, with its includes. In what the files name, the
+// folder `root` stands for "/"; it is empty for this machine, else resolved and without a slash at
+// its end. Never throws but std::bad_alloc; reads files, and may block on the user database.
 [[nodiscard]] CheckedLoad LoadForCheck(const std::string& path,
-                                       const std::map<std::string, std::string>& matchData);
+                                       const std::map<std::string, std::string>& matchData,
+                                       const std::string& root = {});
 
 }  // namespace ProcMgr::Manifest
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/printable.h"
+#include "base/root_path.h"
 #include "base/user_lookup.h"
 #include "platform/manifest/key_info.h"
 #include "platform/manifest/pattern.h"
@@ -218,9 +219,14 @@ bool StartupEntryPathKey(ValueReader& reader, const YamlNode& node, std::string_
     out.fields.startupEntryPath.clear();
     return true;
   }
-  const std::filesystem::path joined =
-      std::filesystem::path(reader.File().resolvedPath).parent_path() / text;
+  const std::filesystem::path joined = reader.File().PathOf(text);
+  const std::string& root = reader.File().root;
   // The entry file may come later than this one, so what doesn't exist yet is no fault.
+  if (IsBelow(root, joined.string())) {
+    out.fields.startupEntryPath = ResolveInRoot(root, joined.string().substr(root.size()))
+                                      .value_or(joined.lexically_normal().string());
+    return true;
+  }
   std::error_code error;
   const std::filesystem::path resolved = std::filesystem::weakly_canonical(joined, error);
   out.fields.startupEntryPath = (error ? joined.lexically_normal() : resolved).string();

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/printable.h"
+#include "base/root_path.h"
 #include "base/small_file.h"
 #include "base/standard_path.h"
 #include "platform/manifest/manifest_keys.h"
@@ -35,6 +36,17 @@ bool HasApplicationKey(const YamlNode& mapping) {
       [](const YamlNode::Child& child) { return IsApplicationKey(child.key->text); });
 }
 
+// False with errno if it isn't there.
+bool Resolve(SourceFile& file) {
+  if (!IsBelow(file.root, file.shownPath)) {
+    return StandardizationPath(file.shownPath, file.resolvedPath);
+  }
+  const auto found = ResolveInRoot(file.root, file.shownPath.substr(file.root.size()));
+  errno = ENOENT;
+  file.resolvedPath = found.value_or("");
+  return found.has_value();
+}
+
 }  // namespace
 
 void ManifestLoader::Load(const std::string& path) {
@@ -42,9 +54,9 @@ void ManifestLoader::Load(const std::string& path) {
 }
 
 void ManifestLoader::LoadFile(const std::string& shownPath, const Origin& origin) {
-  SourceFile file{shownPath, {}};
+  SourceFile file{shownPath, {}, root_};
   errno = 0;  // Stays so for a path that is too long to be tried.
-  if (!StandardizationPath(shownPath, file.resolvedPath)) {
+  if (!Resolve(file)) {
     faults_.Error(origin.file, origin.place,
                   Quoted(shownPath) + ' ' + ReadFailure(errno == 0 ? ENAMETOOLONG : errno));
     areNamesKnown_ = false;
@@ -202,9 +214,7 @@ void ManifestLoader::ReadInclude(ValueReader& reader, const YamlNode& entry, con
     reader.Wrong(path, kInclude, "the path of a service file");
     return;
   }
-  const std::filesystem::path folder =
-      std::filesystem::path(reader.File().resolvedPath).parent_path();
-  LoadFile((folder / text).string(), {reader.File().shownPath, path.place});
+  LoadFile(reader.File().PathOf(text).string(), {reader.File().shownPath, path.place});
 }
 
 void ManifestLoader::ReadApplicationEntry(ValueReader& reader, const YamlNode& entry) {

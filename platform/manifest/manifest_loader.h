@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/manifest.h"
@@ -25,8 +26,11 @@ inline constexpr std::size_t kMaxLoadBytes = std::size_t{32} << 20;
 // One load. The faults go to the log as they are found; the load goes on behind each of them.
 class ManifestLoader {
  public:
-  ManifestLoader(const std::map<std::string, std::string>& matchData, Faults& faults)
-      : matchData_(matchData), faults_(faults) {}
+  // `root` is the folder that stands for "/" in the paths of the files; empty for this machine,
+  // else resolved and without a slash at its end.
+  ManifestLoader(const std::map<std::string, std::string>& matchData, Faults& faults,
+                 std::string root = {})
+      : matchData_(matchData), faults_(faults), root_(std::move(root)) {}
 
   // Loads the file at `path`.
   void Load(const std::string& path);
@@ -65,6 +69,7 @@ class ManifestLoader {
 
   const std::map<std::string, std::string>& matchData_;
   Faults& faults_;
+  const std::string root_;
   std::vector<ApplicationManifest> applications_;
   // The place of each name that is taken.
   std::map<std::string, std::string> placeOfName_;

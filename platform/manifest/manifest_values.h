@@ -3,6 +3,7 @@
 #define PLATFORM_MANIFEST_MANIFEST_VALUES_H
 
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <set>
@@ -23,6 +24,14 @@ struct SourceFile {
   // As it stands in fault lines.
   std::string shownPath;
   std::string resolvedPath;
+  // The folder that stands for "/" in the paths of the file; empty for this machine.
+  std::string root = {};
+
+  // Where on this machine the file's `path` leads, links aside.
+  [[nodiscard]] std::filesystem::path PathOf(const std::string& path) const {
+    return path.starts_with('/') ? std::filesystem::path(root + path)
+                                 : std::filesystem::path(resolvedPath).parent_path() / path;
+  }
 };
 
 // What a scalar is by the core schema of YAML 1.2, in which "yes" and "on" are texts.

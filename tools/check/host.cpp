@@ -16,13 +16,13 @@
 #include "app/share_groups.h"
 #include "app/start_rules.h"
 #include "base/printable.h"
+#include "base/root_path.h"
 #include "base/small_file.h"
 #include "core/log.h"
 #include "host/cgroups.h"
 #include "host/kernel_cmdline.h"
 #include "platform/plat/plat.h"
 #include "status/proc_facts.h"
-#include "tools/check/root_path.h"
 
 namespace ProcMgr::Check {
 namespace {
@@ -327,18 +327,22 @@ void Host::CheckNodes(const Service& service, Findings& findings) {
 }
 
 // The digest's rule looks at the path, too, so it gets the platform's one behind a harmless name of
-// the root.
+// the root. The file's name is what the list has, so a link of another name stays one.
 void Host::CheckDigest(const Service& service, Findings& findings) {
   if (!digests_.HasEntries()) {
     return;
   }
-  std::string prefix;
+  const std::string& binPath = service.Manifest().GetBinPath();
+  std::string path = binPath;
   if (!root_.empty()) {
-    prefix = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(rootFolder_.Get());
+    const std::string resolved = MachinePath(root_, binPath).substr(root_.size());
+    const bool isSameName = resolved.ends_with(binPath.substr(binPath.rfind('/')));
+    path = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(rootFolder_.Get()) +
+           (isSameName ? resolved : binPath);
   }
-  if (!digests_.Check(prefix + service.Manifest().GetBinPath())) {
+  if (!digests_.Check(path)) {
     findings.push_back(service.At("binPath", Severity::kError, "digest",
-                                  Quoted(service.Manifest().GetBinPath()) +
+                                  Quoted(binPath) +
                                       " hasn't the digest that bin_hash.cfg lists, so every start "
                                       "is refused; correct the list or the binary"));
   }

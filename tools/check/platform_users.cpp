@@ -5,10 +5,10 @@
 #include <vector>
 
 #include "app/user_groups.h"
+#include "base/root_path.h"
 #include "base/small_file.h"
 #include "base/text.h"
 #include "base/user_lookup.h"
-#include "tools/check/root_path.h"
 
 namespace ProcMgr::Check {
 namespace {

@@ -63,24 +63,17 @@ std::vector<Service> ServiceFile::Services() const {
   return services;
 }
 
-std::string UnderRoot(const std::string& root, const std::string& path) {
-  // What was written relative to a file below the root has been resolved there already.
-  const bool isThere = path == root || path.starts_with(root + '/');
-  return root.empty() || isThere ? path : root + path;
-}
-
 PlatformFiles LoadPlatform(const std::string& path, const std::string& root,
                            const std::map<std::string, std::string>& matchData,
                            std::vector<Finding>& findings) {
   PlatformFiles files;
-  files.first = {path, Manifest::LoadForCheck(path, matchData), false, {}};
+  files.first = {path, Manifest::LoadForCheck(path, matchData, root), false, {}};
   files.first.isEntry = LooksLikeEntryFile(files.first.load.applications);
   TakeFaults(files.first.load, findings);
   std::set<std::string> known;
   for (const Service& owner : files.first.Services()) {
-    const std::string& named = owner.Manifest().GetStartupEntryPath();
-    const std::string entryPath = UnderRoot(root, named);
-    if (named.empty() || !known.insert(entryPath).second) {
+    const std::string entryPath = owner.Manifest().GetStartupEntryPath();
+    if (entryPath.empty() || !known.insert(entryPath).second) {
       continue;
     }
     const auto state = StateOfFile(entryPath.c_str());
@@ -91,7 +84,7 @@ PlatformFiles LoadPlatform(const std::string& path, const std::string& root,
                                       "; nothing can be started through " + owner.ShownName()));
       continue;
     }
-    files.entries.push_back({entryPath, Manifest::LoadForCheck(entryPath, matchData), true,
+    files.entries.push_back({entryPath, Manifest::LoadForCheck(entryPath, matchData, root), true,
                              owner.Manifest().GetAppName()});
     TakeFaults(files.entries.back().load, findings);
   }

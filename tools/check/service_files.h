@@ -63,9 +63,6 @@ struct PlatformFiles {
                                          const std::map<std::string, std::string>& matchData,
                                          std::vector<Finding>& findings);
 
-// The path on this machine of what stands at `path` of the platform.
-[[nodiscard]] std::string UnderRoot(const std::string& root, const std::string& path);
-
 }  // namespace ProcMgr::Check
 
 #endif  // TOOLS_CHECK_SERVICE_FILES_H

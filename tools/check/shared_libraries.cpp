@@ -7,9 +7,9 @@
 #include <string_view>
 #include <utility>
 
+#include "base/root_path.h"
 #include "base/small_file.h"
 #include "base/text_lines.h"
-#include "tools/check/root_path.h"
 
 namespace ProcMgr::Check {
 namespace {

@@ -61,6 +61,9 @@ class ExampleHost : public PmTest::Checker {
       Edit(program.substr(1), "", Program(), 0755);
     }
     fs::create_symlink(std::string("/") + kMapProgram, folder_.Path("opt/platform/bin/link"));
+    fs::create_symlink("/services/driving.yaml", folder_.Path("services/link.yaml"));
+    fs::create_symlink("/entries/operator.yaml", folder_.Path("entries/link.yaml"));
+    fs::create_symlink("/opt/platform/bin", folder_.Path("programs"));
     fs::create_symlink("loop", folder_.Path("opt/platform/bin/loop"));
     for (const char* const group :
          {"cpu/OTHER", "memory/OTHER", "cpu/sensing", "memory/sensing", "cpuset/CtrlCPU"}) {
@@ -271,6 +274,13 @@ std::vector<Fault> NoFaults() {
              {kDriving, "{PROC_NAME: planner_service}", "{}"},
              Planner("arguments: [--name, planner_service, --serve, --, /b]"),
              {"bin/pm-notify", "", Program(), 0755}}),
+      Plant("", "",
+            {{kHashes, "",
+              "map_service=28906597b9b08dc0a103c9e20dcf031b8852f901d397cd7e0b0899d72db68e09\n"},
+             {kSensing, "/opt/platform/bin/map_service", "/programs/map_service"}}),
+      Plant("", "",
+            {{kPlatform, "services/driving.yaml", "/services/link.yaml"},
+             {kOperator, "../entries/operator.yaml", "/entries/link.yaml"}}),
       Plant("", "", {{kSensing, "[0]", "[0-1]"}, {kSensing, "uid: camera", "uid: 0"}}),
       Plant("", "", {Planner("arguments: [" + std::string(131071, 'x') + "]")}),
       Plant("", "", {Encoder("vfId: 0"), {kNodes, "", "0\n"}, {"lib/libnuma.so.1", "", Program()}}),

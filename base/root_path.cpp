@@ -1,9 +1,9 @@
-#include "tools/check/root_path.h"
+#include "base/root_path.h"
 
 #include <filesystem>
 #include <system_error>
 
-namespace ProcMgr::Check {
+namespace ProcMgr {
 namespace {
 
 namespace fs = std::filesystem;
@@ -52,4 +52,4 @@ std::optional<std::string> ResolveInRoot(const std::string& root, const std::str
   return (fs::path(root + '/') / done).string();
 }
 
-}  // namespace ProcMgr::Check
+}  // namespace ProcMgr

@@ -1,11 +1,11 @@
 // Paths of a platform whose root is a folder of this machine.
-#ifndef TOOLS_CHECK_ROOT_PATH_H
-#define TOOLS_CHECK_ROOT_PATH_H
+#ifndef BASE_ROOT_PATH_H
+#define BASE_ROOT_PATH_H
 
 #include <optional>
 #include <string>
 
-namespace ProcMgr::Check {
+namespace ProcMgr {
 
 // Follows the links of `path`, an absolute path of the platform, as they count with `root` for "/":
 // none leads out of it. Yields the path on this machine, or none if nothing is there. `root` is
@@ -13,6 +13,11 @@ namespace ProcMgr::Check {
 [[nodiscard]] std::optional<std::string> ResolveInRoot(const std::string& root,
                                                        const std::string& path);
 
-}  // namespace ProcMgr::Check
+// Whether the path on this machine lies below `root`, links aside; nothing does below an empty one.
+[[nodiscard]] inline bool IsBelow(const std::string& root, const std::string& path) {
+  return !root.empty() && path.starts_with(root + '/');
+}
 
-#endif  // TOOLS_CHECK_ROOT_PATH_H
+}  // namespace ProcMgr
+
+#endif  // BASE_ROOT_PATH_H
