@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 
+#include "base/lost_time.h"
 #include "base/names.h"
 #include "base/sleep.h"
 #include "core/app_lists.h"
@@ -176,12 +177,13 @@ void ReopenCutChannels(ProcMgrMaster& master, const std::function<void()>& ended
 void ProcessManager::CheckThread() {
   SlowDuty uploads(11);
   SlowDuty coreBindings(21);
+  LostTime lostTime;
   for (std::uint64_t pass = 1; running_.load(); ++pass) {
     CheckBaseApps();
     if (!stop_.IsAsked()) {
       ReopenCutChannels(master_, [this] { NoteOpeningEnd(); });
     }
-    const SteadyTime due = CheckGeneralApps();
+    const SteadyTime due = CheckGeneralApps(lostTime.Look());
     RemoveTerminatedApps();
     if (uploads.IsDue(pass)) {
       CheckPmUploadApps(reporter_);
@@ -309,7 +311,7 @@ void ProcessManager::NoteOpeningEnd() {
   passBell.Ring();
 }
 
-SteadyTime ProcessManager::CheckGeneralApps() {
+SteadyTime ProcessManager::CheckGeneralApps(SteadyTime::duration lost) {
   SteadyTime due = SteadyTime::max();
   std::vector<AppChange> changes;
   {
@@ -317,14 +319,15 @@ SteadyTime ProcessManager::CheckGeneralApps() {
     if (generalRest_.Lasts(generalAppMutex_)) {
       return due;
     }
-    generalRest_.Note(StepGeneralApps(due, changes), generalAppMutex_);
+    generalRest_.Note(StepGeneralApps(lost, due, changes), generalAppMutex_);
   }
   reporter_.ReportGeneralApps(changes);
   return due;
 }
 
 // Yields whether all are at rest.
-bool ProcessManager::StepGeneralApps(SteadyTime& due, std::vector<AppChange>& changes) {
+bool ProcessManager::StepGeneralApps(SteadyTime::duration lost, SteadyTime& due,
+                                     std::vector<AppChange>& changes) {
   bool isResting = true;
   const SteadyTime now = SteadyNow();
   for (const GeneralAppPtr& app : GeneralAppsInOrder()) {
@@ -338,6 +341,7 @@ bool ProcessManager::StepGeneralApps(SteadyTime& due, std::vector<AppChange>& ch
     if (AwaitsDigest(*app)) {
       continue;
     }
+    app->termBeginTime_ = std::min(app->termBeginTime_ + lost, now);
     StepGeneralApp(*app, now);
     due = std::min(due, app->TermTimeEnd());
     if (app->reportState_ == ReportAppStateType::INVALID_INTERMEDIATE_STATE) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/lost_time.h"
 #include "base/sleep.h"
 #include "base/steady_time.h"
 #include "core/log.h"
@@ -62,8 +63,13 @@ bool HasLeft(Leaver& leaver, const App::AppInfo* app, bool isUrgent) {
 
 template <typename Look>
 void AwaitAll(std::vector<Leaver>& leavers, Look hasLeft) {
+  LostTime lostTime;
   while (std::erase_if(leavers, hasLeft), !leavers.empty()) {
     SleepNs(kLookNs);
+    const SteadyTime::duration lost = lostTime.Look();
+    for (Leaver& leaver : leavers) {
+      leaver.deadline += lost;
+    }
   }
 }
 

@@ -163,10 +163,10 @@ class ProcessManager {
   void NoteOpeningEnd();
   void RestartIfWanted(App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
   void OpenNewChannel(const App::BaseAppInfo& app) REQUIRES(baseAppMutex_);
-  // Yields when the next term time-out is up.
-  [[nodiscard]] SteadyTime CheckGeneralApps() EXCLUDES(generalAppMutex_);
-  [[nodiscard]] bool StepGeneralApps(SteadyTime& due, std::vector<AppChange>& changes)
-      REQUIRES(generalAppMutex_);
+  // Makes term time-outs longer by `lost`. Yields when the next one is up.
+  [[nodiscard]] SteadyTime CheckGeneralApps(SteadyTime::duration lost) EXCLUDES(generalAppMutex_);
+  [[nodiscard]] bool StepGeneralApps(SteadyTime::duration lost, SteadyTime& due,
+                                     std::vector<AppChange>& changes) REQUIRES(generalAppMutex_);
   void RemoveTerminatedApps() EXCLUDES(generalAppMutex_, baseAppMutex_);
   void RemoveTerminatedBaseApps() REQUIRES(baseAppMutex_);
 

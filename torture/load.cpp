@@ -63,10 +63,7 @@ Load::Load(std::uint64_t seed, std::size_t count)
     : random_(seed), apps_(Models(count)), stage_(kAgents, Services(count), Manifests(count)) {
   for (std::size_t i = 0; i < count; ++i) {
     const std::string name = Numbered("service", i);
-    const auto line = stage_.Log().WaitFor("Start baseApp success appName=" + name + ",");
-    Require(line.has_value(), name + " is started");
-    const std::string text = stage_.Log().At(*line).text;
-    services_.push_back({name, std::stoi(text.substr(text.find("pid=") + 4))});
+    services_.push_back({name, stage_.AwaitStarted(name)});
   }
 }
 

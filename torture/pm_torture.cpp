@@ -22,7 +22,8 @@ struct Run {
 
 constexpr Run kRuns[] = {{"storm", &PmTorture::RunStorm},
                          {"soak", &PmTorture::RunSoak},
-                         {"upgrade", &PmTorture::RunUpgrade}};
+                         {"upgrade", &PmTorture::RunUpgrade},
+                         {"clock", &PmTorture::RunClock}};
 
 bool Do(const Run& run, const PmTorture::Options& options) {
   try {

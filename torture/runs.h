@@ -22,6 +22,9 @@ void RunStorm(const Options& options);
 void RunSoak(const Options& options);
 // The manager is killed in the middle and started again over what its predecessor left.
 void RunUpgrade(const Options& options);
+// The wall clock jumps by years, the monotonic clock shows something odd, everything is stopped for
+// a while: term time-out, restart window and heartbeats are those of a quiet day.
+void RunClock(const Options& options);
 
 }  // namespace PmTorture
 

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <utility>
 
 #include "torture/require.h"
 
@@ -14,6 +15,7 @@ using PmSandbox::App;
 constexpr const char* kBaseFile = "/run/sandbox/base.yaml";
 constexpr const char* kEntryFile = "/run/sandbox/entries.yaml";
 constexpr const char* kSampleApp = "/opt/torture/sample_app";
+constexpr const char* kHelloService = "/opt/torture/hello_service";
 
 App Agent(const std::string& name, PmSandbox::Keys keys) {
   App app = Stage::Sleeper(name, std::move(keys));
@@ -23,10 +25,12 @@ App Agent(const std::string& name, PmSandbox::Keys keys) {
 
 }  // namespace
 
-Stage::Stage(std::size_t agents, const std::vector<App>& services, const std::vector<App>& apps)
-    : services_(services.size()) {
+Stage::Stage(std::size_t agents, const std::vector<App>& services, const std::vector<App>& apps,
+             PmSandbox::Process::Options manager)
+    : options_(std::move(manager)), services_(services.size()) {
   sandbox_.MakePlatformGroups("0");
   sandbox_.InstallProgram(PmSandbox::ProgramPath("sample_app"), kSampleApp);
+  sandbox_.InstallProgram(PmSandbox::ProgramPath("hello_service"), kHelloService);
   sandbox_.WriteFile(kEntryFile, PmSandbox::ServiceFile(apps));
   sandbox_.WriteSettings("supervision: {reaction: immediate}\n");
   std::vector<App> all = {Agent("iammgr", {})};
@@ -44,7 +48,7 @@ Stage::Stage(std::size_t agents, const std::vector<App>& services, const std::ve
   Boot();
 }
 
-Stage::~Stage() {
+Stage::LastWords::~LastWords() {
   constexpr std::size_t kShown = 4000;
   if (std::uncaught_exceptions() > 0) {
     const std::string log = log_.Text();
@@ -54,7 +58,7 @@ Stage::~Stage() {
 }
 
 void Stage::Boot() {
-  managers_.emplace_back(sandbox_, std::vector<std::string>{kBaseFile});
+  managers_.emplace_back(sandbox_, std::vector<std::string>{kBaseFile}, options_);
   Require(accessManager_.BecomeReady(), "the manager opens the channel of iammgr");
   for (PmSandbox::AgentPeer& agent : agents_) {
     Require(agent.BecomeReady(), "the manager opens the channel of " + agent.Name());
@@ -76,13 +80,29 @@ void Stage::ReplaceManager() {
   Boot();
 }
 
+pid_t Stage::AwaitStarted(const std::string& name, std::size_t from) const {
+  const auto line = log_.WaitFor("Start baseApp success appName=" + name + ",", from);
+  Require(line.has_value(), name + " is started");
+  const std::string text = log_.At(*line).text;
+  return std::stoi(text.substr(text.find("pid=") + 4));
+}
+
 App Stage::Sleeper(const std::string& name, PmSandbox::Keys keys) {
   return {name, "/bin/sleep", {"1000000"}, std::move(keys)};
 }
 
-App Stage::Stubborn(const std::string& name, PmSandbox::Keys keys) {
-  keys.emplace_back("termTimeOut", "3600000");
-  return {name, kSampleApp, {"--ignore-term"}, std::move(keys)};
+App Stage::Stubborn(const std::string& name, std::chrono::milliseconds termTimeOut) {
+  return {
+      name, kSampleApp, {"--ignore-term"}, {{"termTimeOut", std::to_string(termTimeOut.count())}}};
+}
+
+App Stage::Beating(const std::string& name, const std::string& environment) {
+  return {name,
+          kHelloService,
+          {},
+          {{"isReporting", "true"},
+           {"dependList", "[iammgr]"},
+           {"envArgv", "{PROC_NAME: " + name + environment + "}"}}};
 }
 
 bool Stage::IsDeaf(pid_t pid) {

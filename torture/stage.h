@@ -2,6 +2,7 @@
 #ifndef TORTURE_STAGE_H
 #define TORTURE_STAGE_H
 
+#include <chrono>
 #include <deque>
 #include <string>
 #include <vector>
@@ -17,12 +18,12 @@ namespace PmTorture {
 class Stage {
  public:
   // Boots "iammgr" and `agents` agents, all played by the run, and the base services `services`.
-  // The first agent has `apps` in its start-up configuration, and has loaded them. Throws Broken if
-  // the boot doesn't come to its end.
+  // The first agent has `apps` in its start-up configuration, and has loaded them. The manager is
+  // started as `manager` says. Throws Broken if the boot doesn't come to its end.
   Stage(std::size_t agents, const std::vector<PmSandbox::App>& services,
-        const std::vector<PmSandbox::App>& apps);
-  // Shows the log's end if a promise has been broken.
-  ~Stage();
+        const std::vector<PmSandbox::App>& apps,
+        PmSandbox::Process::Options manager = {{}, "process-manager", nullptr});
+  ~Stage() = default;
   Stage(const Stage&) = delete;
   Stage& operator=(const Stage&) = delete;
 
@@ -36,17 +37,37 @@ class Stage {
   // runs on. Throws Broken if the boot of the new one doesn't come to its end.
   void ReplaceManager();
 
+  // Waits for the start of a base service behind index `from` of the log. Yields its pid.
+  [[nodiscard]] pid_t AwaitStarted(const std::string& name, std::size_t from = 0) const;
+
   // The services that the run has named, as they stand in the service file.
   static PmSandbox::App Sleeper(const std::string& name, PmSandbox::Keys keys = {});
   // Ignores SIGTERM. It does so only once IsDeaf.
-  static PmSandbox::App Stubborn(const std::string& name, PmSandbox::Keys keys = {});
+  static PmSandbox::App Stubborn(const std::string& name,
+                                 std::chrono::milliseconds termTimeOut = std::chrono::hours(1));
   [[nodiscard]] static bool IsDeaf(pid_t pid);
+  // Reports and beats by itself. Its environment gets `environment` besides, ", KEY: VALUE" each.
+  static PmSandbox::App Beating(const std::string& name, const std::string& environment = {});
 
  private:
+  // Shows the log's end if a promise has been broken, in the boot or later.
+  class LastWords {
+   public:
+    explicit LastWords(const PmSandbox::LogReader& log) : log_(log) {}
+    ~LastWords();
+    LastWords(const LastWords&) = delete;
+    LastWords& operator=(const LastWords&) = delete;
+
+   private:
+    const PmSandbox::LogReader& log_;
+  };
+
   void Boot();
 
+  const PmSandbox::Process::Options options_;
   PmSandbox::Sandbox sandbox_;
   PmSandbox::LogReader log_{sandbox_};
+  LastWords lastWords_{log_};
   PmSandbox::AgentPeer accessManager_{sandbox_, "iammgr"};
   std::deque<PmSandbox::AgentPeer> agents_;
   std::size_t services_;

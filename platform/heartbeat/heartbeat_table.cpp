@@ -35,6 +35,7 @@ BeatResult Table::Beat(std::string_view name, gid_t gid, pid_t pid, SteadyTime n
   entry.heard = now;
   entry.pid = pid;
   entry.hasBeaten = true;
+  entry.spared.reset();
   if (std::exchange(entry.isLost, false)) {
     news.push_back({found->first, pid, kHeartBeatRecovered, entry.notify, entry.registration});
   }
@@ -74,13 +75,25 @@ void Table::Excuse(std::chrono::nanoseconds deafness, SteadyTime now) {
   }
 }
 
+void Table::Spare(SteadyTime now) {
+  for (auto& [name, entry] : entries_) {
+    if (Deadline(entry) <= now && !entry.spared) {
+      entry.spared = now + Patience(entry) / 2;
+    }
+  }
+}
+
 bool Table::IsCurrent(const News& news) const {
   const auto found = entries_.find(news.name);
   return found != entries_.end() && found->second.registration == news.registration;
 }
 
+std::chrono::milliseconds Table::Patience(const Entry& entry) const {
+  return entry.hasBeaten ? limits_.silence : limits_.firstBeat;
+}
+
 SteadyTime Table::Deadline(const Entry& entry) const {
-  return entry.heard + (entry.hasBeaten ? limits_.silence : limits_.firstBeat);
+  return entry.spared.value_or(entry.heard + Patience(entry));
 }
 
 void Table::CheckBy(SteadyTime when) {

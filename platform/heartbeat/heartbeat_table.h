@@ -66,6 +66,10 @@ class Table {
   // Forgives `deafness`, a time up to `now` during which beats couldn't be heard.
   void Excuse(std::chrono::nanoseconds deafness, SteadyTime now);
 
+  // The look at `now` comes later than NextCheck has asked for: perhaps nobody could beat
+  // meanwhile. Whoever's time is up gets half of it again, once until its next beat.
+  void Spare(SteadyTime now);
+
   // False if the registration that `news` comes from is over.
   [[nodiscard]] bool IsCurrent(const News& news) const;
 
@@ -74,13 +78,15 @@ class Table {
     gid_t gid = 0;
     HeartBeatNotify notify = nullptr;
     std::uint64_t registration = 0;
-    SteadyTime heard;  // The last beat, or the registration.
-    pid_t pid = 0;     // Of the last beat.
+    SteadyTime heard;                  // The last beat, or the registration.
+    std::optional<SteadyTime> spared;  // Until when, since then.
+    pid_t pid = 0;                     // Of the last beat.
     bool hasBeaten = false;
     bool isLost = false;
     bool metStranger = false;
   };
 
+  [[nodiscard]] std::chrono::milliseconds Patience(const Entry& entry) const;
   [[nodiscard]] SteadyTime Deadline(const Entry& entry) const;
   void CheckBy(SteadyTime when);
 

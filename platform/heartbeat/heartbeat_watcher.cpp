@@ -24,6 +24,10 @@ namespace {
 // bounded, so that a flood can't keep a loss from being told.
 constexpr int kBeatsPerTurn = 1024;
 
+// A check that comes so much later than its time: the manager was stopped, or had no core, and
+// those who are to beat perhaps just as well.
+constexpr std::chrono::milliseconds kLate{500};
+
 bool MakeAddress(const std::string& path, sockaddr_un& out) {
   out = {};
   out.sun_family = AF_UNIX;
@@ -167,7 +171,11 @@ std::vector<News> Watcher::HearAndExpire() {
   for (int left = kBeatsPerTurn; left > 0 && HearOne(news); --left) {
   }
   const MutexLock lock(mutex_);
-  table_.Expire(SteadyNow(), news);
+  const SteadyTime now = SteadyNow();
+  if (table_.NextCheck().value_or(now) + kLate < now) {
+    table_.Spare(now);
+  }
+  table_.Expire(now, news);
   return news;
 }
 

@@ -123,6 +123,21 @@ TEST_F(TableTest, TimeOfDeafnessIsForgiven) {
   EXPECT_THAT(Pass(1500ms), ElementsAre("b 8 lost"));
 }
 
+// Once until it beats again, for half of its time.
+TEST_F(TableTest, LateLookSpares) {
+  Register("a");
+  Beat("a", 7);
+  now_ += 5000ms;
+  table_.Spare(now_);
+  EXPECT_THAT(Pass(999ms), IsEmpty());
+  table_.Spare(now_ += 2000ms);
+  EXPECT_THAT(Pass(0ms), ElementsAre("a 7 lost"));
+  Beat("a", 7);
+  table_.Spare(now_ += 2000ms);
+  EXPECT_THAT(Pass(0ms), ElementsAre("a 7 recovered"));
+  EXPECT_THAT(Pass(1000ms), ElementsAre("a 7 lost"));
+}
+
 // What the notifications of the watcher under test do. They are plain functions, so it is global.
 struct Notified {
   PmTest::LineRecorder told;
