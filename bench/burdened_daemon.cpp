@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <random>
 #include <utility>
 #include <vector>
 
@@ -59,13 +60,29 @@ std::string BurdenedDaemon::Prepare() const {
   return path;
 }
 
+BurdenedDaemon::Impression BurdenedDaemon::LookAround(int looks, std::uint64_t seed) {
+  Impression seen;
+  burden_->Renew();
+  seen.bootMs = FinishBoot();
+  std::mt19937_64 random(seed);
+  std::uniform_int_distribution<int> pauseUs(0, 30'000);
+  while (static_cast<int>(seen.looks.size()) < looks) {
+    ProcMgr::SleepNs(pauseUs(random) * 1000LL);
+    burden_->Renew();
+    seen.looks.push_back(LookOnce());
+  }
+  burden_->End();
+  return seen;
+}
+
+// How long "late" takes to its main.
 double BurdenedDaemon::FinishBoot() {
   const long long begin = MonotonicNs();
   Demand(gate_.ReportState(PmSandbox::kStateReady), "no channel");
   return MsBetween(begin, late_.Await(1).back().mainNs);
 }
 
-BurdenedDaemon::Look BurdenedDaemon::LookAround() {
+BurdenedDaemon::Look BurdenedDaemon::LookOnce() {
   const std::vector<Mark> lives = victim_.Await(1);
   Look look;
   const long long asked = MonotonicNs();

@@ -6,8 +6,10 @@
 #define BENCH_BURDENED_DAEMON_H
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "bench/burdens.h"
 #include "bench/marks.h"
@@ -30,25 +32,29 @@ class BurdenedDaemon {
     long memoryKib = 0;  // Of its own, not of files.
   };
 
+  // All looks, and how long the boot took to go on.
+  struct Impression {
+    std::vector<Look> looks;
+    double bootMs = 0;
+  };
+
   // Returns when the boot waits for "gate". Throws if something doesn't come, as all operations do.
   explicit BurdenedDaemon(const BurdenKind& kind);
 
   [[nodiscard]] PmSandbox::Daemon& Process() { return daemon_; }
   [[nodiscard]] std::string Log() const { return log_.Text(); }
 
-  // Begins the burden, or sees to it that it is under way.
-  void Renew() { burden_->Renew(); }
-  void End() { burden_->End(); }
-
-  // Has the boot go on. Yields how long "late" takes to its main.
-  double FinishBoot();
-  Look LookAround();
+  // Has the boot go on, and kills "victim" so many times, at all distances from a check pass, while
+  // the burden is under way; then ends it. Once.
+  Impression LookAround(int looks, std::uint64_t seed);
   // Waits until the daemon holds no more than this. Yields whether it does.
   [[nodiscard]] bool AwaitHolding(const Holding& most) const;
   [[nodiscard]] Holding Holds() const;
 
  private:
   [[nodiscard]] std::string Prepare() const;
+  double FinishBoot();
+  Look LookOnce();
 
   PmSandbox::Sandbox sandbox_;
   PmSandbox::LogReader log_{sandbox_};

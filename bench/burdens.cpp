@@ -435,7 +435,12 @@ constexpr BurdenKind kKinds[] = {
 }  // namespace
 
 std::span<const BurdenKind> AllBurdens() {
-  return kKinds;
+  static const std::vector<BurdenKind> all = [] {
+    std::vector<BurdenKind> kinds(std::begin(kKinds), std::end(kKinds));
+    kinds.insert(kinds.end(), OutsideBurdens().begin(), OutsideBurdens().end());
+    return kinds;
+  }();
+  return all;
 }
 
 }  // namespace PmBench

@@ -42,6 +42,8 @@ struct BurdenKind {
 
 // The first is none at all.
 std::span<const BurdenKind> AllBurdens();
+// Of these, those that no peer of the manager makes.
+std::span<const BurdenKind> OutsideBurdens();
 
 }  // namespace PmBench
 

@@ -1,13 +1,12 @@
 #include <algorithm>
 #include <csignal>
+#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "base/sleep.h"
 #include "bench/booted_daemon.h"
 #include "bench/burdened_daemon.h"
 #include "bench/burdens.h"
@@ -26,39 +25,13 @@ namespace PmBench {
 namespace {
 
 constexpr int kLooks = 40;
+constexpr std::uint64_t kSeed = 20;  // The same run every time.
 constexpr double kBriefMs = 5;
 constexpr double kPassMs = 33;
 constexpr int kKilled = 200;
 constexpr int kKills = 5;
 // Or what as many bare starts take in the same run, and a pass, if that is more.
 constexpr double kAllBackMs = 75;
-
-// The medians, and how long the boot took to go on.
-struct Impression {
-  BurdenedDaemon::Look look;
-  double bootMs = 0;
-};
-
-Impression LookAtIt(const BurdenKind& kind) {
-  BurdenedDaemon daemon(kind);
-  daemon.Renew();
-  Impression impression;
-  impression.bootMs = daemon.FinishBoot();
-  // At all distances from a check pass.
-  std::mt19937 random(20);  // NOLINT(cert-msc51-cpp): the same run every time.
-  std::uniform_int_distribution<int> pauseUs(0, 30'000);
-  std::vector<BurdenedDaemon::Look> looks;
-  for (int i = 0; i < kLooks; ++i) {
-    ProcMgr::SleepNs(pauseUs(random) * 1000LL);
-    daemon.Renew();
-    looks.push_back(daemon.LookAround());
-  }
-  daemon.End();
-  using Look = BurdenedDaemon::Look;
-  impression.look = {MedianOf(looks, &Look::filed), MedianOf(looks, &Look::back),
-                     MedianOf(looks, &Look::answered)};
-  return impression;
-}
 
 // The daemon with services that report, each of which is played and has reported.
 class Reporters {
@@ -125,18 +98,23 @@ std::vector<Figure> MeasureWaits() {
   std::vector<Figure> figures = {
       MeasureKilledAtOnce("not reporting", BootedDaemon(kKilled, {{"restart", "on-forever"}})),
       MeasureKilledAtOnce("reporting", Reporters(kKilled))};
-  Impression alone;
+  using Look = BurdenedDaemon::Look;
+  BurdenedDaemon::Impression alone;
   for (const BurdenKind& kind : AllBurdens()) {
     const bool isFirst = &kind == AllBurdens().data();
-    const Impression seen = LookAtIt(kind);
+    BurdenedDaemon daemon(kind);
+    const BurdenedDaemon::Impression seen = daemon.LookAround(kLooks, kSeed);
     if (isFirst) {
       alone = seen;
     }
     const std::string when = std::string("while ") + kind.name;
-    figures.push_back({when + ": exit filed", seen.look.filed, "ms", alone.look.filed, kBriefMs});
-    figures.push_back({"  replacement's main", seen.look.back, "ms", alone.look.back, kPassMs});
-    figures.push_back(
-        {"  another's query", seen.look.answered, "ms", alone.look.answered, kBriefMs});
+    const auto add = [&](const std::string& name, double Look::*part, double bound) {
+      figures.push_back(
+          {name, MedianOf(seen.looks, part), "ms", MedianOf(alone.looks, part), bound});
+    };
+    add(when + ": exit filed", &Look::filed, kBriefMs);
+    add("  replacement's main", &Look::back, kPassMs);
+    add("  another's query", &Look::answered, kBriefMs);
     figures.push_back({"  the boot goes on", seen.bootMs, "ms", alone.bootMs, kPassMs});
   }
   return figures;

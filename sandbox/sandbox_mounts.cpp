@@ -97,6 +97,8 @@ void CoverKernelCommandLine() {
 void BuildRun() {
   MountTmpfs("/run");
   MakeFolder(Sandbox::kDir);
+  // Of its own, so that the room in /run is the platform's alone.
+  MountTmpfs(Sandbox::kDir);
   // As in /tmp, services of every user leave files here.
   CheckStep(chmod(Sandbox::kDir, 01777) == 0, "open the sandbox's folder");
 }

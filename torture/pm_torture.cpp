@@ -23,18 +23,20 @@ struct Run {
 constexpr Run kRuns[] = {{"storm", &PmTorture::RunStorm},
                          {"soak", &PmTorture::RunSoak},
                          {"upgrade", &PmTorture::RunUpgrade},
-                         {"clock", &PmTorture::RunClock}};
+                         {"clock", &PmTorture::RunClock},
+                         {"neighbours", &PmTorture::RunNeighbours}};
 
 bool Do(const Run& run, const PmTorture::Options& options) {
   try {
     run.run(options);
     return true;
-  } catch (const PmTorture::Broken& broken) {
+  } catch (const std::exception& broken) {
     (void)std::fprintf(
         stderr,
-        "pm-torture: %s: broken: %s\nrepeat: pm-torture %s --seed %llu --exits %llu --minutes %d\n",
+        "pm-torture: %s: broken: %s\nrepeat: pm-torture %s --seed %llu --exits %llu "
+        "--minutes %d --looks %d\n",
         run.name, broken.what(), run.name, static_cast<unsigned long long>(options.seed),
-        static_cast<unsigned long long>(options.exits), options.minutes);
+        static_cast<unsigned long long>(options.exits), options.minutes, options.looks);
     return false;
   }
 }
@@ -52,6 +54,9 @@ int RunAll(int argc, char** argv) {
       ->check(CLI::IsMember(known));
   app.add_option("--seed", options.seed, "of the random order; without it another one each time");
   app.add_option("--exits", options.exits, "how many exits storm brings about")
+      ->capture_default_str();
+  app.add_option("--looks", options.looks, "how many kills neighbours makes under each burden")
+      ->check(CLI::PositiveNumber)
       ->capture_default_str();
   app.add_option("--minutes", options.minutes, "how long soak lasts")->capture_default_str();
   CLI11_PARSE(app, argc, argv);

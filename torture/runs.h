@@ -10,6 +10,7 @@ struct Options {
   std::uint64_t seed = 0;
   std::uint64_t exits = 20'000;  // Of storm.
   int minutes = 1;               // Of soak.
+  int looks = 20;                // Of neighbours, at the others, for each burden.
 };
 
 // Each boots the real manager, prints what it has done in a line or more, and throws Broken if a
@@ -22,6 +23,9 @@ void RunStorm(const Options& options);
 void RunSoak(const Options& options);
 // The manager is killed in the middle and started again over what its predecessor left.
 void RunUpgrade(const Options& options);
+// While services are killed, one burden after the other is put on the manager, strangers, floods
+// and a machine without room among them: the others are served as on a quiet day.
+void RunNeighbours(const Options& options);
 // The wall clock jumps by years, the monotonic clock shows something odd, everything is stopped for
 // a while: term time-out, restart window and heartbeats are those of a quiet day.
 void RunClock(const Options& options);

@@ -48,12 +48,15 @@ Stage::Stage(std::size_t agents, const std::vector<App>& services, const std::ve
   Boot();
 }
 
-Stage::LastWords::~LastWords() {
+void ShowEnd(const std::string& log) {
   constexpr std::size_t kShown = 4000;
+  (void)std::fprintf(stderr, "the end of the log:\n%s\n",
+                     log.c_str() + (log.size() > kShown ? log.size() - kShown : 0));
+}
+
+Stage::LastWords::~LastWords() {
   if (std::uncaught_exceptions() > 0) {
-    const std::string log = log_.Text();
-    (void)std::fprintf(stderr, "the end of the log:\n%s\n",
-                       log.c_str() + (log.size() > kShown ? log.size() - kShown : 0));
+    ShowEnd(log_.Text());
   }
 }
 

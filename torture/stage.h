@@ -15,6 +15,9 @@
 
 namespace PmTorture {
 
+// Prints the end of a log, for whoever looks into a promise that was broken.
+void ShowEnd(const std::string& log);
+
 class Stage {
  public:
   // Boots "iammgr" and `agents` agents, all played by the run, and the base services `services`.

@@ -3,11 +3,10 @@
 #include <sched.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 
 #include "base/unix_address.h"
+#include "sandbox/as_user.h"
 #include "sandbox/raw_peer.h"
-#include "sandbox/system_error.h"
 #include "tests/support/scenario_test.h"
 
 namespace PmTest {
@@ -15,8 +14,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Words = std::vector<std::string>;
-
-constexpr uid_t kStranger = 65534;
 
 class Neighbour : public ScenarioTest {
  protected:
@@ -55,19 +52,6 @@ class Neighbour : public ScenarioTest {
     EXPECT_TRUE(Eventually([&] { return daemon_->ThreadCount() <= threads_; }));
     EXPECT_EQ(log_.Count("status=lost"), 0U);
     EXPECT_TRUE(daemon_->AwaitReaped());
-  }
-
-  // Runs `body` inside on a thread that is another user's, to its end.
-  template <typename Body>
-  void AsUser(uid_t user, const Body& body) {
-    const Sandbox::Inside inside(sandbox_);
-    std::thread([&] {
-      CheckStep(syscall(SYS_setgroups, 0, nullptr) == 0 &&
-                    syscall(SYS_setresgid, user, user, user) == 0 &&
-                    syscall(SYS_setresuid, user, user, user) == 0,
-                "become another user");
-      body();
-    }).join();
   }
 
   // What there is inside that is the platform's. The test's own folder is left out.
@@ -116,7 +100,7 @@ TEST_F(Neighbour, CanChangeNothingInTheFileSystem) {
   const std::vector<fs::path> entries = Entries();
   ASSERT_GT(entries.size(), 50U);
   Words done;
-  AsUser(kStranger, [&] {
+  AsUser(sandbox_, kStranger, [&] {
     for (const auto& [name, attempt] : tries) {
       for (const fs::path& entry : entries) {
         if (attempt(entry.c_str())) {
@@ -150,7 +134,7 @@ TEST_F(Neighbour, CanDoNothingToTheProcesses) {
       {"descriptors", [](pid_t pid) { return !OpenDescriptors(pid).empty(); }},
   };
   Words done;
-  AsUser(kStranger, [&] {
+  AsUser(sandbox_, kStranger, [&] {
     for (const auto& [name, attempt] : tries) {
       for (const pid_t pid : {daemon_->Pid(), hello_, plain_}) {
         if (attempt(pid)) {
@@ -174,7 +158,7 @@ TEST_F(Neighbour, CanDoNothingToTheProcesses) {
 // It shares the user with the service, and its file rights: only the pid tells it from the manager.
 TEST_F(Neighbour, CantSpeakForTheManagerUnderTheServicesOwnUser) {
   const std::size_t before = log_.Lines().size();
-  AsUser(1000, [&] {
+  AsUser(sandbox_, 1000, [&] {
     const auto forger = ConnectRaw(sandbox_, "hello");
     ASSERT_TRUE(forger.has_value());
     (void)forger->Send(MakePacket(kHello, 0, "PROCMGR"));
@@ -222,7 +206,7 @@ TEST_F(Neighbour, CanSendWhatHeLikes) {
     SCOPED_TRACE(attack.name);
     const std::size_t before = log_.Lines().size();
     std::vector<ProcMgr::UniqueFd> held;
-    AsUser(kStranger, [&] {
+    AsUser(sandbox_, kStranger, [&] {
       for (const std::string& path : sockets) {
         const ProcMgr::UnixAddress address(path);
         for (int i = 0; i < attack.count; ++i) {
