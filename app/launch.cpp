@@ -44,13 +44,14 @@ bool BaseAppInfo::StartProcess() {
     LogError("PROCMGR : Start baseApp %s failed errno=%d", appName_.c_str(), -child);
     return false;
   }
+  // From here on it is supervised, whatever else fails.
   pid_ = child;
+  state_ = ProcessState::STARTING;
+  startTime_ = SteadyNow();
   LogInfo("%s Start baseApp success appName=%s, binPath=%s, pid=%d, isDelayCoreAffinity_=%d",
           BootStrace(kBootTraceTag).c_str(), appName_.c_str(), execPath_.c_str(), pid_,
           isDelayCoreAffinity_);
   AddShareGroups(appName_, appName_, pid_, {});
-  state_ = ProcessState::STARTING;
-  startTime_ = SteadyNow();
   return true;
 }
 
@@ -66,10 +67,10 @@ bool GeneralAppInfo::StartProcess() {
     return false;
   }
   pid_ = child;
+  startTime_ = SteadyNow();
   AddShareGroups(appName_, ownerName_, pid_, sharepoolGroups_);
   LogInfo("%s Start generalApp success appName=%s, child_pid=%d, isDelayCoreAffinity_=%d",
           BootStrace(kBootTraceTag).c_str(), appName_.c_str(), pid_, isDelayCoreAffinity_);
-  startTime_ = SteadyNow();
   return true;
 }
 

@@ -1,7 +1,9 @@
 #include "core/app_lists.h"
 
 #include <algorithm>
+#include <optional>
 #include <unordered_map>
+#include <utility>
 
 #include "base/may_wait.h"
 #include "base/names.h"
@@ -36,23 +38,40 @@ std::unordered_multimap<pid_t, std::size_t> baseAppPids_ GUARDED_BY(baseAppMutex
 unsigned baseEntriesOpen_ GUARDED_BY(baseAppMutex_) = 0;
 CondVar baseEntryCond_;
 
-// Takes what `pid` stands for out of an index of pids.
 template <typename Owner>
-void Drop(std::unordered_multimap<pid_t, Owner>& pids, pid_t pid, const Owner& owner) {
+using PidIndex = std::unordered_multimap<pid_t, Owner>;
+
+// Takes what `pid` stands for out of an index of pids. Yields it; empty if it isn't there.
+template <typename Owner>
+typename PidIndex<Owner>::node_type Take(PidIndex<Owner>& pids, pid_t pid, const Owner& owner) {
   const auto [begin, end] = pids.equal_range(pid);
   const auto found =
       std::find_if(begin, end, [&owner](const auto& entry) { return entry.second == owner; });
-  if (found != end) {
-    pids.erase(found);
-  }
+  return found == end ? typename PidIndex<Owner>::node_type() : pids.extract(found);
 }
 
-void FilePid(const App::GeneralAppInfo& app, pid_t oldPid) REQUIRES(generalAppMutex_) {
-  if (app.pid_ != oldPid) {
-    Drop(generalAppPids_, oldPid, app.appName_);
-    generalAppPids_.emplace(app.pid_, app.appName_);
+// While it lives a record's process may be replaced: at the end the index has the pid that the
+// record has then. Needs no memory for that, so a process that has been started is found by its
+// exit whatever else has failed.
+template <typename Owner>
+class PidFiling {
+ public:
+  PidFiling(PidIndex<Owner>& pids, const Owner& owner, const pid_t& pid)
+      : pids_(pids), pid_(pid), entry_(Take(pids, pid, owner)) {}
+  ~PidFiling() {
+    if (!entry_.empty()) {
+      entry_.key() = pid_;
+      pids_.insert(std::move(entry_));
+    }
   }
-}
+  PidFiling(const PidFiling&) = delete;
+  PidFiling& operator=(const PidFiling&) = delete;
+
+ private:
+  PidIndex<Owner>& pids_;
+  const pid_t& pid_;
+  typename PidIndex<Owner>::node_type entry_;
+};
 
 void IndexBaseApp(std::size_t index) REQUIRES(baseAppMutex_) {
   baseAppNames_.emplace(executedBaseApp_[index].appName_, index);
@@ -88,13 +107,13 @@ void EnterBaseApp(const App::BaseAppInfo& app) {
 }
 
 bool RelaunchBaseApp(App::BaseAppInfo& app) {
-  const pid_t oldPid = app.pid_;
-  if (!app.StartProcess()) {
-    return false;
-  }
   const auto index = static_cast<std::size_t>(&app - executedBaseApp_.data());
-  Drop(baseAppPids_, oldPid, index);
-  baseAppPids_.emplace(app.pid_, index);
+  {
+    const PidFiling filing(baseAppPids_, index, app.pid_);
+    if (!app.StartProcess()) {
+      return false;
+    }
+  }
   Status::Memory::Instance().NoteStarted(app.statusId_, app.pid_);
   passBell.Ring();
   return true;
@@ -144,15 +163,15 @@ std::size_t FindBaseAppByPid(pid_t pid, SteadyTime& limit) {
 }
 
 bool LaunchGeneralApp(const GeneralAppPtr& app) {
-  const pid_t oldPid = app->pid_;
-  if (!app->StartProcess()) {
-    return false;
+  {
+    const PidFiling filing(generalAppPids_, app->appName_, app->pid_);
+    if (!app->StartProcess()) {
+      return false;
+    }
   }
   if (generalAppMap_.emplace(app->appName_, app).second) {
     generalAppsInOrder_.push_back(app);
     generalAppPids_.emplace(app->pid_, app->appName_);
-  } else {
-    FilePid(*app, oldPid);
   }
   Status::Memory::Instance().NoteStarted(app->statusId_, app->pid_);
   passBell.Ring();
@@ -163,11 +182,16 @@ void StepGeneralApp(App::GeneralAppInfo& app, SteadyTime now) {
   const pid_t oldPid = app.pid_;
   const bool isOldProcess = app.isRestartStarted_ == 0;
   const ProcessState before = app.state_;
-  app.state_ = app.CheckStateAt(now);
+  {
+    std::optional<PidFiling<std::string>> filing;
+    if (before == ProcessState::RESTARTING) {
+      filing.emplace(generalAppPids_, app.appName_, app.pid_);
+    }
+    app.state_ = app.CheckStateAt(now);
+  }
   if (app.pid_ != oldPid) {
     passBell.Ring();
   }
-  FilePid(app, oldPid);
   if (app.state_ == ProcessState::RESTARTING && isOldProcess && app.isRestartStarted_ != 0) {
     Status::Memory::Instance().NoteStarted(app.statusId_, app.pid_);
   }
@@ -182,7 +206,7 @@ void RemoveTerminatedGeneralApps() {
       return false;
     }
     LogInfo("PROCMGR : Process %s removed from the list of generalAppMap_", app->appName_.c_str());
-    Drop(generalAppPids_, app->pid_, app->appName_);
+    (void)Take(generalAppPids_, app->pid_, app->appName_);
     generalAppMap_.erase(app->appName_);
     return true;
   });
