@@ -216,12 +216,12 @@ class DeafPeers : public Burden {
       Stuff(peer, query, 100);
     }
   }
+  // The channels are cut, and opened again.
   void End() override {
     peers_.clear();
     servers_.clear();
-    for (std::size_t i = 0; i < marks_.size(); ++i) {
-      good_.push_back(std::make_unique<AgentPeer>(sandbox_, Names()[i]));
-      Restart(marks_[i]);
+    for (const std::string& name : Names()) {
+      good_.push_back(std::make_unique<AgentPeer>(sandbox_, name));
       Demand(good_.back()->BecomeReady(), "no channel");
     }
   }
