@@ -1,3 +1,3 @@
-# The tests that boot the daemon in a sandbox, but for those that are about how much is done in a while. Sourced.
+# The tests that boot the daemon in a sandbox, but for those that are about how fast it is. Sourced.
 source /board/test_run.sh
-run_tests -L scenario -E '^Torture\.Storm'
+run_tests -L scenario -E '^Torture\.Storm|ImmediateReactionIsTheFasterOne'
