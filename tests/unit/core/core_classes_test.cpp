@@ -2,6 +2,7 @@
 #include "base/mutex.h"
 #include "base/steady_time.h"
 #include "core/base_service_file.h"
+#include "core/general_app_table.h"
 #include "core/heart_messages.h"
 #include "core/list_rest.h"
 #include "core/reporter.h"
@@ -68,6 +69,33 @@ TEST(StartupCfg, KeepsTheLastManifestOfANameAndOfAPattern) {
   EXPECT_EQ(uidOf(cfg.Match("app")), std::nullopt);
   EXPECT_EQ(uidOf(cfg.Find(kPattern)), std::nullopt) << "a pattern is nobody's name";
   EXPECT_EQ(cfg.Fixed().size(), 1U) << "a reload reaches applications with a fixed name only";
+}
+
+TEST(GeneralAppTable, KeepsARecordAndItsOwnerThroughAReload) {
+  StartupCfg cfg;
+  GeneralAppTable table(cfg);
+  cfg.StoreManifests({Manifest("app", false, 1), Manifest("app_${[0-9]+}", true, 1)});
+  const auto get = [&](const std::string& name, const std::string& owner) {
+    const MutexLock lock(generalAppMutex_);
+    return table.GetGeneralApp(name, owner);
+  };
+  const GeneralAppPtr app = get("app", "first");
+  ASSERT_NE(app, nullptr);
+  EXPECT_EQ(get("app", "second"), app);
+  EXPECT_EQ(app->ownerName_, "first");
+  const GeneralAppPtr dynamic = get("app_1", "first");
+  EXPECT_NE(get("app_1", "first"), dynamic) << "no process keeps it";
+  EXPECT_EQ(get("nobody", "first"), nullptr);
+
+  ApplicationManifest::Fields fields;
+  fields.appName = "app";
+  fields.uid = 2;
+  fields.coreAffinity = {255};
+  cfg.StoreManifests({ApplicationManifest(fields)});
+  table.UpdateManifests();
+  EXPECT_EQ(app->uid_, 2U);
+  EXPECT_EQ(app->coreAffinity_, std::vector<std::uint32_t>{}) << "a restart may be under way";
+  EXPECT_EQ(app->schedPolicy_, 3);
 }
 
 TEST(ListRest, LastsUntilSomebodyElseHasTheLock) {
