@@ -34,8 +34,9 @@ class Burden {
 };
 
 struct BurdenKind {
-  const char* name;  // "while ...".
-  std::unique_ptr<Burden> (*make)(const PmSandbox::Sandbox& sandbox, PmSandbox::LogReader& log);
+  const char* name = nullptr;  // "while ...".
+  std::unique_ptr<Burden> (*make)(const PmSandbox::Sandbox& sandbox,
+                                  PmSandbox::LogReader& log) = nullptr;
   // What the manager may keep of it: data that stays, and what its allocator doesn't give back.
   long keptKib = 2048;
 };

@@ -143,7 +143,7 @@ TEST_F(HostileAgent, ChannelThatIsCutIsOpenedAgainWhileTheServiceLives) {
 
   // An end cuts it, too, and a successor's channel is nothing new.
   const std::size_t before = log_.Lines().size();
-  ASSERT_EQ(kill(first, SIGKILL), 0);
+  ASSERT_TRUE(Kill(first));
   victim_.Close();
   EXPECT_NE(AwaitStarted("victim", before), first);
   ASSERT_TRUE(victim_.BecomeReady());
