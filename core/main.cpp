@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <string>
 #include <string_view>
 
@@ -108,12 +109,23 @@ int Main(int argc, char** argv) {
   return result;
 }
 
+// Nothing has been started yet that a shortage of memory could come between.
+int MainOrWord(int argc, char** argv) {
+  try {
+    return Main(argc, argv);
+  } catch (const std::exception& error) {
+    LogErrorRouted("ProcMgr: main ends: %s", error.what());
+    (void)std::fprintf(stderr, "process-manager: %s\n", error.what());
+    return kExitOther;
+  }
+}
+
 }  // namespace
 }  // namespace ProcMgr
 
 int main(int argc, char** argv) {
   ProcMgr::PutStartRight();
-  const int result = ProcMgr::Main(argc, argv);
+  const int result = ProcMgr::MainOrWord(argc, argv);
   ProcMgr::CloseLog();
   return result;
 }

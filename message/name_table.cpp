@@ -4,13 +4,25 @@
 
 namespace ProcMgr {
 
-void NameTable::Set(const std::string& name, int fd) {
+NameTable::Place NameTable::Prepare(const std::string& name) {
+  std::unordered_map<int, std::string> places;
+  places.emplace(-1, name);
   const WriteLock lock(lock_);
-  int& entry = fdOfName_.try_emplace(name, -1).first->second;
+  (void)fdOfName_.try_emplace(name, -1);
+  // No more descriptors than names are ever in it.
+  nameOfFd_.reserve(fdOfName_.size());
+  return places.extract(places.begin());
+}
+
+void NameTable::Set(Place place, int fd) noexcept {
+  const WriteLock lock(lock_);
+  int& entry = fdOfName_.find(place.mapped())->second;
   nameOfFd_.erase(entry);
   entry = fd;
   if (fd > 0) {
-    nameOfFd_[fd] = name;
+    nameOfFd_.erase(fd);
+    place.key() = fd;
+    nameOfFd_.insert(std::move(place));
   }
 }
 

@@ -189,11 +189,12 @@ bool FinishOpening(BegunOpening& opening) {
   param.timeout = patience != 0 ? patience : OpenTimeoutMs();
   param.gid = opening.gid;
   param.cancelFd = opening.scope->CancelFd();
+  NameTable::Place place = nameTable.Prepare(opening.procName);
   const int fd = Open(param);
   const int error = errno;
   const bool isQuiet = opening.terms.isEndExpected && opening.scope->IsEnding();
   if (fd > 0) {
-    nameTable.Set(opening.procName, fd);
+    nameTable.Set(std::move(place), fd);
     LogInfo("********* PROCMGR : RegServiceCallBack success fd=%d, targetProcName=%s", fd,
             opening.procName.c_str());
   } else if (!isQuiet) {
