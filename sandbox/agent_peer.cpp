@@ -135,16 +135,20 @@ bool AgentPeer::TermApps(const std::vector<std::string>& names) const {
   return Request(RequestType::TERM_APP, list, ProcMgr::Serialization::ProcMgrPackTermRequest);
 }
 
-std::string AgentPeer::LoadStartupCfg(const std::map<std::string, std::string>& matchData,
-                                      bool reload) {
+bool AgentPeer::AskToLoad(const std::map<std::string, std::string>& matchData, bool reload) {
   const PieceList frames =
       Frames(reload ? RequestType::RELOAD_STARTUP_CFG : RequestType::LOAD_STARTUP_CFG,
              ProcMgr::Message::StartupCfgInfo{matchData, "/the/manager/knows/better"},
              ProcMgr::Serialization::ProcMgrPackMatchDataAndPathRequest);
-  const std::uint32_t sequence = ++sequence_;
-  if (!SendPacket(MakePacket(kRequest, sequence, FrameBytes(frames.at(0))))) {
+  return SendPacket(MakePacket(kRequest, ++sequence_, FrameBytes(frames.at(0))));
+}
+
+std::string AgentPeer::LoadStartupCfg(const std::map<std::string, std::string>& matchData,
+                                      bool reload) {
+  if (!AskToLoad(matchData, reload)) {
     return "none";
   }
+  const std::uint32_t sequence = sequence_;
   const ProcMgr::MutexLock lock(mutex_);
   const ProcMgr::SteadyTime deadline = ProcMgr::SteadyNow() + kPatience;
   while (!responses_.contains(sequence)) {

@@ -66,8 +66,10 @@ class AgentPeer {
   [[nodiscard]] bool RestartApps(const std::vector<ProcMgr::Message::RestartAppInfo>& list) const;
   [[nodiscard]] bool TermApps(const std::vector<std::string>& names) const;
 
-  // Asks for the load, or the reload, of the service's start-up configuration and yields the text
-  // of the answer; "none" if none comes.
+  // Asks for the load, or the reload, of the service's start-up configuration. The second waits for
+  // the answer and yields its text; "none" if none comes.
+  [[nodiscard]] bool AskToLoad(const std::map<std::string, std::string>& matchData = {},
+                               bool reload = false);
   [[nodiscard]] std::string LoadStartupCfg(const std::map<std::string, std::string>& matchData = {},
                                            bool reload = false) EXCLUDES(mutex_);
   // Asks how the named applications stand and yields the answer; empty if none comes.

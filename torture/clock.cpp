@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <sched.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include "base/unique_fd.h"
 #include "sandbox/process_table.h"
 #include "sandbox/system_error.h"
+#include "torture/preload.h"
 #include "torture/require.h"
 #include "torture/runs.h"
 #include "torture/stage.h"
@@ -68,29 +68,28 @@ class Disturbance {
 // The wall clock of the manager and of a service jumps all the time.
 class WallSteps : public Disturbance {
  public:
-  WallSteps() : file_(memfd_create("wall-clock", MFD_CLOEXEC)) {
-    CheckStep(file_.IsOpen() && ftruncate(file_.Get(), sizeof(WallClock)) == 0, "a wall clock");
-    void* const shared =
-        mmap(nullptr, sizeof(WallClock), PROT_READ | PROT_WRITE, MAP_SHARED, file_.Get(), 0);
-    CheckStep(shared != MAP_FAILED, "share a wall clock");
-    clock_ = static_cast<WallClock*>(shared);
-    stepper_ = std::thread([this] { Step(); });
-  }
+  WallSteps() : stepper_([this] { Step(); }) {}
   ~WallSteps() override {
     isOver_ = true;
     stepper_.join();
-    (void)munmap(clock_, sizeof(WallClock));
   }
 
   [[nodiscard]] Process::Options Manager() const override {
-    return {{{"LD_PRELOAD", Library()}, {kWallClockVariable, Path()}}, "process-manager", nullptr};
+    return {preload_.Environment(), "process-manager", nullptr};
   }
   [[nodiscard]] std::string Environment() const override {
-    return ", LD_PRELOAD: " + Library() + ", " + kWallClockVariable + ": " + Path();
+    std::string text;
+    for (const auto& [key, value] : preload_.Environment()) {
+      text += ", ";
+      text += key;
+      text += ": ";
+      text += value;
+    }
+    return text;
   }
   void End() override {
-    const auto looks = static_cast<unsigned long long>(clock_->looks.load());
-    const auto trusts = static_cast<unsigned long long>(clock_->trusts.load());
+    const auto looks = static_cast<unsigned long long>(preload_.Shared().looks.load());
+    const auto trusts = static_cast<unsigned long long>(preload_.Shared().trusts.load());
     std::printf("clock: %d steps, a wall clock that was read %llu times and relied on %llu times\n",
                 steps_.load(), looks, trusts);
     Require(looks > 0, "somebody reads the wall clock that is stepped");
@@ -101,18 +100,13 @@ class WallSteps : public Disturbance {
   void Step() {
     constexpr std::int64_t kBetweenNs = 5'000'000;
     for (; !isOver_; ++steps_) {
-      clock_->aheadS = steps_ % 2 == 0 ? kYearS : -kYearS;
+      preload_.Shared().aheadS = steps_ % 2 == 0 ? kYearS : -kYearS;
       ProcMgr::SleepNs(kBetweenNs);
     }
   }
-  static std::string Library() { return PmSandbox::ProgramPath("libpm-wall-clock.so"); }
-  // By which another process reaches the descriptor.
-  [[nodiscard]] std::string Path() const {
-    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(file_.Get());
-  }
 
-  const ProcMgr::UniqueFd file_;
-  WallClock* clock_ = nullptr;
+  const Preload<WallClock> preload_{PmSandbox::ProgramPath("libpm-wall-clock.so"),
+                                    kWallClockVariable};
   std::atomic<bool> isOver_ = false;
   std::atomic<int> steps_ = 0;
   std::thread stepper_;

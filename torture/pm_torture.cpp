@@ -20,23 +20,23 @@ struct Run {
   void (*run)(const PmTorture::Options& options);
 };
 
-constexpr Run kRuns[] = {{"storm", &PmTorture::RunStorm},
-                         {"soak", &PmTorture::RunSoak},
-                         {"upgrade", &PmTorture::RunUpgrade},
-                         {"clock", &PmTorture::RunClock},
-                         {"neighbours", &PmTorture::RunNeighbours}};
+constexpr Run kRuns[] = {
+    {"storm", &PmTorture::RunStorm},           {"soak", &PmTorture::RunSoak},
+    {"upgrade", &PmTorture::RunUpgrade},       {"clock", &PmTorture::RunClock},
+    {"neighbours", &PmTorture::RunNeighbours}, {"faults", &PmTorture::RunFaults}};
 
 bool Do(const Run& run, const PmTorture::Options& options) {
   try {
     run.run(options);
     return true;
   } catch (const std::exception& broken) {
-    (void)std::fprintf(
-        stderr,
-        "pm-torture: %s: broken: %s\nrepeat: pm-torture %s --seed %llu --exits %llu "
-        "--minutes %d --looks %d\n",
-        run.name, broken.what(), run.name, static_cast<unsigned long long>(options.seed),
-        static_cast<unsigned long long>(options.exits), options.minutes, options.looks);
+    (void)std::fprintf(stderr,
+                       "pm-torture: %s: broken: %s\nrepeat: pm-torture %s --seed %llu --exits %llu "
+                       "--minutes %d --looks %d --lives %d\n",
+                       run.name, broken.what(), run.name,
+                       static_cast<unsigned long long>(options.seed),
+                       static_cast<unsigned long long>(options.exits), options.minutes,
+                       options.looks, options.lives);
     return false;
   }
 }
@@ -58,6 +58,10 @@ int RunAll(int argc, char** argv) {
   app.add_option("--looks", options.looks, "how many kills neighbours makes under each burden")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
+  app.add_option("--lives", options.lives,
+                 "how many of the faults are tried, in random order; without it all");
+  app.add_option("--fault", options.fault,
+                 "the fault, or a part of its name: CALL:manager|child:N:ERRNO, N 0 for a while");
   app.add_option("--minutes", options.minutes, "how long soak lasts")->capture_default_str();
   CLI11_PARSE(app, argc, argv);
   std::printf("seed %llu\n", static_cast<unsigned long long>(options.seed));

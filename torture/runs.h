@@ -3,6 +3,7 @@
 #define TORTURE_RUNS_H
 
 #include <cstdint>
+#include <string>
 
 namespace PmTorture {
 
@@ -11,6 +12,8 @@ struct Options {
   std::uint64_t exits = 20'000;  // Of storm.
   int minutes = 1;               // Of soak.
   int looks = 20;                // Of neighbours, at the others, for each burden.
+  int lives = 0;                 // Of faults, in random order; 0: all that there are, in theirs.
+  std::string fault;             // Of faults, only those whose description holds it.
 };
 
 // Each boots the real manager, prints what it has done in a line or more, and throws Broken if a
@@ -26,6 +29,9 @@ void RunUpgrade(const Options& options);
 // While services are killed, one burden after the other is put on the manager, strangers, floods
 // and a machine without room among them: the others are served as on a quiet day.
 void RunNeighbours(const Options& options);
+// One system call fails, in the manager or in a child of it, once or for a while: the manager goes
+// on or ends with a word, supervises, tells what is missing and leaks nothing.
+void RunFaults(const Options& options);
 // The wall clock jumps by years, the monotonic clock shows something odd, everything is stopped for
 // a while: term time-out, restart window and heartbeats are those of a quiet day.
 void RunClock(const Options& options);

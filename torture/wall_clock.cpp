@@ -1,37 +1,23 @@
 #include "torture/wall_clock.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <ctime>
 
-#include "base/unique_fd.h"
+#include "torture/preload.h"
 
 namespace {
 
 using PmTorture::WallClock;
 
-WallClock* Open() {
-  const char* const path = std::getenv(PmTorture::kWallClockVariable);
-  if (path == nullptr) {
-    return nullptr;
-  }
-  const ProcMgr::UniqueFd file(open(path, O_RDWR | O_CLOEXEC));
-  void* const shared =
-      mmap(nullptr, sizeof(WallClock), PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
-  return shared == MAP_FAILED ? nullptr : static_cast<WallClock*>(shared);
-}
-
 WallClock* Shared() {
-  static WallClock* const shared = Open();
+  static WallClock* const shared = PmTorture::OpenShared<WallClock>(PmTorture::kWallClockVariable);
   return shared;
 }
 

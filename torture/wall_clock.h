@@ -10,14 +10,14 @@
 
 namespace PmTorture {
 
-// What the run and the programs share, a file that both map.
+// What the run and the programs share.
 struct WallClock {
   std::atomic<std::int64_t> aheadS;   // Seconds by which the clock is ahead of the machine's.
   std::atomic<std::uint64_t> looks;   // How often somebody has read it,
   std::atomic<std::uint64_t> trusts;  // and begun to wait for a time that it is to show.
 };
 
-// The variable of the environment that names the file. Without it the library changes nothing.
+// The variable of the environment by which. Without it the library changes nothing.
 inline constexpr const char* kWallClockVariable = "PM_WALL_CLOCK";
 
 }  // namespace PmTorture
