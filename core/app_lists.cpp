@@ -73,6 +73,36 @@ class PidFiling {
   typename PidIndex<Owner>::node_type entry_;
 };
 
+// A general record's way into the list, unless it is there. It is entered before its process is
+// started, for that needs memory, and taken out again if there is no process in the end.
+class GeneralAppEntry {
+ public:
+  explicit GeneralAppEntry(const GeneralAppPtr& app) REQUIRES(generalAppMutex_)
+      : app_(app), isNew_(!generalAppMap_.contains(app->appName_)), before_(app->startTime_) {}
+  ~GeneralAppEntry() REQUIRES(generalAppMutex_) {
+    if (isNew_ && app_->startTime_ == before_) {
+      (void)Take(generalAppPids_, app_->pid_, app_->appName_);
+      std::erase(generalAppsInOrder_, app_);
+      generalAppMap_.erase(app_->appName_);
+    }
+  }
+  GeneralAppEntry(const GeneralAppEntry&) = delete;
+  GeneralAppEntry& operator=(const GeneralAppEntry&) = delete;
+
+  void Enter() REQUIRES(generalAppMutex_) {
+    if (isNew_) {
+      generalAppMap_.emplace(app_->appName_, app_);
+      generalAppsInOrder_.push_back(app_);
+      generalAppPids_.emplace(app_->pid_, app_->appName_);
+    }
+  }
+
+ private:
+  const GeneralAppPtr app_;
+  const bool isNew_;
+  const SteadyTime before_;
+};
+
 void IndexBaseApp(std::size_t index) REQUIRES(baseAppMutex_) {
   baseAppNames_.emplace(executedBaseApp_[index].appName_, index);
   baseAppPids_.emplace(executedBaseApp_[index].pid_, index);
@@ -163,15 +193,13 @@ std::size_t FindBaseAppByPid(pid_t pid, SteadyTime& limit) {
 }
 
 bool LaunchGeneralApp(const GeneralAppPtr& app) {
+  GeneralAppEntry entry(app);
+  entry.Enter();
   {
     const PidFiling filing(generalAppPids_, app->appName_, app->pid_);
     if (!app->StartProcess()) {
       return false;
     }
-  }
-  if (generalAppMap_.emplace(app->appName_, app).second) {
-    generalAppsInOrder_.push_back(app);
-    generalAppPids_.emplace(app->pid_, app->appName_);
   }
   Status::Memory::Instance().NoteStarted(app->statusId_, app->pid_);
   passBell.Ring();

@@ -4,6 +4,7 @@
 #include "sandbox/wait.h"
 #include "tests/support/children.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/memory_shortage.h"
 
 namespace ProcMgr {
 namespace {
@@ -13,6 +14,12 @@ using Lines = std::vector<std::string>;
 
 SteadyTime At(int seconds) {
   return SteadyTime{} + std::chrono::seconds(seconds);
+}
+
+// How many more allocations of this thread succeed before the one that doesn't.
+thread_local int allocationsLeft = 0;
+bool IsTheOne() {
+  return allocationsLeft-- == 0;
 }
 
 class AppLists : public ::testing::Test {
@@ -237,6 +244,35 @@ TEST_F(AppLists, TheReaperWaitsForEntriesThatAreUnderWay) {
   second.reset();
   reaper.join();
   EXPECT_EQ(found, "late");
+}
+
+// Whichever allocation of a start fails: a process that there is has its record, and one that there
+// isn't has none.
+TEST_F(AppLists, AShortageLeavesNoProcessWithoutItsRecord) {
+  for (int allowed = 0, left = -1; left < 0; ++allowed) {
+    SCOPED_TRACE(allowed);
+    const GeneralAppPtr app = Record("app");
+    const MutexLock lock(generalAppMutex_);
+    allocationsLeft = allowed;
+    PmTest::Starve(&IsTheOne);
+    try {
+      (void)LaunchGeneralApp(app);
+    } catch (const std::bad_alloc&) {
+    }
+    PmTest::Starve(nullptr);
+    left = allocationsLeft;
+    const std::vector<pid_t> children = PmSandbox::Children(getpid(), false);
+    ASSERT_LE(children.size(), 1U);
+    ASSERT_EQ(FindGeneralApp("app"), children.empty() ? nullptr : app);
+    ASSERT_EQ(GeneralAppsInOrder().size(), children.size());
+    for (const pid_t child : children) {
+      SteadyTime limit = SteadyTime::max();
+      EXPECT_EQ(FindGeneralAppByPid(child, limit), "app");
+      EXPECT_TRUE(PmSandbox::KillAndAwait(child));
+      app->state_ = TERMINATED;
+      RemoveTerminatedGeneralApps();
+    }
+  }
 }
 
 }  // namespace
