@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <iterator>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -436,8 +437,11 @@ constexpr BurdenKind kKinds[] = {
 
 std::span<const BurdenKind> AllBurdens() {
   static const std::vector<BurdenKind> all = [] {
-    std::vector<BurdenKind> kinds(std::begin(kKinds), std::end(kKinds));
-    kinds.insert(kinds.end(), OutsideBurdens().begin(), OutsideBurdens().end());
+    std::vector<BurdenKind> kinds;
+    for (const std::span<const BurdenKind> each :
+         {std::span<const BurdenKind>(kKinds), OutsideBurdens()}) {
+      std::copy(each.begin(), each.end(), std::back_inserter(kinds));
+    }
     return kinds;
   }();
   return all;
