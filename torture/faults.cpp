@@ -221,10 +221,11 @@ void Print(const Matrix& matrix) {
   std::printf("faults: %-18s %-8s %6s %7s %6s %6s %6s\n", "call", "in", "lives", "failed", "whole",
               "told", "ended");
   Row sum;
-  for (const auto& [place, row] : matrix) {
-    const auto count = [&row = row](Outcome outcome) {
-      const auto found = row.outcomes.find(outcome);
-      return found == row.outcomes.end() ? 0 : found->second;
+  for (const auto& entry : matrix) {
+    const auto& [place, row] = entry;
+    const auto count = [&outcomes = entry.second.outcomes](Outcome outcome) {
+      const auto found = outcomes.find(outcome);
+      return found == outcomes.end() ? 0 : found->second;
     };
     std::printf("faults: %-18s %-8s %6d %7d %6d %6d %6d\n", place.first.c_str(),
                 PlaceName(place.second), row.lives, row.struck, count(Outcome::kWhole),
