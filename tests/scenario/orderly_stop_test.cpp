@@ -133,10 +133,11 @@ TEST_F(OrderlyStop, FiveHundredServicesInFiftyLevels) {
     apps.push_back(app);
     for (int i = 0; i < kLeaves; ++i) {
       const bool isDeaf = i == 0 && level % kDeafEvery == 0;
+      const bool isKilled = isDeaf || (level == 7 && i == 1);  // The latter is stopped.
       apps.push_back(
           Service("leaf" + std::to_string(level) + "-" + std::to_string(i),
                   isDeaf ? std::vector<std::string>{"--ignore-term"} : std::vector<std::string>{},
-                  {{"dependList", "[" + name + "]"}, {"termTimeOut", "300"}}));
+                  {{"dependList", "[" + name + "]"}, {"termTimeOut", isKilled ? "300" : "60000"}}));
     }
   }
   Boot(apps);
