@@ -74,13 +74,16 @@ class PidFiling {
 };
 
 // A general record's way into the list, unless it is there. It is entered before its process is
-// started, for that needs memory, and taken out again if there is no process in the end.
+// started, for that needs memory, and taken out again if there is no process in the end. A process
+// whose launch was broken off is starting: it is nobody's turn to say so any more.
 class GeneralAppEntry {
  public:
   explicit GeneralAppEntry(const GeneralAppPtr& app) REQUIRES(generalAppMutex_)
       : app_(app), isNew_(!generalAppMap_.contains(app->appName_)), before_(app->startTime_) {}
   ~GeneralAppEntry() REQUIRES(generalAppMutex_) {
-    if (isNew_ && app_->startTime_ == before_) {
+    if (app_->startTime_ != before_) {
+      app_->state_ = isWhole_ ? app_->state_ : ProcessState::STARTING;
+    } else if (isNew_) {
       (void)Take(generalAppPids_, app_->pid_, app_->appName_);
       std::erase(generalAppsInOrder_, app_);
       generalAppMap_.erase(app_->appName_);
@@ -96,11 +99,13 @@ class GeneralAppEntry {
       generalAppPids_.emplace(app_->pid_, app_->appName_);
     }
   }
+  void EndLaunch() { isWhole_ = true; }
 
  private:
   const GeneralAppPtr app_;
   const bool isNew_;
   const SteadyTime before_;
+  bool isWhole_ = false;
 };
 
 void IndexBaseApp(std::size_t index) REQUIRES(baseAppMutex_) {
@@ -203,6 +208,7 @@ bool LaunchGeneralApp(const GeneralAppPtr& app) {
   }
   Status::Memory::Instance().NoteStarted(app->statusId_, app->pid_);
   passBell.Ring();
+  entry.EndLaunch();
   return true;
 }
 

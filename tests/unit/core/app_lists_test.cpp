@@ -255,9 +255,12 @@ TEST_F(AppLists, AShortageLeavesNoProcessWithoutItsRecord) {
     const MutexLock lock(generalAppMutex_);
     allocationsLeft = allowed;
     PmTest::Starve(&IsTheOne);
+    app->state_ = TERMINATED;  // As one that has run before.
+    bool isBrokenOff = false;
     try {
       (void)LaunchGeneralApp(app);
     } catch (const std::bad_alloc&) {
+      isBrokenOff = true;
     }
     PmTest::Starve(nullptr);
     left = allocationsLeft;
@@ -267,6 +270,8 @@ TEST_F(AppLists, AShortageLeavesNoProcessWithoutItsRecord) {
     ASSERT_EQ(GeneralAppsInOrder().size(), children.size());
     for (const pid_t child : children) {
       SteadyTime limit = SteadyTime::max();
+      EXPECT_EQ(app->state_, isBrokenOff ? STARTING : TERMINATED);
+      app->state_ = STARTING;
       EXPECT_EQ(FindGeneralAppByPid(child, limit), "app");
       EXPECT_TRUE(PmSandbox::KillAndAwait(child));
       app->state_ = TERMINATED;
