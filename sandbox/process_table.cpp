@@ -106,6 +106,11 @@ std::string StatusField(pid_t pid, const std::string& key) {
   return {};
 }
 
+bool Ignores(pid_t pid, int signal) {
+  const auto mask = ProcMgr::ParseNumber<std::uint64_t>(StatusField(pid, "SigIgn"), 16).value_or(0);
+  return ((mask >> (signal - 1)) & 1U) != 0;
+}
+
 bool Kill(pid_t pid, int signal) {
   return pid > 0 && kill(pid, signal) == 0;
 }

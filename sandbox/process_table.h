@@ -33,6 +33,9 @@ std::vector<pid_t> Threads(pid_t pid);
 // The value of a "Key:\tVALUE" line of /proc/PID/status; empty if there is none.
 std::string StatusField(pid_t pid, const std::string& key);
 
+// Whether the process ignores the signal; false if there is none.
+bool Ignores(pid_t pid, int signal);
+
 // Sends one process a signal. False, as for one that isn't there, for a pid that names none: what a
 // failed look-up has yielded is to the kernel the whole group of the caller, or everybody.
 [[nodiscard]] bool Kill(pid_t pid, int signal = SIGKILL);

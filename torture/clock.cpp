@@ -225,7 +225,8 @@ void StartStubborn(PmSandbox::AgentPeer& agent) {
   Require(agent.StartApps({{"stubborn", {}, {}}}), "a request is taken");
   const auto started = agent.NextReport();
   Require(started.has_value(), "the application is started");
-  Require(PmSandbox::Eventually([&] { return Stage::IsDeaf(started->pid); }), "it is stubborn");
+  Require(PmSandbox::Eventually([&] { return PmSandbox::Ignores(started->pid, SIGTERM); }),
+          "it is stubborn");
 }
 
 Look LookAtIt(Disturbance& disturbance) {

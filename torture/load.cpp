@@ -229,7 +229,7 @@ void Load::NotePid(const std::string& name, pid_t pid) {
 void Load::AwaitDeafness() {
   for (const AppModel& app : apps_) {
     if (app.IsStubborn() && app.IsRunning()) {
-      Require(PmSandbox::Eventually([&] { return Stage::IsDeaf(app.pid); }),
+      Require(PmSandbox::Eventually([&] { return PmSandbox::Ignores(app.pid, SIGTERM); }),
               app.Name() + " ignores SIGTERM");
     }
   }

@@ -1,6 +1,5 @@
 #include "torture/stage.h"
 
-#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <utility>
@@ -106,11 +105,6 @@ App Stage::Beating(const std::string& name, const std::string& environment) {
           {{"isReporting", "true"},
            {"dependList", "[iammgr]"},
            {"envArgv", "{PROC_NAME: " + name + environment + "}"}}};
-}
-
-bool Stage::IsDeaf(pid_t pid) {
-  const std::string ignored = PmSandbox::StatusField(pid, "SigIgn");
-  return !ignored.empty() && ((std::stoull(ignored, nullptr, 16) >> (SIGTERM - 1)) & 1) != 0;
 }
 
 }  // namespace PmTorture

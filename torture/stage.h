@@ -45,10 +45,9 @@ class Stage {
 
   // The services that the run has named, as they stand in the service file.
   static PmSandbox::App Sleeper(const std::string& name, PmSandbox::Keys keys = {});
-  // Ignores SIGTERM. It does so only once IsDeaf.
+  // Ignores SIGTERM, from a moment after its start.
   static PmSandbox::App Stubborn(const std::string& name,
                                  std::chrono::milliseconds termTimeOut = std::chrono::hours(1));
-  [[nodiscard]] static bool IsDeaf(pid_t pid);
   // Reports and beats by itself. Its environment gets `environment` besides, ", KEY: VALUE" each.
   static PmSandbox::App Beating(const std::string& name, const std::string& environment = {});
 

@@ -3,7 +3,6 @@
 #include <nlohmann/json.hpp>
 
 #include "base/small_file.h"
-#include "base/text.h"
 #include "tests/support/scenario_test.h"
 #include "tools/demo/demo_platform.h"
 
@@ -203,11 +202,7 @@ TEST_F(PmCtl, RefusalsSayWhatIsWrong) {
   ASSERT_EQ(Ask({"start", "untouchable"}).status, 0);
   // It is up before it has closed its ears.
   const auto pid = Look("untouchable", "pid").get<pid_t>();
-  ASSERT_TRUE(Eventually([&] {
-    const auto ignored =
-        ProcMgr::ParseNumber<std::uint64_t>(StatusField(pid, "SigIgn"), 16).value_or(0);
-    return (ignored >> (SIGTERM - 1) & 1U) == 1;
-  }));
+  ASSERT_TRUE(Eventually([&] { return Ignores(pid, SIGTERM); }));
   const Result kept = Ask({"stop", "untouchable"});
   EXPECT_EQ(kept.status, 1);
   EXPECT_THAT(kept.output, HasSubstr("must not be killed"));
