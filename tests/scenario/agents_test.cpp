@@ -200,9 +200,9 @@ TEST_F(SlowAgent, ReaderThatStandsStillDelaysNobodyForGood) {
       "PROCMGR: CheckThread : owner=owner, pid=" + std::to_string(AwaitStarted("owner", before)) +
           ", state=STARTING restart success",
       before));
-  EXPECT_TRUE(Eventually([&] { return daemon_->Descriptors().size() == descriptors; }))
+  EXPECT_TRUE(Eventually([&] { return daemon_->Descriptors().size() <= descriptors; }))
       << ::testing::PrintToString(daemon_->Descriptors());
-  EXPECT_TRUE(Eventually([&] { return daemon_->ThreadCount() == threads; }));
+  EXPECT_TRUE(Eventually([&] { return daemon_->ThreadCount() <= threads; }));
 }
 
 TEST_F(SlowAgent, LostAndRecoveredHeartbeatsReachTheSensor) {
