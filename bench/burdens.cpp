@@ -105,8 +105,7 @@ class SilentOpenings : public Burden {
   std::vector<Marks> marks_;
 };
 
-// The program has grown when its service ends, so it is worked out anew at every attempt to start
-// it.
+// The program has grown when its service ends, so each attempt to start it works it out anew.
 class LongDigest : public Burden {
  public:
   LongDigest(const Sandbox& sandbox, LogReader& log)
