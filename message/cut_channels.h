@@ -38,6 +38,8 @@ class CutChannels {
   };
 
   Mutex mutex_;
+  // No cut is due before, so that who asks in every pass walks over nothing.
+  SteadyTime firstDue_ GUARDED_BY(mutex_) = SteadyTime::max();
   std::map<std::string, Entry> byName_ GUARDED_BY(mutex_);
 };
 
