@@ -73,6 +73,21 @@ bool IsStartable(const App::GeneralAppInfo& app, const std::string& sender,
   }
 }
 
+// Writes the request's parameters into the record. Answers itself for an application that they
+// don't fit.
+template <typename Info>
+bool TakeParams(App::GeneralAppInfo& app, const Info& info, const std::string& sender,
+                std::vector<AppChange>& changes) REQUIRES(generalAppMutex_) {
+  const bool isParamValid = app.UpdateDynamicParam(info.argv, info.dynamicPara);
+  MentionGeneralApp(app);
+  if (!isParamValid) {
+    Memory::Instance().RefuseRequest(app.statusId_, Status::CauseKind::kArgument,
+                                     "the parameters of " + sender + " don't fit the manifest");
+    AddChange(app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
+  }
+  return isParamValid;
+}
+
 // The check pass starts the new process when the old one has gone.
 void EndForRestart(App::GeneralAppInfo& app, const std::string& sender) REQUIRES(generalAppMutex_) {
   app.savedForceTerm_ = app.isForceTerm_;
@@ -142,12 +157,7 @@ void RestartOneApp(GeneralAppTable& table, const Message::RestartAppInfo& info,
               sender);
     return;
   }
-  const bool isParamValid = app->UpdateDynamicParam(info.argv, info.dynamicPara);
-  MentionGeneralApp(*app);
-  if (!isParamValid) {
-    Memory::Instance().RefuseRequest(app->statusId_, Status::CauseKind::kArgument,
-                                     "the parameters of " + sender + " don't fit the manifest");
-    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
+  if (!TakeParams(*app, info, sender, changes)) {
     LogError("PROCMGR : RestartApp failed : appName=%s, dynamic para invalid", name);
     return;
   }
@@ -244,12 +254,7 @@ bool ProcessManager::StartOneApp(const Message::StartAppInfo& info, const std::s
     LogError("PROCMGR : StartApp: appName=%s is null", name);
     return false;
   }
-  const bool isParamValid = app->UpdateDynamicParam(info.argv, info.dynamicPara);
-  MentionGeneralApp(*app);
-  if (!isParamValid) {
-    Memory::Instance().RefuseRequest(app->statusId_, Status::CauseKind::kArgument,
-                                     "the parameters of " + sender + " don't fit the manifest");
-    AddChange(*app, changes, ReportAppStateType::TERMINATED_ABNORMAL_EXIT, sender);
+  if (!TakeParams(*app, info, sender, changes)) {
     LogError("PROCMGR : StartApp failed : appName=%s, dynamic para invalid", name);
     return true;
   }
