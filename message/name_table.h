@@ -20,7 +20,6 @@ class NameTable {
   using Place = std::unordered_map<int, std::string>::node_type;
   [[nodiscard]] Place Prepare(const std::string& name) EXCLUDES(lock_);
   void Set(Place place, int fd) noexcept EXCLUDES(lock_);
-  void Set(const std::string& name, int fd) EXCLUDES(lock_) { Set(Prepare(name), fd); }
 
   // Takes the descriptor out of the table and marks it as about to be closed. Yields -1 if there
   // is none.

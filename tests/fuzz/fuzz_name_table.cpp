@@ -37,7 +37,7 @@ void Step(ProcMgr::NameTable& table, Model& model, int operation, const std::str
       if (fd > 0 && (!model.NameOf(fd).empty() || model.closing.contains(fd))) {
         return;
       }
-      table.Set(name, fd);
+      table.Set(table.Prepare(name), fd);
       model.fds[name] = fd;
       break;
     case 1: {

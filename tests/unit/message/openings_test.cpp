@@ -38,7 +38,7 @@ TEST_F(OpeningsTest, WaitEndsWithTheOpeningThatFiles) {
   for (int i = 0; i < 500; ++i) {
     NameTable table;
     std::thread opener([&table, own = Begin("a")]() mutable {
-      table.Set("a", 5);
+      table.Set(table.Prepare("a"), 5);
       own.reset();
     });
     std::string name;
