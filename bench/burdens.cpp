@@ -410,26 +410,21 @@ class ClosingInCallback : public LongConfiguration {
   std::size_t closings_ = 0;
 };
 
-template <typename Kind>
-std::unique_ptr<Burden> Make(const Sandbox& sandbox, LogReader& log) {
-  return std::make_unique<Kind>(sandbox, log);
-}
-
 constexpr BurdenKind kKinds[] = {
     {"nothing else is under way",
      [](const Sandbox&, LogReader&) { return std::make_unique<Burden>(); }},
-    {"a reporting service never serves", &Make<EndlessOpening>},
-    {"six services that don't report never serve", &Make<SilentOpenings>},
-    {"a program of 1 GB is checked", &Make<LongDigest>},
-    {"5 agents start a program of 1 GB", &Make<SlowRequests>},
-    {"8 agents and iammgr don't read", &Make<DeafPeers>},
+    {"a reporting service never serves", &MakeBurden<EndlessOpening>},
+    {"six services that don't report never serve", &MakeBurden<SilentOpenings>},
+    {"a program of 1 GB is checked", &MakeBurden<LongDigest>},
+    {"5 agents start a program of 1 GB", &MakeBurden<SlowRequests>},
+    {"8 agents and iammgr don't read", &MakeBurden<DeafPeers>},
     // Up to 1 MiB of answers is queued for each that doesn't read.
-    {"40 uploaders are silent and 40 don't read", &Make<UploadClients>, 49'152},
-    {"16 clients of the status don't read", &Make<StatusClients>},
-    {"the log is full", &Make<FullLog>},
+    {"40 uploaders are silent and 40 don't read", &MakeBurden<UploadClients>, 49'152},
+    {"16 clients of the status don't read", &MakeBurden<StatusClients>},
+    {"the log is full", &MakeBurden<FullLog>},
     // The configuration itself, and what each thread of the library has read one with.
-    {"a configuration is reloaded", &Make<EndlessReload>, 40'960},
-    {"a channel closes in its callback", &Make<ClosingInCallback>, 40'960},
+    {"a configuration is reloaded", &MakeBurden<EndlessReload>, 40'960},
+    {"a channel closes in its callback", &MakeBurden<ClosingInCallback>, 40'960},
 };
 
 }  // namespace

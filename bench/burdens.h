@@ -41,6 +41,11 @@ struct BurdenKind {
   long keptKib = 2048;
 };
 
+template <typename Kind>
+std::unique_ptr<Burden> MakeBurden(const PmSandbox::Sandbox& sandbox, PmSandbox::LogReader& log) {
+  return std::make_unique<Kind>(sandbox, log);
+}
+
 // The first is none at all.
 std::span<const BurdenKind> AllBurdens();
 // Of these, those that no peer of the manager makes.

@@ -177,17 +177,12 @@ class StoppedServices : public Burden {
   Marks marks_;
 };
 
-template <typename Kind>
-std::unique_ptr<Burden> Make(const Sandbox& sandbox, LogReader& log) {
-  return std::make_unique<Kind>(sandbox, log);
-}
-
 constexpr BurdenKind kKinds[] = {
-    {"strangers are at every socket", &Make<Strangers>},
-    {"heartbeats of nobody flood in", &Make<HeartFlood>},
-    {"/run is full", &Make<FullRun>},
-    {"the cgroups have vanished", &Make<VanishedGroups>},
-    {"six services are stopped", &Make<StoppedServices>},
+    {"strangers are at every socket", &MakeBurden<Strangers>},
+    {"heartbeats of nobody flood in", &MakeBurden<HeartFlood>},
+    {"/run is full", &MakeBurden<FullRun>},
+    {"the cgroups have vanished", &MakeBurden<VanishedGroups>},
+    {"six services are stopped", &MakeBurden<StoppedServices>},
 };
 
 }  // namespace

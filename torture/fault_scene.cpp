@@ -12,6 +12,7 @@
 #include "bench/host.h"
 #include "bench/marks.h"
 #include "sandbox/service_file.h"
+#include "sandbox/service_lines.h"
 #include "sandbox/system_error.h"
 #include "torture/require.h"
 
@@ -160,14 +161,9 @@ void FaultScene::AwaitChannel(const std::string& name) {
     while (const auto next = log_.WaitFor(started, from, milliseconds(0))) {
       from = *next + 1;
     }
-    const auto end = log_.WaitFor(
-        [&](const PmSandbox::LogLine& line) {
-          return line.text.ends_with("targetProcName=" + name) ||
-                 line.text.ends_with("procname=" + name + " RegisterService failed");
-        },
-        from);
-    Require(end.has_value(), "the opening of a channel ends");
-    if (!log_.At(*end).text.ends_with("failed")) {
+    const auto isOpen = PmSandbox::AwaitOpening(log_, name, from);
+    Require(isOpen.has_value(), "the opening of a channel ends");
+    if (*isOpen) {
       return;
     }
     const pid_t pid = PidOf(name);

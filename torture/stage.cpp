@@ -4,6 +4,7 @@
 #include <exception>
 #include <utility>
 
+#include "sandbox/service_lines.h"
 #include "torture/require.h"
 
 namespace PmTorture {
@@ -83,10 +84,9 @@ void Stage::ReplaceManager() {
 }
 
 pid_t Stage::AwaitStarted(const std::string& name, std::size_t from) const {
-  const auto line = log_.WaitFor("Start baseApp success appName=" + name + ",", from);
-  Require(line.has_value(), name + " is started");
-  const std::string text = log_.At(*line).text;
-  return std::stoi(text.substr(text.find("pid=") + 4));
+  const auto pid = PmSandbox::AwaitStart(log_, name, from);
+  Require(pid.has_value(), name + " is started");
+  return *pid;
 }
 
 App Stage::Sleeper(const std::string& name, PmSandbox::Keys keys) {

@@ -39,19 +39,14 @@ class Neighbour : public ScenarioTest {
     hello_ = AwaitStarted("hello", before);
     ASSERT_TRUE(Await("PM revice BASESERVICE_STATE_REPORT msg from hello", before));
     // On a slow machine it may serve too late for a channel, once or twice.
-    std::optional<std::size_t> opened;
+    std::optional<bool> isOpen;
     do {
       const std::size_t killed = log_.Lines().size();
       ASSERT_TRUE(Kill(plain_));
       plain_ = AwaitStarted("plain", killed);
-      opened = log_.WaitFor(
-          [](const LogLine& line) {
-            return line.text.ends_with("targetProcName=plain") ||
-                   line.text.ends_with("procname=plain RegisterService failed");
-          },
-          killed);
-      ASSERT_TRUE(opened.has_value());
-    } while (log_.At(*opened).text.ends_with("failed"));
+      isOpen = PmSandbox::AwaitOpening(log_, "plain", killed);
+      ASSERT_TRUE(isOpen.has_value());
+    } while (!*isOpen);
   }
 
   void ExpectUnharmed() {

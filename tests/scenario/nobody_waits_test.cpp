@@ -47,7 +47,7 @@ class NobodyWaits : public ScenarioTest {
       return line.text.find("Start baseApp success appName=" + name + ",") != std::string::npos;
     });
     if (last != lines.rend()) {
-      return std::stoi(last->text.substr(last->text.find("pid=") + 4));
+      return PmSandbox::PidIn(last->text);
     }
     ADD_FAILURE() << name << " was never started";
     return -1;
@@ -159,7 +159,7 @@ TEST_F(NobodyWaits, TheOnlyReportOfAServiceThatDiedBeforeItServedIsNeverLost) {
       for (int life = 0; life < 2; ++life) {
         const std::string line = awaitLine(started);
         ASSERT_NE(line, "") << app.name << " in boot " << boot;
-        ASSERT_TRUE(Kill(std::stoi(line.substr(line.find("pid=") + 4))));
+        ASSERT_TRUE(Kill(PmSandbox::PidIn(line)));
       }
       ASSERT_NE(awaitLine(started), "") << app.name << " in boot " << boot;
       const RawServer server(sandbox_, app.name, 0);

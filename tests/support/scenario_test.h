@@ -6,6 +6,7 @@
 #include "sandbox/log_reader.h"
 #include "sandbox/sandbox.h"
 #include "sandbox/service_file.h"
+#include "sandbox/service_lines.h"
 #include "tests/support/service_report.h"
 #include "tests/support/test.h"
 
@@ -119,13 +120,11 @@ class ScenarioTest : public ::testing::Test {
 
   // Waits for the start of `name` behind index `from` and yields the pid that it names.
   pid_t AwaitStarted(const std::string& name, std::size_t from = 0) {
-    const auto index = log_.WaitFor("Start baseApp success appName=" + name + ",", from);
-    if (!index.has_value()) {
+    const auto pid = PmSandbox::AwaitStart(log_, name, from);
+    if (!pid.has_value()) {
       ADD_FAILURE() << name << " has not been started";
-      return -1;
     }
-    const std::string text = log_.At(*index).text;
-    return std::stoi(text.substr(text.find("pid=") + 4));
+    return pid.value_or(-1);
   }
 
   // What the platform has been told of a sensor: "0" for on, "2" for off; empty if nothing.
