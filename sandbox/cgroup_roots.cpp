@@ -26,7 +26,6 @@ namespace PmSandbox {
 namespace {
 
 constexpr const char* kCgroupRoot = "/sys/fs/cgroup";
-constexpr const char* kNamePrefix = "pm-sandbox.";
 
 std::string HierarchyRoot(std::size_t index) {
   return std::string(kCgroupRoot) + "/" + kHierarchies.at(index);
@@ -56,21 +55,25 @@ std::string MountHierarchies() {
   return {};
 }
 
-std::string OwnerName(pid_t pid, std::uint64_t startTicks) {
-  return kNamePrefix + std::to_string(pid) + "." + std::to_string(startTicks) + ".";
+// Of the groups whose owners live in this process's pid namespace: a number means something only
+// there.
+std::string NamePrefix() {
+  struct stat pids {};
+  CheckStep(stat("/proc/self/ns/pid", &pids) == 0, "look at the pid namespace");
+  return "pm-sandbox." + std::to_string(pids.st_ino) + ".";
 }
 
-// The owner's pid in the name of a sandbox's group.
-std::optional<pid_t> OwnerOf(const std::string& group) {
-  const std::string rest = group.substr(std::strlen(kNamePrefix));
-  return ProcMgr::ParseNumber<pid_t>(rest.substr(0, rest.find('.')));
+std::string OwnerName(pid_t pid, std::uint64_t startTicks) {
+  return NamePrefix() + std::to_string(pid) + "." + std::to_string(startTicks) + ".";
 }
 
 bool IsLeftover(const std::string& group) {
-  if (!group.starts_with(kNamePrefix)) {
+  const std::string prefix = NamePrefix();
+  if (!group.starts_with(prefix)) {
     return false;
   }
-  const std::optional<pid_t> owner = OwnerOf(group);
+  const std::string rest = group.substr(prefix.size());
+  const auto owner = ProcMgr::ParseNumber<pid_t>(rest.substr(0, rest.find('.')));
   return owner.has_value() && !group.starts_with(OwnerName(*owner, ReadStat(*owner).startTicks));
 }
 
@@ -87,8 +90,7 @@ std::vector<std::filesystem::path> SubGroups(const std::filesystem::path& group)
   return found;
 }
 
-// Kills what runs in a leftover group. Yields false if it isn't ours to clean: a process that shows
-// up as 0 lives in another pid namespace, and so may the owner.
+// Kills what runs in a leftover group.
 bool KillMembers(const std::filesystem::path& group) {
   std::string text;
   (void)ProcMgr::ReadSmallFile(group / "cgroup.procs", ProcMgr::kConfigFileLimit, text);
@@ -96,9 +98,6 @@ bool KillMembers(const std::filesystem::path& group) {
   std::vector<pid_t> members;
   for (pid_t pid = 0; lines >> pid;) {
     members.push_back(pid);
-  }
-  if (std::find(members.begin(), members.end(), 0) != members.end()) {
-    return false;
   }
   return std::all_of(members.begin(), members.end(), KillAndAwait);
 }

@@ -14,7 +14,7 @@ inline constexpr std::array<const char*, 3> kHierarchies = {"cpu", "memory", "cp
 
 // One group per hierarchy, made below the machine's real ones, which stands in as the root of that
 // hierarchy inside a sandbox. Named after the owning process, so that what a killed test leaves
-// behind is recognised and removed by the next one.
+// behind is recognised and removed by the next one in its pid namespace.
 //
 // Not copied; one thread at a time.
 class CgroupRoots {

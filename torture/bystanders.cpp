@@ -37,6 +37,7 @@ void Bystanders::Body(std::size_t count) {
   std::deque<pid_t> pids;
   while (!isEnding_) {
     if (const pid_t pid = Begin(); pid > 0) {
+      wraps_ += !pids.empty() && pid < pids.back() ? 1U : 0U;
       pids.push_back(pid);
     }
     if (pids.size() > count) {

@@ -24,6 +24,8 @@ class Bystanders {
   // How many have lived so far, and how many of them were ended by a signal.
   [[nodiscard]] std::size_t Lived() const { return lived_; }
   [[nodiscard]] std::size_t Hit() const { return hit_; }
+  // How often the kernel has begun anew with the lowest pids.
+  [[nodiscard]] std::size_t Wraps() const { return wraps_; }
 
  private:
   void Body(std::size_t count);
@@ -31,6 +33,7 @@ class Bystanders {
 
   std::atomic<std::size_t> lived_ = 0;
   std::atomic<std::size_t> hit_ = 0;
+  std::atomic<std::size_t> wraps_ = 0;
   std::atomic<bool> isEnding_ = false;
   std::thread thread_;
 };

@@ -20,7 +20,8 @@ struct Options {
 // promise was broken. One thread.
 
 // Requests of eight agents and kills, in random order and among strangers that get the pids which
-// come free: every report, every exit line and every state is the one that a model predicts.
+// come free, and so few pids that each soon comes again: every report, every exit line and every
+// state is the one that a model predicts.
 void RunStorm(const Options& options);
 // The same load for minutes: descriptors, threads and memory don't grow.
 void RunSoak(const Options& options);
