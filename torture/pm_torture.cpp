@@ -52,7 +52,8 @@ int RunAll(int argc, char** argv) {
   }
   app.add_option("NAME", names, "what to run; everything without a name")
       ->check(CLI::IsMember(known));
-  app.add_option("--seed", options.seed, "of the random order; without it another one each time");
+  app.add_option("--seed", options.seed, "of the random order; without it another one each time")
+      ->envname("PM_TORTURE_SEED");
   app.add_option("--exits", options.exits, "how many exits storm brings about")
       ->capture_default_str();
   app.add_option("--looks", options.looks, "how many kills neighbours makes under each burden")
