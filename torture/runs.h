@@ -25,7 +25,8 @@ struct Options {
 void RunStorm(const Options& options);
 // The same load for minutes: descriptors, threads and memory don't grow.
 void RunSoak(const Options& options);
-// The manager is killed in the middle and started again over what its predecessor left.
+// Agents of other versions speak to the manager; and it is killed in the middle and started again
+// over what its predecessor left.
 void RunUpgrade(const Options& options);
 // While services are killed, one burden after the other is put on the manager, strangers, floods
 // and a machine without room among them: the others are served as on a quiet day.
