@@ -111,6 +111,7 @@ TEST_F(OrderlyStop, EndsABootUnderWay) {
 TEST_F(OrderlyStop, ASecondRequestCutsTheTimeOutsShort) {
   Boot({Service("patient", {"--ignore-term"}, {{"termTimeOut", "3600000"}})});
   AwaitBooted();
+  ASSERT_TRUE(Eventually([&] { return Ignores(AwaitStarted("patient"), SIGTERM); }));
   const std::size_t before = log_.Lines().size();
   Ask();
   ASSERT_TRUE(Await("asked base services to end", before));
