@@ -7,6 +7,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
@@ -112,6 +113,27 @@ class WallSteps : public Disturbance {
   std::thread stepper_;
 };
 
+// A time namespace in which the monotonic clock is ahead of this one's by so many seconds. Its own
+// maker isn't in it.
+ProcMgr::UniqueFd MakeTimeNamespace(std::int64_t aheadS) {
+  const std::string ahead = std::to_string(aheadS) + " 0\n";
+  const std::string offsets = "monotonic " + ahead + "boottime " + ahead;
+  // What it unshares counts for the thread's children, so the thread is to have none.
+  return std::async(std::launch::async,
+                    [&offsets] {
+                      const std::string self = "/proc/" + std::to_string(gettid());
+                      CheckStep(unshare(CLONE_NEWTIME) == 0, "make a time namespace");
+                      const ProcMgr::UniqueFd file(
+                          open((self + "/timens_offsets").c_str(), O_WRONLY | O_CLOEXEC));
+                      CheckStep(
+                          write(file.Get(), offsets.data(), offsets.size()) == std::ssize(offsets),
+                          "set its clocks");
+                      return ProcMgr::UniqueFd(
+                          open((self + "/ns/time_for_children").c_str(), O_RDONLY | O_CLOEXEC));
+                    })
+      .get();
+}
+
 // The manager and its services live in a time namespace, in which the monotonic clock shows
 // something else than here: about `showsS` seconds.
 class OtherTime : public Disturbance {
@@ -119,25 +141,29 @@ class OtherTime : public Disturbance {
   explicit OtherTime(std::int64_t showsS) {
     const auto hereS =
         std::chrono::duration_cast<std::chrono::seconds>(ProcMgr::SteadyNow().time_since_epoch());
-    const std::string ahead = std::to_string(showsS - hereS.count()) + " 0\n";
-    offsets = "monotonic " + ahead + "boottime " + ahead;
+    made = MakeTimeNamespace(showsS - hereS.count());
   }
   [[nodiscard]] Process::Options Manager() const override {
     return {{}, "process-manager", [] {
-              const char* const kFile = "/proc/self/timens_offsets";
-              // Counts from the exec on.
-              const int fd = unshare(CLONE_NEWTIME) == 0 ? open(kFile, O_WRONLY | O_CLOEXEC) : -1;
-              if (write(fd, offsets.data(), offsets.size()) < 0) {
+              if (setns(made.Get(), CLONE_NEWTIME) != 0) {
                 _exit(126);
               }
             }};
   }
+  Ms Strike(Stage& stage) override {
+    const auto timeOf = [](const std::string& pid) {
+      return std::filesystem::read_symlink("/proc/" + pid + "/ns/time");
+    };
+    Require(timeOf(std::to_string(stage.Manager().Pid())) != timeOf("self"),
+            "the manager has a time of its own");
+    return {};
+  }
 
  private:
   // The child, which is a copy of this thread, can't be given anything.
-  static thread_local std::string offsets;
+  static thread_local ProcMgr::UniqueFd made;
 };
-thread_local std::string OtherTime::offsets;
+thread_local ProcMgr::UniqueFd OtherTime::made;
 
 // Everything stands still for some seconds and goes on, the manager first.
 class Suspend : public Disturbance {
