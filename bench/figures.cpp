@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <numeric>
 
 namespace PmBench {
@@ -28,6 +29,23 @@ void PrintFigure(const Figure& figure) {
               Text(figure.floor).c_str(), Text(figure.bound).c_str(), figure.unit.c_str(),
               figure.IsWithinBound() ? "" : "  ABOVE ITS BOUND");
   (void)std::fflush(stdout);
+}
+
+nlohmann::json JsonOf(const Figure& figure) {
+  nlohmann::json json = {{"name", figure.name}, {"value", figure.value}, {"unit", figure.unit}};
+  if (figure.floor.has_value()) {
+    json["floor"] = *figure.floor;
+  }
+  if (figure.bound.has_value()) {
+    json["bound"] = *figure.bound;
+  }
+  if (!figure.samples.empty()) {
+    json["samples"] = figure.samples;
+  }
+  if (!figure.floorSamples.empty()) {
+    json["floorSamples"] = figure.floorSamples;
+  }
+  return json;
 }
 
 double Percentile(std::vector<double> values, double part) {

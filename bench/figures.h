@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <functional>
 #include <iterator>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -20,12 +21,18 @@ struct Figure {
   std::optional<double> floor;
   // What the value may not exceed.
   std::optional<double> bound;
+  // The single measurements behind the value and behind the floor, if their distribution is worth
+  // looking at; in the same unit.
+  std::vector<double> samples = {};
+  std::vector<double> floorSamples = {};
 
   [[nodiscard]] bool IsWithinBound() const { return !bound.has_value() || value <= *bound; }
 };
 
 void PrintHeading();
 void PrintFigure(const Figure& figure);
+// With all that there is in the figure.
+[[nodiscard]] nlohmann::json JsonOf(const Figure& figure);
 
 // Of a list that isn't empty. `part` from 0 to 1: 0.5 is the median.
 double Percentile(std::vector<double> values, double part);

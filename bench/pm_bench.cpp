@@ -1,13 +1,17 @@
 // pm-bench: what the real daemon costs, beside a bare fork and exec and beside its bounds.
 //
 // Needs root and an otherwise quiet machine. Ends with 1 if a figure lies above its bound.
+#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <exception>
+#include <nlohmann/json.hpp>
+#include <string>
 #include <vector>
 
 #include "bench/figures.h"
 #include "bench/floor.h"
+#include "bench/measured_file.h"
 #include "bench/measures.h"
 
 namespace {
@@ -25,50 +29,34 @@ constexpr Measure kMeasures[] = {
     {"waits", &PmBench::MeasureWaits},
 };
 
-int Usage() {
-  (void)std::fprintf(stderr, "usage: pm-bench [NAME...], with NAME one of:");
-  for (const Measure& measure : kMeasures) {
-    (void)std::fprintf(stderr, " %s", measure.name);
-  }
-  (void)std::fprintf(stderr, "\n");
-  return 2;
-}
-
-const Measure* Find(const char* name) {
-  for (const Measure& measure : kMeasures) {
-    if (std::strcmp(measure.name, name) == 0) {
-      return &measure;
-    }
-  }
-  return nullptr;
-}
-
-bool Run(const Measure& measure) {
-  bool isGood = true;
-  for (const PmBench::Figure& figure : measure.run()) {
-    PmBench::PrintFigure(figure);
-    isGood = isGood && figure.IsWithinBound();
-  }
-  return isGood;
-}
-
 int RunAll(int argc, char** argv) {
-  std::vector<const Measure*> chosen;
-  for (int i = 1; i < argc; ++i) {
-    chosen.push_back(Find(argv[i]));
-    if (chosen.back() == nullptr) {
-      return Usage();
-    }
+  CLI::App app{"Measures what the real daemon costs."};
+  std::vector<std::string> names;
+  std::string jsonPath;
+  std::vector<std::string> known;
+  for (const Measure& measure : kMeasures) {
+    known.emplace_back(measure.name);
   }
-  if (chosen.empty()) {
-    for (const Measure& measure : kMeasures) {
-      chosen.push_back(&measure);
-    }
-  }
+  app.add_option("NAME", names, "what to measure; everything without a name")
+      ->check(CLI::IsMember(known));
+  app.add_option("--json", jsonPath, "the file to write the figures and their samples to");
+  CLI11_PARSE(app, argc, argv);
   bool isGood = true;
+  nlohmann::json written = nlohmann::json::array();
   PmBench::PrintHeading();
-  for (const Measure* const measure : chosen) {
-    isGood = Run(*measure) && isGood;
+  for (const Measure& measure : kMeasures) {
+    if (!names.empty() && std::find(names.begin(), names.end(), measure.name) == names.end()) {
+      continue;
+    }
+    for (const PmBench::Figure& figure : measure.run()) {
+      PmBench::PrintFigure(figure);
+      written.push_back(PmBench::JsonOf(figure));
+      isGood = isGood && figure.IsWithinBound();
+    }
+    // After each, so that a later failure doesn't cost what there is.
+    if (!jsonPath.empty()) {
+      PmBench::WriteMeasured(jsonPath, "figures", written);
+    }
   }
   return isGood ? 0 : 1;
 }

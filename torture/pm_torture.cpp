@@ -64,6 +64,7 @@ int RunAll(int argc, char** argv) {
   app.add_option("--fault", options.fault,
                  "the fault, or a part of its name: CALL:manager|child:N:ERRNO, N 0 for a while");
   app.add_option("--minutes", options.minutes, "how long soak lasts")->capture_default_str();
+  app.add_option("--json", options.json, "the file to write soak's samples to");
   CLI11_PARSE(app, argc, argv);
   std::printf("seed %llu\n", static_cast<unsigned long long>(options.seed));
   (void)std::fflush(stdout);

@@ -11,6 +11,7 @@ struct Options {
   std::uint64_t seed = 0;
   std::uint64_t exits = 20'000;  // Of storm.
   int minutes = 1;               // Of soak.
+  std::string json;              // Where soak writes its samples; empty: nowhere.
   int looks = 20;                // Of neighbours, at the others, for each burden.
   int lives = 0;                 // Of faults, in random order; 0: all that there are, in theirs.
   std::string fault;             // Of faults, only those whose description holds it.
@@ -23,7 +24,8 @@ struct Options {
 // come free, and so few pids that each soon comes again: every report, every exit line and every
 // state is the one that a model predicts.
 void RunStorm(const Options& options);
-// The same load for minutes: descriptors, threads and memory don't grow.
+// The same load for minutes: descriptors, threads and memory don't grow. Meanwhile its
+// samples grow in the file that is asked for.
 void RunSoak(const Options& options);
 // Agents of other versions speak to the manager; and it is killed in the middle and started again
 // over what its predecessor left.

@@ -1,9 +1,14 @@
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 
 #include "base/steady_time.h"
-#include "sandbox/process_table.h"
+#include "bench/clock.h"
+#include "bench/host.h"
+#include "bench/measured_file.h"
 #include "torture/load.h"
 #include "torture/require.h"
 #include "torture/runs.h"
@@ -19,7 +24,7 @@ struct Sample {
 
 Sample Look(Stage& stage) {
   return {stage.Manager().Descriptors().size(), stage.Manager().ThreadCount(),
-          std::stol(PmSandbox::StatusField(stage.Manager().Pid(), "VmRSS"))};
+          PmBench::ResidentKib(stage.Manager().Pid())};
 }
 
 void Print(const char* when, const Load& load, const Sample& sample) {
@@ -28,6 +33,44 @@ void Print(const char* when, const Load& load, const Sample& sample) {
               sample.residentKib);
   (void)std::fflush(stdout);
 }
+
+// Samples over the time of a run, in a file that is whole at any moment.
+class History {
+ public:
+  // Nothing is kept without a path. `length` is how long the run will last.
+  History(std::string path, std::chrono::seconds length)
+      : path_(std::move(path)),
+        step_(std::max<std::chrono::milliseconds>(length / kSamples, kStep)) {}
+
+  // Takes a sample if the last one lies far enough back.
+  void Note(Load& load) {
+    const ProcMgr::SteadyTime now = ProcMgr::SteadyNow();
+    if (path_.empty() || now < next_) {
+      return;
+    }
+    next_ = now + step_;
+    const Sample sample = Look(load.Platform());
+    samples_.push_back(
+        {{"seconds", std::chrono::duration<double>(now - begin_).count()},
+         {"exits", load.Exits()},
+         {"descriptors", sample.descriptors},
+         {"threads", sample.threads},
+         {"residentKib", sample.residentKib},
+         {"cpuSeconds",
+          static_cast<double>(PmBench::CpuNs(load.Platform().Manager().Pid())) / 1e9}});
+    PmBench::WriteMeasured(path_, "soak", samples_);
+  }
+
+ private:
+  static constexpr int kSamples = 300;
+  static constexpr std::chrono::milliseconds kStep{1000};
+
+  const std::string path_;
+  const std::chrono::milliseconds step_;
+  const ProcMgr::SteadyTime begin_ = ProcMgr::SteadyNow();
+  ProcMgr::SteadyTime next_ = begin_;
+  nlohmann::json samples_ = nlohmann::json::array();
+};
 
 }  // namespace
 
@@ -44,8 +87,10 @@ void RunSoak(const Options& options) {
   const Sample before = Look(load.Platform());
   Print("warm", load, before);
   const ProcMgr::SteadyTime end = ProcMgr::SteadyNow() + std::chrono::minutes(options.minutes);
+  History history(options.json, std::chrono::minutes(options.minutes));
   while (ProcMgr::SteadyNow() < end) {
     load.Round();
+    history.Note(load);
   }
   load.Finish();
   const Sample after = Look(load.Platform());
