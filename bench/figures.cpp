@@ -45,6 +45,10 @@ nlohmann::json JsonOf(const Figure& figure) {
   if (!figure.floorSamples.empty()) {
     json["floorSamples"] = figure.floorSamples;
   }
+  if (!figure.curve.empty()) {
+    json["curve"] = figure.curve;
+    json["services"] = figure.services;
+  }
   return json;
 }
 

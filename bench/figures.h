@@ -25,6 +25,9 @@ struct Figure {
   // looking at; in the same unit.
   std::vector<double> samples = {};
   std::vector<double> floorSamples = {};
+  // Of how many services it tells, if it is a point of a curve over their number, and of which.
+  int services = 0;
+  std::string curve = {};
 
   [[nodiscard]] bool IsWithinBound() const { return !bound.has_value() || value <= *bound; }
 };

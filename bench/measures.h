@@ -20,6 +20,9 @@ std::vector<Figure> MeasureIdle();
 // How long 50 services that do nothing take to be up.
 std::vector<Figure> MeasureBoot();
 
+// How the boot and the manager's memory grow from 10 to 10,000 services.
+std::vector<Figure> MeasureScale();
+
 // What a request to start one application costs, and how long it takes from the frame to main.
 std::vector<Figure> MeasureRequests();
 

@@ -19,6 +19,7 @@ namespace {
 struct Measure {
   const char* name;
   std::vector<PmBench::Figure> (*run)();
+  bool isForAsking = false;  // It takes a minute: measured only if it is named.
 };
 
 constexpr Measure kMeasures[] = {
@@ -26,8 +27,13 @@ constexpr Measure kMeasures[] = {
     {"boot", &PmBench::MeasureBoot},         {"idle", &PmBench::MeasureIdle},
     {"requests", &PmBench::MeasureRequests}, {"many", &PmBench::MeasureMany},
     {"lookups", &PmBench::MeasureLookups},   {"status", &PmBench::MeasureStatus},
-    {"waits", &PmBench::MeasureWaits},
+    {"waits", &PmBench::MeasureWaits},       {"scale", &PmBench::MeasureScale, true},
 };
+
+bool IsWanted(const Measure& measure, const std::vector<std::string>& names) {
+  return names.empty() ? !measure.isForAsking
+                       : std::find(names.begin(), names.end(), measure.name) != names.end();
+}
 
 int RunAll(int argc, char** argv) {
   CLI::App app{"Measures what the real daemon costs."};
@@ -37,7 +43,7 @@ int RunAll(int argc, char** argv) {
   for (const Measure& measure : kMeasures) {
     known.emplace_back(measure.name);
   }
-  app.add_option("NAME", names, "what to measure; everything without a name")
+  app.add_option("NAME", names, "what to measure; without a name everything but scale")
       ->check(CLI::IsMember(known));
   app.add_option("--json", jsonPath, "the file to write the figures and their samples to");
   CLI11_PARSE(app, argc, argv);
@@ -45,7 +51,7 @@ int RunAll(int argc, char** argv) {
   nlohmann::json written = nlohmann::json::array();
   PmBench::PrintHeading();
   for (const Measure& measure : kMeasures) {
-    if (!names.empty() && std::find(names.begin(), names.end(), measure.name) == names.end()) {
+    if (!IsWanted(measure, names)) {
       continue;
     }
     for (const PmBench::Figure& figure : measure.run()) {
