@@ -24,8 +24,8 @@ struct Options {
 // come free, and so few pids that each soon comes again: every report, every exit line and every
 // state is the one that a model predicts.
 void RunStorm(const Options& options);
-// The same load for minutes: descriptors, threads and memory don't grow. Meanwhile its
-// samples grow in the file that is asked for.
+// The same load for minutes: descriptors, threads and memory don't grow, and an exit gets no
+// dearer. Meanwhile its samples grow in the file that is asked for.
 void RunSoak(const Options& options);
 // Agents of other versions speak to the manager; and it is killed in the middle and started again
 // over what its predecessor left.
