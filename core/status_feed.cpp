@@ -21,7 +21,7 @@ Status::AppId MentionBaseApp(const ApplicationManifest& manifest) {
   facts.arguments = manifest.GetArguments();
   facts.depends.assign(depends.begin(), depends.end());
   facts.cores = manifest.GetCoreAffinity();
-  facts.startFile = manifest.GetStartupEntryPath();
+  facts.startFile = Status::SharedText(manifest.GetStartupEntryPath());
   return Memory::Instance().Mention(std::move(facts));
 }
 
@@ -37,7 +37,7 @@ void MentionGeneralApp(App::GeneralAppInfo& app) {
   facts.uid = app.uid_;
   facts.gid = app.gid_;
   facts.name = app.appName_;
-  facts.owner = app.ownerName_;
+  facts.owner = Status::SharedText(app.ownerName_);
   facts.policy = Status::RestartPolicyOf(app.restart_);
   facts.path = app.execPath_;
   facts.arguments = app.arguments_;

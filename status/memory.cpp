@@ -17,14 +17,13 @@ namespace {
 
 using std::chrono::microseconds;
 
-// The phases come in two groups of four, the manager's and the applications'.
-constexpr std::size_t kPhasesOfOneOwner = 4;
+// The manager's own phases come first.
 bool IsOfAnApp(Phase phase) {
-  return static_cast<std::size_t>(phase) >= kPhasesOfOneOwner;
+  return phase >= Phase::kChecks;
 }
 
 std::size_t PlaceOf(Phase phase) {
-  return static_cast<std::size_t>(phase) % kPhasesOfOneOwner;
+  return static_cast<std::size_t>(phase);
 }
 
 WallTime WallNow() {
@@ -190,7 +189,7 @@ void Memory::BeginPhase(Phase phase, AppId app) {
   }
   const auto entry = entries_.find(app);
   if (entry != entries_.end() && entry->second.isFirstStart) {
-    Open(phase, app, entry->second.openSpans[PlaceOf(phase)]);
+    Open(phase, app, entry->second.OpenSpan(phase));
   }
 }
 
@@ -202,13 +201,18 @@ void Memory::EndPhase(Phase phase, AppId app) {
   }
   const auto entry = entries_.find(app);
   if (entry != entries_.end()) {
-    Close(entry->second.openSpans[PlaceOf(phase)]);
+    Close(entry->second.OpenSpan(phase));
   }
 }
 
 AppId Memory::Mention(AppFacts facts) {
-  const auto shared = std::make_shared<const AppFacts>(std::move(facts));
+  const auto shared = std::make_shared<AppFacts>(std::move(facts));
   const MutexLock lock(mutex_);
+  if (lastMentioned_ != nullptr) {
+    shared->owner.ShareWith(lastMentioned_->owner);
+    shared->startFile.ShareWith(lastMentioned_->startFile);
+  }
+  lastMentioned_ = shared;
   const auto place = PlaceOfName(*shared);
   if (place != byName_.end() && IsSameApp(FactsOf(*place), *shared)) {
     entries_.find(*place)->second.picture.facts = shared;
@@ -246,7 +250,7 @@ void Memory::BeginChecks(AppId app) {
   }
   entry->second.isSpanned = true;
   entry->second.isFirstStart = true;
-  Open(Phase::kChecks, app, entry->second.openSpans[PlaceOf(Phase::kChecks)]);
+  Open(Phase::kChecks, app, entry->second.OpenSpan(Phase::kChecks));
 }
 
 void Memory::PassChecks(AppId app) {
@@ -255,8 +259,8 @@ void Memory::PassChecks(AppId app) {
   if (entry == entries_.end() || !entry->second.isFirstStart) {
     return;
   }
-  Close(entry->second.openSpans[PlaceOf(Phase::kChecks)]);
-  Open(Phase::kFork, app, entry->second.openSpans[PlaceOf(Phase::kFork)]);
+  Close(entry->second.OpenSpan(Phase::kChecks));
+  Open(Phase::kFork, app, entry->second.OpenSpan(Phase::kFork));
 }
 
 void Memory::Refuse(AppId app, CauseKind what, std::string text) {
@@ -283,10 +287,10 @@ void Memory::NoteStarted(AppId app, pid_t pid) {
     }
     SetPid(entry, pid);
     picture.forked = SteadyNow();
-    picture.readyIn.reset();
-    Close(entry.openSpans[PlaceOf(Phase::kFork)]);
+    picture.readyIn = microseconds(-1);
+    Close(entry.OpenSpan(Phase::kFork));
     if (entry.isFirstStart) {
-      Open(Phase::kReady, app, entry.openSpans[PlaceOf(Phase::kReady)]);
+      Open(Phase::kReady, app, entry.OpenSpan(Phase::kReady));
     }
     (void)Enter(picture, AppState::kStarting, picture.facts->isReporting ? unreported : nullptr);
     return true;
@@ -299,10 +303,10 @@ void Memory::NoteRunning(AppId app) {
     if (picture.pid == 0) {
       return false;
     }
-    if (!picture.readyIn && picture.facts->kind != AppKind::kSelf) {
+    if (picture.readyIn.count() < 0 && picture.facts->kind != AppKind::kSelf) {
       picture.readyIn = std::chrono::duration_cast<microseconds>(SteadyNow() - picture.forked);
     }
-    Close(entry.openSpans[PlaceOf(Phase::kReady)]);
+    Close(entry.OpenSpan(Phase::kReady));
     return Enter(picture, AppState::kRunning, nullptr);
   });
 }

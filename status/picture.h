@@ -63,8 +63,8 @@ enum class RestartPolicy : std::uint8_t { kNo, kOnFailure, kOnForever, kOnUntilS
 
 enum class ExitKind : std::uint8_t { kExit, kSignal, kCore, kExec };
 
-// What the boot spends its time on. The first three and the last are the manager's own; the others
-// belong to one application's first start.
+// What the boot spends its time on. The first four are the manager's own; the others belong to
+// one application's first start.
 enum class Phase : std::uint8_t {
   kInit,
   kPriority,
@@ -105,6 +105,27 @@ struct Exit {
 // Of an application's exits the last so many are kept.
 inline constexpr std::size_t kKeptExits = 8;
 
+// A text that applications have in common, so that one copy of it can do for them. Empty for none.
+class SharedText {
+ public:
+  SharedText() = default;
+  explicit SharedText(const std::string& text)
+      : text_(text.empty() ? nullptr : std::make_shared<const std::string>(text)) {}
+
+  [[nodiscard]] std::string_view View() const {
+    return text_ == nullptr ? std::string_view() : std::string_view(*text_);
+  }
+  // Gives up its own copy if the other one reads the same.
+  void ShareWith(const SharedText& other) {
+    if (View() == other.View()) {
+      text_ = other.text_;
+    }
+  }
+
+ private:
+  std::shared_ptr<const std::string> text_;  // Null for none.
+};
+
 // What doesn't change from one start to the next request: who it is, and what was asked for.
 struct AppFacts {
   AppKind kind = AppKind::kBase;
@@ -113,22 +134,22 @@ struct AppFacts {
   uid_t uid = 0;
   gid_t gid = 0;
   std::string name;
-  std::string owner;  // Empty for none.
+  SharedText owner;
   std::string path;
   std::vector<std::string> arguments;
   std::vector<std::string> depends;
   std::vector<std::uint32_t> cores;
-  std::string startFile;  // Empty for none.
+  SharedText startFile;
 };
 
 // Cheap to copy: whatever is long is shared, and never changed once it is.
 struct AppPicture {
   std::shared_ptr<const AppFacts> facts;
-  std::shared_ptr<const Cause> cause;                // Null for none that is known.
-  std::shared_ptr<const std::vector<Exit>> exits;    // Newest first; null for none.
-  WallTime since;                                    // When it came into the state.
-  SteadyTime forked;                                 // Its last fork.
-  std::optional<std::chrono::microseconds> readyIn;  // From there to its report, or to running.
+  std::shared_ptr<const Cause> cause;              // Null for none that is known.
+  std::shared_ptr<const std::vector<Exit>> exits;  // Newest first; null for none.
+  WallTime since;                                  // When it came into the state.
+  SteadyTime forked;                               // Its last fork.
+  std::chrono::microseconds readyIn{-1};  // From there to its report, or to running; -1: not yet.
   // The restarts that count, oldest first; null for none.
   std::shared_ptr<const std::vector<SteadyTime>> restartTimes;
   std::uint32_t restarts = 0;  // Since the manager's start.

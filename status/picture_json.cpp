@@ -94,12 +94,13 @@ void WriteApp(JsonWriter& json, const AppPicture& app, const ManagerPicture& man
   const AppFacts& facts = *app.facts;
   json.Key("name").Text(facts.name);
   json.Key("kind").Text(WordOf(facts.kind));
-  json.Key("owner").TextOrNull(facts.owner);
+  json.Key("owner").TextOrNull(facts.owner.View());
   json.Key("state").Text(WordOf(app.state));
   json.Key("pid").NumberOrNull(app.pid == 0 ? std::nullopt : std::optional(app.pid));
   WriteTime(json.Key("since"), app.since);
   json.Key("reporting").Bool(facts.isReporting);
-  WriteMilliseconds(json.Key("ready_ms"), app.readyIn);
+  WriteMilliseconds(json.Key("ready_ms"),
+                    app.readyIn.count() < 0 ? std::nullopt : std::optional(app.readyIn));
   json.Key("restarts").Open('{');
   json.Key("count").Number(app.restarts);
   json.Key("policy").Text(WordOf(facts.policy));
@@ -226,7 +227,7 @@ std::string AppLine(const AppPicture& app, const Picture& picture,
   } else {
     json.Null();
   }
-  json.Key("start_file").TextOrNull(facts.startFile);
+  json.Key("start_file").TextOrNull(facts.startFile.View());
   return EndAnswer(std::move(json));
 }
 

@@ -190,6 +190,8 @@ TEST(Memory, AnApplicationTakesFewBytes) {
   for (std::size_t i = 0; i < kApps; ++i) {
     AppFacts facts = Facts("service-" + std::to_string(i), AppKind::kBase, "on-failure");
     facts.path = "/opt/platform/bin/" + facts.name;
+    facts.depends = {"service-1", "service-2"};
+    facts.startFile = SharedText("/etc/platform/services.yaml");
     const AppId app = memory.Mention(std::move(facts));
     memory.NoteStarted(app, 7);
     memory.NoteRunning(app);
