@@ -254,13 +254,8 @@ pid_t FaultScene::PidOf(const std::string& name) {
   return found == services.end() ? 0 : *found;
 }
 
-// The messaging library keeps one inotify instance or none: whether it has had to wait for
-// somebody is a matter of luck.
 FaultScene::Use FaultScene::UseNow() const {
-  const std::vector<std::string> open = daemon_->Descriptors();
-  const auto spare = std::find_if(open.begin(), open.end(),
-                                  [](const std::string& fd) { return fd.ends_with("inotify"); });
-  return {open.size() - (spare == open.end() ? 0 : 1), daemon_->ThreadCount()};
+  return {daemon_->Descriptors().size(), daemon_->ThreadCount()};
 }
 
 // What stands in the log, without numbers.
