@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "bench/booted_daemon.h"
 #include "bench/floor.h"
@@ -8,7 +10,7 @@ namespace PmBench {
 namespace {
 
 // The first boot of a row finds cold caches.
-constexpr int kBoots = 3;
+constexpr std::size_t kBoots = 3;
 
 struct Boot {
   double ms = 0;
@@ -27,10 +29,8 @@ Boot BootOnce(int services) {
 }
 
 void MeasureWith(int services, std::vector<Figure>& figures) {
-  std::vector<Boot> boots;
-  for (int i = 0; i < kBoots; ++i) {
-    boots.push_back(BootOnce(services));
-  }
+  std::vector<Boot> boots(kBoots);
+  std::generate(boots.begin(), boots.end(), [services] { return BootOnce(services); });
   const std::string with = " with " + std::to_string(services) + " services";
   Figure boot{
       "scale: boot" + with, MedianOf(boots, &Boot::ms), "ms", MedianOf(boots, &Boot::bareMs), {}};

@@ -17,8 +17,8 @@
 namespace {
 
 struct Measure {
-  const char* name;
-  std::vector<PmBench::Figure> (*run)();
+  const char* name = nullptr;
+  std::vector<PmBench::Figure> (*run)() = nullptr;
   bool isForAsking = false;  // It takes a minute: measured only if it is named.
 };
 
