@@ -16,6 +16,9 @@ TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file 
 ASAN_PACKAGES=(clang-19 libclang-rt-19-dev)
 CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-dev python3 spin gcc)
 
+# What draws the plots of ./dev bench.
+PLOT_PACKAGES=(python3 python3-matplotlib)
+
 # What makes and checks the Debian packages: dpkg-shlibdeps computes their dependencies, Python lists their parts.
 PACKAGE_PACKAGES=(dpkg-dev file binutils python3 lintian procps)
 
