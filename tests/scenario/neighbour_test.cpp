@@ -56,7 +56,11 @@ class Neighbour : public ScenarioTest {
     EXPECT_TRUE(Eventually([&] { return daemon_->Descriptors().size() <= descriptors_; }))
         << ::testing::PrintToString(daemon_->Descriptors());
     EXPECT_TRUE(Eventually([&] { return daemon_->ThreadCount() <= threads_; }));
-    EXPECT_EQ(log_.Count("status=lost"), 0U);
+    // On a machine that is slow itself a heart may miss its beats, and is heard again.
+    const bool isSlow = PmSandbox::PatienceFactor() > 1;
+    EXPECT_TRUE(Eventually([&] {
+      return log_.Count("status=lost") == (isSlow ? log_.Count("status=recovery") : 0);
+    }));
     EXPECT_TRUE(daemon_->AwaitReaped());
   }
 
