@@ -12,16 +12,26 @@
 
 namespace PmSandbox {
 
-// How many times the patience of an idle machine this one needs: a sanitizer slows everything down,
-// and whoever knows that the machine is slow or busy says so with PM_TEST_PATIENCE=NUMBER.
+// What whoever knows that the machine is slow or busy says with PM_TEST_PATIENCE=NUMBER.
+inline int GivenPatience() {
+  const char* const given = std::getenv("PM_TEST_PATIENCE");
+  return std::max(1, ProcMgr::ParseNumber<int>(given == nullptr ? "" : given).value_or(1));
+}
+
+// On such a machine a heart may miss its beats, for nobody's fault.
+inline bool MayHeartsBeLate() {
+  return GivenPatience() > 1;
+}
+
+// How many times the patience of an idle machine this one needs. A sanitizer slows everything down
+// too.
 inline int PatienceFactor() {
 #ifdef PM_SANITIZED
   constexpr int kBuild = 3;
 #else
   constexpr int kBuild = 1;
 #endif
-  const char* const given = std::getenv("PM_TEST_PATIENCE");
-  return kBuild * std::max(1, ProcMgr::ParseNumber<int>(given == nullptr ? "" : given).value_or(1));
+  return kBuild * GivenPatience();
 }
 
 // How long anything may take before a test calls it lost. Generous: a test that passes never waits

@@ -382,7 +382,8 @@ TEST_F(Digest, ChangedBinaryIsNotStartedAgain) {
 // A digest of seconds holds up its own service alone: others return, and the boot goes on.
 TEST_F(Digest, ALongOneHoldsUpNobodyElse) {
   const std::string path = Install("/opt/test/large");
-  std::filesystem::resize_file(sandbox_.Outside(path), std::uintmax_t{400} << 20);
+  const auto mib = static_cast<std::uintmax_t>(400 / PmSandbox::PatienceFactor());
+  std::filesystem::resize_file(sandbox_.Outside(path), mib << 20);
   sandbox_.WriteFile(kHashes, "large=" + Sum(path) + "\n");
   Boot({{"large", path, {"--serve", "large"}, {{"restart", "on-forever"}}},
         {"other", kService, {"--serve", "other"}, {{"restart", "on-forever"}}}});

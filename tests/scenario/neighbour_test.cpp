@@ -56,10 +56,9 @@ class Neighbour : public ScenarioTest {
     EXPECT_TRUE(Eventually([&] { return daemon_->Descriptors().size() <= descriptors_; }))
         << ::testing::PrintToString(daemon_->Descriptors());
     EXPECT_TRUE(Eventually([&] { return daemon_->ThreadCount() <= threads_; }));
-    // On a machine that is slow itself a heart may miss its beats, and is heard again.
-    const bool isSlow = PmSandbox::PatienceFactor() > 1;
     EXPECT_TRUE(Eventually([&] {
-      return log_.Count("status=lost") == (isSlow ? log_.Count("status=recovery") : 0);
+      const bool mayBeLate = PmSandbox::MayHeartsBeLate();
+      return log_.Count("status=lost") == (mayBeLate ? log_.Count("status=recovery") : 0);
     }));
     EXPECT_TRUE(daemon_->AwaitReaped());
   }
