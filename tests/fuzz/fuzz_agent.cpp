@@ -6,8 +6,8 @@
 
 #include "agent/process_manager_agent.h"
 #include "message/request_msg.h"
-#include "tests/fuzz/agent_stage.h"
 #include "tests/fuzz/fuzz_input.h"
+#include "tests/fuzz/nexio_stage.h"
 
 using PmTest::FuzzBytes;
 using PmTest::Require;

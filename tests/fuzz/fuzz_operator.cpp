@@ -4,8 +4,8 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/process_manager_agent.h"
-#include "tests/fuzz/agent_stage.h"
 #include "tests/fuzz/fuzz_input.h"
+#include "tests/fuzz/nexio_stage.h"
 #include "tools/operator/operator_requests.h"
 
 using PmTest::FuzzText;
