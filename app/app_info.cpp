@@ -34,7 +34,6 @@ void AppInfo::ClearForStart() {
   if (coreAffinity_.empty()) {
     isDelayCoreAffinity_ = false;
   }
-  isExited_ = false;
 }
 
 std::vector<char*> AppInfo::BuildArgv() {

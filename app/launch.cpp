@@ -44,8 +44,10 @@ bool BaseAppInfo::StartProcess() {
     LogError("PROCMGR : Start baseApp %s failed errno=%d", appName_.c_str(), -child);
     return false;
   }
-  // From here on it is supervised, whatever else fails.
+  // From here on it is supervised, whatever else fails. Up to here the exit of the last process
+  // stays on file: whatever anybody says of the record, none is there.
   pid_ = child;
+  isExited_ = false;
   state_ = ProcessState::STARTING;
   startTime_ = SteadyNow();
   LogInfo("%s Start baseApp success appName=%s, binPath=%s, pid=%d, isDelayCoreAffinity_=%d",
@@ -67,6 +69,7 @@ bool GeneralAppInfo::StartProcess() {
     return false;
   }
   pid_ = child;
+  isExited_ = false;
   startTime_ = SteadyNow();
   AddShareGroups(appName_, ownerName_, pid_, sharepoolGroups_);
   LogInfo("%s Start generalApp success appName=%s, child_pid=%d, isDelayCoreAffinity_=%d",

@@ -509,7 +509,7 @@ void World::CheckRecords() const {
     const Child& child = stage_.children.at(app.pid_);
     const bool isGone = child.state == ChildState::kReaped;
     Require(app.state_ != ProcessState::INITSTATE && child.name == app.appName_);
-    Require(app.state_ == ProcessState::TERMINATED ? isGone : app.isExited_ == isGone);
+    Require(app.isExited_ == isGone && (isGone || app.state_ != ProcessState::TERMINATED));
     supervised += isGone ? 0 : 1;
   };
   for (const ProcMgr::App::BaseAppInfo& app : ProcMgr::executedBaseApp_) {

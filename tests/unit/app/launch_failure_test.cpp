@@ -198,8 +198,10 @@ TEST_F(LaunchFailure, AFailedForkLeavesNoProcess) {
     ForBothKinds(Fields(), [](auto& app) {
       app.state_ = ProcessState::TERMINATED;
       app.pid_ = 4242;
+      app.isExited_ = true;
       EXPECT_FALSE(app.StartProcess());
       EXPECT_EQ(app.state_, ProcessState::TERMINATED);
+      EXPECT_TRUE(app.isExited_) << "the pid may be a stranger's";
       EXPECT_EQ(app.pid_, 4242);
       EXPECT_EQ(app.startTime_, SteadyTime{});
     });
