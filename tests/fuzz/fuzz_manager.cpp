@@ -8,6 +8,7 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -156,7 +157,7 @@ class World {
 
   void CheckGeneralReports(const GeneralStates& before) const NO_THREAD_SAFETY_ANALYSIS;
   void CheckBaseReports(int access,
-                        const std::map<std::string, pid_t>& ended) const NO_THREAD_SAFETY_ANALYSIS;
+                        const std::map<std::string, bool>& ends) const NO_THREAD_SAFETY_ANALYSIS;
   static std::ptrdiff_t CountUnderWay(const std::string& name) NO_THREAD_SAFETY_ANALYSIS;
   void CheckEntries(int fd, RequestType type, const Names& names, const Counts& before) const;
   void CheckStatus(int fd, const Names& names) const NO_THREAD_SAFETY_ANALYSIS;
@@ -267,6 +268,9 @@ void World::SmallStep(std::size_t which) {
                      MakeFrame(input_, RequestType::QUERY_APP_STATE));
     case 10:
       return AskForStop();
+    case 11:  // From here on numbers of processes are used again.
+      stage_.nextPid = PmTest::ManagerStage::kFirstPid;
+      return;
     default:
       return;
   }
@@ -339,18 +343,18 @@ void World::Pass() {
   for (const GeneralAppPtr& app : ProcMgr::GeneralAppsInOrder()) {
     states.emplace_back(app, app->state_);
   }
-  std::map<std::string, pid_t> ended;
+  std::map<std::string, bool> ends;
   for (const ProcMgr::App::BaseAppInfo& app : ProcMgr::executedBaseApp_) {
     const bool isDelayed = app.isExited_ && ProcMgr::ProcMgrMaster::IsOpening(app.appName_);
     const bool isOver = app.isExited_ || app.state_ == ProcessState::TERMINATED;
-    ended[app.appName_] = isOver && !isDelayed ? app.pid_ : 0;
+    ends[app.appName_] = isOver && !isDelayed;
   }
   const int access = FdOf(ProcMgr::kAccessService);
   post_.Forget();
   stage_.now += std::chrono::milliseconds(30);
   stage_.TakeTurn(Turn::kCheck);
   CheckGeneralReports(states);
-  CheckBaseReports(access, ended);
+  CheckBaseReports(access, ends);
 }
 
 // A state that a pass has changed is told, once, to whoever can hear it, and nothing else is.
@@ -359,7 +363,7 @@ void World::CheckGeneralReports(const GeneralStates& before) const {
   for (const auto& [app, state] : before) {
     const bool isOver = app->state_ == ProcessState::TERMINATED;
     Require(isOver == (ProcMgr::FindGeneralApp(app->appName_) != app));
-    Require(isOver == (stage_.children.at(app->pid_).state == ChildState::kReaped));
+    Require(isOver == app->isExited_);
     // Of one that ended while it was handed over to its owner, that one hears now.
     if (state == ProcessState::TERMINATED || app->isPriorityPending_) {
       continue;
@@ -371,16 +375,15 @@ void World::CheckGeneralReports(const GeneralStates& before) const {
   }
 }
 
-// An end is told until a restart follows it, and the restart is told too. `ended` has the pids of
-// the processes whose end the pass had to deal with.
-void World::CheckBaseReports(int access, const std::map<std::string, pid_t>& ended) const {
+// An end is told until a restart follows it, and the restart is told too. `ends` tells of each
+// service whether the pass had an end to deal with.
+void World::CheckBaseReports(int access, const std::map<std::string, bool>& ends) const {
   if (access < 1 || access != FdOf(ProcMgr::kAccessService)) {
     return;  // The pass has closed the channel half-way.
   }
-  for (const auto& [name, pid] : ended) {
+  for (const auto& [name, isEnd] : ends) {
     const ProcMgr::App::BaseAppInfo* const app = ProcMgr::FindBaseApp(name);
-    const bool isEnd = pid != 0;
-    const bool isRestarted = isEnd && app != nullptr && app->pid_ != pid;
+    const bool isRestarted = isEnd && app != nullptr && !app->isExited_;
     const bool isHeard = name != ProcMgr::kAccessService;
     Require(post_.CountStates(access, name) == (isHeard ? isEnd + isRestarted : 0));
   }
@@ -490,9 +493,9 @@ void World::CheckStatus(int fd, const Names& names) const {
   std::map<std::string, int> status;
   for (const std::string& name : names) {
     const GeneralAppPtr app = ProcMgr::FindGeneralApp(name);
-    const ChildState state =
-        app == nullptr ? ChildState::kReaped : stage_.children.at(app->pid_).state;
-    status[name] = state == ChildState::kReaped ? 1 : state == ChildState::kStopped ? 2 : 0;
+    const bool isGone = app == nullptr || app->isExited_;
+    const bool isStopped = !isGone && stage_.children.at(app->pid_).state == ChildState::kStopped;
+    status[name] = isGone ? 1 : isStopped ? 2 : 0;
   }
   RequestMsg frame;
   const bool isSent =
@@ -501,16 +504,18 @@ void World::CheckStatus(int fd, const Names& names) const {
   Require(!isSent || (post_.reports.front().fd == fd && post_.reports.front().status == status));
 }
 
-// Every process belongs to one record, every record that isn't TERMINATED has one, and the memory
+// Every process belongs to one record, every record without an exit on file has one, and the memory
 // knows of just as many.
 void World::CheckRecords() const {
-  std::ptrdiff_t supervised = 0;
+  std::set<pid_t> supervised;
   const auto check = [&](const ProcMgr::App::AppInfo& app) {
-    const Child& child = stage_.children.at(app.pid_);
-    const bool isGone = child.state == ChildState::kReaped;
-    Require(app.state_ != ProcessState::INITSTATE && child.name == app.appName_);
-    Require(app.isExited_ == isGone && (isGone || app.state_ != ProcessState::TERMINATED));
-    supervised += isGone ? 0 : 1;
+    Require(app.state_ != ProcessState::INITSTATE);
+    Require(app.isExited_ || app.state_ != ProcessState::TERMINATED);
+    if (!app.isExited_) {
+      const Child& child = stage_.children.at(app.pid_);
+      Require(child.state != ChildState::kReaped && child.name == app.appName_);
+      Require(supervised.insert(app.pid_).second);
+    }
   };
   for (const ProcMgr::App::BaseAppInfo& app : ProcMgr::executedBaseApp_) {
     check(app);
@@ -520,13 +525,14 @@ void World::CheckRecords() const {
     check(*app);
     Require(ProcMgr::FindGeneralApp(app->appName_) == app);
   }
-  Require(supervised ==
+  const auto count = static_cast<std::ptrdiff_t>(supervised.size());
+  Require(count ==
           std::count_if(stage_.children.begin(), stage_.children.end(), [](const auto& child) {
             return child.second.state != ChildState::kReaped;
           }));
   const ProcMgr::Status::Picture picture = ProcMgr::Status::Memory::Instance().Copy();
-  Require(supervised == std::count_if(picture.apps.begin(), picture.apps.end(),
-                                      [](const auto& app) { return app.pid != 0; }));
+  Require(count == std::count_if(picture.apps.begin(), picture.apps.end(),
+                                 [](const auto& app) { return app.pid != 0; }));
 }
 
 // Each channel has its name, or is being closed; no name has one that is closed.

@@ -54,10 +54,9 @@ int Post::Open(const ProcMgr::NexioOpenParam& param) {
     return opening;
   }
   // The process for which the opening was begun is still there, or its end isn't known yet.
-  const auto newest =
-      std::find_if(stage_.children.rbegin(), stage_.children.rend(),
-                   [&param](const auto& child) { return child.second.name == param.peerName; });
-  Require(newest != stage_.children.rend() && newest->second.state != ChildState::kReaped);
+  Require(std::any_of(stage_.children.begin(), stage_.children.end(), [&param](const auto& child) {
+    return child.second.name == param.peerName && child.second.state != ChildState::kReaped;
+  }));
   ++lastFd_;
   Stage().open.insert(lastFd_);
   peers[lastFd_].name = param.peerName;

@@ -215,9 +215,12 @@ pid_t App::Spawn(const App::LaunchPlan& plan) {
   if (std::exchange(managerStage->isSpawnRefused, false)) {
     return -EAGAIN;
   }
-  const pid_t pid =
-      PmTest::ManagerStage::kFirstPid + static_cast<pid_t>(managerStage->children.size());
-  managerStage->children[pid].name = plan.config.appName;
+  std::map<pid_t, PmTest::Child>& children = managerStage->children;
+  pid_t pid = 0;
+  do {
+    pid = managerStage->nextPid++;
+  } while (children.contains(pid) && children[pid].state != PmTest::ChildState::kReaped);
+  children[pid] = {plan.config.appName};
   return pid;
 }
 

@@ -60,6 +60,7 @@ struct ManagerStage {
   std::deque<Job> jobs;
 
   std::map<pid_t, Child> children;
+  pid_t nextPid = kFirstPid;    // The next number, if no process has it.
   bool isSpawnRefused = false;  // The next start fails.
   void End(Child& child, int code, int status);
 
