@@ -12,8 +12,10 @@ void PassBell::Ring() {
   if (!isEnabled_) {
     return;
   }
-  const MutexLock lock(mutex_);
-  isRung_ = true;
+  {
+    const MutexLock lock(mutex_);
+    isRung_ = true;
+  }
   rung_.NotifyOne();
 }
 

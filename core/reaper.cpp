@@ -37,7 +37,8 @@ SteadyTime AfterEveryStart() {
   return SteadyNow() + SteadyTime::duration(1);
 }
 
-void FileExitStatus(pid_t pid, int status) EXCLUDES(generalAppMutex_, baseAppMutex_) {
+// Yields whether there is a record of it.
+bool FileExitStatus(pid_t pid, int status) EXCLUDES(generalAppMutex_, baseAppMutex_) {
   SteadyTime limit{};
   std::string generalName;
   {
@@ -54,9 +55,8 @@ void FileExitStatus(pid_t pid, int status) EXCLUDES(generalAppMutex_, baseAppMut
     const std::size_t index = FindBaseAppByPid(pid, limit);
     if (index < executedBaseApp_.size()) {
       executedBaseApp_[index].SetExitStatus(status);
-      passBell.Ring();
       ProcMgrMaster::EndOpening(executedBaseApp_[index].appName_);
-      return;
+      return true;
     }
   }
   {
@@ -64,11 +64,11 @@ void FileExitStatus(pid_t pid, int status) EXCLUDES(generalAppMutex_, baseAppMut
     const GeneralAppPtr app = generalName.empty() ? nullptr : FindGeneralApp(generalName);
     if (app != nullptr) {
       app->SetExitStatus(status);
-      passBell.Ring();
-      return;
+      return true;
     }
   }
   LogWarning("PROCMGR: can not find app, pid=%d", pid);
+  return false;
 }
 
 }  // namespace
@@ -81,7 +81,10 @@ void ProcessManager::WaitThread() {
       SleepNs(kNoChildPauseNs);
       continue;
     }
-    FileExitStatus(info.si_pid, RawWaitStatus(info));
+    if (FileExitStatus(info.si_pid, RawWaitStatus(info))) {
+      // Under no lock: the pass would run into it, on a busy core in the middle of the ring.
+      passBell.Ring();
+    }
     // A child of popen may have been taken by its pclose in the meantime: then there is none.
     (void)waitpid(info.si_pid, nullptr, WNOHANG);
   }
