@@ -1,6 +1,5 @@
 #include "status/memory.h"
 
-#include <sys/eventfd.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -141,22 +140,6 @@ void Memory::Apply(AppId app, Function change) {
   const auto entry = entries_.find(app);
   if (entry != entries_.end() && change(entry->second)) {
     Tell(&entry->second.picture);
-  }
-}
-
-// The service is woken by the first change, and takes what has come with it. Under the lock, so
-// that the descriptor is the service's still; it never waits.
-void Memory::Tell(const AppPicture* app) {
-  if (watchFd_ < 0) {
-    return;
-  }
-  if (changes_.list.size() >= kMostChanges) {
-    changes_.isOverrun = true;
-    return;
-  }
-  changes_.list.push_back({manager_, app == nullptr ? std::nullopt : std::optional(*app)});
-  if (changes_.list.size() == 1) {
-    (void)eventfd_write(watchFd_, 1);  // Fails only if it is as readable as can be.
   }
 }
 

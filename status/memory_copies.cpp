@@ -1,4 +1,6 @@
 // What the memory gives out: copies, so that its lock is held for no longer than they take.
+#include <sys/eventfd.h>
+
 #include <utility>
 
 #include "status/memory.h"
@@ -37,6 +39,22 @@ BootPicture Memory::CopyBoot() {
     picture.spans.push_back(std::move(span));
   }
   return picture;
+}
+
+// The service is woken by the first change, and takes what has come with it. Under the lock, so
+// that the descriptor is the service's still; it never waits.
+void Memory::Tell(const AppPicture* app) {
+  if (watchFd_ < 0) {
+    return;
+  }
+  if (changes_.list.size() >= kMostChanges) {
+    changes_.isOverrun = true;
+    return;
+  }
+  changes_.list.push_back({manager_, app == nullptr ? std::nullopt : std::optional(*app)});
+  if (changes_.list.size() == 1) {
+    (void)eventfd_write(watchFd_, 1);  // Fails only if it is as readable as can be.
+  }
 }
 
 Picture Memory::BeginWatch(int eventFd, Changes& before) {

@@ -25,16 +25,12 @@
 #include "tests/fuzz/manager_frames.h"
 #include "tests/fuzz/manager_post.h"
 #include "tests/fuzz/manager_stage.h"
+#include "tests/fuzz/manager_world.h"
 #include "tests/fuzz/nexio_stage.h"
 #include "tests/support/temp_folder.h"
 
-using PmTest::Child;
-using PmTest::ChildState;
-using PmTest::FuzzBytes;
-using PmTest::MakeFrame;
-using PmTest::Peer;
-using PmTest::Require;
-using PmTest::Turn;
+namespace PmTest {
+
 using ProcMgr::GeneralAppPtr;
 using ProcMgr::Immortal;
 using ProcMgr::NameTable;
@@ -67,7 +63,7 @@ constexpr const char* kDataApps = R"(applications:
 
 // The base-service file, with the others beside it.
 const std::string& BaseServices() {
-  static const PmTest::TempFolder folder;
+  static const TempFolder folder;
   static const std::string path = [] {
     (void)folder.Write("access.yaml", kAccessApps);
     (void)folder.Write("data.yaml", kDataApps);
@@ -87,11 +83,6 @@ void Renew() {
   std::construct_at(&Immortal<T>());
 }
 
-bool IsUnderWay(ProcessState state) {
-  return state == ProcessState::STARTING || state == ProcessState::TERMINATING ||
-         state == ProcessState::RESTARTING;
-}
-
 // Requests for applications, of which each entry is answered.
 bool HasEntries(RequestType type) {
   return type == RequestType::START_APP || type == RequestType::RESTART_APP ||
@@ -107,71 +98,26 @@ bool IsLoad(RequestType type) {
   return type == RequestType::LOAD_STARTUP_CFG || type == RequestType::RELOAD_STARTUP_CFG;
 }
 
-// There is one thread, so no check takes a lock: that would tell the manager that somebody has
-// touched a list.
-class World {
- public:
-  explicit World(FuzzBytes input) : input_(input), post_(stage_) {
-    PmTest::managerStage = &stage_;
-    stage_.idle = [this] { Idle(); };
-    Renew<NameTable>();
-    Renew<ProcMgr::Openings>();
-    Renew<ProcMgr::CutChannels>();
-    Renew<ProcMgr::Status::Memory>();
+}  // namespace
+
+World::World(FuzzBytes input) : input_(input), post_(stage_) {
+  managerStage = &stage_;
+  stage_.idle = [this] { Idle(); };
+  Renew<NameTable>();
+  Renew<ProcMgr::Openings>();
+  Renew<ProcMgr::CutChannels>();
+  Renew<ProcMgr::Status::Memory>();
+}
+
+void World::Play() {
+  {
+    ProcMgr::ProcessManager manager(BaseServices());
+    manager.Run();
+    WindUp();
+    Require(post_.peers.empty() && Immortal<NameTable>().Closing().empty());
   }
-  ~World() { PmTest::managerStage = nullptr; }
-  World(const World&) = delete;
-  World& operator=(const World&) = delete;
-
-  void Play() {
-    {
-      ProcMgr::ProcessManager manager(BaseServices());
-      manager.Run();
-      WindUp();
-      Require(post_.peers.empty() && Immortal<NameTable>().Closing().empty());
-    }
-    Require(stage_.jobs.empty() && !stage_.KeeperTurn() && post_.IsAllTold());
-  }
-
- private:
-  using GeneralStates = std::vector<std::pair<GeneralAppPtr, ProcessState>>;
-  using Counts = std::map<std::string, std::ptrdiff_t>;
-  using Names = std::vector<std::string>;
-
-  void Idle();
-  void Step(unsigned what, std::size_t which);
-  void SmallStep(std::size_t which);
-  void WindUp();
-  void AskForStop();
-
-  void Open(std::size_t which, int result);
-  void EndChild(std::size_t which);
-  void Reap();
-  void Pass() NO_THREAD_SAFETY_ANALYSIS;
-
-  Peer* Choose(std::size_t which, int& fd);
-  void Ask(std::size_t which, const std::string& packet);
-  void Cut(std::size_t which);
-  void FinishBegun(int fd);
-  void Receive(int fd, const ProcMgr::NexioRequestCallback& callback, const std::string& packet);
-
-  void CheckGeneralReports(const GeneralStates& before) const NO_THREAD_SAFETY_ANALYSIS;
-  void CheckBaseReports(int access,
-                        const std::map<std::string, bool>& ends) const NO_THREAD_SAFETY_ANALYSIS;
-  static std::ptrdiff_t CountUnderWay(const std::string& name) NO_THREAD_SAFETY_ANALYSIS;
-  void CheckEntries(int fd, RequestType type, const Names& names, const Counts& before) const;
-  void CheckStatus(int fd, const Names& names) const NO_THREAD_SAFETY_ANALYSIS;
-  void CheckRecords() const NO_THREAD_SAFETY_ANALYSIS;
-  void CheckChannels() const;
-
-  static int FdOf(const std::string& name) { return Immortal<NameTable>().FdOf(name); }
-
-  FuzzBytes input_;
-  PmTest::ManagerStage stage_;
-  PmTest::Post post_;
-  bool isStopAsked_ = false;
-  int idleTurns_ = 0;  // Since the input's end.
-};
+  Require(stage_.jobs.empty() && !stage_.KeeperTurn() && post_.IsAllTold());
+}
 
 // The main thread waits for something. Behind the input everything comes to its end.
 void World::Idle() {
@@ -258,18 +204,17 @@ void World::SmallStep(std::size_t which) {
       }
       return;
     case 8: {
-      const std::string name = PmTest::MakeName(input_);
+      const std::string name = MakeName(input_);
       (void)ProcMgr::OnHeartBeatNotify(name.c_str(), name.size(), 0, input_.Byte() % 3);
       return;
     }
     case 9:
-      return Receive(PmTest::NexioStage::kServer,
-                     &ProcMgr::ProcMgrMaster::ProcMgrMasterRequstMsgHandler,
+      return Receive(NexioStage::kServer, &ProcMgr::ProcMgrMaster::ProcMgrMasterRequstMsgHandler,
                      MakeFrame(input_, RequestType::QUERY_APP_STATE));
     case 10:
       return AskForStop();
     case 11:  // From here on numbers of processes are used again.
-      stage_.nextPid = PmTest::ManagerStage::kFirstPid;
+      stage_.nextPid = ManagerStage::kFirstPid;
       return;
     default:
       return;
@@ -287,7 +232,7 @@ void World::WindUp() {
   while (!stage_.jobs.empty()) {
     Open(0, ProcMgr::kNexioTimeout);
   }
-  const std::set<int> open = PmTest::Stage().open;
+  const std::set<int> open = Stage().open;
   std::for_each(open.begin(), open.end(), [this](int fd) { FinishBegun(fd); });
   for (auto& [pid, child] : stage_.children) {
     if (child.isToldToEnd && child.state < ChildState::kZombie) {
@@ -304,7 +249,7 @@ void World::Open(std::size_t which, int result) {
     return;
   }
   const auto at = stage_.jobs.begin() + static_cast<std::ptrdiff_t>(which % stage_.jobs.size());
-  const PmTest::ManagerStage::Job job = std::move(*at);
+  const ManagerStage::Job job = std::move(*at);
   stage_.jobs.erase(at);
   post_.opening = result;
   job.run();
@@ -357,38 +302,6 @@ void World::Pass() {
   CheckBaseReports(access, ends);
 }
 
-// A state that a pass has changed is told, once, to whoever can hear it, and nothing else is.
-void World::CheckGeneralReports(const GeneralStates& before) const {
-  const int access = FdOf(ProcMgr::kAccessService);
-  for (const auto& [app, state] : before) {
-    const bool isOver = app->state_ == ProcessState::TERMINATED;
-    Require(isOver == (ProcMgr::FindGeneralApp(app->appName_) != app));
-    Require(isOver == app->isExited_);
-    // Of one that ended while it was handed over to its owner, that one hears now.
-    if (state == ProcessState::TERMINATED || app->isPriorityPending_) {
-      continue;
-    }
-    const bool isTold = app->state_ != state && app->state_ != ProcessState::TERMINATING;
-    for (const int fd : {access, FdOf(app->ownerName_)}) {
-      Require(fd < 1 || post_.CountStates(fd, app->appName_) == (isTold ? 1 : 0));
-    }
-  }
-}
-
-// An end is told until a restart follows it, and the restart is told too. `ends` tells of each
-// service whether the pass had an end to deal with.
-void World::CheckBaseReports(int access, const std::map<std::string, bool>& ends) const {
-  if (access < 1 || access != FdOf(ProcMgr::kAccessService)) {
-    return;  // The pass has closed the channel half-way.
-  }
-  for (const auto& [name, isEnd] : ends) {
-    const ProcMgr::App::BaseAppInfo* const app = ProcMgr::FindBaseApp(name);
-    const bool isRestarted = isEnd && app != nullptr && !app->isExited_;
-    const bool isHeard = name != ProcMgr::kAccessService;
-    Require(post_.CountStates(access, name) == (isHeard ? isEnd + isRestarted : 0));
-  }
-}
-
 // The channel that a step is about. Callbacks of a channel come one at a time, and none behind its
 // end: yields null if nothing can come through it.
 Peer* World::Choose(std::size_t which, int& fd) {
@@ -432,7 +345,7 @@ void World::FinishBegun(int fd) {
   Receive(fd, peer->second.callback, packet);
   if (const auto left = post_.peers.find(fd); left != post_.peers.end() && left->second.isClosing) {
     post_.peers.erase(left);
-    PmTest::Stage().open.erase(fd);
+    Stage().open.erase(fd);
   }
 }
 
@@ -445,7 +358,7 @@ void World::Receive(int fd, const ProcMgr::NexioRequestCallback& callback,
   Names names;
   if (isTaken) {
     std::memcpy(&frame, packet.data(), sizeof(frame));
-    names = PmTest::NamesIn(frame, sender);
+    names = NamesIn(frame, sender);
   }
   Counts before;
   for (const std::string& name : names) {
@@ -468,88 +381,10 @@ void World::Receive(int fd, const ProcMgr::NexioRequestCallback& callback,
   }
 }
 
-std::ptrdiff_t World::CountUnderWay(const std::string& name) {
-  const GeneralAppPtr app = ProcMgr::FindGeneralApp(name);
-  return app != nullptr && IsUnderWay(app->state_) ? 1 : 0;
-}
-
-// Each entry has been answered, or has brought its application on a way whose end will be told.
-void World::CheckEntries(int fd, RequestType type, const Names& names, const Counts& before) const {
-  constexpr std::size_t kLongest = 3000;  // A frame has no room for an answer about such a name.
-  const bool isStart = type == RequestType::START_APP;
-  bool isAnswered = true;
-  for (const auto& [name, underWay] : before) {
-    if (name.size() > kLongest || (isStart && name == PmTest::kPriorityApp)) {
-      return;  // A priority application is handed over to its owner.
-    }
-    isAnswered = isAnswered && post_.CountStates(fd, name) + CountUnderWay(name) - underWay ==
-                                   std::count(names.begin(), names.end(), name);
-  }
-  // A start ends at a name that isn't known, without a word.
-  Require(isAnswered || (isStart && post_.reports.empty()));
-}
-
-void World::CheckStatus(int fd, const Names& names) const {
-  std::map<std::string, int> status;
-  for (const std::string& name : names) {
-    const GeneralAppPtr app = ProcMgr::FindGeneralApp(name);
-    const bool isGone = app == nullptr || app->isExited_;
-    const bool isStopped = !isGone && stage_.children.at(app->pid_).state == ChildState::kStopped;
-    status[name] = isGone ? 1 : isStopped ? 2 : 0;
-  }
-  RequestMsg frame;
-  const bool isSent =
-      !status.empty() && ProcMgr::Serialization::ProcMgrPackAppDetailStatus(status, frame);
-  Require(post_.reports.size() == (isSent ? 1U : 0U));
-  Require(!isSent || (post_.reports.front().fd == fd && post_.reports.front().status == status));
-}
-
-// Every process belongs to one record, every record without an exit on file has one, and the memory
-// knows of just as many.
-void World::CheckRecords() const {
-  std::set<pid_t> supervised;
-  const auto check = [&](const ProcMgr::App::AppInfo& app) {
-    Require(app.state_ != ProcessState::INITSTATE);
-    Require(app.isExited_ || app.state_ != ProcessState::TERMINATED);
-    if (!app.isExited_) {
-      const Child& child = stage_.children.at(app.pid_);
-      Require(child.state != ChildState::kReaped && child.name == app.appName_);
-      Require(supervised.insert(app.pid_).second);
-    }
-  };
-  for (const ProcMgr::App::BaseAppInfo& app : ProcMgr::executedBaseApp_) {
-    check(app);
-    Require(ProcMgr::FindBaseApp(app.appName_) == &app);
-  }
-  for (const GeneralAppPtr& app : ProcMgr::GeneralAppsInOrder()) {
-    check(*app);
-    Require(ProcMgr::FindGeneralApp(app->appName_) == app);
-  }
-  const auto count = static_cast<std::ptrdiff_t>(supervised.size());
-  Require(count ==
-          std::count_if(stage_.children.begin(), stage_.children.end(), [](const auto& child) {
-            return child.second.state != ChildState::kReaped;
-          }));
-  const ProcMgr::Status::Picture picture = ProcMgr::Status::Memory::Instance().Copy();
-  Require(count == std::count_if(picture.apps.begin(), picture.apps.end(),
-                                 [](const auto& app) { return app.pid != 0; }));
-}
-
-// Each channel has its name, or is being closed; no name has one that is closed.
-void World::CheckChannels() const {
-  for (const auto& [fd, peer] : post_.peers) {
-    Require(FdOf(peer.name) == fd || Immortal<NameTable>().IsClosing(fd));
-  }
-  for (const char* const name : PmTest::kAppNames) {
-    const int fd = FdOf(name);
-    Require(fd < 1 || (post_.peers.contains(fd) && post_.peers.at(fd).name == name));
-  }
-}
-
-}  // namespace
+}  // namespace PmTest
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const auto world = std::make_unique<World>(FuzzBytes(data, size));
+  const auto world = std::make_unique<PmTest::World>(PmTest::FuzzBytes(data, size));
   world->Play();
   return 0;
 }
