@@ -101,12 +101,17 @@ BurdenedDaemon::Holding BurdenedDaemon::Holds() const {
           std::stol(PmSandbox::StatusField(daemon_.Pid(), "RssAnon"))};
 }
 
-bool BurdenedDaemon::AwaitHolding(const Holding& most) const {
-  return PmSandbox::Eventually([&] {
+void BurdenedDaemon::AwaitHolding(const Holding& most) const {
+  const auto text = [](const Holding& one) {
+    return std::to_string(one.descriptors) + " descriptors, " + std::to_string(one.threads) +
+           " threads, " + std::to_string(one.memoryKib) + " KiB";
+  };
+  const bool isHeld = PmSandbox::Eventually([&] {
     const Holding now = Holds();
     return now.descriptors <= most.descriptors && now.threads <= most.threads &&
            now.memoryKib <= most.memoryKib;
   });
+  Demand(isHeld, "left open: " + text(Holds()) + "; at most " + text(most) + " are expected");
 }
 
 }  // namespace PmBench

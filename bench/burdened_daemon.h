@@ -47,8 +47,8 @@ class BurdenedDaemon {
   // Has the boot go on, and kills "victim" so many times, at all distances from a check pass, while
   // the burden is under way; then ends it. Once.
   Impression LookAround(int looks, std::uint64_t seed);
-  // Waits until the daemon holds no more than this. Yields whether it does.
-  [[nodiscard]] bool AwaitHolding(const Holding& most) const;
+  // Waits until the daemon holds no more than this. Throws with what it holds if it doesn't come.
+  void AwaitHolding(const Holding& most) const;
   [[nodiscard]] Holding Holds() const;
 
  private:

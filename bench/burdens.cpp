@@ -417,8 +417,8 @@ constexpr BurdenKind kKinds[] = {
     {"six services that don't report never serve", &MakeBurden<SilentOpenings>},
     {"a program of 1 GB is checked", &MakeBurden<LongDigest>},
     {"5 agents start a program of 1 GB", &MakeBurden<SlowRequests>},
-    {"8 agents and iammgr don't read", &MakeBurden<DeafPeers>},
     // Up to 1 MiB of answers is queued for each that doesn't read.
+    {"8 agents and iammgr don't read", &MakeBurden<DeafPeers>, 16'384},
     {"40 uploaders are silent and 40 don't read", &MakeBurden<UploadClients>, 49'152},
     {"16 clients of the status don't read", &MakeBurden<StatusClients>},
     {"the log is full", &MakeBurden<FullLog>},
