@@ -8,7 +8,8 @@ namespace PmTorture {
 
 // Calls `body` in a forked process in a pid namespace of its own, in which pids end below a
 // thousand; where the kernel has one limit for all namespaces (before 6.14) the machine's stays.
-// Throws Broken with what `body` threw. Whatever `body` leaves running is killed. The caller has no
+// Throws Broken with what `body` threw. Whatever `body` leaves running is killed. A container may
+// not allow a namespace; then `body` is called in place, and a line says so. The caller has no
 // other thread.
 void AmongFewPids(const std::function<void()>& body);
 
