@@ -93,16 +93,20 @@ json Describe(const std::string& operation, const ProcMgr::Message::AppStateInfo
   return MakeResult(name, false, "got a report that means nothing here");
 }
 
+// In ASCII, whatever a name holds, so that a terminal shows it.
+std::string TextOf(const json& answer) {
+  return answer.dump(-1, ' ', true, json::error_handler_t::replace);
+}
+
 }  // namespace
 
 std::string OperatorRequests::Handle(const std::string& request) const {
   try {
     return Dispatch(request);
   } catch (const json::exception& e) {
-    return json{{"error", std::string("not a request: ") + e.what()}}.dump(
-        -1, ' ', true, json::error_handler_t::replace);
+    return TextOf({{"error", std::string("not a request: ") + e.what()}});
   } catch (const std::exception& e) {
-    return json{{"error", e.what()}}.dump(-1, ' ', true, json::error_handler_t::replace);
+    return TextOf({{"error", e.what()}});
   }
 }
 
@@ -110,13 +114,13 @@ std::string OperatorRequests::Dispatch(const std::string& text) const {
   const json request = json::parse(text);
   const auto operation = request.at("request").get<std::string>();
   if (operation == "start" || operation == "stop" || operation == "restart") {
-    return Operate(operation, request).dump();
+    return TextOf(Operate(operation, request));
   }
   if (operation == "query") {
-    return Query(request).dump();
+    return TextOf(Query(request));
   }
   if (operation == "load" || operation == "reload") {
-    return Load(operation, request).dump();
+    return TextOf(Load(operation, request));
   }
   throw std::invalid_argument("there is no request of that kind");
 }
