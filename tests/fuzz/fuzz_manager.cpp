@@ -31,13 +31,6 @@
 
 namespace PmTest {
 
-using ProcMgr::GeneralAppPtr;
-using ProcMgr::Immortal;
-using ProcMgr::NameTable;
-using ProcMgr::ProcessState;
-using ProcMgr::Message::RequestMsg;
-using ProcMgr::Message::RequestType;
-
 namespace {
 
 constexpr const char* kServices = R"(applications:

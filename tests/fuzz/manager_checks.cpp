@@ -12,13 +12,6 @@
 
 namespace PmTest {
 
-using ProcMgr::GeneralAppPtr;
-using ProcMgr::Immortal;
-using ProcMgr::NameTable;
-using ProcMgr::ProcessState;
-using ProcMgr::Message::RequestMsg;
-using ProcMgr::Message::RequestType;
-
 namespace {
 
 bool IsUnderWay(ProcessState state) {

@@ -18,6 +18,13 @@
 
 namespace PmTest {
 
+using ProcMgr::GeneralAppPtr;
+using ProcMgr::Immortal;
+using ProcMgr::NameTable;
+using ProcMgr::ProcessState;
+using ProcMgr::Message::RequestMsg;
+using ProcMgr::Message::RequestType;
+
 // A manager and what an input does to it. There is one thread, so no check takes a lock: that would
 // tell the manager that somebody has touched a list.
 class World {
@@ -31,7 +38,7 @@ class World {
   void Play();
 
  private:
-  using GeneralStates = std::vector<std::pair<ProcMgr::GeneralAppPtr, ProcMgr::ProcessState>>;
+  using GeneralStates = std::vector<std::pair<GeneralAppPtr, ProcessState>>;
   using Counts = std::map<std::string, std::ptrdiff_t>;
   using Names = std::vector<std::string>;
 
@@ -56,15 +63,12 @@ class World {
   void CheckBaseReports(int access,
                         const std::map<std::string, bool>& ends) const NO_THREAD_SAFETY_ANALYSIS;
   static std::ptrdiff_t CountUnderWay(const std::string& name) NO_THREAD_SAFETY_ANALYSIS;
-  void CheckEntries(int fd, ProcMgr::Message::RequestType type, const Names& names,
-                    const Counts& before) const;
+  void CheckEntries(int fd, RequestType type, const Names& names, const Counts& before) const;
   void CheckStatus(int fd, const Names& names) const NO_THREAD_SAFETY_ANALYSIS;
   void CheckRecords() const NO_THREAD_SAFETY_ANALYSIS;
   void CheckChannels() const;
 
-  static int FdOf(const std::string& name) {
-    return ProcMgr::Immortal<ProcMgr::NameTable>().FdOf(name);
-  }
+  static int FdOf(const std::string& name) { return Immortal<NameTable>().FdOf(name); }
 
   FuzzBytes input_;
   ManagerStage stage_;

@@ -56,8 +56,8 @@ class Neighbour : public ScenarioTest {
     EXPECT_TRUE(Eventually([&] { return daemon_->Descriptors().size() <= descriptors_; }))
         << ::testing::PrintToString(daemon_->Descriptors());
     EXPECT_TRUE(Eventually([&] { return daemon_->ThreadCount() <= threads_; }));
+    const bool mayBeLate = PmSandbox::MayHeartsBeLate();
     EXPECT_TRUE(Eventually([&] {
-      const bool mayBeLate = PmSandbox::MayHeartsBeLate();
       return log_.Count("status=lost") == (mayBeLate ? log_.Count("status=recovery") : 0);
     }));
     EXPECT_TRUE(daemon_->AwaitReaped());
