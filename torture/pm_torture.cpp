@@ -57,13 +57,15 @@ int RunAll(int argc, char** argv) {
   app.add_option("--exits", options.exits, "how many exits storm brings about")
       ->capture_default_str();
   app.add_option("--looks", options.looks, "how many kills neighbours makes under each burden")
-      ->check(CLI::PositiveNumber)
+      ->check(CLI::Range(1, 1'000'000))
       ->capture_default_str();
   app.add_option("--lives", options.lives,
                  "how many of the faults are tried, in random order; without it all");
   app.add_option("--fault", options.fault,
                  "the fault, or a part of its name: CALL:manager|child:N:ERRNO, N 0 for a while");
-  app.add_option("--minutes", options.minutes, "how long soak lasts")->capture_default_str();
+  app.add_option("--minutes", options.minutes, "how long soak lasts")
+      ->check(CLI::Range(1, 1'000'000))
+      ->capture_default_str();
   app.add_option("--json", options.json, "the file to write soak's samples to");
   CLI11_PARSE(app, argc, argv);
   std::printf("seed %llu\n", static_cast<unsigned long long>(options.seed));
