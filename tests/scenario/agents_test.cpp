@@ -33,7 +33,7 @@ class HostileAgent : public ScenarioTest {
     ASSERT_TRUE(bystander_.Send(HeartFrame(beats_ + 2)));
     EXPECT_TRUE(Await("PROCMGR : bystander lost heart msg, index is " + std::to_string(beats_) +
                       " / " + std::to_string(beats_ + 2)));
-    EXPECT_EQ(log_.Count("bystander lost heart msg"), 1U);
+    ExpectTold("bystander lost heart msg");
   }
 
   AgentPeer bystander_{sandbox_, "bystander"};
@@ -45,11 +45,10 @@ TEST_F(HostileAgent, WrongGroupCantTakeAName) {
   const RawServer thief(sandbox_, "aaa", 4321);
   Boot({Reporting("aaa"), Service("zzz")});
   AwaitBooted();
-  EXPECT_EQ(log_.Count("PROCMGR : RegServiceCallBack failed!! ret=-13,"), 1U);
-  EXPECT_EQ(log_.Count("aaa is served by another group, pid=" + std::to_string(getpid()) +
-                       ", uid=0, gid=4321"),
-            1U);
-  EXPECT_EQ(log_.Count("Start baseApp success appName=zzz,"), 1U);
+  ExpectTold("PROCMGR : RegServiceCallBack failed!! ret=-13,");
+  ExpectTold("aaa is served by another group, pid=" + std::to_string(getpid()) +
+             ", uid=0, gid=4321");
+  ExpectTold("Start baseApp success appName=zzz,");
   // The service itself is supervised all the same.
   ASSERT_TRUE(Kill(AwaitStarted("aaa")));
   EXPECT_TRUE(Await("PROCMGR : Process aaa removed from the list of executedBaseApp_"));
@@ -75,7 +74,7 @@ TEST_F(HostileAgent, WhoeverTakesANameFirstCantKeepAServiceFromIt) {
          {{"uid", "pilot"}, {"gid", "pilot"}, {"restart", "on-forever"}}}});
   const pid_t first = AwaitStarted("aaa");
   const std::string told = "aaa.sock stood in a service's way and is removed, pid=";
-  EXPECT_EQ(log_.Count(told + std::to_string(getpid()) + ", uid=0, gid=65534"), 1U);
+  ExpectTold(told + std::to_string(getpid()) + ", uid=0, gid=65534");
   ASSERT_TRUE(Eventually(isServed));
 
   ASSERT_EQ(unlink(path.c_str()), 0);
@@ -138,7 +137,7 @@ TEST_F(HostileAgent, ChannelThatIsCutIsOpenedAgainWhileTheServiceLives) {
   const pid_t first = AwaitStarted("victim");
   victim_.Close();
   ASSERT_TRUE(victim_.AwaitChannel());
-  EXPECT_EQ(log_.Count(told + std::to_string(first)), 1U);
+  ExpectTold(told + std::to_string(first));
   EXPECT_EQ(victim_.Query({"unheard-of"}), (std::map<std::string, int>{{"unheard-of", 1}}));
 
   // An end cuts it, too, and a successor's channel is nothing new.
@@ -149,7 +148,7 @@ TEST_F(HostileAgent, ChannelThatIsCutIsOpenedAgainWhileTheServiceLives) {
   ASSERT_TRUE(victim_.BecomeReady());
   // Longer than a cut is looked at.
   ASSERT_FALSE(victim_.AwaitChannel(std::chrono::seconds(1)));
-  EXPECT_EQ(log_.Count(told), 1U);
+  ExpectTold(told);
   ExpectNoBeatLost();
 }
 
@@ -222,7 +221,7 @@ TEST_F(SlowAgent, LostAndRecoveredHeartbeatsReachTheSensor) {
   EXPECT_TRUE(AwaitSensor("iammgr", "2"));
   // Told once each, and the process has been left alone. On a machine that is slow enough the wait
   // for the first beat may have been told before.
-  EXPECT_EQ(log_.Count(lost), 1U);
+  ExpectTold(lost);
   EXPECT_EQ(CountLines(log_.Masked(*loss), "status=recovery"), 1U);
   EXPECT_EQ(log_.Count("PROCMGR : Restarting"), 0U);
 }

@@ -114,7 +114,7 @@ TEST_F(Booting, SecondManagerEndsBeforeItStartsAnything) {
   const std::string pid = std::to_string(daemon_->Pid());
   EXPECT_THAT(second.Output(), HasSubstr("another one runs on this machine, pid " + pid));
   EXPECT_TRUE(Await("another process-manager runs on this machine, pid=" + pid, before));
-  EXPECT_EQ(log_.Count("PM main begin"), 1U);
+  ExpectTold("PM main begin");
 }
 
 // The children of the killed one live on. None of them has its lock; each that runs as a service
@@ -135,12 +135,11 @@ TEST_F(Booting, NextManagerTellsWhatAKilledOneHasLeft) {
   Process next(sandbox_, ProgramPath("process-manager"), {kBaseFile}, {{}, "next"});
   ASSERT_TRUE(Await("InitBaseApplication end", before));
   for (const auto& [pid, name] : {std::pair{alpha, "alpha"}, std::pair{beta, "beta"}}) {
-    EXPECT_EQ(log_.Count("pid=" + std::to_string(pid) +
-                         " of an earlier process-manager still runs as base app=" + name +
-                         ", path=" + kService),
-              1U);
+    ExpectTold("pid=" + std::to_string(pid) +
+               " of an earlier process-manager still runs as base app=" + name +
+               ", path=" + kService);
   }
-  EXPECT_EQ(log_.Count("of an earlier process-manager"), 2U);
+  ExpectTold("of an earlier process-manager", 2U);
 }
 
 TEST_F(Booting, BadArgumentsEndItAtOnceAndSayWhyOnBothSides) {
@@ -245,11 +244,11 @@ TEST_F(Booting, StartsOfARoundGoInNameOrderAndFailuresHoldNobodyUp) {
     ASSERT_TRUE(index.has_value()) << name;
     from = *index;
   }
-  EXPECT_EQ(log_.Count(started), 3U);
+  ExpectTold(started, 3U);
   for (const char* line :
        {"PROCMGR : Start App=broken failed, binPath=/opt/test/missing is not existed !!!",
         "start baseApp=broken failed", "start baseApp=shell failed"}) {
-    EXPECT_EQ(log_.Count(line), 1U) << line;
+    ExpectTold(line);
   }
   EXPECT_TRUE(Await("PROCMGR : EnableWatchDog flag=0"));
   EXPECT_EQ(daemon_->Services().size(), 3U);
@@ -263,11 +262,11 @@ TEST_F(Booting, DependenciesThatAreNotRunningRefuseTheStart) {
         Service("ring2", {}, {{"dependList", "[ring1]"}})});
   AwaitBooted();
   // Nothing had been started when its turn came.
-  EXPECT_EQ(log_.Count("PROCMGR : early 's dependcy nobody hasn't been started"), 1U);
-  EXPECT_EQ(log_.Count("PROCMGR : ring1 's dependcy ring2 not find,"), 1U);
-  EXPECT_EQ(log_.Count("ring1 -> ring2 -> ring1"), 1U);
+  ExpectTold("PROCMGR : early 's dependcy nobody hasn't been started");
+  ExpectTold("PROCMGR : ring1 's dependcy ring2 not find,");
+  ExpectTold("ring1 -> ring2 -> ring1");
   for (const char* name : {"early", "orphan", "ring1", "ring2"}) {
-    EXPECT_EQ(log_.Count("start baseApp=" + std::string(name) + " failed"), 1U) << name;
+    ExpectTold("start baseApp=" + std::string(name) + " failed");
   }
   EXPECT_EQ(daemon_->Services().size(), 1U);
 }
@@ -304,7 +303,7 @@ TEST_F(Priority, StartsInOrderBeforeAnyBaseService) {
             {"broken", "/opt/test/nothing", {}, {{"startupPriority", "2"}}}});
   AwaitBooted();
   EXPECT_THAT(Started(), ElementsAre("a-first", "b-first", "third"));
-  EXPECT_EQ(log_.Count("Start priority generalApp failed appName=broken, child_pid=0"), 1U);
+  ExpectTold("Start priority generalApp failed appName=broken, child_pid=0");
   const auto finished = log_.WaitFor("InitPriorityApps start priority apps finish");
   const auto base = log_.WaitFor("Start baseApp success appName=launcher");
   ASSERT_TRUE(finished.has_value() && base.has_value());
@@ -323,7 +322,7 @@ TEST_F(Priority, EndsAreSeenAndDoublesAreNot) {
   AwaitBooted();
   EXPECT_TRUE(Await("Process short removed from the list of generalAppMap_"));
   EXPECT_THAT(Started(), ElementsAre("short", "twice"));
-  EXPECT_EQ(log_.Count("priority app=twice is started already, ignore it from owner=second"), 1U);
+  ExpectTold("priority app=twice is started already, ignore it from owner=second");
   EXPECT_TRUE(daemon_->AwaitReaped());
   EXPECT_EQ(daemon_->Services().size(), 3U);
 }
@@ -352,7 +351,7 @@ TEST_F(Priority, QuickStartWaitsForTheSignalAndMakesUpForWhatChildrenLeftOut) {
     EXPECT_EQ(StatusField(tid, "Cpus_allowed_list"), "0") << tid;
   }
   // The quick start is over for good: the routed lines are back in syslog.
-  EXPECT_EQ(log_.Count("pm Get board info success"), 1U);
+  ExpectTold("pm Get board info success");
   ASSERT_TRUE(Kill(daemon_->Pid(), SIGCONT));
   EXPECT_TRUE(daemon_->IsRunning());
 }
@@ -370,7 +369,7 @@ TEST_F(Priority, OtherWordsAreNoQuickStart) {
   BootWith({Service("early", {}, {{"startupPriority", "1"}})}, {"TRUE"});
   AwaitBooted();
   ASSERT_TRUE(Kill(daemon_->Pid(), SIGCONT));
-  EXPECT_EQ(log_.Count("is not quickstart"), 1U);
+  ExpectTold("is not quickstart");
   EXPECT_EQ(sandbox_.ReadFile("/dev/kmsg"), "");
 }
 

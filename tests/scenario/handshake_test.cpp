@@ -98,7 +98,7 @@ TEST_F(Handshake, DeathAtAnyMomentHoldsNobodyUpAndLeavesNothing) {
 
   ASSERT_TRUE(going.AwaitChannel());
   AwaitWaiting("f-going");
-  EXPECT_EQ(log_.Count("PROCMGR : Restarting process e-retried"), 5U);
+  ExpectTold("PROCMGR : Restarting process e-retried", 5U);
   ASSERT_TRUE(going.ReportState(kStateGoingDown));
   ASSERT_TRUE(Await("InitBaseApp:f-going report TERMINATING!"));
   ASSERT_TRUE(Kill(AwaitStarted("f-going"), SIGTERM));
@@ -116,7 +116,7 @@ TEST_F(Handshake, DeathAtAnyMomentHoldsNobodyUpAndLeavesNothing) {
   ASSERT_TRUE(forever.AwaitChannel());
   ASSERT_TRUE(forever.ReportState(kStateReady));
   AwaitBooted();
-  EXPECT_EQ(log_.Count("InitBaseApp:g-forever success, report RUNNING!"), 1U);
+  ExpectTold("InitBaseApp:g-forever success, report RUNNING!");
   EXPECT_TRUE(Await("PROCMGR : EnableWatchDog flag=0"));
 
   ASSERT_TRUE(log_.WaitForCount("removed from the list of executedBaseApp_", 5));

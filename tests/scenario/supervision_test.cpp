@@ -89,8 +89,8 @@ TEST_F(Supervision, BootGoesOnWhenTheAwaitedServiceIsGoneForGood) {
   ASSERT_TRUE(Await("PROCMGR : Process aaa removed from the list of executedBaseApp_"));
   ASSERT_TRUE(Kill(AwaitStarted("awaited")));
   AwaitBooted();
-  EXPECT_EQ(log_.Count("InitBaseApp:awaited has been 4!"), 1U);
-  EXPECT_EQ(log_.Count("Start baseApp success appName=later,"), 1U);
+  ExpectTold("InitBaseApp:awaited has been 4!");
+  ExpectTold("Start baseApp success appName=later,");
   EXPECT_TRUE(awaited.AwaitClosed());
 }
 
@@ -108,7 +108,7 @@ TEST_F(Supervision, PolicyDecidesWhoReturns) {
   };
   ASSERT_TRUE(awaitRemoved("failing"));
   EXPECT_EQ(restarts("failing"), 5U);
-  EXPECT_EQ(log_.Count("PROCMGR : Process=failing has restart 5 times in recent 60000 ms."), 1U);
+  ExpectTold("PROCMGR : Process=failing has restart 5 times in recent 60000 ms.");
   for (const std::string name : {"never", "until"}) {
     ASSERT_TRUE(awaitRemoved(name)) << name;
     EXPECT_EQ(restarts(name), 0U);
@@ -150,7 +150,7 @@ TEST_F(Supervision, ThousandServicesThatEndAtOnceAreAllSeen) {
   EXPECT_TRUE(
       log_.WaitForCount("removed from the list of executedBaseApp_", kServices, 5 * kPatience));
   EXPECT_EQ(log_.Count("PROCMGR: can not find app"), 0U);
-  EXPECT_EQ(log_.Count("the exit status is 0."), kServices);
+  ExpectTold("the exit status is 0.", kServices);
   EXPECT_TRUE(daemon_->Services().empty());
   EXPECT_TRUE(daemon_->AwaitReaped());
 }

@@ -94,6 +94,13 @@ class ScenarioTest : public ::testing::Test {
     return log_.WaitFor(part, from).has_value();
   }
 
+  // `times` lines hold `part`, and not one more. Waits for them: the log is written behind what it
+  // tells, so what a channel or a status has shown may not be in it yet.
+  void ExpectTold(std::string_view part, std::size_t times = 1) const {
+    EXPECT_TRUE(log_.WaitForCount(part, times)) << part;
+    EXPECT_EQ(log_.Count(part), times) << part;
+  }
+
   // Waits for a child message in which `text` stands.
   [[nodiscard]] bool AwaitMessage(const std::string& text) const {
     return log_
