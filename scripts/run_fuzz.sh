@@ -1,6 +1,7 @@
 #!/bin/bash
-# run_fuzz.sh SECONDS [TARGET...]: runs the fuzz targets of build-fuzz, one a core, each SECONDS long. What
-# they find lies in build-fuzz/findings, the inputs that they made in build-fuzz/corpus.
+# run_fuzz.sh SECONDS [TARGET...]: runs the fuzz targets of build-fuzz, each SECONDS long, as many at once as
+# FUZZ_JOBS says, or as there are cores. What they find lies in build-fuzz/findings, the inputs that they made
+# in build-fuzz/corpus.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -30,4 +31,4 @@ fuzz_one() {
   fi
 }
 export -f fuzz_one
-printf '%s\n' "${targets[@]}" | xargs -P "$(nproc)" -I '{}' bash -c 'fuzz_one "$1"' _ '{}'
+printf '%s\n' "${targets[@]}" | xargs -P "${FUZZ_JOBS:-$(nproc)}" -I '{}' bash -c 'fuzz_one "$1"' _ '{}'
