@@ -16,6 +16,9 @@ TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file 
 ASAN_PACKAGES=(clang-19 libclang-rt-19-dev)
 CHECK_PACKAGES=(clang clang-format clang-tidy libclang-rt-dev python3 spin gcc)
 
+# What tells the lines that a fuzz target reaches, of the same version as the clang that builds it.
+COVERAGE_PACKAGES=(llvm)
+
 # What draws the plots of ./dev bench.
 PLOT_PACKAGES=(python3 python3-matplotlib)
 

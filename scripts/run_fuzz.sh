@@ -19,7 +19,7 @@ fuzz_one() {
   # The books of that schedule cost more than to run a whole manager, which has very many features.
   [[ $target != fuzz_manager ]] || options=(-entropic=0)
   mkdir -p "build-fuzz/corpus/$target" build-fuzz/findings build-fuzz/fuzz-logs
-  if "build-fuzz/bin/$target" "${options[@]}" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+  if "build-fuzz/bin/$target" "${options[@]}" -max_total_time="$seconds" -timeout=60 -rss_limit_mb=2048 \
     -print_final_stats=1 -artifact_prefix="build-fuzz/findings/$target-" \
     "build-fuzz/corpus/$target" "tests/fuzz/corpus/$target" </dev/null >"$log" 2>&1; then
     printf '%-32s %s s, %s inputs, no finding\n' "$target" "$seconds" \
