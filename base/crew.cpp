@@ -5,12 +5,15 @@
 
 #include "base/block_signals.h"
 #include "base/may_wait.h"
+#include "base/steady_time.h"
 
 namespace ProcMgr {
 
 Crew::~Crew() {
   MayWait("Crew");
   const MutexLock lock(mutex_);
+  isEnding_ = true;
+  come_.NotifyAll();
   while (threads_.size() != ended_.size()) {
     left_.Wait(mutex_);
   }
@@ -21,6 +24,10 @@ void Crew::Run(std::function<void()> job) {
   const MutexLock lock(mutex_);
   JoinEnded();
   jobs_.push_back(std::move(job));
+  if (jobs_.size() <= idle_) {
+    come_.NotifyOne();
+    return;
+  }
   if (threads_.size() == limit_) {
     return;
   }
@@ -36,7 +43,7 @@ void Crew::Run(std::function<void()> job) {
 
 void Crew::Body() {
   mutex_.Lock();
-  while (!jobs_.empty()) {
+  while (AwaitJob()) {
     {
       const std::function<void()> job = std::move(jobs_.front());
       jobs_.pop_front();
@@ -48,6 +55,15 @@ void Crew::Body() {
   ended_.push_back(std::this_thread::get_id());
   left_.NotifyAll();
   mutex_.Unlock();
+}
+
+bool Crew::AwaitJob() {
+  const SteadyTime deadline = SteadyNow() + kStay;
+  ++idle_;
+  while (jobs_.empty() && !isEnding_ && come_.WaitUntil(mutex_, deadline)) {
+  }
+  --idle_;
+  return !jobs_.empty();
 }
 
 void Crew::JoinEnded() {

@@ -1,0 +1,42 @@
+#include "base/crew.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <set>
+
+#include "sandbox/process_table.h"
+#include "sandbox/wait.h"
+#include "tests/support/test.h"
+
+namespace ProcMgr {
+namespace {
+
+using PmSandbox::Eventually;
+using PmSandbox::Threads;
+
+// Runs a job to its end and yields the thread that ran it.
+pid_t RunOne(Crew& crew) {
+  std::atomic<pid_t> ranOn = 0;
+  crew.Run([&] { ranOn = gettid(); });
+  EXPECT_TRUE(Eventually([&] { return ranOn != 0; }));
+  return ranOn;
+}
+
+TEST(CrewTest, ThreadsStayForTheNextJobsAndEndWithoutAny) {
+  constexpr std::size_t kLimit = 3;
+  constexpr int kJobs = 100;
+  const std::size_t before = Threads(getpid()).size();
+  Crew crew(kLimit);
+  std::set<pid_t> threads;
+  for (int i = 0; i < kJobs; ++i) {
+    threads.insert(RunOne(crew));
+  }
+  // A thread that is still on its way back from a job isn't there for the next.
+  EXPECT_LE(threads.size(), kLimit);
+  EXPECT_TRUE(Eventually([&] { return Threads(getpid()).size() == before; }));
+  EXPECT_EQ(threads.count(RunOne(crew)), 0U);
+}
+
+}  // namespace
+}  // namespace ProcMgr
