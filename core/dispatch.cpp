@@ -3,6 +3,7 @@
 #include <cstring>
 #include <exception>
 
+#include "base/shortage.h"
 #include "core/log.h"
 #include "core/process_manager.h"
 #include "message/serialization.h"
@@ -12,9 +13,27 @@ namespace ProcMgr {
 using Message::RequestMsg;
 using Message::RequestType;
 
+namespace {
+
+bool IsStateReport(const NexioRequest* request) {
+  if (request == nullptr || request->data == nullptr || request->size != sizeof(RequestMsg)) {
+    return false;
+  }
+  RequestType type{};
+  std::memcpy(&type, request->data, sizeof(type));
+  return type == RequestType::BASESERVICE_STATE_REPORT;
+}
+
+}  // namespace
+
 void ProcessManager::RequstMsgHandler(int fd, const NexioRequest* request) {
   try {
-    HandleRequest(fd, request);
+    if (IsStateReport(request)) {
+      // It comes once, and the boot may wait for it. Taken twice, it says nothing else.
+      ThroughMemoryShortage([&] { HandleRequest(fd, request); });
+    } else {
+      HandleRequest(fd, request);
+    }
   } catch (const std::exception& error) {
     LogError("PROCMGR: Caught exception=%s", error.what());
   }

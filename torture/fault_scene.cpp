@@ -59,7 +59,7 @@ FaultScene::FaultScene() {
 
 void FaultScene::LiveUndisturbed(const Trouble& none) {
   Start(none);
-  AwaitBootOrEnd();
+  AwaitBootOrEnd(none);
   Ask();
   KillAll(none);
   Require(hasChannel_ && IsAnswered() && HasStatus(), "an undisturbed manager answers");
@@ -75,7 +75,7 @@ void FaultScene::LiveUndisturbed(const Trouble& none) {
 
 Outcome FaultScene::Live(const Trouble& trouble) {
   Start(trouble);
-  AwaitBootOrEnd();
+  AwaitBootOrEnd(trouble);
   if (trouble.isSpell) {
     trouble.begin();
   }
@@ -89,7 +89,7 @@ Outcome FaultScene::Live(const Trouble& trouble) {
 
 void FaultScene::Start(const Trouble& trouble) {
   log_.Forget();
-  if (!trouble.isSpell) {
+  if (!trouble.isSpell && !trouble.beginsWithReport) {
     trouble.begin();
   }
   daemon_.emplace(sandbox_, std::vector<std::string>{kBaseFile}, trouble.manager);
@@ -97,11 +97,19 @@ void FaultScene::Start(const Trouble& trouble) {
 }
 
 // The end of the boot, or of the manager: whichever comes.
-void FaultScene::AwaitBootOrEnd() {
+void FaultScene::AwaitBootOrEnd(const Trouble& trouble) {
   bool isReady = false;
+  const auto report = [&] {
+    if (!owner_.AwaitChannel(milliseconds(1000))) {
+      return false;
+    }
+    if (trouble.beginsWithReport) {
+      trouble.begin();
+    }
+    return owner_.ReportState(PmSandbox::kStateReady);
+  };
   const bool isOver = Eventually([&] {
-    isReady = isReady || (owner_.AwaitChannel(milliseconds(1000)) &&
-                          owner_.ReportState(PmSandbox::kStateReady));
+    isReady = isReady || report();
     return !daemon_->IsRunning() || IsTold("InitBaseApplication end") ||
            IsTold("ParseYamlFile failed");
   });

@@ -31,8 +31,10 @@ struct Trouble {
   PmSandbox::Process::Options manager;
   std::function<void(pid_t)> attach = [](pid_t) {};
   // It can strike from `begin` on, until `end`: when what it can disturb is over, or, for a spell,
-  // when it has struck. A spell begins when the boot is over, anything else before it.
+  // when it has struck. A spell begins when the boot is over, anything else before it, or just
+  // before the owner reports, for which the boot waits.
   bool isSpell = false;
+  bool beginsWithReport = false;
   std::function<void()> begin = [] {};
   std::function<bool()> hasStruck = [] { return false; };
   std::function<void()> end = [] {};
@@ -60,7 +62,7 @@ class FaultScene {
   };
 
   void Start(const Trouble& trouble);
-  void AwaitBootOrEnd();
+  void AwaitBootOrEnd(const Trouble& trouble);
   void Ask();
   void KillAll(const Trouble& trouble);
   void AwaitChannel(const std::string& name);

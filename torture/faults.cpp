@@ -36,6 +36,9 @@ constexpr int kBegin = SYS_rt_sigprocmask;  // The manager's first act.
 
 // An allocation is as good as a system call.
 const FaultyCall kAllocation = {-1, "allocation", {ENOMEM}};
+// One from the report on for which the boot waits. It comes once.
+const FaultyCall kAllocationOfReport = {-2, "allocation-of-report", {ENOMEM}};
+constexpr int kMostOfReport = 12;
 
 const char* PlaceName(Where where) {
   return where == Where::kProgram ? "manager" : "child";
@@ -108,6 +111,17 @@ Trouble Starving(const Memory& memory, int nth) {
   };
   trouble.hasStruck = [&shared = memory.Shared()] { return shared.struck > 0; };
   trouble.end = [&shared = memory.Shared()] { shared.last = 0; };
+  return trouble;
+}
+
+Trouble StarvingReport(const Memory& memory, int nth) {
+  Trouble trouble = Starving(memory, nth);
+  trouble.isSpell = false;
+  trouble.beginsWithReport = true;
+  trouble.begin = [&shared = memory.Shared(), nth] {
+    shared.last = shared.count + nth;
+    shared.first = shared.last.load();
+  };
   return trouble;
 }
 
@@ -185,6 +199,10 @@ std::vector<Plan> AllPlans(const Counts& counts, int beforeMain) {
     add(call, Where::kChild);
   }
   add(kAllocation, Where::kProgram);
+  for (int nth = 1; nth <= kMostOfReport; ++nth) {
+    plans.push_back(
+        {&kAllocationOfReport, {kAllocationOfReport.number, Where::kProgram, nth, ENOMEM}});
+  }
   return plans;
 }
 
@@ -240,9 +258,10 @@ void Print(const Matrix& matrix) {
 
 // Yields how many calls have failed.
 int LiveOnce(FaultScene& scene, const Plan& plan, Outcome& outcome) {
-  if (plan.call == &kAllocation) {
+  if (plan.call == &kAllocation || plan.call == &kAllocationOfReport) {
+    const auto starving = plan.call == &kAllocation ? Starving : StarvingReport;
     const Memory memory = MakeMemory();
-    outcome = scene.Live(Starving(memory, plan.fault.nth));
+    outcome = scene.Live(starving(memory, plan.fault.nth));
     return static_cast<int>(memory.Shared().struck);
   }
   FaultInjector injector({plan.fault.call, kBegin});

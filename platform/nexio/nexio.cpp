@@ -12,6 +12,7 @@
 #include <string>
 #include <utility>
 
+#include "base/shortage.h"
 #include "base/sleep.h"
 #include "core/log.h"
 #include "platform/nexio/channel.h"
@@ -120,12 +121,8 @@ int ServeOnce(const NexioServerParam& param, const std::string& name) try {
   return -ENOMEM;
 }
 
-// How long a shortage of memory or of descriptors is waited out: what can't be opened now is missed
-// as long as its peer lives.
-constexpr auto kShortagePatience = std::chrono::seconds(1);
-constexpr std::int64_t kShortagePauseNs = 10'000'000;
-
-// Yields the result of `attempt` that is no shortage, or the last one.
+// Of memory or of descriptors: what can't be opened now is missed as long as its peer lives. Yields
+// the result of `attempt` that is no shortage, or the last one.
 template <typename Attempt>
 int ThroughShortage(const Attempt& attempt) {
   const SteadyTime end = SteadyNow() + kShortagePatience;
