@@ -104,6 +104,8 @@ void FaultScene::AwaitBootOrEnd(const Trouble& trouble) {
       return false;
     }
     if (trouble.beginsWithReport) {
+      Require(log_.WaitFor("waiting for baseApp=owner").has_value(),
+              "the boot waits for the owner");
       trouble.begin();
     }
     return owner_.ReportState(PmSandbox::kStateReady);

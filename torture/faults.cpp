@@ -38,7 +38,7 @@ constexpr int kBegin = SYS_rt_sigprocmask;  // The manager's first act.
 const FaultyCall kAllocation = {-1, "allocation", {ENOMEM}};
 // One from the report on for which the boot waits. It comes once.
 const FaultyCall kAllocationOfReport = {-2, "allocation-of-report", {ENOMEM}};
-constexpr int kMostOfReport = 12;
+constexpr int kMostOfReport = 3;
 
 const char* PlaceName(Where where) {
   return where == Where::kProgram ? "manager" : "child";
