@@ -56,6 +56,43 @@ std::string OwnName() {
   return Nexio::IsClientName(result) ? result : "unnamed";
 }
 
+// Of memory or of descriptors: what can't be opened now is missed as long as its peer lives. Yields
+// the result of `attempt` that is no shortage, or the last one.
+template <typename Attempt>
+int ThroughShortage(const Attempt& attempt) {
+  const SteadyTime end = SteadyNow() + kShortagePatience;
+  int result = attempt();
+  while (Nexio::IsShortage(-result) && SteadyNow() < end) {
+    SleepNs(kShortagePauseNs);
+    result = attempt();
+  }
+  return result;
+}
+
+// Makes a channel of the connection. It isn't given up for a shortage as long as that may pass:
+// what its server has said on it by now, it says once.
+int Adopt(const NexioOpenParam& param, const NexioPeer& peer, UniqueFd& fd) {
+  const int handle = HandleTable::Instance().NewHandle(HandleTable::Use::kOwn);
+  if (handle == 0) {
+    return -EMFILE;
+  }
+  std::shared_ptr<Nexio::Channel> channel;
+  ThroughMemoryShortage([&] {
+    auto callbacks = std::make_shared<Nexio::Callbacks>();
+    callbacks->onRequest = param.requestCallback;
+    // Nothing fails any more once the descriptor has been handed on.
+    std::string name = param.peerName;
+    channel = std::make_shared<Nexio::Channel>(handle, std::move(fd), peer, std::move(name),
+                                               std::move(callbacks));
+  });
+  ThroughMemoryShortage([&] { HandleTable::Instance().Add(handle, channel); });
+  if (const int started = ThroughShortage([&] { return channel->Start(); }); started < 0) {
+    (void)channel->Close();
+    return started;
+  }
+  return handle;
+}
+
 int OpenOnce(const NexioOpenParam& param, SteadyTime deadline) try {
   if (const int result = Nexio::Reactor::Opened().Start(&OnWake); result < 0) {
     return result;
@@ -70,23 +107,7 @@ int OpenOnce(const NexioOpenParam& param, SteadyTime deadline) try {
     LogWarning("NEXIO : %s is served by another group, pid=%d, uid=%u, gid=%u", param.peerName,
                peer.pid, peer.uid, peer.gid);
   }
-  if (connected < 0) {
-    return connected;
-  }
-  const int handle = HandleTable::Instance().NewHandle(HandleTable::Use::kOwn);
-  if (handle == 0) {
-    return -EMFILE;
-  }
-  auto callbacks = std::make_shared<Nexio::Callbacks>();
-  callbacks->onRequest = param.requestCallback;
-  const auto channel = std::make_shared<Nexio::Channel>(handle, std::move(fd), peer, param.peerName,
-                                                        std::move(callbacks));
-  HandleTable::Instance().Add(handle, channel);
-  if (const int started = channel->Start(); started < 0) {
-    (void)channel->Close();
-    return started;
-  }
-  return handle;
+  return connected < 0 ? connected : Adopt(param, peer, fd);
 } catch (const std::bad_alloc&) {
   return -ENOMEM;
 }
@@ -119,19 +140,6 @@ int ServeOnce(const NexioServerParam& param, const std::string& name) try {
   return handle;
 } catch (const std::bad_alloc&) {
   return -ENOMEM;
-}
-
-// Of memory or of descriptors: what can't be opened now is missed as long as its peer lives. Yields
-// the result of `attempt` that is no shortage, or the last one.
-template <typename Attempt>
-int ThroughShortage(const Attempt& attempt) {
-  const SteadyTime end = SteadyNow() + kShortagePatience;
-  int result = attempt();
-  while (Nexio::IsShortage(-result) && SteadyNow() < end) {
-    SleepNs(kShortagePauseNs);
-    result = attempt();
-  }
-  return result;
 }
 
 }  // namespace
