@@ -7,9 +7,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -127,11 +125,6 @@ int CountCallsOfStarts(const std::string& file, const std::string& kind, int cou
   return result.children == count ? 0 : 1;
 }
 
-bool HasLines(const std::string& path, int count) {
-  std::ifstream file(path);
-  return std::count(std::istreambuf_iterator<char>(file), {}, '\n') >= count;
-}
-
 int StartAtOnce(const std::string& marksPath, int count, int killed) {
   const Starter start = BareStarter(marksPath, "--rest");
   std::vector<pid_t> children;
@@ -141,7 +134,7 @@ int StartAtOnce(const std::string& marksPath, int count, int killed) {
     children.push_back(start());
   }
   if (std::count(children.begin(), children.end(), -1) != 0 ||
-      !PmSandbox::Eventually([&] { return HasLines(marksPath, count); })) {
+      !PmSandbox::Eventually([&] { return HasLines(marksPath, children.size()); })) {
     return 1;
   }
   const long long before = MonotonicNs();

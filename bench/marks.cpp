@@ -4,6 +4,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "base/small_file.h"
 #include "sandbox/wait.h"
 
 namespace PmBench {
@@ -13,6 +14,13 @@ long long LastMainNs(const std::vector<Mark>& marks) {
              marks.begin(), marks.end(),
              [](const Mark& left, const Mark& right) { return left.mainNs < right.mainNs; })
       ->mainNs;
+}
+
+bool HasLines(const std::string& path, std::size_t count) {
+  constexpr std::size_t kLimit = std::size_t{64} << 20;
+  std::string text;
+  return ProcMgr::ReadSmallFile(path, kLimit, text) == 0 &&
+         static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) >= count;
 }
 
 Marks::Marks(const PmSandbox::Sandbox& sandbox, const std::string& name)
@@ -30,8 +38,10 @@ std::vector<Mark> Marks::Read() const {
 }
 
 std::vector<Mark> Marks::Await(std::size_t count) const {
-  std::vector<Mark> marks;
-  if (!PmSandbox::Eventually([&] { return (marks = Read()).size() >= count; })) {
+  const std::string path = sandbox_.Outside(path_);
+  const bool isWhole = PmSandbox::Eventually([&] { return HasLines(path, count); });
+  std::vector<Mark> marks = Read();
+  if (!isWhole) {
     throw std::runtime_error(std::to_string(marks.size()) + " of " + std::to_string(count) +
                              " services came to their main");
   }
