@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -89,11 +90,11 @@ class LogReader {
   static constexpr std::size_t kAll = static_cast<std::size_t>(-1);
 
  private:
-  void ReadLoop();
-  void ReadAll() EXCLUDES(mutex_);
+  void ReadLoop() EXCLUDES(mutex_);
 
+  const std::string path_;
   ProcMgr::UniqueFd socket_;
-  ProcMgr::UniqueFd stop_;  // An eventfd, readable when the thread has to end.
+  std::atomic<bool> isPausing_ = false;  // The next empty datagram ends the thread.
   mutable ProcMgr::Mutex mutex_;
   mutable ProcMgr::CondVar changed_;
   std::vector<LogLine> lines_ GUARDED_BY(mutex_);
