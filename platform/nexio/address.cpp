@@ -168,7 +168,7 @@ int WaitForSocketDirectory(SteadyTime deadline) {
   }
   // Only root can make it. The manager does at its first channel, which it opens once this process
   // runs; so a service that is quicker waits here.
-  ArrivalWatch watch;
+  ArrivalWatch watch("");
   while (result == -EACCES && SteadyNow() < deadline) {
     watch.Refresh();
     result = MakeSocketDirectory();
@@ -185,8 +185,12 @@ bool IsServerName(std::string_view name) {
   return IsChannelName(name);
 }
 
+std::string SocketFile(std::string_view name) {
+  return std::string(name) + ".sock";
+}
+
 std::string SocketPath(std::string_view name) {
-  return std::string(kSocketDirectory) + "/" + std::string(name) + ".sock";
+  return std::string(kSocketDirectory) + "/" + SocketFile(name);
 }
 
 sockaddr_un SocketAddress(std::string_view name) {

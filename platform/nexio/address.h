@@ -19,7 +19,8 @@ inline constexpr const char* kSocketDirectory = "/run/nexio";
 // The rule of base/channel_name.h.
 [[nodiscard]] bool IsServerName(std::string_view name);
 
-// The socket path of a server; `name` must be a server's name.
+// The name of a server's socket in the directory, and its path; `name` must be a server's name.
+[[nodiscard]] std::string SocketFile(std::string_view name);
 [[nodiscard]] std::string SocketPath(std::string_view name);
 
 // The same as an address for bind and connect.

@@ -54,8 +54,8 @@ class Spare {
 
 }  // namespace
 
-ArrivalWatch::ArrivalWatch(int cancelFd)
-    : cancelFd_(cancelFd), inotify_(Immortal<Spare>().Take()) {}
+ArrivalWatch::ArrivalWatch(std::string file, int cancelFd)
+    : file_(std::move(file)), cancelFd_(cancelFd), inotify_(Immortal<Spare>().Take()) {}
 
 ArrivalWatch::~ArrivalWatch() {
   for (const int watch : {directoryWatch_, parentWatch_}) {
@@ -99,22 +99,28 @@ void ArrivalWatch::WaitTick(SteadyTime deadline) {
 void ArrivalWatch::Poll(SteadyTime until) {
   MayWait("ArrivalWatch");
   constexpr int kLongestMs = 3'600'000;
-  const int wait = std::min(MillisecondsUntil(until), kLongestMs);
   // poll passes over a negative descriptor.
   std::array<pollfd, 2> entries{{{inotify_.Get(), POLLIN, 0}, {cancelFd_, POLLIN, 0}}};
-  if (poll(entries.data(), entries.size(), wait) > 0) {
-    Drain();
-  }
+  do {
+    const int wait = std::min(MillisecondsUntil(until), kLongestMs);
+    if (poll(entries.data(), entries.size(), wait) <= 0 || Drain() || entries[1].revents != 0) {
+      return;
+    }
+  } while (SteadyNow() < until);
 }
 
-void ArrivalWatch::Drain() {
+bool ArrivalWatch::Drain() {
   alignas(inotify_event) char events[4096];
+  bool mayBeThere = false;
   ssize_t length = 0;
   while ((length = read(inotify_.Get(), events, sizeof(events))) > 0) {
     for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
       inotify_event event{};
       std::memcpy(&event, events + at, sizeof(event));
+      const char* const name = events + at + sizeof(event);
       at += sizeof(event) + event.len;
+      // An event without a name is about the directory, or says that events were lost.
+      mayBeThere |= event.wd != directoryWatch_ || event.len == 0 || file_ == name;
       if (event.wd == directoryWatch_ && (event.mask & IN_MOVE_SELF) != 0) {
         // The watch follows the directory to its new place; we want what is at the old one.
         (void)inotify_rm_watch(inotify_.Get(), directoryWatch_);
@@ -124,6 +130,7 @@ void ArrivalWatch::Drain() {
       }
     }
   }
+  return mayBeThere;
 }
 
 }  // namespace ProcMgr::Nexio

@@ -1,6 +1,8 @@
-// Noticing that something has changed in the socket directory, which may itself not be there yet.
+// Noticing that a file has changed in the socket directory, which may itself not be there yet.
 #ifndef PLATFORM_NEXIO_ARRIVAL_WATCH_H
 #define PLATFORM_NEXIO_ARRIVAL_WATCH_H
+
+#include <string>
 
 #include "base/steady_time.h"
 #include "base/unique_fd.h"
@@ -11,8 +13,10 @@ namespace ProcMgr::Nexio {
 // the look and the wait is not missed, because the watch stood before the look. For one thread.
 class ArrivalWatch {
  public:
-  // Every wait also ends when `cancelFd` (-1 for none, borrowed) becomes readable.
-  explicit ArrivalWatch(int cancelFd = -1);
+  // What happens to other files than `file` ends no wait: where many servers begin at once, whoever
+  // waits for one is left alone by the others. Empty: the directory itself. Every wait also ends
+  // when `cancelFd` (-1 for none, borrowed) becomes readable.
+  explicit ArrivalWatch(std::string file, int cancelFd = -1);
   ~ArrivalWatch();
   ArrivalWatch(const ArrivalWatch&) = delete;
   ArrivalWatch& operator=(const ArrivalWatch&) = delete;
@@ -30,8 +34,10 @@ class ArrivalWatch {
 
  private:
   void Poll(SteadyTime until);
-  void Drain();
+  // Takes the events that are there. Yields whether one of them may have brought the file.
+  bool Drain();
 
+  const std::string file_;
   const int cancelFd_;
   UniqueFd inotify_;
   int directoryWatch_ = -1;

@@ -101,7 +101,7 @@ int ConnectToServer(std::string_view name, gid_t gid, std::string_view ownName, 
       continue;
     }
     if (!watch) {
-      watch.emplace(cancelFd);
+      watch.emplace(SocketFile(name), cancelFd);
       watch->Refresh();
       continue;  // What came before the watch stood is found by another try.
     }

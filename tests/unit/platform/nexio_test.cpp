@@ -19,8 +19,10 @@
 #include "base/sleep.h"
 #include "base/unix_address.h"
 #include "message/nexio_wrappers.h"
+#include "platform/nexio/arrival_watch.h"
 #include "platform/nexio/nexio_peer.h"
 #include "sandbox/process_table.h"
+#include "sandbox/wait.h"
 #include "tests/unit/platform/nexio_world.h"
 
 namespace PmTest {
@@ -243,6 +245,25 @@ TEST(Nexio, PeerThatComesLaterIsFound) {
     EXPECT_GE(fd, 1);
     EXPECT_TRUE(Close(fd));
   }
+}
+
+// Where all services come back at once, each of those who wait would try anew for each of them.
+TEST(Nexio, WhoeverWaitsForAPeerIsLeftAloneByOthers) {
+  const std::string folder = "/run/nexio/";
+  const EchoServer other("other");  // Makes the directory.
+  ProcMgr::Nexio::ArrivalWatch watch("awaited.sock");
+  watch.Refresh();
+  const auto wait = [&](std::chrono::milliseconds most, const std::string& file) {
+    std::jthread later([&] {
+      ProcMgr::SleepNs(20'000'000);
+      Box().WriteFile(folder + file, "");
+    });
+    const ProcMgr::SteadyTime begin = ProcMgr::SteadyNow();
+    watch.Wait(begin + most);
+    return ProcMgr::SteadyNow() - begin;
+  };
+  EXPECT_GE(wait(100ms, "stranger.sock"), 100ms);
+  EXPECT_LT(wait(PmSandbox::kPatience, "awaited.sock"), PmSandbox::kPatience);
 }
 
 TEST(Nexio, PeerThatDoesNotReadCostsOnlyABusyResult) {
