@@ -7,8 +7,8 @@ BUILD_PACKAGES=(
   libnuma1 # loaded at run time by children that have a memory policy
 )
 # What the tests and the benchmark need beside them: Python for the binding's, dpkg-dev and file to make packages,
-# Chromium for the page of a boot, procps to look at what runs.
-TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file chromium procps)
+# Chromium for the page of a boot, procps to look at what runs, musl for the program whose start is measured.
+TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev python3 dpkg-dev file chromium procps musl-tools)
 # The address sanitizer must free its allocator's locks in the child of a process with threads, or now and then
 # one that is forked hangs before its exec; the one of g++ 12 doesn't. Most children share the manager's memory and
 # need none of it; those that need memory of their own are forked, and launched in a row beside busy threads they

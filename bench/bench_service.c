@@ -4,53 +4,52 @@
 // It appends one line "PID NANOSECONDS CPU-NANOSECONDS" to FILE: the monotonic clock, and the CPU
 // time of the process since its fork, which an exec doesn't reset. Before it waits it listens at
 // the socket of its name, where a restarted service is expected; nobody is answered. With --rest it
-// leaves that socket alone. Linked statically: what is measured is the start, not the loader.
+// leaves that socket alone.
+//
+// What is measured is the start, not the loader and not a libc's own beginning: it is linked
+// statically, with a small libc. A large one asks the processor some 46 times what it can do, and
+// each time a virtual machine asks its host: 166 us of a start of 450.
 #include <fcntl.h>
+#include <stdbool.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
-
-namespace {
-
-long long Nanoseconds(clockid_t clock) {
-  timespec now{};
+static long long Nanoseconds(clockid_t clock) {
+  struct timespec now;
   clock_gettime(clock, &now);
-  return static_cast<long long>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+  return (long long)now.tv_sec * 1000000000 + now.tv_nsec;
 }
 
-bool Tell(const char* path, long long now, long long cpu) {
+static bool Tell(const char* path, long long now, long long cpu) {
   char line[96];
-  const int size = std::snprintf(line, sizeof(line), "%d %lld %lld\n", getpid(), now, cpu);
+  const int size = snprintf(line, sizeof(line), "%d %lld %lld\n", getpid(), now, cpu);
   const int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
   if (fd < 0) {
     return false;
   }
-  const bool isWhole = write(fd, line, static_cast<std::size_t>(size)) == size;
+  const bool isWhole = write(fd, line, (size_t)size) == size;
   close(fd);
   return isWhole;
 }
 
 // The socket lives as long as the process.
-bool Listen() {
+static bool Listen(void) {
   const char* const name = getenv("PROC_NAME");
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (name == nullptr ||
-      std::snprintf(address.sun_path, sizeof(address.sun_path), "/run/nexio/%s.sock", name) < 0) {
+  struct sockaddr_un address = {.sun_family = AF_UNIX};
+  if (name == NULL ||
+      snprintf(address.sun_path, sizeof(address.sun_path), "/run/nexio/%s.sock", name) < 0) {
     return false;
   }
   (void)unlink(address.sun_path);
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  return fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+  return fd >= 0 && bind(fd, (const struct sockaddr*)&address, sizeof(address)) == 0 &&
          listen(fd, 4) == 0;
 }
-
-}  // namespace
 
 int main(int argc, char** argv) {
   const long long now = Nanoseconds(CLOCK_MONOTONIC);
@@ -59,10 +58,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   const char* const how = argc > 2 ? argv[2] : "";
-  if (std::strcmp(how, "--once") == 0) {
+  if (strcmp(how, "--once") == 0) {
     return 0;
   }
-  if (std::strcmp(how, "--rest") != 0 && !Listen()) {
+  if (strcmp(how, "--rest") != 0 && !Listen()) {
     return 3;
   }
   for (;;) {
