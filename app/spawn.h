@@ -24,6 +24,11 @@
 //   but the kernel, and for the file system of the program.
 //
 // A child that needs memory of its own is forked, and takes the same steps.
+//
+// A thread that starts many is let go by one child while the cores are busy with those before it.
+// It would stand in line behind them, and a core that falls idle then has nothing to do, for the
+// next start comes from this thread. So each thread runs ahead of the usual niceness from its first
+// start on. What it makes begins with what the manager was started with.
 #ifndef APP_SPAWN_H
 #define APP_SPAWN_H
 

@@ -1,5 +1,10 @@
 // What agents ask for general applications, one or a thousand, in good faith or not, and what they
 // are told.
+#include <sched.h>
+#include <sys/resource.h>
+
+#include <set>
+
 #include "tests/scenario/general_test.h"
 
 namespace PmTest {
@@ -45,6 +50,50 @@ TEST_F(GeneralRequests, EveryOutcomeOfAPlainApplication) {
   ExpectNothingElse();
   EXPECT_EQ(daemon_->Services().size(), 3U);
 }
+
+template <int niceness>
+void BeginWithNiceness() {
+  (void)setpriority(PRIO_PROCESS, 0, niceness);
+}
+
+struct Niceness {
+  const char* name;
+  int given;
+  int ofThreadsThatStart;
+  void (*give)();
+};
+
+class GivenNiceness : public GeneralTest, public ::testing::WithParamInterface<Niceness> {};
+
+// A thread that starts others runs ahead of them, unless whoever started the manager wants
+// something else; applications are to find what was given.
+TEST_P(GivenNiceness, IsWhatAllApplicationsFind) {
+  beforeDaemon_ = GetParam().give;
+  ASSERT_NO_FATAL_FAILURE(BootWith({Service("general")}));
+  ASSERT_TRUE(owner_.StartApps({{"general", {}, {}}}));
+  ExpectBoth(owner_, "general 0");
+  ASSERT_TRUE(owner_.RestartApps({{"general", {}, {}}}));
+  ExpectBoth(owner_, "general 1");
+  const std::vector<pid_t> services = daemon_->Services();
+  EXPECT_EQ(services.size(), 4U);
+  for (const pid_t service : services) {
+    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(service)), GetParam().given);
+    EXPECT_EQ(sched_getscheduler(service), SCHED_OTHER);
+  }
+  std::multiset<int> ofThreads;
+  for (const pid_t thread : Threads(daemon_->Pid())) {
+    ofThreads.insert(getpriority(PRIO_PROCESS, static_cast<id_t>(thread)));
+  }
+  // The boot's, the check thread, and the one that has taken the first request.
+  EXPECT_GE(ofThreads.count(GetParam().ofThreadsThatStart), 3U);
+  EXPECT_GE(ofThreads.count(GetParam().given), 3U);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, GivenNiceness,
+                         ::testing::Values(Niceness{"Usual", 0, -10, &BeginWithNiceness<0>},
+                                           Niceness{"Behind", 3, 3, &BeginWithNiceness<3>},
+                                           Niceness{"Ahead", -3, -3, &BeginWithNiceness<-3>}),
+                         [](const auto& each) { return each.param.name; });
 
 TEST_F(GeneralRequests, UnknownNameInAStartEndsTheWholeRequest) {
   BootWith({Service("running"), Service("started"), Service("left-out-at-the-end")});

@@ -44,6 +44,9 @@ TEST_F(Launch, BothKindsBecomeTheApplicationsUser) {
   ASSERT_EQ(pthread_sigmask(SIG_SETMASK, &before, nullptr), 0);
 }
 
+// Before a start has put the thread ahead of others.
+const int ownNice = getpriority(PRIO_PROCESS, 0);
+
 // Root may lack the right to raise a hard limit, in a container for example.
 bool MayRaiseLimits() {
   constexpr int kCapSysResource = 24;
@@ -62,7 +65,6 @@ TEST_F(Launch, LimitNicenessAndPolicy) {
   const std::string notRaised = isRaised ? "" : "prlimit failed,errno=1;";
   // Behind the change of the user only the limit gives the right to a real-time policy.
   const std::string notFifo = "sched_setscheduler failed errno=1;";
-  const int ownNice = getpriority(PRIO_PROCESS, 0);
   struct {
     bool isSetRtPrio;
     std::int32_t nice;
