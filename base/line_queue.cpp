@@ -1,6 +1,7 @@
 #include "base/line_queue.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "base/block_signals.h"
 
@@ -43,27 +44,39 @@ void LineQueue::Start() {
   }
 }
 
-void LineQueue::Push(int level, std::string_view text) {
-  bool isFirst = false;
+void LineQueue::Push(int level, std::string_view text, Urgency urgency) {
+  bool wakes = false;
   {
     const MutexLock lock(mutex_);
     if (!isOpen_) {
       return;
     }
-    while (!TryPush(level, text, isFirst)) {
+    while (!TryPush(level, text)) {
       if (!AwaitRoom()) {
         ++lost_;
         return;
       }
     }
+    wakes = (urgency == Urgency::kNow || ring_.Lines() >= kTogether) && TakeSleep();
   }
-  if (isFirst) {
+  if (wakes) {
     filled_.NotifyOne();
   }
 }
 
-bool LineQueue::TryPush(int level, std::string_view text, bool& isFirst) {
-  isFirst = ring_.IsEmpty();
+void LineQueue::Flush() {
+  bool wakes = false;
+  {
+    const MutexLock lock(mutex_);
+    wakes = !ring_.IsEmpty() && TakeSleep();
+  }
+  if (wakes) {
+    filled_.NotifyOne();
+  }
+}
+
+bool LineQueue::TryPush(int level, std::string_view text) {
+  const bool isFirst = ring_.IsEmpty();
   if (!ring_.Push(level, lost_, text)) {
     return false;
   }
@@ -74,7 +87,18 @@ bool LineQueue::TryPush(int level, std::string_view text, bool& isFirst) {
   return true;
 }
 
+bool LineQueue::TakeSleep() {
+  if (!std::exchange(isAsleep_, false)) {
+    return false;
+  }
+  progressAt_ = SteadyNow();
+  return true;
+}
+
 bool LineQueue::AwaitRoom() {
+  if (TakeSleep()) {
+    filled_.NotifyOne();
+  }
   const SteadyTime deadline = progressAt_ + patience_;
   if (!isOpen_ || SteadyNow() >= deadline) {
     return false;
@@ -112,13 +136,21 @@ void LineQueue::Body() {
     } else if (lost_ > 0) {
       WriteLoss();
     } else if (isOpen_) {
-      filled_.Wait(mutex_);
+      AwaitLine();
     } else {
       isWriting_ = false;
       ended_.NotifyAll();
       return;
     }
   }
+}
+
+void LineQueue::AwaitLine() {
+  isAsleep_ = true;
+  while (isAsleep_ && isOpen_) {
+    filled_.Wait(mutex_);
+  }
+  isAsleep_ = false;
 }
 
 // The line stays in the ring meanwhile, so nobody overwrites it.

@@ -47,9 +47,17 @@ class LineQueue {
   // is none to be had. Start and End are called by one thread at a time.
   void Start() EXCLUDES(mutex_);
 
+  // When a line is written: at once, or no later than with the next line that is to be written at
+  // once, with the kTogether-th that waits, or at a call of Flush. To wake the writer for each line
+  // costs whoever makes many more than the lines do.
+  enum class Urgency { kNow, kTogether };
+  static constexpr std::size_t kTogether = 64;
+
   // Takes a copy of `text`, at most LineRing::kMaxTextBytes, and needs no memory for it. Before
   // Start and after End lines go nowhere.
-  void Push(int level, std::string_view text) EXCLUDES(mutex_);
+  void Push(int level, std::string_view text, Urgency urgency = Urgency::kNow) EXCLUDES(mutex_);
+  // Has the writer begin with what waits. Doesn't wait for it.
+  void Flush() EXCLUDES(mutex_);
 
   // Takes no more lines and waits for at most `patience` until those that are here have been
   // written. Yields true if they have, or nothing was started, and the thread has ended. Otherwise
@@ -58,12 +66,15 @@ class LineQueue {
 
  private:
   void Body() EXCLUDES(mutex_);
+  void AwaitLine() REQUIRES(mutex_);
   void WriteFront() REQUIRES(mutex_);
   void WriteLoss() REQUIRES(mutex_);
   void NoteProgress() REQUIRES(mutex_);
   // Each yields false if there is no room; the latter if there is none to be waited for any more.
-  [[nodiscard]] bool TryPush(int level, std::string_view text, bool& isFirst) REQUIRES(mutex_);
+  [[nodiscard]] bool TryPush(int level, std::string_view text) REQUIRES(mutex_);
   [[nodiscard]] bool AwaitRoom() REQUIRES(mutex_);
+  // Yields whether the writer has to be notified, which is cheaper without the lock.
+  [[nodiscard]] bool TakeSleep() REQUIRES(mutex_);
 
   LineWriter& writer_;
   std::thread thread_;
@@ -76,10 +87,11 @@ class LineQueue {
   std::uint64_t lost_ GUARDED_BY(mutex_) = 0;  // Since the newest line of the ring.
   bool isOpen_ GUARDED_BY(mutex_) = false;
   bool isWriting_ GUARDED_BY(mutex_) = false;  // The thread hasn't left its body.
+  bool isAsleep_ GUARDED_BY(mutex_) = false;   // It waits, and nobody has notified it yet.
   // How many callers wait for room, and how many lines were written since these were woken.
   int waiters_ GUARDED_BY(mutex_) = 0;
   std::size_t freed_ GUARDED_BY(mutex_) = 0;
-  // When a line was last written, or the first one put into an empty ring; and for how long after
+  // When a line was last written, or the writer had a first one to write; and for how long after
   // that callers wait for the next.
   SteadyTime progressAt_ GUARDED_BY(mutex_);
   SteadyTime::duration patience_ GUARDED_BY(mutex_) = kPatience;

@@ -26,6 +26,7 @@ class LineRing {
   LineRing() : memory_(std::make_unique_for_overwrite<std::byte[]>(kBytes)) {}
 
   [[nodiscard]] bool IsEmpty() const { return lines_ == 0; }
+  [[nodiscard]] std::size_t Lines() const { return lines_; }
 
   // Takes a copy of the line, without needing memory. Yields false if there is no room now. `text`
   // has at most kMaxTextBytes, so an empty ring has room for any.

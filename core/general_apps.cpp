@@ -233,6 +233,7 @@ void ProcessManager::StartApp(const std::vector<Message::StartAppInfo>& list,
   LogInfo("%s PM revice START_APP msg from %s, appList=%s", BootStrace(kBootTraceTag).c_str(),
           sender.c_str(), JoinNames(list).c_str());
   std::vector<AppChange> changes;
+  const LogBatch batch;
   for (const Message::StartAppInfo& info : list) {
     bool isKnown = true;
     const auto start = [&]() REQUIRES(generalAppMutex_) {

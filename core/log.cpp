@@ -59,6 +59,9 @@ struct SyslogQueue {
 // its thread may stand in a write while the process ends.
 std::atomic<LineQueue*> syslogQueue = nullptr;
 
+// How many LogBatches of the thread live.
+thread_local int logBatches = 0;
+
 // Makes the line in `buffer`, kLineBytes long, and ends it with a NUL. Needs no memory. What a peer
 // or a file has put in there can neither break the line nor reach a terminal.
 __attribute__((format(printf, 2, 0))) std::string_view MakeLine(std::span<char> buffer,
@@ -94,7 +97,8 @@ __attribute__((format(printf, 2, 0))) void ToSyslog(int level, const char* forma
     return;
   }
   if (LineQueue* const queue = syslogQueue.load()) {
-    queue->Push(level, line);
+    queue->Push(level, line,
+                logBatches > 0 ? LineQueue::Urgency::kTogether : LineQueue::Urgency::kNow);
   } else {
     syslog(level, "%s", line.data());
   }
@@ -161,6 +165,17 @@ void CloseLog() {
   LineQueue* const queue = syslogQueue.load();
   if (queue == nullptr || queue->End(kLastPatience)) {
     closelog();
+  }
+}
+
+LogBatch::LogBatch() {
+  ++logBatches;
+}
+
+LogBatch::~LogBatch() {
+  LineQueue* const queue = syslogQueue.load();
+  if (--logBatches == 0 && queue != nullptr) {
+    queue->Flush();
   }
 }
 

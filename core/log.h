@@ -32,6 +32,17 @@ void OpenLog();
 // and closes.
 void CloseLog();
 
+// While one lives, the lines of its thread wait in the queue to be written together, up to 64 of
+// them, or until another thread logs. For a thread that logs a line for each of many and waits for
+// nobody: what it said last isn't in the log yet if it hangs.
+class LogBatch {
+ public:
+  LogBatch();
+  ~LogBatch();
+  LogBatch(const LogBatch&) = delete;
+  LogBatch& operator=(const LogBatch&) = delete;
+};
+
 // Takes a line without a line break, and its level as a syslog priority. Called one line at a time
 // under the log's lock: it must not log itself.
 using LogSink = void (*)(int level, const char* text);

@@ -105,6 +105,32 @@ TEST(LineQueue, WritesInOrderOnAThreadThatNoSignalReaches) {
   EXPECT_EQ(unblocked, 0U);
 }
 
+// Each of these ends the wait: a line of somebody else, a flush, as many as may wait, and the end.
+TEST(LineQueue, LinesThatMayWaitAreWrittenTogether) {
+  constexpr int kMost = static_cast<int>(LineQueue::kTogether);
+  Recorder recorder;
+  LineQueue queue(recorder);
+  queue.Start();
+  int next = 0;
+  const auto pushLater = [&](int count) {
+    SleepNs(2'000'000);  // A moment for the writer to fall asleep; awake it is to write them, too.
+    for (int i = 0; i < count; ++i) {
+      queue.Push(6, Numbered(next++), LineQueue::Urgency::kTogether);
+    }
+  };
+  pushLater(2);
+  queue.Push(6, Numbered(next++));
+  EXPECT_EQ(recorder.Await(3), Written(0, 3));
+  pushLater(1);
+  queue.Flush();
+  EXPECT_EQ(recorder.Await(4), Written(0, 4));
+  pushLater(kMost);
+  EXPECT_EQ(recorder.Await(4 + kMost), Written(0, 4 + kMost));
+  pushLater(1);
+  EXPECT_TRUE(queue.End(PmSandbox::kPatience));
+  EXPECT_EQ(recorder.Await(5 + kMost), Written(0, 5 + kMost));
+}
+
 TEST(LineQueue, WhatAStuckReaderLosesIsCountedInItsPlace) {
   Gate gate;
   Recorder recorder([&gate] { gate.Pass(); });
