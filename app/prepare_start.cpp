@@ -65,13 +65,13 @@ std::optional<CauseKind> CheckChildProParas(const std::string& appName, const st
     LogError("PROCMGR : CheckChildProParas App=%s arguments include illegal str", appName.c_str());
     return CauseKind::kArgument;
   }
-  if (access(execPath.c_str(), F_OK) != 0) {
-    LogError("PROCMGR : Start App=%s failed, binPath=%s is not existed !!!", appName.c_str(),
-             execPath.c_str());
-    return CauseKind::kMissing;
-  }
   std::string resolved;
   if (!StandardizationPath(execPath, resolved)) {
+    // What can be resolved is there, so only what can't has to be asked for.
+    if (access(execPath.c_str(), F_OK) != 0) {
+      LogError("PROCMGR : Start App=%s failed, binPath=%s is not existed !!!", appName.c_str(),
+               execPath.c_str());
+    }
     return CauseKind::kMissing;
   }
   struct stat file {};
