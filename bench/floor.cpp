@@ -12,6 +12,7 @@
 #include <optional>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "app/app_info.h"
@@ -48,6 +49,17 @@ std::vector<char> Grow(long kib) {
     memory.resize(static_cast<std::size_t>(kib - own) * 1024, 'x');
   }
   return memory;
+}
+
+// Threads that do nothing, up to `count` in all, and end with the process.
+void AddThreads(std::size_t count) {
+  for (std::size_t i = PmSandbox::Threads(getpid()).size(); i < count; ++i) {
+    std::thread([] {
+      for (;;) {
+        pause();
+      }
+    }).detach();
+  }
 }
 
 Starter BareStarter(const std::string& marksPath, const std::string& how) {
@@ -171,9 +183,9 @@ std::map<std::string, long long> RunInside(const PmSandbox::Sandbox& sandbox,
 }
 
 Starts Measure(const PmSandbox::Sandbox& sandbox, const std::string& how, const Marks& marks,
-               const std::string& file, long residentKib, int count) {
-  const auto told =
-      RunInside(sandbox, {how, std::to_string(residentKib), std::to_string(count), file});
+               const std::string& file, const ProcessSize& size, int count) {
+  const auto told = RunInside(sandbox, {how, std::to_string(size.residentKib),
+                                        std::to_string(size.threads), std::to_string(count), file});
   Starts starts;
   starts.parentCpuUs = static_cast<double>(told.at("cpu")) / 1e3 / count;
   std::vector<double> childCpu;
@@ -203,53 +215,60 @@ bool IsStartingProcess(int argc, char** argv) {
 int RunStartingProcess(int argc, char** argv) {
   const std::string how = argv[1];
   const bool isAtOnce = how == kAtOnce;
-  if (argc != (isAtOnce || how == kCalls ? 6 : 5)) {
+  if (argc != (isAtOnce || how == kCalls ? 7 : 6)) {
     return 2;
   }
   const auto kib = ProcMgr::ParseNumber<long>(argv[2]);
-  const auto count = ProcMgr::ParseNumber<int>(argv[3]);
-  const auto killed = isAtOnce ? ProcMgr::ParseNumber<int>(argv[5]) : 0;
-  if (!kib.has_value() || !count.has_value() || !killed.has_value() || *killed > *count) {
+  const auto threads = ProcMgr::ParseNumber<std::size_t>(argv[3]);
+  const auto count = ProcMgr::ParseNumber<int>(argv[4]);
+  const char* const file = argv[5];
+  const auto killed = isAtOnce ? ProcMgr::ParseNumber<int>(argv[6]) : 0;
+  if (!kib.has_value() || !threads.has_value() || !count.has_value() || !killed.has_value() ||
+      *killed > *count) {
     return 2;
   }
   if (how == kCalls) {
-    return CountCallsOfStarts(argv[4], argv[5], *count);
+    return CountCallsOfStarts(file, argv[6], *count);
   }
   if (isAtOnce) {
+    AddThreads(*threads);
     const std::vector<char> memory = Grow(*kib);
-    return StartAtOnce(argv[4], *count, *killed);
+    return StartAtOnce(file, *count, *killed);
   }
-  const Starter start = how == kLaunch ? ManagersStarter(argv[4]) : BareStarter(argv[4], "--once");
+  const Starter start = how == kLaunch ? ManagersStarter(file) : BareStarter(file, "--once");
+  AddThreads(*threads);
   const std::vector<char> memory = Grow(*kib);
   return StartOneByOne(start, *count);
 }
 
-Starts MeasureFloor(const PmSandbox::Sandbox& sandbox, long residentKib, int count) {
+Starts MeasureFloor(const PmSandbox::Sandbox& sandbox, const ProcessSize& size, int count) {
   const Marks marks(sandbox, "floor");
-  return Measure(sandbox, kOneByOne, marks, marks.Path(), residentKib, count);
+  return Measure(sandbox, kOneByOne, marks, marks.Path(), size, count);
 }
 
-StartsAtOnce MeasureFloorAtOnce(const PmSandbox::Sandbox& sandbox, long residentKib, int count,
-                                int killed) {
+StartsAtOnce MeasureFloorAtOnce(const PmSandbox::Sandbox& sandbox, const ProcessSize& size,
+                                int count, int killed) {
   const Marks marks(sandbox, "floor-at-once");
-  const auto told = RunInside(sandbox, {kAtOnce, std::to_string(residentKib), std::to_string(count),
-                                        marks.Path(), std::to_string(killed)});
+  const auto told =
+      RunInside(sandbox, {kAtOnce, std::to_string(size.residentKib), std::to_string(size.threads),
+                          std::to_string(count), marks.Path(), std::to_string(killed)});
   const long long lastNs = LastMainNs(marks.Await(static_cast<std::size_t>(count)));
   return {static_cast<double>(lastNs - told.at("began")) / 1e3,
           static_cast<double>(told.at("end")) / 1e3,
           static_cast<double>(told.at("cpu")) / 1e3 / killed};
 }
 
-Starts MeasureLaunch(const PmSandbox::Sandbox& sandbox, long residentKib, int count) {
+Starts MeasureLaunch(const PmSandbox::Sandbox& sandbox, const ProcessSize& size, int count) {
   const Marks marks(sandbox, "launch");
   const std::string file = WriteLaunchFile(sandbox, marks);
-  return Measure(sandbox, kLaunch, marks, file, residentKib, count);
+  return Measure(sandbox, kLaunch, marks, file, size, count);
 }
 
 double MeasureCalls(const PmSandbox::Sandbox& sandbox, const std::string& kind) {
   const Marks marks(sandbox, "calls");
   const std::string file = kind == kBare ? marks.Path() : WriteLaunchFile(sandbox, marks);
-  const auto told = RunInside(sandbox, {kCalls, "0", std::to_string(kTracedStarts), file, kind});
+  const auto told =
+      RunInside(sandbox, {kCalls, "0", "1", std::to_string(kTracedStarts), file, kind});
   return static_cast<double>(told.at("calls")) / static_cast<double>(told.at("children"));
 }
 

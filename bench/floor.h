@@ -1,4 +1,5 @@
-// Starts of bench-service, one after another, from a process that is as large as the manager.
+// Starts of bench-service, one after another, from a process that is as large as the manager
+// and has as many threads.
 //
 // Bare, they are the floor under every figure of a start: a fork and an exec and nothing else. By
 // the manager's own code, with the record, the checks, the log and the child's set-up, they show
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/host.h"
 #include "sandbox/sandbox.h"
 
 namespace PmBench {
@@ -19,10 +21,10 @@ struct Starts {
   std::vector<double> forkToMainUs;
 };
 
-// Each starts bench-service `count` times in the sandbox, from a process with `residentKib` of
-// memory. Throws if a start fails.
-Starts MeasureFloor(const PmSandbox::Sandbox& sandbox, long residentKib, int count);
-Starts MeasureLaunch(const PmSandbox::Sandbox& sandbox, long residentKib, int count);
+// Each starts bench-service `count` times in the sandbox, from a process of that size. Throws if a
+// start fails.
+Starts MeasureFloor(const PmSandbox::Sandbox& sandbox, const ProcessSize& size, int count);
+Starts MeasureLaunch(const PmSandbox::Sandbox& sandbox, const ProcessSize& size, int count);
 
 // The same once more, under ptrace: how many system calls a child makes up to its exec, that
 // included. `kind` is what starts it: kBare, or the manager's own code with a record of a kind.
@@ -38,12 +40,12 @@ struct StartsAtOnce {
   double endUs = 0;      // From before the first kill to the last exit taken.
   double exitCpuUs = 0;  // Of the parent, for taking one exit.
 };
-StartsAtOnce MeasureFloorAtOnce(const PmSandbox::Sandbox& sandbox, long residentKib, int count,
-                                int killed);
+StartsAtOnce MeasureFloorAtOnce(const PmSandbox::Sandbox& sandbox, const ProcessSize& size,
+                                int count, int killed);
 
 // Whether these arguments call for the body of that process, which the next function is:
-// pm-bench --floor|--launch|--floor-at-once|--calls KIB COUNT FILE [KILLED|KIND], with FILE the
-// marks of the services, or the service file of --launch and of --calls, unless its KIND is
+// pm-bench --floor|--launch|--floor-at-once|--calls KIB THREADS COUNT FILE [KILLED|KIND], with FILE
+// the marks of the services, or the service file of --launch and of --calls, unless its KIND is
 // kBare. It prints "PID NANOSECONDS", the instant before each start, and at the end "cpu
 // NANOSECONDS"; of --floor-at-once, "began NANOSECONDS", an instant, and the durations "end
 // NANOSECONDS" and "cpu NANOSECONDS"; of --calls, "children NUMBER" and "calls NUMBER". Yields the

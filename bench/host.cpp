@@ -23,6 +23,10 @@ long ResidentKib(pid_t pid) {
   return std::stol(PmSandbox::StatusField(pid, "VmRSS"));
 }
 
+ProcessSize SizeOf(pid_t pid) {
+  return {ResidentKib(pid), PmSandbox::Threads(pid).size()};
+}
+
 double IdleCpuUsPerSecond(pid_t pid, int seconds) {
   const long long cpuBefore = CpuNs(pid);
   const long long before = MonotonicNs();

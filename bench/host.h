@@ -14,6 +14,13 @@ void PrepareHost(const PmSandbox::Sandbox& sandbox);
 
 [[nodiscard]] long ResidentKib(pid_t pid);
 
+// What makes a fork dear.
+struct ProcessSize {
+  long residentKib = 0;
+  std::size_t threads = 1;
+};
+[[nodiscard]] ProcessSize SizeOf(pid_t pid);
+
 // The CPU time that a process takes in a second, in microseconds, looked at for `seconds`.
 [[nodiscard]] double IdleCpuUsPerSecond(pid_t pid, int seconds);
 

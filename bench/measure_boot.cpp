@@ -14,7 +14,7 @@ constexpr double kTimesBareOnes = 1.5;
 Figure BootOfMany() {
   const BootedDaemon daemon(kMany);
   const double bareMs =
-      MeasureFloorAtOnce(daemon.Host(), daemon.ResidentKib(), kMany, kMany).startUs / 1e3;
+      MeasureFloorAtOnce(daemon.Host(), SizeOf(daemon.Pid()), kMany, kMany).startUs / 1e3;
   const long long lastNs = LastMainNs(daemon.Services().Await(kMany));
   return {"boot: from the daemon's start to the 1000th main", MsBetween(daemon.StartNs(), lastNs),
           "ms", bareMs, kTimesBareOnes * bareMs};
@@ -24,7 +24,7 @@ Figure BootOfMany() {
 
 std::vector<Figure> MeasureBoot() {
   const BootedDaemon daemon(kServices);
-  const Starts floor = MeasureFloor(daemon.Host(), daemon.ResidentKib(), kServices);
+  const Starts floor = MeasureFloor(daemon.Host(), SizeOf(daemon.Pid()), kServices);
   const double floorMs = Mean(floor.forkToMainUs) / 1e3;
 
   const std::vector<Mark> marks = daemon.Services().Await(kServices);

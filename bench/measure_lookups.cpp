@@ -28,7 +28,7 @@ Costs MeasureWith(int up) {
   const double idleUs = IdleCpuUsPerSecond(daemon.Pid(), 3);
   Costs costs;
   costs.exitFloorUs =
-      MeasureFloorAtOnce(daemon.Host(), daemon.ResidentKib(), up + kExits, kExits).exitCpuUs;
+      MeasureFloorAtOnce(daemon.Host(), SizeOf(daemon.Pid()), up + kExits, kExits).exitCpuUs;
   for (int round = 0; round < kRounds; ++round) {
     daemon.Start(up, kExits);
     const std::vector<pid_t> pids = daemon.AwaitReports(kExits, kStarted);

@@ -36,7 +36,7 @@ struct StartTimes {
 };
 
 void StartAll(ServedDaemon& daemon, int count, StartTimes& times) {
-  const StartsAtOnce floor = MeasureFloorAtOnce(daemon.Host(), daemon.ResidentKib(), count, count);
+  const StartsAtOnce floor = MeasureFloorAtOnce(daemon.Host(), SizeOf(daemon.Pid()), count, count);
   times.floorMs.push_back(floor.startUs / 1e3);
   times.ms.push_back(StartAllMs(daemon, count));
 }
@@ -56,7 +56,7 @@ void MeasureStart(ServedDaemon& daemon, int count, std::vector<Figure>& figures)
 
 void MeasureTermination(ServedDaemon& daemon, std::vector<Figure>& figures) {
   const StartsAtOnce floor =
-      MeasureFloorAtOnce(daemon.Host(), daemon.ResidentKib(), kTerminated, kTerminated);
+      MeasureFloorAtOnce(daemon.Host(), SizeOf(daemon.Pid()), kTerminated, kTerminated);
   const long long sent = MonotonicNs();
   daemon.Terminate(0, kTerminated);
   (void)daemon.AwaitReports(kTerminated, kEnded);
@@ -67,7 +67,7 @@ void MeasureTermination(ServedDaemon& daemon, std::vector<Figure>& figures) {
 
 void MeasureKills(ServedDaemon& daemon, std::vector<Figure>& figures) {
   const StartsAtOnce floor =
-      MeasureFloorAtOnce(daemon.Host(), daemon.ResidentKib(), kMost, kKilled);
+      MeasureFloorAtOnce(daemon.Host(), SizeOf(daemon.Pid()), kMost, kKilled);
   const std::vector<Mark> marks = daemon.Applications().Await(kMost);
   const long long killed = MonotonicNs();
   for (std::size_t i = 0; i < kKilled; ++i) {

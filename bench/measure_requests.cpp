@@ -38,7 +38,7 @@ std::vector<double> StartOneByOne(ServedDaemon& daemon) {
 std::vector<Figure> MeasureRequests() {
   ServedDaemon daemon;
   const double idleUs = IdleCpuUsPerSecond(daemon.Pid(), 3);
-  const Starts floor = MeasureFloor(daemon.Host(), daemon.ResidentKib(), kStarts);
+  const Starts floor = MeasureFloor(daemon.Host(), SizeOf(daemon.Pid()), kStarts);
 
   std::vector<double> tookUs;
   const double cpuUs = CpuUsOf(daemon.Pid(), idleUs, [&] { tookUs = StartOneByOne(daemon); });

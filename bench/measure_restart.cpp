@@ -50,7 +50,7 @@ std::vector<double> AwayWithImmediateReaction() {
 std::vector<Figure> MeasureRestart() {
   const BootedDaemon daemon(kServices, {{"restart", "on-forever"}});
   const double idleUs = daemon.IdleCpuUsPerSecond(3);
-  const Starts floor = MeasureFloor(daemon.Host(), daemon.ResidentKib(), kRestarts);
+  const Starts floor = MeasureFloor(daemon.Host(), SizeOf(daemon.Pid()), kRestarts);
 
   std::vector<double> awayMs;
   const double cpuUs = CpuUsOf(daemon.Pid(), idleUs, [&] { awayMs = KillAndAwait(daemon); });

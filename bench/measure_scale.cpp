@@ -23,7 +23,7 @@ Boot BootOnce(int services) {
   const long long lastNs = LastMainNs(daemon.Services().Await(static_cast<std::size_t>(services)));
   // From a process without memory of its own: the manager's grows with the services, and would make
   // each bare fork dearer than its own starts are.
-  const StartsAtOnce bare = MeasureFloorAtOnce(daemon.Host(), 0, services, services);
+  const StartsAtOnce bare = MeasureFloorAtOnce(daemon.Host(), {}, services, services);
   return {MsBetween(daemon.StartNs(), lastNs), bare.startUs / 1e3,
           static_cast<double>(daemon.ResidentKib())};
 }

@@ -83,7 +83,7 @@ Figure MeasureKilledAtOnce(const char* how, const Booted& daemon) {
   std::vector<double> awayMs;
   for (int i = 0; i < kKills; ++i) {
     const StartsAtOnce floor =
-        MeasureFloorAtOnce(daemon.Host(), ResidentKib(daemon.Pid()), kKilled, kKilled);
+        MeasureFloorAtOnce(daemon.Host(), SizeOf(daemon.Pid()), kKilled, kKilled);
     floorMs.push_back(floor.startUs / 1e3);
     awayMs.push_back(KillAllMs(daemon.Services()));
   }
