@@ -97,8 +97,8 @@ __attribute__((format(printf, 2, 0))) void ToSyslog(int level, const char* forma
     return;
   }
   if (LineQueue* const queue = syslogQueue.load()) {
-    queue->Push(level, line,
-                logBatches > 0 ? LineQueue::Urgency::kTogether : LineQueue::Urgency::kNow);
+    const bool mayWait = logBatches > 0 && level >= LOG_INFO;
+    queue->Push(level, line, mayWait ? LineQueue::Urgency::kTogether : LineQueue::Urgency::kNow);
   } else {
     syslog(level, "%s", line.data());
   }

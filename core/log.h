@@ -32,9 +32,9 @@ void OpenLog();
 // and closes.
 void CloseLog();
 
-// While one lives, the lines of its thread wait in the queue to be written together, up to 64 of
-// them, or until another thread logs. For a thread that logs a line for each of many and waits for
-// nobody: what it said last isn't in the log yet if it hangs.
+// While one lives, what its thread logs for information waits in the queue to be written together:
+// until 64 lines wait, a warning or an error comes, or another thread logs. For a thread that says
+// the same of many: what it said last isn't in the log yet if it hangs.
 class LogBatch {
  public:
   LogBatch();

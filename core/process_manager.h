@@ -24,6 +24,8 @@
 // bring-up waits in the handshake (core/bring_up_handshake.h) for the channel and the report of one
 // service; openings that end, UpdateBaseAppState and the check pass wake it.
 //
+// Threads that have started a process run at a niceness of -10 from then on (app/spawn.h).
+//
 // Who may wait for what: only a thread that serves nobody else, and under no lock of the lists.
 //   main              for the channel and the report of the service that it brings up.
 //   openers           one thread an opening (message/proc_mgr_master.h), for a service to serve.

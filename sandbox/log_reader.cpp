@@ -65,15 +65,18 @@ std::string MaskLine(const LogLine& line) {
 }
 
 LogReader::LogReader(const Sandbox& sandbox)
-    : path_(sandbox.Outside("/dev/log")), socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-  CheckStep(socket_.IsOpen(), "make the log socket");
+    : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
+      end_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  CheckStep(socket_.IsOpen() && end_.IsOpen(), "make the log socket");
   // As root the limit of the system doesn't bind; without the size nothing is lost either.
   (void)setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer,
                    sizeof(kReceiveBuffer));
-  const ProcMgr::UnixAddress address(path_);
-  CheckStep(
-      bind(socket_.Get(), address.Get(), address.Size()) == 0 && chmod(path_.c_str(), 0666) == 0,
-      "serve /dev/log");
+  const std::string path = sandbox.Outside("/dev/log");
+  const ProcMgr::UnixAddress address(path);
+  CheckStep(bind(socket_.Get(), address.Get(), address.Size()) == 0 &&
+                chmod(path.c_str(), 0666) == 0 &&
+                connect(end_.Get(), address.Get(), address.Size()) == 0,
+            "serve /dev/log");
   Resume();
 }
 
@@ -85,9 +88,9 @@ LogReader::~LogReader() {
 
 void LogReader::Pause() {
   isPausing_ = true;
-  const ProcMgr::UniqueFd sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  const ProcMgr::UnixAddress address(path_);
-  CheckStep(sendto(sender.Get(), "", 0, 0, address.Get(), address.Size()) == 0, "end the log");
+  // Waits while the queue is full; the thread reads it empty.
+  while (send(end_.Get(), "", 0, 0) < 0 && errno == EINTR) {
+  }
   thread_.join();
 }
 

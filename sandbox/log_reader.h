@@ -92,8 +92,8 @@ class LogReader {
  private:
   void ReadLoop() EXCLUDES(mutex_);
 
-  const std::string path_;
   ProcMgr::UniqueFd socket_;
+  ProcMgr::UniqueFd end_;                // Connected to the socket, whatever becomes of its file.
   std::atomic<bool> isPausing_ = false;  // The next empty datagram ends the thread.
   mutable ProcMgr::Mutex mutex_;
   mutable ProcMgr::CondVar changed_;
