@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <exception>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <system_error>
 #include <utility>
 
@@ -16,6 +15,7 @@
 #include "base/may_wait.h"
 #include "core/log.h"
 #include "status/picture_json.h"
+#include "status/request.h"
 #include "status/status_socket.h"
 
 namespace ProcMgr::Status {
@@ -35,30 +35,6 @@ enum Place : std::size_t { kStop, kChanged, kListener, kFirstClient };
 
 void LogNotServed(const std::string& path, const std::string& fault) {
   LogWarning("PROCMGR : the status is not told at %s: %s", path.c_str(), fault.c_str());
-}
-
-struct Request {
-  std::string get;
-  std::string name;
-  bool isWatch = false;
-};
-
-// Whatever isn't understood yields a request for nothing.
-Request Parse(const std::string& line) {
-  const auto json = nlohmann::json::parse(line, nullptr, false);
-  Request request;
-  if (!json.is_object()) {
-    return request;
-  }
-  const auto text = [&json](const char* key) {
-    const auto found = json.find(key);
-    return found != json.end() && found->is_string() ? found->get<std::string>() : std::string();
-  };
-  request.get = text("get");
-  request.name = text("name");
-  const auto watch = json.find("watch");
-  request.isWatch = watch != json.end() && watch->is_boolean() && watch->get<bool>();
-  return request;
 }
 
 // Of several of a name, one with a process.
@@ -208,7 +184,7 @@ void StatusService::ServeClients(const std::vector<pollfd>& polled) {
 }
 
 void StatusService::Answer(StatusClient& client, const std::string& line) {
-  const Request request = Parse(line);
+  const Request request = ParseRequest(line);
   if (request.isWatch) {
     Watch(client);
   } else if (request.get == "status") {
