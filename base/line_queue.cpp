@@ -81,7 +81,7 @@ bool LineQueue::TryPush(int level, std::string_view text) {
     return false;
   }
   lost_ = 0;
-  if (isFirst) {
+  if (isFirst && !isAsleep_) {
     progressAt_ = SteadyNow();
   }
   return true;

@@ -91,8 +91,8 @@ class LineQueue {
   // How many callers wait for room, and how many lines were written since these were woken.
   int waiters_ GUARDED_BY(mutex_) = 0;
   std::size_t freed_ GUARDED_BY(mutex_) = 0;
-  // When a line was last written, or the writer had a first one to write; and for how long after
-  // that callers wait for the next.
+  // When a line was last written, or the writer was woken or had a first one to write; and for how
+  // long after that callers wait for the next.
   SteadyTime progressAt_ GUARDED_BY(mutex_);
   SteadyTime::duration patience_ GUARDED_BY(mutex_) = kPatience;
 };

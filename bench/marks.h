@@ -23,8 +23,8 @@ struct Mark {
 // The latest main of a list that isn't empty; marks of several processes may stand in any order.
 long long LastMainNs(const std::vector<Mark>& marks);
 
-// Whether the file has come to `count` lines. Whoever waits for the last of many starts asks again
-// and again, on the cores on which they happen:.
+// Whether the file has come to `count` lines. Whoever waits for the last of many starts asks this
+// again and again, on the cores on which they happen; to read the marks each time would cost more.
 [[nodiscard]] bool HasLines(const std::string& path, std::size_t count);
 
 // The file of one run; the services append to it.

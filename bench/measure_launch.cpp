@@ -16,11 +16,10 @@ constexpr long kLargeKib = 200L * 1024;
 constexpr double kPartOfABareOne = 0.6;
 
 // The medians of rounds that take turns; a round is the mean of its starts.
-Figure CpuFigure(const PmSandbox::Sandbox& host, const std::string& name, const ProcessSize& size,
-                 int rounds) {
+Figure CpuFigure(const PmSandbox::Sandbox& host, const std::string& name, const ProcessSize& size) {
   std::vector<double> bareUs;
   std::vector<double> us;
-  for (int i = 0; i < rounds; ++i) {
+  for (int i = 0; i < kRounds; ++i) {
     bareUs.push_back(MeasureFloor(host, size, kStarts).parentCpuUs);
     us.push_back(MeasureLaunch(host, size, kStarts).parentCpuUs);
   }
@@ -33,11 +32,11 @@ Figure CpuFigure(const PmSandbox::Sandbox& host, const std::string& name, const 
 std::vector<Figure> MeasureLaunch() {
   // For its size; it rests meanwhile.
   const BootedDaemon daemon(1);
-  const Starts bare = MeasureFloor(daemon.Host(), SizeOf(daemon.Pid()), kStarts);
-  const Starts launch = MeasureLaunch(daemon.Host(), SizeOf(daemon.Pid()), kStarts);
+  const ProcessSize size = SizeOf(daemon.Pid());
+  const Starts bare = MeasureFloor(daemon.Host(), size, kStarts);
+  const Starts launch = MeasureLaunch(daemon.Host(), size, kStarts);
   return {
-      CpuFigure(daemon.Host(), "launch: CPU of the manager, mean of 500", SizeOf(daemon.Pid()),
-                kRounds),
+      CpuFigure(daemon.Host(), "launch: CPU of the manager, mean of 500", size),
       {"launch: CPU of the child, from fork to main", launch.childCpuUs, "us", bare.childCpuUs, {}},
       {"launch: from the decision to main, median of 500",
        Percentile(launch.forkToMainUs, 0.5),
@@ -51,8 +50,7 @@ std::vector<Figure> MeasureLaunch() {
        "us",
        Percentile(bare.forkToMainUs, 0.99),
        {}},
-      CpuFigure(daemon.Host(), "launch: CPU of a manager of 200 MiB",
-                {kLargeKib, SizeOf(daemon.Pid()).threads}, 1),
+      CpuFigure(daemon.Host(), "launch: CPU of a manager of 200 MiB", {kLargeKib, size.threads}),
       {"launch: system calls of a child up to its exec",
        MeasureCalls(daemon.Host(), kBase),
        "",

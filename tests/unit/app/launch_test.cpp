@@ -45,7 +45,7 @@ TEST_F(Launch, BothKindsBecomeTheApplicationsUser) {
 }
 
 // Before a start has put the thread ahead of others.
-const int ownNice = getpriority(PRIO_PROCESS, 0);
+const int kOwnNice = getpriority(PRIO_PROCESS, 0);
 
 // Root may lack the right to raise a hard limit, in a container for example.
 bool MayRaiseLimits() {
@@ -86,7 +86,7 @@ TEST_F(Launch, LimitNicenessAndPolicy) {
     app.schedPolicy_ = row.policy;
     const ServiceReport report = ReportOf(app);
     EXPECT_EQ(report.Get("limit.rtprio"), row.limit);
-    EXPECT_EQ(report.Get("nice"), std::to_string(ownNice + row.nice));
+    EXPECT_EQ(report.Get("nice"), std::to_string(kOwnNice + row.nice));
     EXPECT_EQ(report.Get("policy"), row.isFifo ? "1" : "0");
     EXPECT_EQ(report.Get("priority"), row.isFifo ? "99" : "0");
     EXPECT_EQ(PipeText(), Message(app, row.text));
@@ -94,7 +94,7 @@ TEST_F(Launch, LimitNicenessAndPolicy) {
   ApplicationManifest::Fields fields = Fields();
   fields.nice = 7;
   BaseAppInfo base = BaseRecord(fields);
-  EXPECT_EQ(ReportOf(base).Get("nice"), std::to_string(ownNice)) << "a base application has none";
+  EXPECT_EQ(ReportOf(base).Get("nice"), std::to_string(kOwnNice)) << "a base application has none";
 }
 
 // "NAME=VALUE NAME=VALUE NAME": a name alone stands for a variable that isn't there.
